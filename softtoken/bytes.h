@@ -1,0 +1,49 @@
+// Byte containers: plain ones, and ones that are wiped when they go.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string_view>
+#include <vector>
+
+#include "softtoken/platform.h"
+
+namespace softtoken {
+
+using Bytes = std::vector<std::uint8_t>;
+using ByteView = std::span<const std::uint8_t>;
+
+template <class Value>
+struct WipingAllocator {
+  using value_type = Value;
+
+  WipingAllocator() = default;
+  template <class Other>
+  explicit WipingAllocator(const WipingAllocator<Other>&) {}
+
+  Value* allocate(std::size_t count) { return std::allocator<Value>().allocate(count); }
+  void deallocate(Value* block, std::size_t count) {
+    wipe(block, count * sizeof(Value));
+    std::allocator<Value>().deallocate(block, count);
+  }
+  bool operator==(const WipingAllocator&) const = default;
+};
+
+// Wiped whenever its memory is given back, when it grows too.
+using SecretBytes = std::vector<std::uint8_t, WipingAllocator<std::uint8_t>>;
+
+inline ByteView viewOf(std::string_view text) {
+  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+}
+
+// Takes the same time wherever the difference lies; the lengths are no secret.
+inline bool equalInConstantTime(ByteView left, ByteView right) {
+  if (left.size() != right.size()) return false;
+  unsigned difference = 0;
+  for (std::size_t i = 0; i < left.size(); ++i) difference |= static_cast<unsigned>(left[i] ^ right[i]);
+  return difference == 0;
+}
+
+}  // namespace softtoken

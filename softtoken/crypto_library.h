@@ -1,0 +1,83 @@
+// libgcrypt, wrapped: owned handles, errors as Failure, and everything secret in memory that is wiped.
+// All functions may be called from any thread.
+#pragma once
+
+#include <gcrypt.h>
+
+#include <array>
+#include <memory>
+#include <optional>
+
+#include "softtoken/bytes.h"
+#include "softtoken/failure.h"
+
+namespace softtoken {
+
+template <auto release>
+struct ReleaseWith {
+  template <class Handle>
+  void operator()(Handle* handle) const {
+    release(handle);
+  }
+};
+
+using Mpi = std::unique_ptr<gcry_mpi, ReleaseWith<gcry_mpi_release>>;
+using Sexp = std::unique_ptr<gcry_sexp, ReleaseWith<gcry_sexp_release>>;
+
+using Digest256 = std::array<std::uint8_t, 32>;
+
+constexpr std::size_t secretKeySize = 32;
+constexpr std::size_t saltSize = 16;
+
+// Readies libgcrypt once for the process. Every function below does so by itself; call it before using libgcrypt's own.
+void readyCryptoLibrary();
+
+// Throws for everything but success.
+void check(gcry_error_t error, const char* action);
+
+void fillRandom(std::span<std::uint8_t> out);
+Bytes randomBytes(std::size_t count);
+
+Bytes hashOf(int algorithm, ByteView data);
+Digest256 hmacSha256(ByteView key, std::initializer_list<ByteView> parts);
+
+// AES-256-GCM under a random nonce; `context` is authenticated along with the content.
+constexpr std::size_t sealOverhead = 12 + 16;
+Bytes seal(ByteView key, ByteView content, ByteView context);
+// Nothing when the key or the context is not the one that it was sealed with, or a byte has changed.
+std::optional<SecretBytes> unseal(ByteView key, ByteView sealed, ByteView context);
+
+// What scrypt is to cost: memory of `cost` KiB (a power of two), `parallelism` times over.
+struct ScryptCost {
+  std::uint32_t cost = 1u << 14;
+  std::uint32_t parallelism = 1;
+};
+SecretBytes scrypt(ByteView password, ByteView salt, const ScryptCost& cost);
+
+Mpi mpiOf(ByteView bigEndian);
+// Computations with it take paths that do not depend on its value, where libgcrypt has such.
+Mpi secretMpiOf(ByteView bigEndian);
+Mpi newSecretMpi();
+
+// Big-endian and padded with zeros on the left; throws when the number needs more bytes.
+template <class Container = Bytes>
+Container fixedLength(gcry_mpi_t number, std::size_t length);
+// As many bytes as the number needs.
+template <class Container = Bytes>
+Container shortest(gcry_mpi_t number) {
+  return fixedLength<Container>(number, (gcry_mpi_get_nbits(number) + 7) / 8);
+}
+
+// gcry_sexp_build: numbers for %m, length and pointer for %b.
+template <class... Arguments>
+Sexp makeSexp(const char* format, Arguments... arguments) {
+  readyCryptoLibrary();
+  gcry_sexp_t result = nullptr;
+  check(gcry_sexp_build(&result, nullptr, format, arguments...), "building an expression");
+  return Sexp(result);
+}
+
+// The number that stands under `name` in an expression, such as "r" in a signature.
+Mpi numberIn(gcry_sexp_t expression, const char* name);
+
+}  // namespace softtoken

@@ -1,0 +1,37 @@
+// What a key pair of any type can do: the one place that knows which of the device library's key types is which
+// algorithm.
+#pragma once
+
+#include "devlib/device_library.h"
+#include "softtoken/crypto_library.h"
+
+namespace softtoken {
+
+// A private key as it is sealed for storage.
+struct KeyMaterial {
+  std::uint32_t keyType;  // TavrinKeyPair::keyType
+  Bytes publicKey;        // TavrinKeyPair::publicKey
+  SecretBytes privateKey;
+};
+
+bool isKnownKeyType(std::uint32_t keyType);
+bool isRsa(std::uint32_t keyType);
+
+KeyMaterial generateKeyMaterial(std::uint32_t keyType);
+
+// An RSA key of 1024, 2048, 3072 or 4096 bits with the public exponent 65537; anything else throws badArgument.
+KeyMaterial importRsaKeyMaterial(ByteView modulus, ByteView privateExponent, ByteView prime);
+
+Bytes signWith(const KeyMaterial& key, ByteView input, bool pss);
+
+// `publicKey` is a SubjectPublicKeyInfo or a bare modulus for RSA, else a bare point. Throws badSignature.
+void verifyWith(std::uint32_t keyType, ByteView publicKey, ByteView input, ByteView signature, bool pss);
+
+// These throw wrongKeyType for keys of the other algorithm.
+SecretBytes decryptWith(const KeyMaterial& key, ByteView ciphertext);
+SecretBytes deriveWith(const KeyMaterial& key, ByteView peerPoint);
+
+// `publicKey` is a SubjectPublicKeyInfo of `bits` bits.
+Bytes encryptFor(ByteView publicKey, std::uint32_t bits, ByteView message, bool oaep);
+
+}  // namespace softtoken

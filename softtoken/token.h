@@ -1,0 +1,83 @@
+// One token: a folder with the files `token` (TokenState), `tries` (Tries) and `lock`, shared by processes. Changes
+// take the lock; readers take none, as files are only ever replaced whole. Safe for any number of threads.
+#pragma once
+
+#include <functional>
+#include <mutex>
+
+#include "softtoken/token_state.h"
+
+namespace softtoken {
+
+// A secret that one thread uses: the master key of a token, under which its private keys are sealed.
+using MasterKey = SecretBytes;
+
+// Seals a new master key under a password.
+PasswordLock makePasswordLock(std::string_view password, const MasterKey& masterKey, std::string_view serial,
+                              Role role);
+
+// The additional authenticated data of a private key: it opens only beside the record that it was stored with.
+Bytes privateKeyContext(const TokenState& state, const TavrinKeyPair& pair);
+
+class Token {
+ public:
+  explicit Token(std::filesystem::path folder) : folder_(std::move(folder)) {}
+
+  const std::filesystem::path& folder() const { return folder_; }
+
+  // As it is in the file now; the file is parsed again only when it has changed. Throws deviceFault, and forgets the
+  // password, when the token is gone or damaged.
+  std::shared_ptr<const TokenState> state();
+
+  Tries tries();
+
+  // Checks a password, which costs a try unless it is right or empty. Throws wrongPassword or passwordLocked; the tries
+  // left are written down in any case.
+  MasterKey unlock(Role role, std::string_view password, int& triesLeft);
+  // The same for the user, but a password that was right before is recognised without deriving a key from it.
+  MasterKey unlockForUser(std::string_view password);
+
+  void changeUserPassword(std::string_view oldPassword, std::string_view newPassword, int& triesLeft);
+  // Sets a new user password and gives the user all tries, on the security officer's authority.
+  void resetUserPassword(std::string_view officerPassword, std::string_view newPassword, int& triesLeft);
+
+  // Applies `edit` to the newest state and stores the result, alone among all processes. What throws changes nothing.
+  void change(const std::function<void(TokenState&)>& edit);
+
+  // Wipes what a right password has left behind.
+  void forgetPassword();
+
+ private:
+  struct KnownPassword {
+    Digest256 mac;
+    MasterKey masterKey;
+  };
+
+  std::filesystem::path stateFile() const { return folder_ / "token"; }
+  std::filesystem::path triesFile() const { return folder_ / "tries"; }
+  std::filesystem::path lockFile() const { return folder_ / "lock"; }
+
+  std::shared_ptr<const TokenState> stateInLock();
+  void setStateInLock(std::shared_ptr<const TokenState> next, const FileStamp& stamp);
+  MasterKey unlockAlone(Role role, std::string_view password, int& triesLeft);
+  void storeAlone(TokenState next);
+  void storeTriesAlone(const Tries& tries);
+  Digest256 macOf(const TokenState& state, std::string_view password);
+  std::optional<MasterKey> recall(const TokenState& state, std::string_view password);
+  void remember(const TokenState& state, std::string_view password, const MasterKey& masterKey);
+
+  const std::filesystem::path folder_;
+
+  std::mutex mutex_;  // guards everything below; not held over slow work
+  FileStamp stateStamp_;
+  std::shared_ptr<const TokenState> state_;
+  FileStamp triesStamp_;
+  std::optional<Tries> tries_;
+  SecretBytes macKey_;
+  std::optional<KnownPassword> known_;
+};
+
+// The rule for new passwords: 4 to 63 bytes, none of them NUL.
+void requireGoodPassword(std::string_view password);
+
+}  // namespace softtoken

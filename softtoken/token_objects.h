@@ -1,0 +1,26 @@
+// Adding, finding and removing key pairs and certificates in a token's state.
+#pragma once
+
+#include "softtoken/token_state.h"
+
+namespace softtoken {
+
+// Objects are named by the 16 bytes of their record's recordId; these throw notFound.
+std::size_t indexOfKeyPair(const TokenState& state, const std::uint8_t* recordId);
+std::size_t indexOfCertificate(const TokenState& state, const std::uint8_t* recordId);
+
+// Throws full when the token takes no more objects.
+void requireRoom(const TokenState& state);
+
+// Numbers the record, which has its recordId already, and adds it.
+void addKeyPair(TokenState& state, TavrinKeyPair& pair, Bytes privateKey);
+// The same certificate, byte for byte, is one record: the record that is there is given back instead.
+void addCertificate(TokenState& state, TavrinCertificate& certificate);
+
+void removeKeyPair(TokenState& state, const std::uint8_t* recordId);
+void removeCertificate(TokenState& state, const std::uint8_t* recordId);
+
+// Ends the text with its field, at a whole UTF-8 character.
+void setLabel(std::span<char> field, std::string_view text);
+
+}  // namespace softtoken

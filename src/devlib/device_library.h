@@ -1,0 +1,163 @@
+// The device library TavrinDSCLibrary: its records and its 29 operations, as the module imports them.
+//
+// The names, the order of members, the types and their constness decide the decorated names and the layouts, and with
+// them whether another build of the library fits. Change nothing here without changing the library too.
+//
+// Conventions. A status is 0 for success, else the library's own code. `device` is a token's serial number; `recordId`
+// points at the 16 bytes of a record's field of that name; texts end in NUL; lengths count bytes. Vectors returned by
+// reference and buffers returned through a pointer belong to the library, everything returned by value to the caller.
+// A null instance is accepted everywhere, and listing the devices may run beside any other operation.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+// Set by the build of a device library to whatever makes its operations visible outside.
+#ifndef TAVRIN_DEVICE_API
+#define TAVRIN_DEVICE_API
+#endif
+
+struct TokenInfo {
+  std::string serialNumber;  // the device's name and identifier; empty: no usable token
+  std::string text2;
+  std::string label;
+  std::string text4;
+  std::string model;
+  std::string firmwareVersion;  // dotted numbers
+  std::string text7;
+  std::int32_t counter1;
+  std::int32_t counter2;
+  std::int32_t remainingRetries;  // password tries left; 0: locked, negative: unknown
+  std::int32_t counters4To10[7];
+  std::string text8;
+  std::string text9;
+  std::int32_t value10;
+  std::int32_t value11;
+};
+
+struct TavrinKeyPair {
+  std::uint32_t id;  // object handles are built from it
+  std::uint8_t recordId[16];
+  std::uint8_t publicKey[1024];  // RSA modulus (big-endian), or EC point without DER around it
+  std::uint32_t publicKeyLength;
+  std::uint8_t keyId[128];
+  std::uint32_t keyIdLength;
+  char label[132];
+  std::uint32_t usage;       // bit 0: sign and verify, bit 1: encrypt and decrypt
+  std::uint32_t keyType;     // 1 to 4: RSA 1024, 2048, 3072, 4096; 5 to 7: P-256, P-384, P-521
+  std::uint32_t deviceFlag;  // the first byte goes back to the library when the key decrypts or is deleted
+};
+
+struct TavrinCertificate {
+  std::uint32_t id;  // object handles are built from it
+  std::uint8_t recordId[16];
+  std::uint8_t certificate[3072];  // DER
+  std::uint32_t certificateLength;
+  std::uint8_t certId[128];
+  std::uint32_t certIdLength;
+  char label[152];
+};
+
+struct CertificateDetails {
+  std::string subjectName;  // a name text such as CN=Example Root,O=Example,C=IN
+  std::string issuerName;
+  std::uint8_t makerFields[1024];  // room for what the maker's record holds behind the names; zero and never read
+};
+
+struct ImportPFXDetails {
+  std::string label;
+  std::int32_t keyType;
+  std::uint8_t recordId[16];  // reported back by the device
+  std::vector<std::uint8_t> value;
+  std::vector<std::uint8_t> modulus;
+  std::vector<std::uint8_t> publicExponent;
+  std::vector<std::uint8_t> privateExponent;
+  std::vector<std::uint8_t> prime1;
+  std::vector<std::uint8_t> prime2;
+  std::vector<std::uint8_t> exponent1;
+  std::vector<std::uint8_t> exponent2;
+  std::vector<std::uint8_t> coefficient;
+};
+
+enum class EncryptionType : std::int32_t { rsa1024 = 7, rsa2048 = 8, rsa3072 = 9, rsa4096 = 10 };
+enum class PaddingMode : std::int32_t { pkcs1 = 1, oaep = 4 };
+
+static_assert(sizeof(std::string) != 32 || sizeof(TokenInfo) == 336);
+static_assert(sizeof(TavrinKeyPair) == 1324 && offsetof(TavrinKeyPair, deviceFlag) == 1320);
+static_assert(sizeof(TavrinCertificate) == 3380 && offsetof(TavrinCertificate, label) == 3228);
+
+// The instance is left null when it cannot be made.
+TAVRIN_DEVICE_API void tavrin_createInstance(void** instance);
+TAVRIN_DEVICE_API void tavrin_releaseInstance(void* instance);
+
+TAVRIN_DEVICE_API std::vector<std::string> tavrin_getConnectedDeviceList(bool flag, void* instance);
+TAVRIN_DEVICE_API TokenInfo tavrin_getTokenInfo(const char* name, void* instance);
+TAVRIN_DEVICE_API int tavrin_initDevice(const char* device, bool flag, void* instance);
+
+// `kind` is 1 for the user and 2 for the security officer; `retryCounter` receives the tries left.
+TAVRIN_DEVICE_API int tavrin_validatePassword(const char* device, const char* password, int kind, int* retryCounter,
+                                              void* instance);
+TAVRIN_DEVICE_API bool tavrin_changeUserPassword(const char* device, const char* oldPassword, const char* newPassword,
+                                                 int* failureCounter, bool flag1, bool flag2, void* instance);
+
+TAVRIN_DEVICE_API const std::vector<TavrinKeyPair>& tavrin_getKeyPairList(const char* device, void* instance);
+TAVRIN_DEVICE_API const std::vector<TavrinCertificate>& tavrin_getCertificateList(const char* device, void* instance);
+
+// Takes key type, usage, label and key id from the record, and fills in the rest.
+TAVRIN_DEVICE_API int tavrin_generateKeyPair(const char* device, const char* password, TavrinKeyPair* keyPair,
+                                             void* instance);
+TAVRIN_DEVICE_API int tavrin_deleteKeyPair(const char* device, const std::uint8_t* recordId, const char* password,
+                                           bool flag, void* instance);
+TAVRIN_DEVICE_API int tavrin_updateKeyPairDetails(const char* device, const std::uint8_t* recordId,
+                                                  const char* password, const char* label, const std::uint8_t* keyId,
+                                                  int keyIdLength, void* instance);
+TAVRIN_DEVICE_API int tavrin_importCertificate(const char* device, const char* password, TavrinCertificate* certificate,
+                                               void* instance);
+TAVRIN_DEVICE_API int tavrin_deleteCertificate(const char* device, const std::uint8_t* recordId, const char* password,
+                                               void* instance);
+TAVRIN_DEVICE_API int tavrin_importPfx(const char* device, const char* password, ImportPFXDetails* details,
+                                       void* instance);
+
+TAVRIN_DEVICE_API int tavrin_getCertificateDetails(const std::uint8_t* der, int length, CertificateDetails* details,
+                                                   void* instance);
+TAVRIN_DEVICE_API std::vector<std::uint8_t> tavrin_getCertificateSubject(const std::uint8_t* der, int length,
+                                                                         void* instance);
+TAVRIN_DEVICE_API std::vector<std::uint8_t> tavrin_getCertificateIssuer(const std::uint8_t* der, int length,
+                                                                        void* instance);
+TAVRIN_DEVICE_API std::vector<std::uint8_t> tavrin_getCertificateSerialDER(const std::uint8_t* der, int length,
+                                                                           void* instance);
+TAVRIN_DEVICE_API std::vector<std::pair<std::string, std::vector<std::uint8_t>>>
+tavrin_getFilesWithExtensionsAndConvertDER(const std::string& folder, const std::vector<std::string>& extensions,
+                                           void* instance);
+
+// Hash codes: 1 and 2 SHA-1, 3 SHA-256, 4 SHA-384, 5 SHA-512. The in-length of the final call is ignored.
+TAVRIN_DEVICE_API int tavrin_initHash(const char* device, int hashCode, void** context, void* instance);
+TAVRIN_DEVICE_API int tavrin_updateHash(void* context, const std::uint8_t* data, int length, void* instance);
+TAVRIN_DEVICE_API int tavrin_finalHash(void* context, std::uint8_t* digest, int* length, void* instance);
+
+// The in-length of the signature is ignored.
+TAVRIN_DEVICE_API int tavrin_signHash(const char* device, const std::uint8_t* recordId, const char* password,
+                                      const std::uint8_t* input, int inputLength, std::uint8_t* signature,
+                                      int* signatureLength, bool flag, void* instance, bool pss);
+TAVRIN_DEVICE_API int tavrin_verifySignatureHash(std::uint32_t keyType, const char* device, const std::uint8_t* input,
+                                                 int inputLength, const std::uint8_t* publicKey, int publicKeyLength,
+                                                 const std::uint8_t* signature, int signatureLength, void* instance,
+                                                 bool pss);
+
+// `publicKey` is a DER SubjectPublicKeyInfo; the in-length of the ciphertext is ignored.
+TAVRIN_DEVICE_API int tavrin_encrypt(EncryptionType type, PaddingMode padding, const std::uint8_t* data, int dataLength,
+                                     std::uint8_t* ciphertext, int* ciphertextLength, const std::uint8_t* publicKey,
+                                     int publicKeyLength, void* instance);
+TAVRIN_DEVICE_API int tavrin_decrypt(const char* device, const std::uint8_t* recordId, const char* password,
+                                     const std::uint8_t* ciphertext, int ciphertextLength, std::uint8_t** plaintext,
+                                     int* plaintextLength, bool flag, void* instance);
+TAVRIN_DEVICE_API int tavrin_ecdhDerive(const char* device, const std::uint8_t* recordId, const char* password,
+                                        const std::uint8_t* peerPoint, int peerPointLength, std::uint8_t** secret,
+                                        int* secretLength, void* instance);
+
+// The misspelling is the library's own.
+TAVRIN_DEVICE_API int tavrin_generateRamdomNumber(const char* device, int count, std::uint8_t* out, bool flag,
+                                                  void* instance);
