@@ -1,0 +1,11 @@
+// The one DER structure that the module writes.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "devlib/records.h"
+
+// An RSA SubjectPublicKeyInfo (X.509, PKCS #1) for a big-endian modulus and the exponent 65537. Leading zeros of the
+// modulus are kept; one is put in front when the top bit is set.
+std::vector<std::uint8_t> rsaSubjectPublicKeyInfo(Bytes modulus);

@@ -1,0 +1,7 @@
+#include "crypto/firmware_gate.h"
+
+#include "slots/firmware_version.h"
+
+bool firmwareHasPssAndOaep(const Session& session) {
+  return compareVersions(session.device.firmwareVersion, "2.0.0") >= 0;
+}

@@ -1,0 +1,112 @@
+// C_DeriveKey: ECDH.
+#include <algorithm>
+
+#include "crypto/mechanisms.h"
+#include "devlib/library_instance.h"
+#include "devlib/records.h"
+#include "objects/derived_keys.h"
+#include "objects/object_store.h"
+#include "objects/template_reader.h"
+#include "sessions/session_table.h"
+#include "sessions/user_password.h"
+
+namespace {
+
+constexpr CK_OBJECT_HANDLE largestRecordNumber = 0xFFF;
+
+// A key derivation function as the device is asked for it. The hash codes are not those of the digests: derived keys
+// that applications hold were made with these.
+struct KeyDerivationFunction {
+  CK_EC_KDF_TYPE kdf;
+  int hashCode;
+  int resultLength;
+};
+
+constexpr KeyDerivationFunction keyDerivationFunctions[] = {{CKD_SHA1_KDF, 1, 20}, {CKD_SHA256_KDF, 4, 32}};
+
+// The mechanism's parameter, or false when there is none that can be used.
+bool readParameters(const CK_MECHANISM& mechanism, CK_ECDH1_DERIVE_PARAMS& parameters) {
+  if (!mechanism.pParameter || mechanism.ulParameterLen < sizeof parameters) return false;
+  std::memcpy(&parameters, mechanism.pParameter, sizeof parameters);
+  return parameters.pPublicData && parameters.ulPublicDataLen != 0;
+}
+
+// Has the device hash the secret. A failure is not reported: the secret then becomes what the digest holds.
+SecretBytes hashSecret(const Session& session, const KeyDerivationFunction& function, const SecretBytes& secret) {
+  void* context = nullptr;
+  SecretBytes digest(64);
+  int length = function.resultLength;
+  tavrin_initHash(session.deviceId(), function.hashCode, &context, libraryInstance);
+  tavrin_updateHash(context, secret.data(), static_cast<int>(secret.size()), libraryInstance);
+  tavrin_finalHash(context, digest.data(), &length, libraryInstance);
+  digest.resize(returnedLength(length, digest.size()));
+  return digest;
+}
+
+SecretBytes applyKdf(const Session& session, CK_EC_KDF_TYPE kdf, SecretBytes secret) {
+  for (const KeyDerivationFunction& function : keyDerivationFunctions) {
+    if (function.kdf == kdf) return hashSecret(session, function, secret);
+  }
+  return secret;
+}
+
+// The length that the template asks for; 0 when it asks for none.
+std::size_t wantedLength(CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulAttributeCount) {
+  CK_ULONG length = 0;
+  if (!pTemplate) return 0;
+  forEachGiven(pTemplate, ulAttributeCount, [&](CK_ATTRIBUTE_TYPE type, Bytes value) {
+    if (type == CKA_VALUE_LEN) length = numberOf(value);
+  });
+  return static_cast<std::size_t>(length);
+}
+
+// The secret that the device and the peer share, or a refusal.
+CK_RV agreeOnSecret(const Call& call, const Session& session, const TavrinKeyPair& baseKey, Bytes peer,
+                    SecretBytes& secret) {
+  std::uint8_t* shared = nullptr;
+  int length = 0;
+  const int status =
+      tavrin_ecdhDerive(session.deviceId(), baseKey.recordId, userPassword.copy().text(), peer.data(),
+                        deviceLength(static_cast<CK_ULONG>(peer.size())), &shared, &length, libraryInstance);
+  if (status != 0 || !shared || length < 1) {
+    return call.refuse(CKR_FUNCTION_FAILED, "tavrin_ecdhDerive failed: ", status);
+  }
+  secret.assign(shared, shared + length);
+  return CKR_OK;
+}
+
+}  // namespace
+
+// What is wrong with the arguments is answered without an error line.
+CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hBaseKey,
+                  CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulAttributeCount, CK_OBJECT_HANDLE_PTR phKey) {
+  return exportedCall("C_DeriveKey", [&](const Call& call) -> CK_RV {
+    if (libraryInstance == nullptr) return CKR_CRYPTOKI_NOT_INITIALIZED;
+    const auto session = sessionTable.find(hSession);
+    if (!session) return CKR_SESSION_HANDLE_INVALID;
+    if (!pMechanism || !phKey) return CKR_ARGUMENTS_BAD;
+    if (pMechanism->mechanism != CKM_ECDH1_DERIVE) return CKR_MECHANISM_INVALID;
+    CK_ECDH1_DERIVE_PARAMS parameters{};
+    if (!readParameters(*pMechanism, parameters)) return CKR_MECHANISM_PARAM_INVALID;
+    if (hBaseKey < privateKeyBase || hBaseKey - privateKeyBase > largestRecordNumber) return CKR_KEY_HANDLE_INVALID;
+
+    const Bytes peer(parameters.pPublicData, static_cast<std::size_t>(parameters.ulPublicDataLen));
+    logDebug("key id :: ", hBaseKey - privateKeyBase);
+    const TavrinKeyPair* baseKey = resolveKeyPair(*session, hBaseKey, privateKeyBase);
+    if (!baseKey) return CKR_KEY_HANDLE_INVALID;
+    logDebug("base key id :: ", Hex{baseKey->recordId});
+    logDebug("public key :: ", Hex{peer});
+
+    SecretBytes secret;
+    const CK_RV refusal = agreeOnSecret(call, *session, *baseKey, peer, secret);
+    if (refusal != CKR_OK) return refusal;
+    secret = applyKdf(*session, parameters.kdf, std::move(secret));
+    const std::size_t length = wantedLength(pTemplate, ulAttributeCount);
+    if (length != 0) secret.resize(length);
+
+    const std::size_t finalLength = secret.size();
+    *phKey = derivedKeyTable.insert(std::move(secret));
+    logDebug("C_DeriveKey: done, handle=", *phKey, " len=", finalLength);
+    return CKR_OK;
+  });
+}

@@ -1,0 +1,117 @@
+// C_GenerateKeyPair.
+#include <algorithm>
+
+#include "crypto/mechanisms.h"
+#include "devlib/device_statuses.h"
+#include "objects/attribute_table.h"
+#include "objects/object_store.h"
+#include "objects/template_reader.h"
+#include "sessions/session_call.h"
+#include "sessions/user_password.h"
+
+namespace {
+
+constexpr std::uint32_t maySign = 1;
+constexpr std::uint32_t mayDecrypt = 2;
+
+constexpr std::uint32_t rsa2048 = 2;
+constexpr std::uint32_t ecP256 = 5;
+
+// The record's label field is longer, but tokens take labels of 128 bytes.
+constexpr std::size_t maximumLabel = 128;
+
+// Label, id and usage come from the private template, and so does the kind of key: the mechanism is never asked.
+CK_KEY_TYPE readPrivateTemplate(CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount, TavrinKeyPair& request) {
+  CK_KEY_TYPE keyType = CKK_RSA;
+  forEachGiven(pTemplate, ulCount, [&](CK_ATTRIBUTE_TYPE type, Bytes value) {
+    const std::uint32_t set = value.front() != 0 ? ~0U : 0U;
+    switch (type) {
+      case CKA_LABEL:
+        std::fill(std::begin(request.label), std::end(request.label), '\0');
+        std::copy_n(value.begin(), std::min(value.size(), maximumLabel), request.label);
+        break;
+      case CKA_KEY_TYPE:
+        keyType = numberOf(value);
+        break;
+      case CKA_ID:
+        request.keyIdLength = copyToField(request.keyId, value);
+        break;
+      case CKA_DECRYPT:
+        request.usage |= set & mayDecrypt;
+        break;
+      case CKA_SIGN:
+        request.usage |= set & maySign;
+        break;
+      default:
+        break;
+    }
+  });
+  if (request.usage == 0) request.usage = keyType == CKK_EC ? maySign | mayDecrypt : maySign;
+  logDebug("C_GenerateKeyPair - keytype : ", keyType);
+  return keyType;
+}
+
+CK_RV readModulusBits(const Call& call, Bytes value, TavrinKeyPair& request) {
+  const CK_ULONG bits = numberOf(value);
+  logDebug("C_GenerateKeyPair - modulusBits : ", bits);
+  const bool offered = bits >= 1024 && bits <= 4096 && bits % 1024 == 0;
+  if (!offered) return call.refuse(CKR_MECHANISM_INVALID, "unsupported RSA modulusBits=", bits);
+  request.keyType = static_cast<std::uint32_t>(bits / 1024);
+  return CKR_OK;
+}
+
+CK_RV readCurve(const Call& call, Bytes value, TavrinKeyPair& request) {
+  request.keyType = curveKeyType(value);
+  if (request.keyType != 0) return CKR_OK;
+  return call.refuse(CKR_MECHANISM_INVALID, "unknown EC param (len=", value.size(), ")");
+}
+
+// The public template gives the size of the key. For a key type that is neither RSA nor EC it is not read, and the
+// token makes an RSA 2048 key.
+CK_RV readPublicTemplate(const Call& call, CK_KEY_TYPE keyType, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount,
+                         TavrinKeyPair& request) {
+  request.keyType = keyType == CKK_EC ? ecP256 : rsa2048;
+  CK_RV refusal = CKR_OK;
+  forEachGiven(pTemplate, ulCount, [&](CK_ATTRIBUTE_TYPE type, Bytes value) {
+    if (refusal != CKR_OK) return;
+    if (keyType == CKK_RSA && type == CKA_MODULUS_BITS) refusal = readModulusBits(call, value, request);
+    if (keyType == CKK_EC && type == CKA_EC_PARAMS) refusal = readCurve(call, value, request);
+  });
+  return refusal;
+}
+
+}  // namespace
+
+CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_ATTRIBUTE_PTR pPublicKeyTemplate,
+                        CK_ULONG ulPublicKeyAttributeCount, CK_ATTRIBUTE_PTR pPrivateKeyTemplate,
+                        CK_ULONG ulPrivateKeyAttributeCount, CK_OBJECT_HANDLE_PTR phPublicKey,
+                        CK_OBJECT_HANDLE_PTR phPrivateKey) {
+  return sessionCall("C_GenerateKeyPair", hSession, [&](const Call& call, const Session& session) -> CK_RV {
+    const CK_STATE state = session.state;
+    if (state == CKS_RO_PUBLIC_SESSION || state == CKS_RO_USER_FUNCTIONS) return refuseState(call, state);
+    if (!pMechanism) return call.refuse(CKR_ARGUMENTS_BAD, "pMechanism is NULL");
+    if (hasParameter(*pMechanism)) {
+      const CK_MECHANISM_TYPE type = pMechanism->mechanism;
+      return call.refuse(CKR_MECHANISM_PARAM_INVALID, "mechanism param invalid for mechanism=", type);
+    }
+    if (!pPublicKeyTemplate) return call.refuse(CKR_ARGUMENTS_BAD, "pPublicKeyTemplate is NULL");
+    if (ulPublicKeyAttributeCount == 0) return call.refuse(CKR_ARGUMENTS_BAD, "ulPublicKeyAttributeCount<=0");
+    if (!pPrivateKeyTemplate) return call.refuse(CKR_ARGUMENTS_BAD, "pPrivateKeyTemplate is NULL");
+    if (ulPrivateKeyAttributeCount == 0) return call.refuse(CKR_ARGUMENTS_BAD, "ulPrivateKeyAttributeCount<=0");
+    if (!phPublicKey) return call.refuse(CKR_ARGUMENTS_BAD, "phPublicKey is NULL");
+    if (!phPrivateKey) return call.refuse(CKR_ARGUMENTS_BAD, "phPrivateKey is NULL");
+
+    TavrinKeyPair keyPair{};
+    const CK_KEY_TYPE keyType = readPrivateTemplate(pPrivateKeyTemplate, ulPrivateKeyAttributeCount, keyPair);
+    const CK_RV refusal = readPublicTemplate(call, keyType, pPublicKeyTemplate, ulPublicKeyAttributeCount, keyPair);
+    if (refusal != CKR_OK) return refusal;
+    const int status =
+        tavrin_generateKeyPair(session.deviceId(), userPassword.copy().text(), &keyPair, libraryInstance);
+    if (status != 0) return call.refuseBare(storeFailure(status), "Generate key pair failed : ", status);
+
+    *phPublicKey = publicKeyBase + keyPair.id;
+    *phPrivateKey = privateKeyBase + keyPair.id;
+    logDebug("C_GenerateKeyPair - exit");
+    return CKR_OK;
+  });
+}

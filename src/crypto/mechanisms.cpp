@@ -1,0 +1,87 @@
+// The mechanism table, C_GetMechanismList and C_GetMechanismInfo.
+#include "crypto/mechanisms.h"
+
+#include <algorithm>
+#include <iterator>
+
+#include "devlib/library_instance.h"
+
+namespace {
+
+constexpr CK_FLAGS generates = CKF_GENERATE_KEY_PAIR;
+constexpr CK_FLAGS encrypts = CKF_ENCRYPT | CKF_DECRYPT;
+constexpr CK_FLAGS signs = CKF_SIGN | CKF_VERIFY;
+
+using enum HashCode;
+
+// In the order in which applications get the list; it is not sorted. A PSS signature that is verified in parts is
+// hashed with SHA-256 whatever its name says: devices have only ever been asked so.
+constexpr Mechanism mechanisms[] = {
+    // type                     key sizes   flags              hash    in parts  PSS
+    {CKM_RSA_PKCS_KEY_PAIR_GEN, 1024, 4096, generates, none, none, false},
+    {CKM_RSA_PKCS, 1024, 4096, encrypts | signs, none, none, false},
+    {CKM_RSA_PKCS_OAEP, 1024, 4096, encrypts, none, none, false},
+    {CKM_RSA_PKCS_PSS, 1024, 4096, signs, none, sha256, true},
+    {CKM_SHA1_RSA_PKCS, 1024, 4096, signs, sha1, sha1, false},
+    {CKM_SHA256_RSA_PKCS, 1024, 4096, signs, sha256, sha256, false},
+    {CKM_SHA384_RSA_PKCS, 1024, 4096, signs, sha384, sha384, false},
+    {CKM_SHA512_RSA_PKCS, 1024, 4096, signs, sha512, sha512, false},
+    {CKM_SHA1_RSA_PKCS_PSS, 1024, 4096, signs, sha1, sha256, true},
+    {CKM_SHA256_RSA_PKCS_PSS, 1024, 4096, signs, sha256, sha256, true},
+    {CKM_SHA384_RSA_PKCS_PSS, 1024, 4096, signs, sha384, sha256, true},
+    {CKM_SHA512_RSA_PKCS_PSS, 1024, 4096, signs, sha512, sha256, true},
+    {CKM_EC_KEY_PAIR_GEN, 256, 521, generates, none, none, false},
+    {CKM_ECDH1_DERIVE, 256, 521, CKF_DERIVE, none, none, false},
+    {CKM_ECDSA, 256, 521, signs, none, none, false},
+    {CKM_ECDSA_SHA1, 256, 521, signs, sha1, sha1, false},
+    {CKM_ECDSA_SHA256, 256, 521, signs, sha256, sha256, false},
+    {CKM_ECDSA_SHA384, 256, 521, signs, sha384, sha384, false},
+    {CKM_SHA_1, 0, 0, CKF_DIGEST, sha1, none, false},
+    {CKM_SHA256, 0, 0, CKF_DIGEST, sha256, none, false},
+    {CKM_SHA384, 0, 0, CKF_DIGEST, sha384, none, false},
+    {CKM_SHA512, 0, 0, CKF_DIGEST, sha512, none, false}};
+
+constexpr CK_ULONG mechanismCount = std::size(mechanisms);
+
+}  // namespace
+
+const Mechanism* findMechanism(CK_MECHANISM_TYPE type, CK_FLAGS flags) {
+  const auto row = std::find_if(std::begin(mechanisms), std::end(mechanisms),
+                                [type](const Mechanism& candidate) { return candidate.type == type; });
+  return row != std::end(mechanisms) && (row->flags & flags) == flags ? row : nullptr;
+}
+
+// Neither call looks at the slot: the table is the same for every token.
+
+CK_RV C_GetMechanismList(CK_SLOT_ID, CK_MECHANISM_TYPE_PTR pMechanismList, CK_ULONG_PTR pulCount) {
+  return initializedCall("C_GetMechanismList", [&](const Call& call) -> CK_RV {
+    if (!pulCount) return call.refuse(CKR_ARGUMENTS_BAD, "pulCount is NULL");
+    if (!pMechanismList) {
+      *pulCount = mechanismCount;
+      return CKR_OK;
+    }
+    // The count stays as the caller set it: applications learn the size from the query alone.
+    if (*pulCount < mechanismCount) {
+      return call.refuse(CKR_BUFFER_TOO_SMALL, "buffer too small, *pulCount=", *pulCount,
+                         " mechanismCount=", mechanismCount);
+    }
+
+    std::transform(std::begin(mechanisms), std::end(mechanisms), pMechanismList,
+                   [](const Mechanism& mechanism) { return mechanism.type; });
+    *pulCount = mechanismCount;
+    return CKR_OK;
+  });
+}
+
+CK_RV C_GetMechanismInfo(CK_SLOT_ID, CK_MECHANISM_TYPE type, CK_MECHANISM_INFO_PTR pInfo) {
+  return initializedCall("C_GetMechanismInfo", [&](const Call& call) -> CK_RV {
+    if (!pInfo) return call.refuse(CKR_ARGUMENTS_BAD, "pInfo is NULL");
+    logDebug("C_GetMechanismInfo -- type : ", type);
+    const Mechanism* mechanism = findMechanism(type);
+    if (!mechanism) return call.refuse(CKR_MECHANISM_INVALID, "unsupported mechanism type=", type);
+
+    *pInfo = {mechanism->minimumKeySize, mechanism->maximumKeySize, mechanism->flags};
+    logDebug("C_GetMechanismInfo -- exit");
+    return CKR_OK;
+  });
+}

@@ -1,0 +1,18 @@
+#include "crypto/result_delivery.h"
+
+#include <algorithm>
+#include <cstdint>
+
+Delivery deliver(const Call& call, SecretBytes& result, CK_BYTE_PTR out, CK_ULONG_PTR outLength) {
+  const auto required = static_cast<std::uint64_t>(result.size());
+  *outLength = static_cast<CK_ULONG>(required);
+  if (!out) return Delivery::queried;
+  // Only a result whose length does not fit the caller's type.
+  if (required > *outLength) {
+    call.refuse(CKR_BUFFER_TOO_SMALL, "buffer too small, provided=", *outLength, " required=", required);
+    return Delivery::tooSmall;
+  }
+  std::copy(result.begin(), result.end(), out);
+  result = {};
+  return Delivery::delivered;
+}

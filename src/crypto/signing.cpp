@@ -1,0 +1,161 @@
+// C_SignInit, C_Sign, C_SignUpdate and C_SignFinal.
+#include <utility>
+
+#include "crypto/device_hash.h"
+#include "crypto/firmware_gate.h"
+#include "crypto/result_delivery.h"
+#include "crypto/signature_parts.h"
+#include "objects/object_store.h"
+#include "sessions/session_call.h"
+#include "sessions/user_password.h"
+
+namespace {
+
+// A signature is as long as the key's modulus at the most: 512 bytes for RSA 4096.
+constexpr int signatureBufferSize = 1024;
+
+void logInput(const Session& session, bool passwordIsEmpty, Bytes input) {
+  logDebug("Sign: password empty=", passwordIsEmpty ? 1 : 0, " hashLen=", input.size(),
+           " session state=", session.state.load());
+  if (input.empty()) {
+    logDebug("Sign input hash : NULL or empty");
+  } else {
+    logDebug("Sign input hash : ", Hex{input});
+  }
+}
+
+// Has the device sign the input and keeps the signature in the session; returns the device's status.
+int signInput(Session& session, const Pin& password, Bytes input) {
+  std::uint8_t signature[signatureBufferSize] = {};
+  int length = signatureBufferSize;
+  const int status = tavrin_signHash(session.deviceId(), session.operationKey->recordId, password.text(), input.data(),
+                                     deviceLength(static_cast<CK_ULONG>(input.size())), signature, &length, false,
+                                     libraryInstance, session.operationFlag);
+  if (status == 0) session.operationData.assign(signature, signature + returnedLength(length, sizeof signature));
+  return status;
+}
+
+// Hashes the message as the mechanism asks for and signs the digest, or signs the message as it is.
+CK_RV signMessage(const Call& call, Session& session, const Mechanism& mechanism, Bytes message) {
+  Digest digest;
+  Bytes input = message;
+  if (mechanism.hash != HashCode::none) {
+    static constexpr const char* failures[] = {"", "init hash failed ", "update hash failed ", "final hash failed "};
+    const HashFailure failure =
+        hashMessage(session, mechanism.hash, message.data(), static_cast<CK_ULONG>(message.size()), digest);
+    if (failure.step != HashFailure::none) {
+      return endFailed(session, call.refuseBare(CKR_FUNCTION_FAILED, failures[failure.step], failure.status));
+    }
+    input = digest.bytes();
+  }
+  const Pin password = userPassword.copy();
+  logInput(session, password.isEmpty(), input);
+  const int status = signInput(session, password, input);
+  if (status == 0) return CKR_OK;
+  return endFailed(session, call.refuseBare(CKR_FUNCTION_FAILED, "Sign hash failed : ", status));
+}
+
+// The hash code of the signature under way; none for the raw mechanisms, whose parts are gathered instead.
+HashCode hashOf(const Session& session) {
+  const Mechanism* mechanism = findMechanism(session.mechanism, CKF_SIGN);
+  return mechanism ? mechanism->hash : HashCode::none;
+}
+
+// Signs what the parts have left in the session: their bytes, or their digest.
+CK_RV signParts(const Call& call, Session& session) {
+  if (hashOf(session) != HashCode::none) {
+    const CK_RV refusal = finishParts(call, session);
+    if (refusal != CKR_OK) return refusal;
+  }
+  const SecretBytes input = std::exchange(session.digestData, {});
+  const int status = signInput(session, userPassword.copy(), input);
+  if (status == 0) return CKR_OK;
+  return endFailed(session, call.refuse(CKR_FUNCTION_FAILED, "signHash failed ", status));
+}
+
+CK_RV deliverSignature(const Call& call, Session& session, CK_BYTE_PTR pSignature, CK_ULONG_PTR pulSignatureLen) {
+  switch (deliver(call, session.operationData, pSignature, pulSignatureLen)) {
+    case Delivery::tooSmall:
+      return CKR_BUFFER_TOO_SMALL;
+    case Delivery::delivered:
+      session.activeOperation = Operation::none;
+      return CKR_OK;
+    default:
+      return CKR_OK;
+  }
+}
+
+}  // namespace
+
+CK_RV C_SignInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hKey) {
+  return sessionCall("C_SignInit", hSession, [&](const Call& call, Session& session) -> CK_RV {
+    const CK_STATE state = session.state;
+    if (state == CKS_RO_PUBLIC_SESSION) return refuseState(call, state);
+    if (session.activeOperation != Operation::none) return refuseActive(call, session);
+    if (!pMechanism) return call.refuse(CKR_ARGUMENTS_BAD, "pMechanism is NULL");
+    const CK_MECHANISM_TYPE type = pMechanism->mechanism;
+    const Mechanism* mechanism = findMechanism(type, CKF_SIGN);
+    if (!mechanism) return call.refuse(CKR_MECHANISM_INVALID, "unsupported mechanism=", type);
+    // A PSS parameter is accepted whatever it says: the device has its own settings.
+    if (!mechanism->pss && hasParameter(*pMechanism)) {
+      return call.refuse(CKR_MECHANISM_PARAM_INVALID, "mechanism param invalid for mechanism=", type);
+    }
+    if (mechanism->pss) {
+      logDebug("firmware veriosn :: ", session.device.firmwareVersion);
+      if (!firmwareHasPssAndOaep(session)) return refusePss(call, session);
+    }
+    session.mechanism = type;
+    session.operationFlag = mechanism->pss;
+
+    if (hKey < privateKeyBase) return call.refuse(CKR_OBJECT_HANDLE_INVALID, "invalid hKey=", hKey);
+    const TavrinKeyPair* keyPair = resolveKeyPair(session, hKey, privateKeyBase);
+    if (!keyPair) return call.refuseBare(CKR_OBJECT_HANDLE_INVALID, "Invalid input handle in sign : ", hKey);
+    session.operationKey = keyPair;
+    session.operationData = {};
+    session.activeOperation = Operation::signing;
+    return CKR_OK;
+  });
+}
+
+CK_RV C_Sign(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen, CK_BYTE_PTR pSignature,
+             CK_ULONG_PTR pulSignatureLen) {
+  return sessionCall("C_Sign", hSession, [&](const Call& call, Session& session) -> CK_RV {
+    if (session.activeOperation != Operation::signing) return refuseNotInitialized(call, session);
+    if (!pData) return call.refuse(CKR_ARGUMENTS_BAD, "pData is NULL");
+    if (ulDataLen == 0) return call.refuse(CKR_ARGUMENTS_BAD, "ulDataLen<=0, ulDataLen=", ulDataLen);
+    if (!pulSignatureLen) return call.refuse(CKR_ARGUMENTS_BAD, "pulSignatureLen is NULL");
+    logDebug("sign echanism : ", session.mechanism);
+
+    // A signature that a query has made is handed out without looking at the data again.
+    if (session.operationData.empty()) {
+      const Mechanism* mechanism = findMechanism(session.mechanism, CKF_SIGN);
+      if (!mechanism) return call.refuse(CKR_MECHANISM_INVALID, "unsupported mechanism=", session.mechanism);
+      const CK_RV refusal = signMessage(call, session, *mechanism, {pData, static_cast<std::size_t>(ulDataLen)});
+      if (refusal != CKR_OK) return refusal;
+    }
+    return deliverSignature(call, session, pSignature, pulSignatureLen);
+  });
+}
+
+CK_RV C_SignUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPartLen) {
+  return sessionCall("C_SignUpdate", hSession, [&](const Call& call, Session& session) -> CK_RV {
+    if (session.activeOperation != Operation::signing) return refuseNotInitialized(call, session);
+    if (!pPart || ulPartLen == 0) {
+      return call.refuse(CKR_ARGUMENTS_BAD, "pPart is NULL or ulPartLen<=0, ulPartLen=", ulPartLen);
+    }
+    return takePart(call, session, hashOf(session), {pPart, static_cast<std::size_t>(ulPartLen)});
+  });
+}
+
+CK_RV C_SignFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature, CK_ULONG_PTR pulSignatureLen) {
+  return sessionCall("C_SignFinal", hSession, [&](const Call& call, Session& session) -> CK_RV {
+    if (session.activeOperation != Operation::signing) return refuseNotInitialized(call, session);
+    if (!pulSignatureLen) return call.refuse(CKR_ARGUMENTS_BAD, "pulSignatureLen is NULL");
+
+    if (session.operationData.empty()) {
+      const CK_RV refusal = signParts(call, session);
+      if (refusal != CKR_OK) return refusal;
+    }
+    return deliverSignature(call, session, pSignature, pulSignatureLen);
+  });
+}

@@ -1,0 +1,39 @@
+// The device library's records as the module reads them: no length and no text of a record is believed beyond its
+// field, no returned length beyond its buffer. The views live as long as the record.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+#include "devlib/device_library.h"
+#include "pkcs11.h"
+
+using Bytes = std::span<const std::uint8_t>;
+
+// The token's password, in bytes without its NUL.
+inline constexpr CK_ULONG minimumPinLength = 4;
+inline constexpr CK_ULONG maximumPinLength = 63;
+
+Bytes publicKey(const TavrinKeyPair& keyPair);
+Bytes keyId(const TavrinKeyPair& keyPair);
+std::string_view label(const TavrinKeyPair& keyPair);
+// The flag that goes back to the library when the key decrypts or is deleted.
+bool deviceFlag(const TavrinKeyPair& keyPair);
+
+Bytes certificate(const TavrinCertificate& record);
+Bytes certId(const TavrinCertificate& record);
+std::string_view label(const TavrinCertificate& record);
+
+// A length that the library returned for a buffer of `size` bytes.
+std::size_t returnedLength(int length, std::size_t size);
+
+// A caller's length as the library takes it. Lengths beyond 32 bits become -1, which every library refuses, rather
+// than a shorter length that it would accept.
+int deviceLength(CK_ULONG length);
+
+// Copies as many bytes as the field holds and returns how many that were.
+std::uint32_t copyToField(std::span<std::uint8_t> field, Bytes bytes);
+
+bool sameBytes(Bytes left, Bytes right);

@@ -1,0 +1,77 @@
+// The diagnostic log: one plain-text file a process name and day, below the user's temporary folder.
+//
+// Any thread may log. No lock is taken and nothing is kept between lines: the level is read and the file opened afresh
+// for each, so that a new level counts at once and other processes can share the file. A failure to log never reaches
+// the caller; it is named on the standard output and the line is dropped.
+#pragma once
+
+#include <charconv>
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <exception>
+#include <span>
+#include <string>
+#include <string_view>
+
+inline constexpr int exceptionLevel = 1;
+inline constexpr int errorLevel = 2;
+inline constexpr int debugLevel = 3;
+
+// The size of the buffer that getLogBaseFolderPath fills.
+inline constexpr std::size_t logPathSize = 1024;
+
+// The configured level: the registry value "logLevel", read anew at every call.
+int getLogLevel() noexcept;
+
+// The name of the running program, cut before its first point.
+std::string getProcessName() noexcept;
+
+// Fills a buffer of logPathSize characters with the temporary folder; false unless that is an existing folder.
+bool getLogBaseFolderPath(char* buffer) noexcept;
+
+// Writes one line at the given level, whatever level is configured.
+void writeLog(int level, std::string_view message) noexcept;
+
+// Bytes that a message shows in upper-case hexadecimal, two digits a byte without separators.
+struct Hex {
+  std::span<const std::uint8_t> bytes;
+};
+
+namespace log_detail {
+
+inline void append(std::string& message, std::string_view text) { message += text; }
+void append(std::string& message, Hex hex);
+
+template <std::integral Number>
+void append(std::string& message, Number number) {
+  char digits[24];
+  message.append(digits, std::to_chars(digits, digits + sizeof digits, number).ptr);
+}
+
+void reportException(const char* where, const char* what) noexcept;
+
+template <typename... Parts>
+void compose(int level, const Parts&... parts) noexcept {
+  try {
+    std::string message;
+    (append(message, parts), ...);
+    writeLog(level, message);
+  } catch (const std::exception& exception) {
+    reportException("Exception in write log : ", exception.what());
+  }
+}
+
+}  // namespace log_detail
+
+// Writes an error or a debug line made of texts, integers (in decimal) and Hex bytes, put together without separators.
+// Nothing is composed when the configured level leaves the line out.
+template <typename... Parts>
+void logError(const Parts&... parts) noexcept {
+  if (getLogLevel() >= errorLevel) log_detail::compose(errorLevel, parts...);
+}
+
+template <typename... Parts>
+void logDebug(const Parts&... parts) noexcept {
+  if (getLogLevel() >= debugLevel) log_detail::compose(debugLevel, parts...);
+}

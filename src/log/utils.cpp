@@ -1,0 +1,16 @@
+#include "log/utils.h"
+
+#include "platform/platform.h"
+
+std::vector<std::string> Utils::split(std::string_view text, std::string_view delimiter) const {
+  std::vector<std::string> pieces;
+  std::size_t start = 0;
+  for (auto end = text.find(delimiter); end != std::string_view::npos; end = text.find(delimiter, start)) {
+    pieces.emplace_back(text.substr(start, end - start));
+    start = end + delimiter.size();
+  }
+  pieces.emplace_back(text.substr(start));
+  return pieces;
+}
+
+void Utils::sleep(unsigned milliseconds) const { platform::sleepMilliseconds(milliseconds); }

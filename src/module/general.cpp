@@ -1,0 +1,97 @@
+// C_Initialize, C_Finalize, C_GetInfo and C_GetFunctionList, and the function list itself.
+#include <algorithm>
+#include <string_view>
+
+#include "devlib/device_library.h"
+#include "devlib/library_instance.h"
+#include "sessions/session_table.h"
+#include "sessions/user_password.h"
+#include "slots/device_monitor.h"
+#include "slots/slot_table.h"
+
+namespace {
+
+#define ENTRY(name, parameters) .name = (name),
+const CK_FUNCTION_LIST functionList = {.version = {CRYPTOKI_VERSION_MAJOR, CRYPTOKI_VERSION_MINOR},
+                                       CRYPTOKI_FUNCTIONS(ENTRY)};
+#undef ENTRY
+
+// Copies the text with its NUL and leaves the rest of the field as the caller supplied it.
+void copyTerminated(CK_UTF8CHAR* field, std::string_view text) {
+  std::copy(text.begin(), text.end(), field);
+  field[text.size()] = '\0';
+}
+
+// The instance in a plain pointer first: the library may look at what it is given.
+void createInstance() {
+  void* instance = nullptr;
+  tavrin_createInstance(&instance);
+  libraryInstance = instance;
+}
+
+void releaseInstance() {
+  if (libraryInstance != nullptr) tavrin_releaseInstance(libraryInstance);
+  libraryInstance = nullptr;
+}
+
+// Starts the monitor over a new instance. A monitor that a failed initialisation left behind ends first.
+void start() {
+  createInstance();
+  if (deviceMonitor.monitorRunning) {
+    logDebug("Monitor already running. Stopping old thread.");
+    stopDeviceMonitor();
+  }
+  try {
+    startDeviceMonitor();
+  } catch (...) {
+    releaseInstance();
+    throw;
+  }
+}
+
+}  // namespace
+
+CK_RV C_Initialize(CK_VOID_PTR) {
+  return exportedCall("C_Initialize", [](const Call& call) -> CK_RV {
+    if (libraryInstance != nullptr) return call.refuse(CKR_CRYPTOKI_ALREADY_INITIALIZED, "already initialized");
+
+    start();
+    // Success all the same: the monitor runs on, and every later call says that the module is not initialised.
+    if (libraryInstance == nullptr) logError("Init pkcs11 library failed failed");
+    return CKR_OK;
+  });
+}
+
+CK_RV C_Finalize(CK_VOID_PTR) {
+  return initializedCall("C_Finalize", [](const Call&) -> CK_RV {
+    stopDeviceMonitor();
+    releaseInstance();
+    slotTable.clear();
+    sessionTable.clear();
+    userPassword.clear();
+    logDebug("C_Finalize completed successfully.");
+    return CKR_OK;
+  });
+}
+
+CK_RV C_GetInfo(CK_INFO_PTR pInfo) {
+  return initializedCall("C_GetInfo", [&](const Call& call) -> CK_RV {
+    if (!pInfo) return call.refuse(CKR_ARGUMENTS_BAD, "pInfo is NULL");
+
+    pInfo->cryptokiVersion = {CRYPTOKI_VERSION_MAJOR, CRYPTOKI_VERSION_MINOR};
+    copyTerminated(pInfo->manufacturerID, "Quorvane Telemantix");
+    pInfo->flags = 0;
+    copyTerminated(pInfo->libraryDescription, "Tavrin PKCS11 Library");
+    pInfo->libraryVersion = {3, 6};
+    return CKR_OK;
+  });
+}
+
+CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR ppFunctionList) {
+  return exportedCall("C_GetFunctionList", [&](const Call& call) -> CK_RV {
+    if (!ppFunctionList) return call.refuse(CKR_ARGUMENTS_BAD, "ppFunctionList is NULL");
+    // The standard's type is not const; the list is, and lies in read-only memory.
+    *ppFunctionList = const_cast<CK_FUNCTION_LIST_PTR>(&functionList);
+    return CKR_OK;
+  });
+}

@@ -1,0 +1,89 @@
+// All state of the module stands here, each variable with its owner and the threads that touch it.
+//
+// Nothing of it is ever destroyed: at the end of the process, or when the library is unloaded, threads of the
+// application or the monitor may still be using it, and its locks may be held by threads that are gone. All memory is
+// given back by C_Finalize; only derived secrets outlive it, and they are wiped when the library goes.
+#include <new>
+
+#include "devlib/library_instance.h"
+#include "log/utils.h"
+#include "objects/derived_keys.h"
+#include "objects/object_store.h"
+#include "platform/platform.h"
+#include "sessions/session_table.h"
+#include "sessions/user_password.h"
+#include "slots/device_monitor.h"
+#include "slots/slot_table.h"
+
+namespace {
+
+struct ModuleState {
+  // Stateless; any thread.
+  Utils utils;
+  // Set and cleared by C_Initialize and C_Finalize, read by every call and by the monitor.
+  std::atomic<void*> libraryInstance = nullptr;
+  // Rebuilt by C_GetSlotList, emptied by C_Finalize, read by the calls that name a slot; any application thread.
+  SlotTable slotTable;
+  // Changed by the session and login calls of any application thread, walked by the monitor.
+  SessionTable sessionTable;
+  // Set by a login or a PIN change, emptied by logout, C_Finalize and the monitor, read by the calls that need the
+  // token.
+  UserPassword userPassword;
+  // Grown by C_DeriveKey, read by C_GetAttributeValue; any application thread. Outlives C_Finalize.
+  DerivedKeyTable derivedKeyTable;
+  // Overwritten by every resolution of an object handle; application threads, which must not resolve at the same time.
+  ResolutionBuffers resolutionBuffers{};
+  // Owned by C_Initialize and C_Finalize; shared by the monitor and the callers of C_WaitForSlotEvent.
+  DeviceMonitor deviceMonitor;
+};
+
+alignas(ModuleState) std::byte storage[sizeof(ModuleState)];
+ModuleState& state = *::new (storage) ModuleState;
+
+// In a forked child the inherited instance belongs to the parent: it is neither used nor released there, only kept.
+void* inheritedInstance = nullptr;
+
+void lockAll() {
+  state.slotTable.mutex().lock();
+  state.sessionTable.mutex().lock();
+  state.userPassword.mutex().lock();
+  state.derivedKeyTable.mutex().lock();
+  state.deviceMonitor.eventMutex.lock();
+}
+
+void unlockAll() {
+  state.deviceMonitor.eventMutex.unlock();
+  state.derivedKeyTable.mutex().unlock();
+  state.userPassword.mutex().unlock();
+  state.sessionTable.mutex().unlock();
+  state.slotTable.mutex().unlock();
+}
+
+// Gives the child of a fork a module that was never initialised. The monitor exists in the parent only.
+void startAfresh() {
+  unlockAll();
+  if (state.libraryInstance != nullptr) inheritedInstance = state.libraryInstance.exchange(nullptr);
+  state.slotTable.clear();
+  state.sessionTable.clear();
+  state.userPassword.clear();
+  state.derivedKeyTable.clear();
+  ::new (&state.deviceMonitor) DeviceMonitor;
+}
+
+struct LoadAndUnload {
+  LoadAndUnload() { platform::aroundFork(lockAll, unlockAll, startAfresh); }
+  ~LoadAndUnload() { state.derivedKeyTable.clearUnlessBusy(); }
+  LoadAndUnload(const LoadAndUnload&) = delete;
+  LoadAndUnload& operator=(const LoadAndUnload&) = delete;
+} loadAndUnload;
+
+}  // namespace
+
+Utils& utils = state.utils;
+std::atomic<void*>& libraryInstance = state.libraryInstance;
+SlotTable& slotTable = state.slotTable;
+SessionTable& sessionTable = state.sessionTable;
+UserPassword& userPassword = state.userPassword;
+DerivedKeyTable& derivedKeyTable = state.derivedKeyTable;
+ResolutionBuffers& resolutionBuffers = state.resolutionBuffers;
+DeviceMonitor& deviceMonitor = state.deviceMonitor;

@@ -1,0 +1,180 @@
+#include "objects/attribute_table.h"
+
+#include <algorithm>
+#include <cstring>
+#include <iterator>
+#include <utility>
+
+#include "objects/object_store.h"
+
+namespace {
+
+constexpr std::uint8_t prime256v1[] = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
+constexpr std::uint8_t secp384r1[] = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x22};
+constexpr std::uint8_t secp521r1[] = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x23};
+
+constexpr std::uint32_t rsa2048 = 2;
+constexpr std::uint32_t firstKeyType = 1;
+
+// By key type code, from firstKeyType on.
+constexpr KeyTypeProfile keyTypeProfiles[] = {
+    {CKK_RSA, 1024, CKM_RSA_PKCS_KEY_PAIR_GEN, {}}, {CKK_RSA, 2048, CKM_RSA_PKCS_KEY_PAIR_GEN, {}},
+    {CKK_RSA, 3072, CKM_RSA_PKCS_KEY_PAIR_GEN, {}}, {CKK_RSA, 4096, CKM_RSA_PKCS_KEY_PAIR_GEN, {}},
+    {CKK_EC, 256, CKM_EC_KEY_PAIR_GEN, prime256v1}, {CKK_EC, 384, CKM_EC_KEY_PAIR_GEN, secp384r1},
+    {CKK_EC, 521, CKM_EC_KEY_PAIR_GEN, secp521r1}};
+
+constexpr std::uint8_t publicExponent[] = {0x01, 0x00, 0x01};
+
+constexpr std::uint32_t mayEncryptAndDecrypt = 1;  // bits of a key pair's usage
+constexpr std::uint32_t maySignAndVerify = 0;
+
+Bytes asBytes(std::string_view text) { return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}; }
+
+// The ways in which an attribute gets its value; the rows of the table below name them.
+using Reader = void (*)(const ObjectView& object, AttributeValue& value);
+
+void empty(const ObjectView&, AttributeValue&) {}
+void yes(const ObjectView&, AttributeValue& value) { value.setBoolean(true); }
+void no(const ObjectView&, AttributeValue& value) { value.setBoolean(false); }
+
+template <CK_ULONG number>
+void constant(const ObjectView&, AttributeValue& value) {
+  value.setNumber(number);
+}
+
+void ownHandle(const ObjectView& object, AttributeValue& value) { value.setNumber(object.handle); }
+void exponent65537(const ObjectView&, AttributeValue& value) { value.view(publicExponent); }
+
+void certificateDer(const ObjectView& object, AttributeValue& value) { value.view(certificate(*object.certificate)); }
+void certificateLabel(const ObjectView& object, AttributeValue& value) {
+  value.view(asBytes(label(*object.certificate)));
+}
+void certificateId(const ObjectView& object, AttributeValue& value) { value.view(certId(*object.certificate)); }
+
+// Asks the device library, which answers with nothing for bytes that it cannot read.
+template <std::vector<std::uint8_t> (*operation)(const std::uint8_t*, int, void*)>
+void partOfCertificate(const ObjectView& object, AttributeValue& value) {
+  const Bytes der = certificate(*object.certificate);
+  value.setMade(operation(der.data(), static_cast<int>(der.size()), nullptr));
+}
+
+void keyBytes(const ObjectView& object, AttributeValue& value) { value.view(publicKey(*object.keyPair)); }
+void keyLabel(const ObjectView& object, AttributeValue& value) { value.view(asBytes(label(*object.keyPair))); }
+void keyIdBytes(const ObjectView& object, AttributeValue& value) { value.view(keyId(*object.keyPair)); }
+
+template <std::uint32_t bit>
+void usage(const ObjectView& object, AttributeValue& value) {
+  value.setBoolean((object.keyPair->usage >> bit & 1) != 0);
+}
+
+void keyType(const ObjectView& object, AttributeValue& value) {
+  value.setNumber(keyTypeProfile(object.keyPair->keyType).keyType);
+}
+void modulusBits(const ObjectView& object, AttributeValue& value) {
+  value.setNumber(keyTypeProfile(object.keyPair->keyType).modulusBits);
+}
+void keyGenMechanism(const ObjectView& object, AttributeValue& value) {
+  value.setNumber(keyTypeProfile(object.keyPair->keyType).keyGenMechanism);
+}
+void ecParams(const ObjectView& object, AttributeValue& value) {
+  value.view(keyTypeProfile(object.keyPair->keyType).ecParams);
+}
+
+// A DER OCTET STRING around the public key, with a length of one byte whatever the key's size.
+void ecPoint(const ObjectView& object, AttributeValue& value) {
+  const Bytes point = publicKey(*object.keyPair);
+  std::vector<std::uint8_t> der{0x04};
+  if (point.size() >= 128) der.push_back(0x81);
+  der.push_back(static_cast<std::uint8_t>(point.size()));
+  der.insert(der.end(), point.begin(), point.end());
+  value.setMade(std::move(der));
+}
+
+constexpr auto issuer = partOfCertificate<tavrin_getCertificateIssuer>;
+constexpr auto serialNumber = partOfCertificate<tavrin_getCertificateSerialDER>;
+constexpr auto subject = partOfCertificate<tavrin_getCertificateSubject>;
+
+constexpr auto signs = usage<maySignAndVerify>;
+constexpr auto decrypts = usage<mayEncryptAndDecrypt>;
+
+struct AttributeRow {
+  CK_ATTRIBUTE_TYPE type;
+  Reader certificate;
+  Reader privateKey;
+  Reader publicKey;
+};
+
+// A certificate also answers for a modulus, its bits and an exponent, and an EC key for the RSA exponent: applications
+// that ask every object alike have always been answered so. Any other attribute reads as empty.
+constexpr AttributeRow attributeTable[] = {
+    // type               certificate                  private key                public key
+    {CKA_CLASS, constant<CKO_CERTIFICATE>, constant<CKO_PRIVATE_KEY>, constant<CKO_PUBLIC_KEY>},
+    {CKA_TOKEN, yes, yes, yes},
+    {CKA_PRIVATE, no, yes, no},
+    {CKA_LABEL, certificateLabel, keyLabel, keyLabel},
+    {CKA_VALUE, certificateDer, keyBytes, keyBytes},
+    {CKA_OBJECT_ID, ownHandle, ownHandle, ownHandle},
+    {CKA_CERTIFICATE_TYPE, constant<CKC_X_509>, constant<0>, constant<0>},
+    {CKA_ISSUER, issuer, empty, empty},
+    {CKA_SERIAL_NUMBER, serialNumber, empty, empty},
+    {CKA_TRUSTED, yes, yes, yes},
+    {CKA_KEY_TYPE, constant<0>, keyType, keyType},
+    {CKA_SUBJECT, subject, empty, empty},
+    {CKA_ID, certificateId, keyIdBytes, keyIdBytes},
+    {CKA_SENSITIVE, no, yes, no},
+    {CKA_ENCRYPT, no, no, decrypts},
+    {CKA_DECRYPT, no, decrypts, no},
+    {CKA_WRAP, no, no, no},
+    {CKA_VERIFY_RECOVER, no, no, no},
+    {CKA_DERIVE, no, no, no},
+    {CKA_SIGN, no, signs, no},
+    {CKA_VERIFY, no, no, signs},
+    {CKA_MODULUS, certificateDer, keyBytes, keyBytes},
+    {CKA_MODULUS_BITS, constant<2048>, modulusBits, modulusBits},
+    {CKA_PUBLIC_EXPONENT, exponent65537, exponent65537, exponent65537},
+    {CKA_EXTRACTABLE, yes, no, yes},
+    {CKA_LOCAL, yes, yes, yes},
+    {CKA_KEY_GEN_MECHANISM, constant<0>, keyGenMechanism, keyGenMechanism},
+    {CKA_MODIFIABLE, yes, no, no},
+    {CKA_EC_PARAMS, empty, ecParams, ecParams},
+    {CKA_EC_POINT, empty, ecPoint, ecPoint}};
+
+Reader readerFor(const AttributeRow& row, const ObjectView& object) {
+  if (object.certificate) return row.certificate;
+  return isPrivateKey(object.handle) ? row.privateKey : row.publicKey;
+}
+
+}  // namespace
+
+const KeyTypeProfile& keyTypeProfile(std::uint32_t keyType) {
+  const bool known = keyType >= firstKeyType && keyType < firstKeyType + std::size(keyTypeProfiles);
+  return keyTypeProfiles[(known ? keyType : rsa2048) - firstKeyType];
+}
+
+std::uint32_t curveKeyType(Bytes ecParams) {
+  const auto found = std::find_if(std::begin(keyTypeProfiles), std::end(keyTypeProfiles),
+                                  [&](const KeyTypeProfile& row) { return sameBytes(row.ecParams, ecParams); });
+  const auto position = static_cast<std::uint32_t>(found - std::begin(keyTypeProfiles));
+  return found != std::end(keyTypeProfiles) && !ecParams.empty() ? firstKeyType + position : 0;
+}
+
+void AttributeValue::setBoolean(bool value) {
+  small_[0] = value ? CK_TRUE : CK_FALSE;
+  bytes_ = Bytes(small_).first(sizeof(CK_BBOOL));
+}
+
+void AttributeValue::setNumber(CK_ULONG value) {
+  std::memcpy(small_.data(), &value, sizeof value);
+  bytes_ = small_;
+}
+
+void AttributeValue::setMade(std::vector<std::uint8_t> bytes) {
+  made_ = std::move(bytes);
+  bytes_ = made_;
+}
+
+void readAttribute(CK_ATTRIBUTE_TYPE type, const ObjectView& object, AttributeValue& value) {
+  const auto row = std::find_if(std::begin(attributeTable), std::end(attributeTable),
+                                [type](const AttributeRow& candidate) { return candidate.type == type; });
+  if (row != std::end(attributeTable)) readerFor(*row, object)(object, value);
+}

@@ -1,0 +1,33 @@
+// The secrets that C_DeriveKey made. They live in the module's memory until the library is unloaded, beyond C_Finalize,
+// and are wiped when they go.
+#pragma once
+
+#include <map>
+#include <mutex>
+#include <optional>
+
+#include "objects/object_store.h"
+#include "platform/secret_memory.h"
+
+// Safe from any thread.
+class DerivedKeyTable {
+ public:
+  // Stores the secret under the next handle; handles are never given out twice.
+  CK_OBJECT_HANDLE insert(SecretBytes secret);
+
+  // A copy of the secret; nothing for an unknown handle.
+  std::optional<SecretBytes> find(CK_OBJECT_HANDLE handle) const;
+
+  void clear();
+  // The same, but does nothing while another thread works on the table, or died doing so.
+  void clearUnlessBusy();
+
+  std::mutex& mutex() { return mutex_; }
+
+ private:
+  mutable std::mutex mutex_;
+  std::map<CK_OBJECT_HANDLE, SecretBytes> secrets_;
+  CK_OBJECT_HANDLE nextDerivedHandle_ = derivedSecretBase;
+};
+
+extern DerivedKeyTable& derivedKeyTable;

@@ -1,0 +1,231 @@
+// C_FindObjectsInit, C_FindObjects and C_FindObjectsFinal.
+//
+// The search is simple on purpose: one criterion, the first present in a fixed order, decides for each kind of object,
+// and whatever else a template asks for is ignored.
+#include <optional>
+#include <string_view>
+
+#include "devlib/device_library.h"
+#include "devlib/records.h"
+#include "objects/object_store.h"
+#include "objects/template_reader.h"
+#include "sessions/session_call.h"
+
+namespace {
+
+// Stands for a template without a class.
+constexpr CK_OBJECT_CLASS anyClass = 0x80000000;
+
+// The criteria of a template; they point into it.
+struct Criteria {
+  CK_OBJECT_CLASS objectClass = anyClass;
+  std::string_view label;  // empty: no criterion
+  std::optional<Bytes> value;
+  std::optional<Bytes> subject;
+  std::optional<Bytes> id;
+  std::optional<Bytes> modulus;
+};
+
+void takeCriterion(CK_ATTRIBUTE_TYPE type, Bytes value, Criteria& criteria) {
+  switch (type) {
+    case CKA_CLASS:
+      criteria.objectClass = numberOf(value);
+      logDebug("Find object class : ", criteria.objectClass);
+      break;
+    case CKA_ID:
+      criteria.id = value;
+      break;
+    case CKA_SUBJECT:
+      criteria.subject = value;
+      break;
+    case CKA_LABEL:
+      // A C string, as the applications that this search was made for give it; the given length is not used.
+      criteria.label = reinterpret_cast<const char*>(value.data());
+      break;
+    case CKA_VALUE:
+      criteria.value = value;
+      break;
+    case CKA_MODULUS:
+      logDebug("Modulus provided length : ", value.size());
+      criteria.modulus = value;
+      break;
+    default:
+      break;
+  }
+}
+
+CK_RV readCriteria(const Call& call, std::span<const CK_ATTRIBUTE> entries, Criteria& criteria) {
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    const CK_ATTRIBUTE_TYPE type = entries[i].type;
+    const Bytes value = valueOf(entries[i]);
+    if (!value.data()) {
+      return call.refuse(CKR_ATTRIBUTE_VALUE_INVALID, "pValue is NULL at attribute index=", i, " type=", type);
+    }
+    if (value.empty()) {
+      return call.refuse(CKR_ATTRIBUTE_VALUE_INVALID, "ulValueLen<=0 at attribute index=", i, " type=", type);
+    }
+    logDebug("Find object init type : ", type);
+    if (type == CKA_CLASS && value.size() != sizeof(CK_OBJECT_CLASS)) {
+      return call.refuse(CKR_ATTRIBUTE_VALUE_INVALID, "wrong size for CKA_CLASS at index=", i,
+                         " ulValueLen=", value.size());
+    }
+    takeCriterion(type, value, criteria);
+  }
+  return CKR_OK;
+}
+
+struct DeviceObjects {
+  std::vector<TavrinCertificate> certificates;
+  std::vector<TavrinKeyPair> keyPairs;
+};
+
+DeviceObjects copyLists(const Session& session) {
+  return {tavrin_getCertificateList(session.deviceId(), libraryInstance),
+          tavrin_getKeyPairList(session.deviceId(), libraryInstance)};
+}
+
+// A device that was plugged in anew lists nothing before it is initialised. When that fails, the search goes on with
+// what there is.
+DeviceObjects listObjects(const Session& session) {
+  DeviceObjects objects = copyLists(session);
+  if (!objects.certificates.empty() && !objects.keyPairs.empty()) return objects;
+  const int status = tavrin_initDevice(session.deviceId(), true, libraryInstance);
+  if (status == 0) return copyLists(session);
+  logError("Init device for certificates in find objects failed : ", status);
+  return objects;
+}
+
+bool matches(const TavrinCertificate& record, const Criteria& criteria) {
+  if (!criteria.label.empty()) return label(record) == criteria.label;
+  if (criteria.value) return sameBytes(certificate(record), *criteria.value);
+  if (criteria.id) return sameBytes(certId(record), *criteria.id);
+  if (criteria.subject) {
+    const Bytes der = certificate(record);
+    return sameBytes(tavrin_getCertificateSubject(der.data(), static_cast<int>(der.size()), nullptr),
+                     *criteria.subject);
+  }
+  return true;
+}
+
+bool matches(const TavrinKeyPair& record, const Criteria& criteria) {
+  if (!criteria.label.empty()) return label(record) == criteria.label;
+  if (criteria.value) return sameBytes(publicKey(record), *criteria.value);
+  if (criteria.id) return sameBytes(keyId(record), *criteria.id);
+  if (criteria.modulus) return sameBytes(publicKey(record), *criteria.modulus);
+  return true;
+}
+
+template <typename Record>
+void keepMatches(std::vector<Record>& records, const Criteria& criteria) {
+  std::erase_if(records, [&](const Record& record) { return !matches(record, criteria); });
+}
+
+// Keeps what the criteria leave and decides which halves of the key pairs are reported.
+void selectResults(Session& session, DeviceObjects objects, const Criteria& criteria) {
+  const CK_OBJECT_CLASS wanted = criteria.objectClass;
+  // Without a class everything is found, whatever else the template says: applications list a token in this way.
+  const bool all = wanted == anyClass;
+  if (all || wanted == CKO_CERTIFICATE) {
+    if (!all) keepMatches(objects.certificates, criteria);
+    session.findCertificates = std::move(objects.certificates);
+  }
+  if (all || wanted == CKO_PUBLIC_KEY || wanted == CKO_PRIVATE_KEY) {
+    if (!all) keepMatches(objects.keyPairs, criteria);
+    session.findKeyPairs = std::move(objects.keyPairs);
+    session.findPublicKeys = !session.findKeyPairs.empty() && wanted != CKO_PRIVATE_KEY;
+    session.findPrivateKeys = !session.findKeyPairs.empty() && wanted != CKO_PUBLIC_KEY && session.isUserSession();
+  }
+}
+
+void resetSearch(Session& session) {
+  session.findCursor = 0;
+  session.findPublicKeys = false;
+  session.findPrivateKeys = false;
+  session.findCertificates.clear();
+  session.findKeyPairs.clear();
+}
+
+// All results as one sequence: the public keys, then the private keys, then the certificates.
+class SearchResults {
+ public:
+  explicit SearchResults(const Session& session)
+      : session_(session),
+        publicKeys_(session.findPublicKeys ? session.findKeyPairs.size() : 0),
+        privateKeys_(session.findPrivateKeys ? session.findKeyPairs.size() : 0) {}
+
+  std::size_t size() const { return publicKeys_ + privateKeys_ + session_.findCertificates.size(); }
+
+  CK_OBJECT_HANDLE operator[](std::size_t position) const {
+    if (position < publicKeys_) return publicKeyBase + session_.findKeyPairs[position].id;
+    position -= publicKeys_;
+    if (position < privateKeys_) return privateKeyBase + session_.findKeyPairs[position].id;
+    return certificateBase + session_.findCertificates[position - privateKeys_].id;
+  }
+
+ private:
+  const Session& session_;
+  std::size_t publicKeys_;
+  std::size_t privateKeys_;
+};
+
+}  // namespace
+
+CK_RV C_FindObjectsInit(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount) {
+  return sessionCall("C_FindObjectsInit", hSession, [&](const Call& call, Session& session) -> CK_RV {
+    if (!pTemplate && ulCount != 0) {
+      return call.refuse(CKR_ARGUMENTS_BAD, "pTemplate is NULL with ulCount=", ulCount);
+    }
+
+    resetSearch(session);
+    logDebug("Find object init count : ", ulCount);
+    Criteria criteria;
+    const CK_RV refusal = readCriteria(call, templateEntries(pTemplate, ulCount), criteria);
+    if (refusal != CKR_OK) return refusal;
+
+    DeviceObjects objects = listObjects(session);
+    if (criteria.id) logDebug("Find init id : ", Hex{*criteria.id});
+    selectResults(session, std::move(objects), criteria);
+    // Whatever went on before is replaced without a word.
+    session.activeOperation = Operation::search;
+    return CKR_OK;
+  });
+}
+
+CK_RV C_FindObjects(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE_PTR phObject, CK_ULONG ulMaxObjectCount,
+                    CK_ULONG_PTR pulObjectCount) {
+  return sessionCall("C_FindObjects", hSession, [&](const Call& call, Session& session) -> CK_RV {
+    if (session.activeOperation != Operation::search) return refuseNotInitialized(call, session);
+    if (!phObject && ulMaxObjectCount != 0) {
+      return call.refuse(CKR_ARGUMENTS_BAD, "phObject is NULL with ulMaxObjectCount=", ulMaxObjectCount);
+    }
+    if (!pulObjectCount) return call.refuse(CKR_ARGUMENTS_BAD, "pulObjectCount is NULL");
+
+    *pulObjectCount = 0;
+    const SearchResults results(session);
+    logDebug("C_FindObjects find object count : ", results.size());
+    if (results.size() == 0) {
+      logDebug("C_FindObjects find object count 0");
+      return CKR_OK;
+    }
+    if (ulMaxObjectCount == 0) logDebug("C_FindObjects find object max count is 0 : ", ulMaxObjectCount);
+
+    CK_ULONG count = 0;
+    for (; count < ulMaxObjectCount && session.findCursor + count < results.size(); ++count) {
+      phObject[count] = results[session.findCursor + count];
+    }
+    *pulObjectCount = count;
+    for (CK_ULONG i = 0; i < count; ++i) logDebug("Find object return : ", phObject[i]);
+    session.findCursor += static_cast<std::uint32_t>(count);
+    logDebug("C_FindObjects find object count return : ", count);
+    return CKR_OK;
+  });
+}
+
+CK_RV C_FindObjectsFinal(CK_SESSION_HANDLE hSession) {
+  return sessionCall("C_FindObjectsFinal", hSession, [](const Call& call, Session& session) -> CK_RV {
+    if (session.activeOperation != Operation::search) return refuseNotInitialized(call, session);
+    session.activeOperation = Operation::none;
+    session.findCursor = 0;
+    return CKR_OK;
+  });
+}

@@ -1,0 +1,101 @@
+#define WIN32_LEAN_AND_MEAN
+#define NOMINMAX
+#include <windows.h>
+// psapi.h needs the types of windows.h.
+#include <psapi.h>
+
+#include "platform/platform.h"
+
+namespace platform {
+
+namespace {
+
+// The text of one path, of at most 32767 characters, that a system call writes and whose length it returns.
+template <typename Query>
+std::string systemText(Query query) {
+  std::string text(MAX_PATH, '\0');
+  for (;;) {
+    const DWORD length = query(text.data(), static_cast<DWORD>(text.size()));
+    if (length < text.size()) {
+      text.resize(length);
+      return text;
+    }
+    if (text.size() > 32767) return {};
+    text.resize(2 * text.size());
+  }
+}
+
+}  // namespace
+
+const char pathSeparator = '\\';
+
+std::optional<std::size_t> readRegistryValue(const char* key, const char* name, std::uint8_t* buffer,
+                                             std::size_t size) {
+  auto length = static_cast<DWORD>(size);
+  if (RegGetValueA(HKEY_LOCAL_MACHINE, key, name, RRF_RT_ANY, nullptr, buffer, &length) != ERROR_SUCCESS) {
+    return std::nullopt;
+  }
+  return length;
+}
+
+bool temporaryFolder(char* buffer, std::size_t size) {
+  const DWORD length = GetTempPathA(static_cast<DWORD>(size), buffer);
+  return length > 0 && length < size;
+}
+
+bool isFolder(const char* path) {
+  const DWORD attributes = GetFileAttributesA(path);
+  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
+void createFolder(const char* path) { CreateDirectoryA(path, nullptr); }
+
+bool appendToFile(const char* path, std::string_view text) {
+  const HANDLE file = CreateFileA(path, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_ALWAYS,
+                                  FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (file == INVALID_HANDLE_VALUE) return false;
+  DWORD written = 0;
+  WriteFile(file, text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
+  CloseHandle(file);
+  return true;
+}
+
+std::string programPath() {
+  return systemText([](char* buffer, DWORD size) { return GetModuleFileNameA(nullptr, buffer, size); });
+}
+
+std::string programName() {
+  char name[MAX_PATH];
+  const DWORD length = K32GetModuleBaseNameA(GetCurrentProcess(), nullptr, name, sizeof name);
+  return std::string(name, length);
+}
+
+std::string environmentVariable(const char* name) {
+  return systemText([name](char* buffer, DWORD size) { return GetEnvironmentVariableA(name, buffer, size); });
+}
+
+LocalTime localTime() {
+  SYSTEMTIME now;
+  GetLocalTime(&now);
+  return {now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute, now.wSecond, now.wMilliseconds};
+}
+
+void sleepMilliseconds(unsigned milliseconds) { Sleep(milliseconds); }
+
+void wipe(void* memory, std::size_t size) { SecureZeroMemory(memory, size); }
+
+void* pinModule() {
+  HMODULE module = nullptr;
+  GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, &pathSeparator, &module);
+  return module;
+}
+
+void releaseModule(void* pin) {
+  if (pin != nullptr) FreeLibrary(static_cast<HMODULE>(pin));
+}
+
+void atProcessExit(void (*)()) {}
+
+void aroundFork(void (*)(), void (*)(), void (*)()) {}
+
+}  // namespace platform

@@ -1,0 +1,144 @@
+// C_Login, C_Logout and C_SetPIN.
+#include "devlib/device_statuses.h"
+#include "sessions/session_call.h"
+#include "sessions/user_password.h"
+
+namespace {
+
+// The login kinds that the library knows.
+constexpr int userLoginKind = 1;
+constexpr int officerLoginKind = 2;
+
+// What a login does to one session of the token: its new state, and a refusal with the line to log, if any. One login
+// knows one such line.
+struct LoginEffect {
+  CK_STATE state;
+  CK_RV refusal;
+  const char* message;
+};
+
+constexpr const char* readOnlyExists = "read-only session exists, cannot log in as SO";
+
+constexpr LoginEffect userLogin[] = {
+    {CKS_RO_USER_FUNCTIONS, CKR_OK, nullptr},  // from CKS_RO_PUBLIC_SESSION
+    {CKS_RO_USER_FUNCTIONS, CKR_OK, nullptr},  // from CKS_RO_USER_FUNCTIONS
+    {CKS_RW_USER_FUNCTIONS, CKR_OK, nullptr},  // from CKS_RW_PUBLIC_SESSION
+    {CKS_RW_USER_FUNCTIONS, CKR_OK, nullptr},  // from CKS_RW_USER_FUNCTIONS
+    {CKS_RW_SO_FUNCTIONS, CKR_USER_ANOTHER_ALREADY_LOGGED_IN, "SO already logged in on another session"}};
+
+constexpr LoginEffect officerLogin[] = {{CKS_RO_PUBLIC_SESSION, CKR_SESSION_READ_ONLY_EXISTS, readOnlyExists},
+                                        {CKS_RO_USER_FUNCTIONS, CKR_SESSION_READ_ONLY_EXISTS, readOnlyExists},
+                                        {CKS_RW_SO_FUNCTIONS, CKR_OK, nullptr},  // from CKS_RW_PUBLIC_SESSION
+                                        {CKS_RW_SO_FUNCTIONS, CKR_OK, nullptr},  // from CKS_RW_USER_FUNCTIONS
+                                        {CKS_RW_SO_FUNCTIONS, CKR_USER_ALREADY_LOGGED_IN, nullptr}};
+
+// Asks the device for the password and maps its refusal.
+CK_RV validatePassword(const Call& call, const Session& session, CK_USER_TYPE userType, const Pin& pin) {
+  int retryCounter = 0;
+  const int status =
+      tavrin_validatePassword(session.deviceId(), pin.text(), userType == CKU_USER ? userLoginKind : officerLoginKind,
+                              &retryCounter, libraryInstance);
+  if (status == 0) return CKR_OK;
+  logError("Token password validation failed : ", status);
+  if (status == deviceFault) return CKR_FUNCTION_FAILED;
+  return call.refuseBare(retryCounter != 0 ? CKR_PIN_INCORRECT : CKR_PIN_LOCKED,
+                         "Token password validation failed, retry count : ", retryCounter);
+}
+
+// Raises every session of the token. Sessions that refuse do not keep the others from being raised; the last refusal
+// is the result.
+CK_RV raiseSessions(const Call& call, const Session& session, const LoginEffect (&effects)[5]) {
+  CK_RV result = CKR_OK;
+  const char* message = nullptr;
+  std::size_t messages = 0;
+  sessionTable.forEachOfDevice(session.device.serialNumber, [&](Session& other) {
+    const LoginEffect& effect = effects[other.state];
+    other.state = effect.state;
+    if (effect.refusal != CKR_OK) result = effect.refusal;
+    if (!effect.message) return;
+    message = effect.message;
+    ++messages;
+  });
+  for (; messages > 0; --messages) call.refuse(result, message);
+  return result;
+}
+
+bool pinLengthIsBad(CK_ULONG length) { return length < minimumPinLength || length > maximumPinLength; }
+
+}  // namespace
+
+CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR pPin, CK_ULONG ulPinLen) {
+  return sessionCall("C_Login", hSession, [&](const Call& call, Session& session) -> CK_RV {
+    if (userType != CKU_USER && userType != CKU_SO) {
+      return call.refuse(CKR_USER_TYPE_INVALID, "unsupported userType=", userType);
+    }
+    if (userType == CKU_USER && session.isUserSession()) {
+      logDebug("C_Login: User already logged in");
+      return CKR_USER_ALREADY_LOGGED_IN;
+    }
+    if (!pPin) return call.refuse(CKR_ARGUMENTS_BAD, "pPin is NULL");
+    if (pinLengthIsBad(ulPinLen)) {
+      return call.refuse(CKR_PIN_LEN_RANGE, "pin length out of range, ulPinLen=", ulPinLen);
+    }
+
+    const Pin pin(pPin, ulPinLen);
+    // The password of a user who is logged in already is taken for every token without asking its device.
+    if (userType != CKU_USER || !userPassword.equals(pin)) {
+      const CK_RV refusal = validatePassword(call, session, userType, pin);
+      if (refusal != CKR_OK) return refusal;
+    }
+    if (userType == CKU_USER) userPassword.set(pin);
+
+    logDebug("Login state : ", session.state.load());
+    const CK_RV result = raiseSessions(call, session, userType == CKU_USER ? userLogin : officerLogin);
+    logDebug("Login end result : ", result);
+    return result;
+  });
+}
+
+CK_RV C_Logout(CK_SESSION_HANDLE hSession) {
+  return sessionCall("C_Logout", hSession, [](const Call& call, Session& session) -> CK_RV {
+    const CK_STATE state = session.state;
+    if (state == CKS_RO_PUBLIC_SESSION || state == CKS_RW_PUBLIC_SESSION) {
+      return call.refuse(CKR_USER_NOT_LOGGED_IN, "user not logged in, session state=", state);
+    }
+
+    sessionTable.forEachOfDevice(session.device.serialNumber, [](Session& other) {
+      if (other.state == CKS_RO_USER_FUNCTIONS) other.state = CKS_RO_PUBLIC_SESSION;
+      if (other.state == CKS_RW_USER_FUNCTIONS || other.state == CKS_RW_SO_FUNCTIONS) {
+        other.state = CKS_RW_PUBLIC_SESSION;
+      }
+    });
+    userPassword.clear();
+    logDebug("C_Logout end");
+    return CKR_OK;
+  });
+}
+
+CK_RV C_SetPIN(CK_SESSION_HANDLE hSession, CK_UTF8CHAR_PTR pOldPin, CK_ULONG ulOldLen, CK_UTF8CHAR_PTR pNewPin,
+               CK_ULONG ulNewLen) {
+  return sessionCall("C_SetPIN", hSession, [&](const Call& call, const Session& session) -> CK_RV {
+    const CK_STATE state = session.state;
+    if (state == CKS_RO_PUBLIC_SESSION || state == CKS_RO_USER_FUNCTIONS) {
+      return call.refuse(CKR_SESSION_READ_ONLY, "session is read-only, state=", state);
+    }
+    if (!pOldPin) return call.refuse(CKR_ARGUMENTS_BAD, "pOldPin is NULL");
+    if (pinLengthIsBad(ulOldLen)) {
+      return call.refuse(CKR_PIN_LEN_RANGE, "old pin length out of range, ulOldLen=", ulOldLen);
+    }
+    if (!pNewPin) return call.refuse(CKR_ARGUMENTS_BAD, "pNewPin is NULL");
+    if (pinLengthIsBad(ulNewLen)) {
+      return call.refuse(CKR_PIN_LEN_RANGE, "new pin length out of range, ulNewLen=", ulNewLen);
+    }
+
+    const Pin oldPin(pOldPin, ulOldLen);
+    const Pin newPin(pNewPin, ulNewLen);
+    int failureCounter = 0;
+    if (!tavrin_changeUserPassword(session.deviceId(), oldPin.text(), newPin.text(), &failureCounter, false, false,
+                                   libraryInstance)) {
+      return call.refuse(CKR_FUNCTION_FAILED, "tavrin_changeUserPassword failed, failureCount=", failureCounter);
+    }
+    userPassword.replace(newPin);
+    return CKR_OK;
+  });
+}

@@ -1,0 +1,48 @@
+// All open sessions, of all slots.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "sessions/session.h"
+
+inline constexpr CK_SESSION_HANDLE firstSessionHandle = 0x60000001;
+
+// Safe from any thread; the lock is held for the table's own work only. A session that is closed while another thread
+// works on it lives until that thread lets go of it.
+class SessionTable {
+ public:
+  // Null for an unknown handle.
+  std::shared_ptr<Session> find(CK_SESSION_HANDLE handle) const;
+
+  // Gives the session its handle, the largest in use plus one, and stores it; 0 when no handle is left.
+  CK_SESSION_HANDLE insert(std::shared_ptr<Session> session);
+
+  void erase(CK_SESSION_HANDLE handle);
+  void clear();
+
+  // Visits every session in ascending handle order under the table's lock: the visitor neither logs nor calls out.
+  template <typename Visitor>
+  void forEach(Visitor&& visit) const {
+    const std::lock_guard lock(mutex_);
+    for (const auto& [handle, session] : sessions_) visit(*session);
+  }
+
+  // The same for the sessions of one token, named by its device identifier.
+  template <typename Visitor>
+  void forEachOfDevice(const std::string& serialNumber, Visitor&& visit) const {
+    forEach([&](Session& session) {
+      if (session.device.serialNumber == serialNumber) visit(session);
+    });
+  }
+
+  std::mutex& mutex() { return mutex_; }
+
+ private:
+  mutable std::mutex mutex_;
+  std::map<CK_SESSION_HANDLE, std::shared_ptr<Session>> sessions_;
+};
+
+extern SessionTable& sessionTable;

@@ -1,0 +1,51 @@
+// PINs in memory, and the one password that the module keeps while a user is logged in.
+#pragma once
+
+#include <array>
+#include <mutex>
+
+#include "devlib/records.h"
+
+// One PIN in a buffer of its own, which is wiped when it goes.
+class Pin {
+ public:
+  Pin() = default;
+  // At most maximumPinLength bytes; what stands beyond is dropped.
+  Pin(const CK_UTF8CHAR* bytes, CK_ULONG length);
+  Pin(const Pin&) = default;
+  Pin& operator=(const Pin&) = default;
+  ~Pin() { wipe(); }
+
+  bool isEmpty() const { return length_ == 0; }
+  const char* text() const { return text_.data(); }  // ends in NUL
+  void wipe();
+
+  friend bool operator==(const Pin& left, const Pin& right);
+
+ private:
+  std::array<char, maximumPinLength + 1> text_{};
+  std::size_t length_ = 0;
+};
+
+// The password of the last successful user login, for the whole module: empty means that no user is logged in. Safe
+// from any thread.
+class UserPassword {
+ public:
+  bool isEmpty() const;
+  bool equals(const Pin& pin) const;
+  // A copy to hand to the device library, wiped when it goes.
+  Pin copy() const;
+
+  void set(const Pin& pin);
+  // Sets the password only while one is kept.
+  void replace(const Pin& pin);
+  void clear();
+
+  std::mutex& mutex() { return mutex_; }
+
+ private:
+  mutable std::mutex mutex_;
+  Pin pin_;
+};
+
+extern UserPassword& userPassword;

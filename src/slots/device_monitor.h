@@ -1,0 +1,36 @@
+// The thread that watches the connected devices, and the slot events that it raises.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <thread>
+
+#include "pkcs11.h"
+
+// How often the devices are listed, in milliseconds, and the longest sleep in between: a stop waits no longer.
+inline constexpr unsigned pollPeriod = 1000;
+inline constexpr unsigned sleepSlice = 50;
+
+struct DeviceMonitor {
+  std::thread monitorThread;            // touched by C_Initialize and C_Finalize only; empty when no monitor runs
+  void* pin = nullptr;                  // keeps the module loaded from before the thread starts until it is joined
+  std::atomic<bool> monitorRunning{};   // from the start of the thread until its loop ends
+  std::atomic<bool> stopRequested{};    // ends the loop and releases blocked waiters
+  std::atomic<bool> eventPending{};     // several changes between two collections are one event
+  std::atomic<CK_SLOT_ID> eventSlot{};  // the slot of the pending event
+  std::atomic<std::uint64_t> stops{};   // how often a monitor was stopped: a waiter sees a stop that a start followed
+  std::mutex eventMutex;                // guards the wait below; never held together with another lock
+  std::condition_variable eventCondition;  // blocked C_WaitForSlotEvent callers sleep on it
+};
+
+extern DeviceMonitor& deviceMonitor;
+
+// Starts the thread, which needs `libraryInstance` set or null for good. Throws std::system_error, with nothing
+// started, when the thread cannot be made. No monitor may be running.
+void startDeviceMonitor();
+
+// Wakes every waiter of C_WaitForSlotEvent, ends the thread and waits for it: for the library's current listing of
+// devices and at most one slice of sleep.
+void stopDeviceMonitor();

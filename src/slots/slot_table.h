@@ -1,0 +1,33 @@
+// The slots: one for each connected device that was there when an application last fetched the slot list.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "devlib/device_library.h"
+#include "pkcs11.h"
+
+inline constexpr CK_SLOT_ID firstSlotId = 0x50000001;
+
+// Safe from any thread; the lock is held for the table's own work only.
+class SlotTable {
+ public:
+  using Entries = std::map<std::string, TokenInfo>;  // by device name, in byte order
+
+  // The entry that the slot ID names, counted in name order; nothing for an ID outside the table.
+  std::optional<TokenInfo> find(CK_SLOT_ID slotID) const;
+
+  void replace(Entries entries);
+  void clear() { replace({}); }
+
+  std::mutex& mutex() { return mutex_; }
+
+ private:
+  mutable std::mutex mutex_;
+  Entries entries_;
+};
+
+extern SlotTable& slotTable;

@@ -1,0 +1,19 @@
+// What the slots ask of the sessions on their tokens. The session folder stands above this one and answers.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "pkcs11.h"
+
+struct PublicSessionCounts {
+  CK_ULONG readOnly;
+  CK_ULONG readWrite;
+};
+
+// How many sessions, over all slots, are in each public state; logged-in sessions are in neither count.
+PublicSessionCounts countPublicSessions();
+
+// Lowers every user session whose device is not among the connected ones to its public state and forgets the user's
+// password if there was such a session.
+void logOutSessionsWithoutDevice(const std::vector<std::string>& connectedDevices);
