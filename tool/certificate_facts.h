@@ -1,0 +1,31 @@
+// What an administrator asks of a certificate.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "softtoken/bytes.h"
+
+namespace tool {
+
+constexpr int warningDays = 30;  // before a certificate expires
+
+enum class Validity { good, notYet, expiresSoon, expired, unknown };
+
+struct CertificateFacts {
+  std::string subject;  // whole name texts, CN=Example Root,O=Example,C=IN
+  std::string issuer;
+  std::string notBefore;  // YYYY-MM-DD in UTC; empty when the certificate does not tell
+  std::string notAfter;
+  std::int64_t daysLeft = 0;  // whole days until it expires, negative from a day after
+  Validity validity = Validity::unknown;
+  softtoken::Bytes publicKeyInfo;  // the DER SubjectPublicKeyInfo
+};
+
+// As of now; nothing for anything but one whole certificate.
+std::optional<CertificateFacts> readFacts(softtoken::ByteView der);
+
+// Whether the certificate is for this public key: an RSA modulus or an EC point, without DER around it.
+bool holdsKey(const CertificateFacts& facts, softtoken::ByteView publicKey);
+
+}  // namespace tool

@@ -1,0 +1,117 @@
+#include <windows.h>
+// After windows.h, on which it depends.
+#include <shellapi.h>
+
+#include <iterator>
+
+#include "softtoken/failure.h"
+#include "tool/console.h"
+
+namespace tool {
+namespace {
+
+using softtoken::Failure;
+using softtoken::SecretBytes;
+using softtoken::Status;
+using SecretWide = std::vector<wchar_t, softtoken::WipingAllocator<wchar_t>>;
+
+template <class Container>
+Container toUtf8(const wchar_t* text, std::size_t length) {
+  const auto count = static_cast<int>(length);
+  Container result(
+      static_cast<std::size_t>(::WideCharToMultiByte(CP_UTF8, 0, text, count, nullptr, 0, nullptr, nullptr)));
+  ::WideCharToMultiByte(CP_UTF8, 0, text, count, reinterpret_cast<char*>(result.data()),
+                        static_cast<int>(result.size()), nullptr, nullptr);
+  return result;
+}
+
+std::string utf8Text(const wchar_t* text, std::size_t length) {
+  const auto bytes = toUtf8<std::vector<char>>(text, length);
+  return {bytes.begin(), bytes.end()};
+}
+
+// The console with its echo off. An interrupt may end the process there, as shells set the console's mode anew.
+class SilentTerminal {
+ public:
+  SilentTerminal() : input_(open(L"CONIN$")), output_(open(L"CONOUT$")) {
+    if (!::GetConsoleMode(input_, &before_))
+      throw Failure(Status::badArgument, "there is no terminal to ask for a password");
+    ::SetConsoleMode(input_, ENABLE_LINE_INPUT | ENABLE_PROCESSED_INPUT);
+  }
+  ~SilentTerminal() {
+    if (before_ != 0) ::SetConsoleMode(input_, before_);
+    ::CloseHandle(input_);
+    ::CloseHandle(output_);
+  }
+  SilentTerminal(const SilentTerminal&) = delete;
+  SilentTerminal& operator=(const SilentTerminal&) = delete;
+
+  void write(const std::string& text) const {
+    DWORD written = 0;
+    ::WriteFile(output_, text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
+  }
+
+  SecretBytes readLine() const {
+    SecretWide line;
+    wchar_t letter = 0;
+    DWORD count = 0;
+    while (::ReadConsoleW(input_, &letter, 1, &count, nullptr) && count == 1 && letter != L'\r' && letter != L'\n') {
+      line.push_back(letter);
+    }
+    return toUtf8<SecretBytes>(line.data(), line.size());
+  }
+
+ private:
+  static HANDLE open(const wchar_t* name) {
+    return ::CreateFileW(name, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                         0, nullptr);
+  }
+
+  HANDLE input_;
+  HANDLE output_;
+  DWORD before_ = 0;
+};
+
+}  // namespace
+
+void prepareConsole() { ::SetConsoleOutputCP(CP_UTF8); }
+
+std::vector<std::string> commandLine(int argc, char** argv) {
+  int count = 0;
+  wchar_t** words = ::CommandLineToArgvW(::GetCommandLineW(), &count);
+  if (!words) return {argv, argv + argc};
+  std::vector<std::string> result;
+  for (int i = 0; i < count; ++i) result.push_back(utf8Text(words[i], std::wstring_view(words[i]).size()));
+  ::LocalFree(words);
+  return result;
+}
+
+std::optional<SecretBytes> secretVariable(const char* name) {
+  const std::wstring wideName(name, name + std::string_view(name).size());
+  SecretWide value(::GetEnvironmentVariableW(wideName.c_str(), nullptr, 0));
+  if (value.empty()) return std::nullopt;
+  const DWORD length = ::GetEnvironmentVariableW(wideName.c_str(), value.data(), static_cast<DWORD>(value.size()));
+  return toUtf8<SecretBytes>(value.data(), length);
+}
+
+SecretBytes askSecret(const std::string& question) {
+  const SilentTerminal terminal;
+  terminal.write(question);
+  SecretBytes answer = terminal.readLine();
+  terminal.write("\r\n");
+  return answer;
+}
+
+bool inputIsTerminal() {
+  DWORD mode = 0;
+  return ::GetConsoleMode(::GetStdHandle(STD_INPUT_HANDLE), &mode) != 0;
+}
+
+bool outputTakesColour() {
+  HANDLE output = ::GetStdHandle(STD_OUTPUT_HANDLE);
+  DWORD mode = 0;
+  if (::GetEnvironmentVariableW(L"NO_COLOR", nullptr, 0) > 1 || !::GetConsoleMode(output, &mode)) return false;
+  return ::SetConsoleMode(output, mode | ENABLE_PROCESSED_OUTPUT | ENABLE_VIRTUAL_TERMINAL_PROCESSING) != 0;
+}
+
+}  // namespace tool

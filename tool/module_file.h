@@ -1,0 +1,30 @@
+// Shared libraries as an application loads them. module_file_posix.cpp and module_file_windows.cpp hold the same
+// functions in the same order.
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+namespace tool {
+
+extern const char* const moduleFileName;
+extern const char* const deviceLibraryFileName;
+
+// The folder of this program's file.
+std::filesystem::path programFolder();
+
+// The library's own neighbours are found too. Throws Failure with the system's reason.
+void* loadLibrary(const std::filesystem::path& file);
+void unloadLibrary(void* library);
+
+// Null for a name that the library does not export.
+void* findFunction(void* library, const char* name);
+
+// The file behind a loaded library, as the loader reports it; empty when it does not.
+std::string fileOfFunction(void* function);
+std::string fileOfLibrary(const char* fileName);
+
+// The version in the file's resources, such as 3.6.0.0; empty when it has none, and on systems without resources.
+std::string fileVersion(const std::string& file);
+
+}  // namespace tool

@@ -1,0 +1,60 @@
+// What an application sees of the module and its tokens without a password.
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "softtoken/bytes.h"
+
+namespace tool {
+
+struct PublicKey {
+  std::string type;  // RSA 2048, P-256
+  std::string label;
+  softtoken::Bytes id;
+  softtoken::Bytes value;  // RSA modulus or EC point, without DER around it
+};
+
+struct StoredCertificate {
+  std::string label;
+  softtoken::Bytes id;
+  softtoken::Bytes der;
+};
+
+enum class TriesLeft { many, few, none };
+
+struct ProbedToken {
+  std::string label;
+  std::string serial;
+  std::string firmware;
+  TriesLeft tries = TriesLeft::many;
+  std::optional<unsigned> exactTries;  // known for software tokens alone
+  std::vector<PublicKey> keys;
+  std::vector<StoredCertificate> certificates;
+  std::string problem;  // why it cannot be used; empty when it can
+};
+
+struct LoadedFile {
+  std::string path;     // as the system's loader reports it; empty: not loaded
+  std::string version;  // of the file's resources; empty: none
+};
+
+struct ProbedModule {
+  LoadedFile module;
+  LoadedFile deviceLibrary;
+  std::string libraryVersion;  // as the module itself tells
+  std::string cryptokiVersion;
+  std::vector<ProbedToken> tokens;
+  std::string problem;
+};
+
+// The module beside this program, or where the installation has put it.
+std::filesystem::path defaultModule();
+
+// Loads and initialises the module, looks at every token in a session without login, and unloads it. What goes wrong is
+// in the result.
+ProbedModule probeModule(const std::filesystem::path& file);
+
+}  // namespace tool

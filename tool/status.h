@@ -1,0 +1,59 @@
+// tavrin-tool status: whether the module, the tokens and their certificates are fit for use, and where to look if not.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tool/certificate_facts.h"
+#include "tool/log_files.h"
+#include "tool/module_probe.h"
+
+namespace tool {
+
+enum class Chain { complete, selfSigned, incomplete };
+
+struct CertificateStatus {
+  std::string label;
+  std::optional<CertificateFacts> facts;  // nothing: unreadable
+  Chain chain = Chain::incomplete;
+  std::string missingIssuer;  // of an incomplete chain
+  bool hasKey = false;
+};
+
+struct KeyStatus {
+  const PublicKey* key;
+  std::vector<std::size_t> certificates;  // their places in the token's list
+};
+
+struct TokenStatus {
+  const ProbedToken* token;
+  std::vector<KeyStatus> keys;
+  std::vector<CertificateStatus> certificates;
+};
+
+// Everything that the report shows. Pointers lead into `module`.
+struct SystemStatus {
+  ProbedModule module;
+  std::vector<TokenStatus> tokens;
+  std::string caFolder;
+  std::size_t caCertificates = 0;
+  int logLevel = 0;
+  std::string logFolder;
+  std::vector<LogFile> logFiles;  // today's
+  std::vector<std::string> problems;
+  std::vector<std::string> warnings;
+
+  SystemStatus() = default;
+  SystemStatus(const SystemStatus&) = delete;
+  SystemStatus& operator=(const SystemStatus&) = delete;
+
+  // 1 with problems, 3 with warnings alone, else 0.
+  int exitCode() const { return !problems.empty() ? 1 : !warnings.empty() ? 3 : 0; }
+};
+
+extern const char* const statusUsage;
+
+// Carries out the words behind "status" and returns the exit code. Throws UsageError.
+int runStatusCommand(const std::vector<std::string>& words);
+
+}  // namespace tool

@@ -1,0 +1,24 @@
+// Text for people: tables, hexadecimal, and what may safely reach a terminal.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "softtoken/bytes.h"
+
+namespace tool {
+
+// Upper-case digits without separators.
+std::string hexOf(softtoken::ByteView bytes);
+
+// Every byte that is no part of well-formed UTF-8 becomes a replacement character.
+std::string validUtf8(std::string_view text);
+
+// One line for a terminal: valid UTF-8 in which no control character is left to act.
+std::string printable(std::string_view text);
+
+// To the standard output, in columns. All rows have as many cells as the first.
+void printTable(const std::vector<std::vector<std::string>>& rows);
+
+}  // namespace tool
