@@ -1,0 +1,23 @@
+#include <windows.h>
+
+#include <filesystem>
+#include <stdexcept>
+
+#include "load_module.h"
+
+void* openLibrary(const std::string& path) {
+  // The device library lies beside the module; Windows looks there too when it is asked to and given a full path.
+  const std::string fullPath = std::filesystem::absolute(path).string();
+  HMODULE library =
+      LoadLibraryExA(fullPath.c_str(), nullptr, LOAD_LIBRARY_SEARCH_DEFAULT_DIRS | LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR);
+  if (!library) {
+    throw std::runtime_error("cannot load " + fullPath + ": Windows error " + std::to_string(GetLastError()));
+  }
+  return library;
+}
+
+void* findFunction(void* library, const char* name) {
+  return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(library), name));
+}
+
+void closeLibrary(void* library) { FreeLibrary(static_cast<HMODULE>(library)); }
