@@ -1,0 +1,37 @@
+#!/bin/bash
+# The guides in docs/: every command in a block marked "sh" or "bat" is run, each guide in a folder that looks like the
+# project's. The packages' names and the Wine prefix are the only things that are prepared for them.
+source "$(dirname "$0")/lib.sh"
+top=$(cd "$here/../.." && pwd)
+prefix=$windows/wine-prefix
+unset TAVRIN_HOME JAVA_TOOL_OPTIONS
+
+# blocks FILE: the shell's commands as they stand, Windows' commands as calls of the function below.
+blocks() {
+  awk '/^```sh$/ {kind = "sh"; next} /^```bat$/ {kind = "bat"; next} /^```/ {kind = ""; next}
+       kind == "sh" {print} kind == "bat" {print "windowsCommand <<'"'COMMAND'"'\n" $0 "\nCOMMAND"}' "$1"
+}
+windowsCommand() {
+  local command
+  read -r command
+  # Through a file, since the shell of Windows has quotes of its own.
+  printf '@%s\r\n' "$command" >command.bat
+  "$top/scripts/wine.sh" cmd /c command.bat </dev/null
+}
+export -f windowsCommand
+export top
+
+for guide in application-developers administrators maker-engineers; do
+  folder=$work/$guide
+  mkdir -p "$folder/build" "$work/tokens-$guide"
+  for entry in CMakeLists.txt CMakePresets.json cmake include src softtoken tool examples packaging scripts; do
+    ln -s "$top/$entry" "$folder/$entry"
+  done
+  ln -s "$linux" "$folder/build/linux"
+  ln -s "$windows" "$folder/build/windows"
+  quietly "$top/packaging/windows/package.sh" "$windows" "$folder"
+  blocks "$top/docs/$guide.md" >"$folder/commands"
+  count=$(grep -c . "$folder/commands")
+  check "docs/$guide.md: $count lines of commands" \
+    env TAVRIN_SOFT_TOKENS="$work/tokens-$guide" WINEPREFIX="$prefix" bash -c "cd '$folder' && set -euxo pipefail && . ./commands"
+done

@@ -1,0 +1,155 @@
+# Sourced by the script of every client, which is called as SCRIPT BUILD_DIR_LINUX BUILD_DIR_WINDOWS. It gives the script a
+# working folder with a home, a log and a token of its own. Every check prints a line that begins with "ok: " or "FAILED: ";
+# anything else that fails ends the script.
+set -euo pipefail
+exec </dev/null
+export LC_ALL=C.UTF-8
+here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+linux=$(cd "${1:?the folder of the Linux build is missing}" && pwd)
+windows=$(cd "${2:?the folder of the Windows build is missing}" && pwd)
+tool=$linux/bin/tavrin-tool
+module=$linux/bin/libtavrin-pkcs11.so
+work=$(mktemp -d /tmp/tavrin-client.XXXXXX)
+servers=()
+
+cleanup() {
+  [[ ${#servers[@]} == 0 ]] || kill "${servers[@]}" 2>/dev/null || true
+  rm -rf "$work"
+}
+trap cleanup EXIT
+trap 'exit 1' INT TERM
+
+userHome=$HOME # where npm finds its settings
+mkdir "$work"/{home,tmp,tokens,tavrin-home}
+export HOME=$work/home TMPDIR=$work/tmp TAVRIN_SOFT_TOKENS=$work/tokens TAVRIN_HOME=$work/tavrin-home
+export TAVRIN_REGISTRY=$work/registry
+unset XDG_DATA_HOME XDG_CONFIG_HOME OPENSSL_CONF SSH_AUTH_SOCK
+cd "$work"
+
+# The PIN lies in a file, with and without a line end, and in the environment, never in an argument.
+PIN=$(openssl rand -hex 6)
+export PIN
+echo "$PIN" >pin
+printf %s "$PIN" >bare-pin
+openssl rand -hex 6 >so-pin
+echo "A document that somebody signs." >document
+
+passed() { echo "ok: $1"; }
+failed() {
+  echo "FAILED: $1"
+  sed 's/^/    /' "$work/output"
+}
+
+# check WHAT COMMAND...: the command succeeds.
+check() {
+  local what=$1
+  shift
+  if "$@" >"$work/output" 2>&1; then passed "$what"; else failed "$what"; fi
+}
+
+# shows WHAT PATTERN COMMAND...: the command succeeds, and a line of its output matches the pattern.
+shows() {
+  local what=$1 pattern=$2
+  shift 2
+  if "$@" >"$work/output" 2>&1 && grep -qE -- "$pattern" "$work/output"; then passed "$what"; else failed "$what"; fi
+}
+
+# refuses WHAT PATTERN COMMAND...: the command fails, and a line of its output matches the pattern.
+refuses() {
+  local what=$1 pattern=$2
+  shift 2
+  if ! "$@" >"$work/output" 2>&1 && grep -qE -- "$pattern" "$work/output"; then passed "$what"; else failed "$what"; fi
+}
+
+# quietly COMMAND...: preparation, whose output matters only when it fails.
+quietly() {
+  "$@" >"$work/output" 2>&1 && return
+  failed "preparation: $*"
+  exit 1
+}
+
+# background COMMAND...: ends with the script.
+background() {
+  "$@" >"$work/server-output" 2>&1 &
+  servers+=($!)
+}
+
+# eventually COMMAND...: succeeds within ten seconds; shows what the last attempt printed.
+eventually() {
+  local result=1
+  for _ in {1..100}; do
+    if "$@" >"$work/attempt" 2>&1; then
+      result=0
+      break
+    fi
+    sleep 0.1
+  done
+  cat "$work/attempt"
+  return $result
+}
+
+port() { echo $((20000 + RANDOM % 10000)); }
+
+loggedIn() { pkcs11-tool --module "$module" --login --pin env:PIN "$@"; }
+
+# publicKey ID FILE: not with pkcs11-tool, since that of OpenSC 0.23 uses freed memory when it reads EC keys.
+publicKey() { p11tool --provider "$module" --batch --export "pkcs11:id=%$1;type=public" --outfile "$2"; }
+
+# A token with an RSA key of ID 01 and a P-256 key of ID 02, labelled "rsa" and "ec"; their public keys are in rsa.pem, ec.pem.
+createToken() { quietly "$tool" token create client --label "Client token" --pin-file pin --so-pin-file so-pin; }
+generate() { # ID LABEL TYPE
+  quietly loggedIn --keypairgen --id "$1" --label "$2" --key-type "$3"
+  quietly publicKey "$1" "$2.pem"
+}
+createTokenWithKeys() {
+  createToken
+  generate 01 rsa rsa:2048
+  generate 02 ec EC:prime256v1
+}
+
+# The configuration by which OpenSSL's engine finds the module, and the URIs of the keys with their PIN's file.
+configureEngine() {
+  cat >engine.cnf <<END
+openssl_conf = start
+[start]
+engines = engines
+[engines]
+pkcs11 = tavrin
+[tavrin]
+engine_id = pkcs11
+MODULE_PATH = $module
+init = 0
+[req]
+distinguished_name = name
+[name]
+END
+  rsaKey="pkcs11:object=rsa;type=private;pin-source=file:$work/bare-pin"
+  ecKey="pkcs11:object=ec;type=private;pin-source=file:$work/bare-pin"
+}
+withEngine() { OPENSSL_CONF=$work/engine.cnf openssl "$1" -engine pkcs11 "${@:2}"; }
+
+# selfSigned KEY CERTIFICATE SUBJECT [OPTION...]: through the engine.
+selfSigned() {
+  withEngine req -keyform engine -new -x509 -key "$1" -out "$2" -subj "$3" -days 30 "${@:4}"
+}
+verifySignature() { # PUBLIC-KEY SIGNATURE [OPTION...]
+  openssl dgst -verify "$1" -signature "$2" "${@:3}" document
+}
+verifyCms() { # FILE CERTIFICATE [OPTION...]
+  openssl cms -verify -binary -inform DER -in "$1" -CAfile "$2" -purpose any -out verified "${@:3}" && cmp verified document
+}
+
+# Windows programs run under Wine in a prefix that lasts from one run to the next. They see the same folders by other names.
+startWine() {
+  export WINEPREFIX=$windows/wine-prefix TAVRIN_SOFT_TOKENS=Z:$work/tokens TAVRIN_HOME=Z:$work/tavrin-home
+  [[ -f $WINEPREFIX/system.reg ]] || quietly wine wineboot -i
+  quietly wine winecfg -v win10
+}
+# Programs write into a file, as some of them cannot do with a pipe.
+wine() {
+  local result=0
+  "$here/../../scripts/wine.sh" "$@" >"$work/wine-output" 2>"$work/wine-errors" || result=$?
+  tr -d '\r' <"$work/wine-output"
+  [[ $result == 0 ]] || cat "$work/wine-errors"
+  return $result
+}

@@ -1,0 +1,70 @@
+// Brings the module into a state and then leaves in one of the ways in which processes end, with exit code 42 and
+// without finalising: lifecycle_child STATE WAY. It says "leaving" just before it does.
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <thread>
+
+#include "token_session.h"
+
+namespace {
+
+constexpr int exitCode = 42;
+
+CK_FUNCTION_LIST* functions = nullptr;
+
+void enter(const char* state, void* library) {
+  const auto is = [state](const char* name) { return std::strcmp(state, name) == 0; };
+  check(reinterpret_cast<CK_C_GetFunctionList>(findFunction(library, "C_GetFunctionList"))(&functions),
+        "C_GetFunctionList");
+  if (is("loaded")) return;
+  // It holds the module a second time, so that the states below can be reached with the usual helpers. It is never
+  // destroyed: that would finalise the module.
+  static TokenSession* const token = new TokenSession;
+  closeLibrary(library);
+  if (is("initialised")) return;
+  check(token->login(), "C_Login");
+  if (is("signing")) {
+    CK_MECHANISM mechanism = {CKM_SHA256_RSA_PKCS, nullptr, 0};
+    check(functions->C_SignInit(token->handle, &mechanism, token->find(CKO_PRIVATE_KEY, "key")), "C_SignInit");
+  }
+  if (is("waiting")) {
+    CK_SLOT_ID slot = 0;
+    check(functions->C_WaitForSlotEvent(0, &slot, nullptr), "C_WaitForSlotEvent");
+    std::thread([] {
+      CK_SLOT_ID other = 0;
+      functions->C_WaitForSlotEvent(0, &other, nullptr);
+    }).detach();
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+}
+
+void leave(const char* way, void* library) {
+  std::printf("leaving\n");
+  std::fflush(stdout);
+  const auto is = [way](const char* name) { return std::strcmp(way, name) == 0; };
+  if (is("exit")) std::exit(exitCode);
+  if (is("_exit")) std::_Exit(exitCode);
+  if (is("unload")) {
+    closeLibrary(library);
+    // Longer than the monitor sleeps, so that it wakes in a module that the application has let go of.
+    std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 3) return 2;
+  try {
+    void* library = openLibrary(setting("E2E_MODULE"));
+    enter(argv[1], library);
+    leave(argv[2], library);
+    return exitCode;
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "lifecycle_child: %s\n", error.what());
+    return 1;
+  }
+}

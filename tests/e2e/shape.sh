@@ -1,0 +1,41 @@
+#!/bin/bash
+# What the built libraries show to the outside: they export the functions of the standard and the three extra ones, and
+# they need nothing but the system's own libraries and each other. On Windows they tell who made them.
+source "$(dirname "$0")/common.sh"
+
+sed -n 's/^  F(\(C_[A-Za-z]*\),.*/\1/p' "$here/../../include/pkcs11f.h" >functions
+[[ $(wc -l <functions) == 68 ]] || fail "include/pkcs11f.h lists $(wc -l <functions) functions"
+
+if [[ $E2E_SYSTEM == Windows ]]; then
+  extra='?C_EjectToken@@YAKK@Z ?C_GetUnmanagedStructSizeList@@YAKPEAK0@Z ?C_InteractiveLogin@@YAKK@Z'
+  system='kernel32 msvcrt advapi32 psapi version bcrypt shell32 user32 ws2_32 ucrtbase'
+  exports() { objdump -p "$1" | awk '/\[Ordinal\/Name Pointer\] Table/ {on = 1; next} NF == 0 {on = 0} on {print $NF}'; }
+  imports() { objdump -p "$1" | sed -n 's/.*DLL Name: \(.*\)\.[dD][lL][lL].*/\1/p'; }
+  allowed=TavrinDSCLibrary
+else
+  extra='C_EjectToken C_GetUnmanagedStructSizeList C_InteractiveLogin'
+  system='libc.so.6 libm.so.6 libstdc++.so.6 libgcc_s.so.1 ld-linux-x86-64.so.2 libasan.so.8 libubsan.so.1 libtsan.so.2'
+  exports() { nm -D --defined-only "$1" | awk '$2 == "T" || $2 == "W" {print $3}' | c++filt -p; }
+  imports() { objdump -p "$1" | sed -n 's/.*NEEDED *//p'; }
+  allowed=libTavrinDSCLibrary.so
+fi
+
+printf '%s\n' $extra | cat functions - | LC_ALL=C sort >expected
+exports "$library" | LC_ALL=C sort >found
+diff -u expected found || fail "the module's exports differ from include/pkcs11f.h"
+
+# foreign LIBRARY [ALLOWED...]: what it imports besides the system's own libraries.
+foreign() {
+  imports "$1" | tr '[:upper:]' '[:lower:]' | grep -vxF -f <(printf '%s\n' $system "${@:2}" | tr '[:upper:]' '[:lower:]') |
+    tr '\n' ' '
+}
+[[ -n $(imports "$library") ]] || fail "no imports found"
+[[ -z $(foreign "$library" $allowed) ]] || fail "the module needs $(foreign "$library" $allowed)"
+if [[ $E2E_SYSTEM == Windows ]]; then
+  [[ -z $(foreign "$deviceLibrary") ]] || fail "the software token needs $(foreign "$deviceLibrary")"
+  texts=$(strings -n 3 -el "$library" | tr '\n' ' ')
+  for text in 'CompanyName Quorvane Telemantix' 'ProductName Tavrin PKCS11 Library' 'FileVersion 3.6' 'ProductVersion 3.6'; do
+    [[ $texts == *"$text "* ]] || fail "the version resource lacks $text"
+  done
+fi
+echo "68 functions, 3 extra ones, and $(imports "$library" | tr '\n' ' ')"

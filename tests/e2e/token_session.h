@@ -1,0 +1,41 @@
+// A client's view of the token that a script has prepared: the module loaded, one session, the calls with their usual
+// arguments. Failures throw, so that a test that depends on a call stops there.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "load_module.h"
+#include "public_key.h"
+
+// The value of a variable that the script sets; throws when it is missing.
+std::string setting(const char* name);
+
+// Files of the script's working folder, which is the current one.
+Bytes readFile(const std::string& name);
+void writeFile(const std::string& name, const Bytes& contents);
+
+class TokenSession {
+ public:
+  // A read-write session on the first token.
+  TokenSession();
+
+  CK_RV login();
+  CK_STATE state();
+
+  std::vector<CK_OBJECT_HANDLE> findAll(CK_OBJECT_CLASS objectClass, const std::string& label);  // no label: any
+  CK_OBJECT_HANDLE find(CK_OBJECT_CLASS objectClass, const std::string& label);                  // 0: there is none
+  Bytes attribute(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type);
+  void generate(const std::string& label, const Bytes& curve);  // an empty curve: RSA 2048
+
+  // Signing, encrypting and decrypting share their calls' shapes: compute(module->C_SignInit, module->C_Sign, ...).
+  Bytes compute(CK_C_SignInit init, CK_C_Sign call, CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key,
+                const Bytes& data);
+  Bytes sign(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key, const Bytes& data);
+  Bytes signInParts(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key, const Bytes& data);
+  CK_RV verify(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key, const Bytes& data, const Bytes& signature);
+  CK_RV verifyInParts(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key, const Bytes& data, const Bytes& signature);
+
+  CryptokiModule module;
+  CK_SESSION_HANDLE handle = CK_INVALID_HANDLE;
+};

@@ -1,0 +1,116 @@
+#include "soft_token_fixture.h"
+
+#include <algorithm>
+
+#include "test_platform.h"
+#include "vectors.h"
+
+namespace fs = std::filesystem;
+
+Bytes fromHex(std::string_view text) {
+  Bytes bytes;
+  for (std::size_t i = 0; i < text.size(); i += 2)
+    bytes.push_back(static_cast<std::uint8_t>(std::stoi(std::string(text.substr(i, 2)), nullptr, 16)));
+  return bytes;
+}
+
+Bytes pattern(std::size_t count) {
+  Bytes bytes;
+  for (std::size_t i = 0; i < count; ++i) bytes.push_back(static_cast<std::uint8_t>(i * 7 + count));
+  return bytes;
+}
+
+TavrinCertificate certificateRecord() {
+  TavrinCertificate record{};
+  const Bytes der = fromHex(vectors::certificate);
+  std::ranges::copy(der, record.certificate);
+  record.certificateLength = static_cast<std::uint32_t>(der.size());
+  return record;
+}
+
+Bytes publicKeyOf(const TavrinKeyPair& key) { return {key.publicKey, key.publicKey + key.publicKeyLength}; }
+
+void SoftTokenTest::SetUp() {
+  root = fs::temp_directory_path() / ("tavrin-softtoken-test-" + std::to_string(testPlatform::processId()));
+  fs::remove_all(root);
+  testPlatform::setEnvironment("TAVRIN_SOFT_TOKENS", root.string().c_str());
+  softtoken::createToken({.name = "one", .label = "First"}, pin, soPin);
+  device = otherProcess().state()->serial;
+  tavrin_createInstance(&instance);
+}
+
+void SoftTokenTest::TearDown() {
+  tavrin_releaseInstance(instance);
+  fs::remove_all(root);
+}
+
+int SoftTokenTest::login(const char* password, int kind) {
+  return tavrin_validatePassword(device.c_str(), password, kind, &tries, instance);
+}
+
+TavrinKeyPair SoftTokenTest::generate(std::uint32_t keyType) {
+  TavrinKeyPair key{};
+  key.keyType = keyType;
+  key.usage = 1;
+  EXPECT_EQ(tavrin_generateKeyPair(device.c_str(), pin, &key, instance), ok);
+  return key;
+}
+
+TavrinKeyPair SoftTokenTest::importRsa() {
+  ImportPFXDetails details{};
+  details.label = "imported";
+  details.keyType = 2;
+  details.modulus = fromHex(vectors::modulus);
+  details.privateExponent = fromHex(vectors::privateExponent);
+  details.prime1 = fromHex(vectors::prime1);
+  EXPECT_EQ(tavrin_importPfx(device.c_str(), pin, &details, instance), ok);
+  for (const TavrinKeyPair& key : keyPairs())
+    if (std::ranges::equal(key.recordId, details.recordId)) return key;
+  ADD_FAILURE() << "the reported record is not in the list";
+  return {};
+}
+
+int SoftTokenTest::importCertificate(TavrinCertificate& certificate, const char* password) {
+  return tavrin_importCertificate(device.c_str(), password, &certificate, instance);
+}
+
+Made SoftTokenTest::sign(const TavrinKeyPair& key, const Bytes& input, bool pss, const char* password) {
+  Bytes out(1024);
+  int length = 0;
+  const int status = tavrin_signHash(device.c_str(), key.recordId, password, input.data(),
+                                     static_cast<int>(input.size()), out.data(), &length, false, instance, pss);
+  out.resize(static_cast<std::size_t>(length));
+  return {status, out};
+}
+
+int SoftTokenTest::verify(const TavrinKeyPair& key, const Bytes& input, const Bytes& signature, bool pss) {
+  return tavrin_verifySignatureHash(key.keyType, device.c_str(), input.data(), static_cast<int>(input.size()),
+                                    key.publicKey, static_cast<int>(key.publicKeyLength), signature.data(),
+                                    static_cast<int>(signature.size()), instance, pss);
+}
+
+Made SoftTokenTest::encryptRsa(const Bytes& message, PaddingMode padding) {
+  const Bytes info = fromHex(vectors::subjectPublicKeyInfo);
+  Bytes out(1024);
+  int length = 0;
+  const int status = tavrin_encrypt(EncryptionType::rsa1024, padding, message.data(), static_cast<int>(message.size()),
+                                    out.data(), &length, info.data(), static_cast<int>(info.size()), instance);
+  out.resize(static_cast<std::size_t>(length));
+  return {status, out};
+}
+
+Made SoftTokenTest::decrypt(const TavrinKeyPair& key, const Bytes& ciphertext) {
+  std::uint8_t* plain = nullptr;
+  int length = 0;
+  const int status = tavrin_decrypt(device.c_str(), key.recordId, pin, ciphertext.data(),
+                                    static_cast<int>(ciphertext.size()), &plain, &length, false, instance);
+  return {status, status == ok ? Bytes(plain, plain + length) : Bytes()};
+}
+
+Made SoftTokenTest::derive(const TavrinKeyPair& key, const Bytes& peer) {
+  std::uint8_t* secret = nullptr;
+  int length = 0;
+  const int status = tavrin_ecdhDerive(device.c_str(), key.recordId, pin, peer.data(), static_cast<int>(peer.size()),
+                                       &secret, &length, instance);
+  return {status, status == ok ? Bytes(secret, secret + length) : Bytes()};
+}

@@ -1,0 +1,67 @@
+// A folder with one connected token, an open instance, and short forms of the operations.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "devlib/device_library.h"
+#include "softtoken/failure.h"
+#include "softtoken/token_directory.h"
+
+using Bytes = std::vector<std::uint8_t>;
+
+inline constexpr int ok = 0;
+inline constexpr int wrongPassword = static_cast<int>(softtoken::Status::wrongPassword);
+inline constexpr int locked = static_cast<int>(softtoken::Status::passwordLocked);
+inline constexpr int badArgument = static_cast<int>(softtoken::Status::badArgument);
+inline constexpr int notFound = static_cast<int>(softtoken::Status::notFound);
+inline constexpr int wrongKeyType = static_cast<int>(softtoken::Status::wrongKeyType);
+inline constexpr int badSignature = static_cast<int>(softtoken::Status::badSignature);
+inline constexpr int badCiphertext = static_cast<int>(softtoken::Status::badCiphertext);
+inline constexpr int full = 40;
+inline constexpr int deviceFault = 48;
+
+inline constexpr const char* pin = "user password";
+inline constexpr const char* soPin = "officer password";
+
+Bytes fromHex(std::string_view text);
+// Bytes that differ, the same for every run.
+Bytes pattern(std::size_t count);
+
+struct Made {
+  int status;
+  Bytes bytes;
+};
+
+class SoftTokenTest : public testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  std::filesystem::path tokenFolder(const char* name = "one") const { return root / name; }
+  // The token as another process sees it.
+  softtoken::Token otherProcess() const { return softtoken::Token(tokenFolder()); }
+
+  int login(const char* password, int kind = 1);  // sets `tries`
+  TavrinKeyPair generate(std::uint32_t keyType);
+  TavrinKeyPair importRsa();  // the key of the vectors
+  int importCertificate(TavrinCertificate& certificate, const char* password = pin);
+  const std::vector<TavrinKeyPair>& keyPairs() { return tavrin_getKeyPairList(device.c_str(), instance); }
+  const std::vector<TavrinCertificate>& certificates() { return tavrin_getCertificateList(device.c_str(), instance); }
+
+  Made sign(const TavrinKeyPair& key, const Bytes& input, bool pss = false, const char* password = pin);
+  int verify(const TavrinKeyPair& key, const Bytes& input, const Bytes& signature, bool pss = false);
+  Made encryptRsa(const Bytes& message, PaddingMode padding);  // for the key of the vectors
+  Made decrypt(const TavrinKeyPair& key, const Bytes& ciphertext);
+  Made derive(const TavrinKeyPair& key, const Bytes& peer);
+
+  std::filesystem::path root;
+  std::string device;
+  void* instance = nullptr;
+  int tries = 0;
+};
+
+// A certificate's record with the vectors' certificate.
+TavrinCertificate certificateRecord();
+Bytes publicKeyOf(const TavrinKeyPair& key);

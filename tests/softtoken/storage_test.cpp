@@ -1,0 +1,297 @@
+// Tokens as they are kept: devices, passwords, objects, and what other processes and kills do to them.
+#include <algorithm>
+#include <fstream>
+#include <thread>
+
+#include "soft_token_fixture.h"
+#include "softtoken/token_objects.h"
+#include "vectors.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Devices = std::vector<std::string>;
+
+Devices devices() { return tavrin_getConnectedDeviceList(false, nullptr); }
+
+TEST_F(SoftTokenTest, ListsWholeConnectedTokensBySerial) {
+  softtoken::createToken({.name = "two", .label = "Second", .firmware = "1.9.9"}, pin, soPin);
+  const std::string second = softtoken::Token(tokenFolder("two")).state()->serial;
+  Devices both{device, second};
+  std::ranges::sort(both);
+
+  fs::create_directory(root / "empty");
+  fs::create_directory(root / "half");
+  fs::copy_file(tokenFolder() / "tries", root / "half" / "tries");
+  fs::copy(tokenFolder(), root / "damaged");
+  fs::resize_file(root / "damaged" / "token", 200);
+  fs::copy(tokenFolder(), root / ".new-three");
+  std::ofstream(root / "file") << "no folder";
+  std::ofstream(tokenFolder() / "token.new") << "left behind";
+  EXPECT_EQ(devices(), both);
+  EXPECT_EQ(generate(5).id, 1u) << "over what was left behind";
+
+  const TokenInfo info = tavrin_getTokenInfo(second.c_str(), nullptr);
+  EXPECT_EQ(info.serialNumber, second);
+  EXPECT_EQ(second.size(), 16u);
+  EXPECT_EQ(info.label, "Second");
+  EXPECT_EQ(info.model, "Soft token");
+  EXPECT_EQ(info.firmwareVersion, "1.9.9");
+  EXPECT_EQ(info.remainingRetries, 10);
+  EXPECT_EQ(tavrin_getTokenInfo("nobody", instance).serialNumber, "");
+
+  softtoken::unplugToken("two");
+  EXPECT_EQ(devices(), Devices{device});
+  EXPECT_EQ(tavrin_initDevice(second.c_str(), true, instance), deviceFault);
+  softtoken::plugToken("two");
+  EXPECT_EQ(devices(), both);
+  EXPECT_EQ(tavrin_initDevice(second.c_str(), true, instance), ok);
+  softtoken::removeToken("two");
+  EXPECT_EQ(devices(), Devices{device});
+}
+
+TEST_F(SoftTokenTest, NamesThatLeadElsewhereAreRefused) {
+  for (const char* name : {"", ".hidden", "..", "a/b", "a\\b", "c:", "end.", " a", "a\nb", "one"})
+    EXPECT_THROW(softtoken::createToken({.name = name, .label = "x"}, pin, soPin), softtoken::Failure) << name;
+  for (const char* password : {"", "123", "0123456789012345678901234567890123456789012345678901234567890123"})
+    EXPECT_THROW(softtoken::createToken({.name = "x", .label = "x"}, password, soPin), softtoken::Failure);
+  EXPECT_EQ(devices(), Devices{device});
+}
+
+TEST_F(SoftTokenTest, WrongPasswordsCountUntilTheRightOneOrTheLock) {
+  const TavrinKeyPair key = generate(5);
+  EXPECT_EQ(login("wrong"), wrongPassword);
+  EXPECT_EQ(tries, 9);
+  EXPECT_EQ(sign(key, pattern(32), false, "wrong").status, wrongPassword);
+  EXPECT_EQ(otherProcess().tries().user, 8u) << "every operation counts, and what is counted is stored";
+  EXPECT_EQ(login(""), badArgument);
+  EXPECT_EQ(tries, 8);
+  EXPECT_EQ(sign(key, pattern(32)).status, ok);
+  EXPECT_EQ(otherProcess().tries().user, 10u);
+
+  for (int left = 9; left >= 0; --left) {
+    EXPECT_EQ(login("wrong"), wrongPassword);
+    EXPECT_EQ(tries, left);
+  }
+  EXPECT_EQ(login(pin), locked);
+  EXPECT_EQ(tries, 0);
+  EXPECT_EQ(sign(key, pattern(32)).status, locked) << "though this process knows the password";
+  EXPECT_EQ(tavrin_getTokenInfo(device.c_str(), instance).remainingRetries, 0);
+
+  EXPECT_EQ(login("wrong", 2), wrongPassword);
+  EXPECT_EQ(tries, 9);
+  EXPECT_EQ(login(soPin, 2), ok);
+  EXPECT_EQ(tries, 10);
+  EXPECT_EQ(login(soPin, 3), badArgument);
+  softtoken::Token other = otherProcess();
+  EXPECT_THROW(other.resetUserPassword("wrong", "second", tries), softtoken::Failure);
+  other.resetUserPassword(soPin, "second", tries);
+  EXPECT_EQ(login(pin), wrongPassword);
+  EXPECT_EQ(sign(key, pattern(32), false, "second").status, ok) << "the keys outlive the password";
+}
+
+TEST_F(SoftTokenTest, APasswordChangeEndsTheOldPasswordEverywhere) {
+  const TavrinKeyPair key = generate(5);
+  const auto change = [&](const char* from, const char* to) {
+    return tavrin_changeUserPassword(device.c_str(), from, to, &tries, false, false, instance);
+  };
+  EXPECT_FALSE(change("wrong", "second"));
+  EXPECT_EQ(tries, 9);
+  EXPECT_FALSE(change(pin, "abc"));
+  EXPECT_EQ(tries, 9) << "a bad new password costs no try";
+  EXPECT_TRUE(change(pin, "second"));
+  EXPECT_EQ(sign(key, pattern(32)).status, wrongPassword);
+  EXPECT_EQ(sign(key, pattern(32), false, "second").status, ok);
+
+  otherProcess().changeUserPassword("second", "third", tries);
+  EXPECT_EQ(sign(key, pattern(32), false, "second").status, wrongPassword);
+  EXPECT_EQ(sign(key, pattern(32), false, "third").status, ok);
+}
+
+TEST_F(SoftTokenTest, KeyPairsKeepTheirDetails) {
+  TavrinKeyPair key{};
+  key.keyType = 5;
+  key.usage = 1;
+  std::ranges::fill(key.label, 'L');  // no NUL
+  key.keyId[0] = 7;
+  key.keyIdLength = 1;
+  ASSERT_EQ(tavrin_generateKeyPair(device.c_str(), pin, &key, instance), ok);
+  EXPECT_EQ(std::string(key.label), std::string(131, 'L'));
+  const Bytes newId = pattern(128);
+  const auto update = [&](const char* label, int idLength) {
+    return tavrin_updateKeyPairDetails(device.c_str(), key.recordId, pin, label, newId.data(), idLength, instance);
+  };
+  EXPECT_EQ(update("new", 0), ok);
+  EXPECT_STREQ(keyPairs().at(0).label, "new");
+  EXPECT_EQ(keyPairs().at(0).keyIdLength, 1u);
+  EXPECT_EQ(update("", 128), ok);
+  EXPECT_STREQ(keyPairs().at(0).label, "new");
+  EXPECT_TRUE(std::ranges::equal(keyPairs().at(0).keyId, newId));
+  EXPECT_EQ(update("", 129), badArgument);
+
+  const std::vector<TavrinKeyPair>& listed = keyPairs();
+  EXPECT_EQ(tavrin_deleteKeyPair(device.c_str(), key.recordId, "wrong", false, instance), wrongPassword);
+  EXPECT_EQ(tavrin_deleteKeyPair(device.c_str(), key.recordId, pin, false, instance), ok);
+  EXPECT_EQ(listed.at(0).id, 1u) << "a list stays as it was until it is asked for again";
+  EXPECT_TRUE(keyPairs().empty());
+  EXPECT_EQ(tavrin_deleteKeyPair(device.c_str(), key.recordId, pin, false, instance), notFound);
+  EXPECT_EQ(sign(key, pattern(32)).status, notFound);
+  EXPECT_EQ(generate(5).id, 2u) << "an old handle names no new key";
+}
+
+TEST_F(SoftTokenTest, OneCertificateIsOneRecord) {
+  TavrinCertificate first = certificateRecord();
+  TavrinCertificate second = certificateRecord();
+  EXPECT_EQ(importCertificate(first), ok);
+  EXPECT_EQ(importCertificate(second), ok);
+  EXPECT_TRUE(std::ranges::equal(first.recordId, second.recordId));
+  EXPECT_EQ(certificates().size(), 1u);
+  TavrinCertificate bad = certificateRecord();
+  bad.certificate[0] = 0x31;
+  EXPECT_EQ(importCertificate(bad), badArgument);
+  bad = certificateRecord();
+  ++bad.certificateLength;
+  EXPECT_EQ(importCertificate(bad), badArgument);
+  bad.certificateLength = 3073;
+  EXPECT_EQ(importCertificate(bad), badArgument);
+
+  EXPECT_EQ(tavrin_deleteCertificate(device.c_str(), first.recordId, pin, instance), ok);
+  EXPECT_EQ(tavrin_deleteCertificate(device.c_str(), first.recordId, pin, instance), notFound);
+  EXPECT_TRUE(certificates().empty());
+}
+
+TEST_F(SoftTokenTest, AFullTokenTakesNothingMore) {
+  softtoken::Token other = otherProcess();
+  other.change([](softtoken::TokenState& state) { state.capacity = 2; });
+  TavrinCertificate certificate = certificateRecord();
+  EXPECT_EQ(importCertificate(certificate), ok);
+  generate(5);
+  TavrinKeyPair key{};
+  key.keyType = 5;
+  EXPECT_EQ(tavrin_generateKeyPair(device.c_str(), pin, &key, instance), full);
+  EXPECT_EQ(importCertificate(certificate), ok) << "it is there already";
+  certificate.certificate[certificate.certificateLength - 1] ^= 1;
+  EXPECT_EQ(importCertificate(certificate), full);
+  EXPECT_EQ(tavrin_deleteCertificate(device.c_str(), certificate.recordId, pin, instance), ok);
+  EXPECT_EQ(tavrin_generateKeyPair(device.c_str(), pin, &key, instance), ok);
+}
+
+TEST_F(SoftTokenTest, NumbersWrapToTheLowestFreeOne) {
+  generate(5);
+  const TavrinKeyPair second = generate(5);
+  otherProcess().change([](softtoken::TokenState& state) { state.lastKeyPairId = 4094; });
+  EXPECT_EQ(generate(5).id, 4095u);
+  EXPECT_EQ(generate(5).id, 3u);
+  ASSERT_EQ(tavrin_deleteKeyPair(device.c_str(), second.recordId, pin, false, instance), ok);
+  EXPECT_EQ(generate(5).id, 2u);
+}
+
+TEST_F(SoftTokenTest, TwoProcessesAndManyThreadsLoseNothing) {
+  constexpr int rounds = 8;
+  std::vector<std::thread> threads;
+  threads.reserve(4);
+  for (int number = 0; number < 3; ++number) {
+    threads.emplace_back([&] {
+      const TavrinKeyPair key = generate(5);
+      for (int i = 0; i < rounds; ++i) {
+        EXPECT_EQ(verify(key, pattern(32), sign(key, pattern(32)).bytes), ok);
+        EXPECT_EQ(generate(5).publicKeyLength, 65u);
+        EXPECT_GE(keyPairs().size(), 2u);
+      }
+    });
+  }
+  threads.emplace_back([&] {
+    softtoken::Token other = otherProcess();
+    for (std::uint8_t i = 1; i <= rounds; ++i) {
+      other.change([&](softtoken::TokenState& state) {
+        TavrinCertificate certificate = certificateRecord();
+        certificate.certificate[0] = i;
+        softtoken::addCertificate(state, certificate);
+      });
+      EXPECT_EQ(devices(), Devices{device});
+    }
+  });
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(keyPairs().size(), 3u * (1 + rounds));
+  EXPECT_EQ(certificates().size(), static_cast<std::size_t>(rounds));
+  EXPECT_EQ(otherProcess().tries().user, 10u);
+}
+
+TEST_F(SoftTokenTest, ReadsCertificatesAndTheFilesThatHoldThem) {
+  const Bytes der = fromHex(vectors::certificate);
+  CertificateDetails details{};
+  EXPECT_EQ(tavrin_getCertificateDetails(der.data(), static_cast<int>(der.size()), &details, nullptr), ok);
+  EXPECT_EQ(details.subjectName, "CN=Example Root,O=Example,C=IN");
+  EXPECT_EQ(details.issuerName, details.subjectName);
+  EXPECT_EQ(tavrin_getCertificateSerialDER(der.data(), static_cast<int>(der.size()), nullptr), fromHex("020400c0ffee"));
+  const Bytes subject = tavrin_getCertificateSubject(der.data(), static_cast<int>(der.size()), nullptr);
+  EXPECT_EQ(subject, tavrin_getCertificateIssuer(der.data(), static_cast<int>(der.size()), nullptr));
+  EXPECT_EQ(subject.at(0), 0x30);
+  for (int length = 0; length < static_cast<int>(der.size()); ++length)
+    EXPECT_EQ(tavrin_getCertificateDetails(der.data(), length, &details, nullptr), badArgument) << length;
+
+  const fs::path folder = root / fs::path(u8"Zertifikäte");
+  fs::create_directories(folder / "folder.cer");
+  const auto write = [&](const char* name, const Bytes& content) {
+    std::ofstream(folder / name, std::ios::binary)
+        .write(reinterpret_cast<const char*>(content.data()), static_cast<std::streamsize>(content.size()));
+  };
+  write("b.CER", der);
+  write("c.txt", der);
+  write("d.der", {});
+  write("e.pem", Bytes(4096, 'x'));
+  write("f.der", Bytes((1 << 20) + 1, 0x30));
+  std::ofstream(folder / "a.pem") << "bag\n" << vectors::certificatePem << vectors::certificatePem;
+  const std::u8string utf8 = folder.u8string();
+  const auto found =
+      tavrin_getFilesWithExtensionsAndConvertDER({utf8.begin(), utf8.end()}, {".cer", ".der", ".pem", ".crt"}, nullptr);
+  const std::vector<std::pair<std::string, Bytes>> expected{{"a.pem", der}, {"b.CER", der}};
+  EXPECT_EQ(found, expected);
+  EXPECT_TRUE(tavrin_getFilesWithExtensionsAndConvertDER("/no such folder", {".cer"}, nullptr).empty());
+}
+
+TEST_F(SoftTokenTest, OddArgumentsAreRefused) {
+  const TavrinKeyPair key = generate(5);
+  const char* name = device.c_str();
+  std::uint8_t bytes[64]{};
+  std::uint8_t* out = nullptr;
+  int length = 0;
+  void* context = nullptr;
+  const int statuses[] = {
+      tavrin_initDevice(nullptr, true, instance),
+      tavrin_validatePassword(name, nullptr, 1, &length, instance),
+      tavrin_validatePassword(name, pin, 1, nullptr, instance),
+      tavrin_generateKeyPair(name, pin, nullptr, instance),
+      tavrin_deleteKeyPair(name, nullptr, pin, false, instance),
+      tavrin_updateKeyPairDetails(name, key.recordId, pin, "x", nullptr, 1, instance),
+      tavrin_importCertificate(name, pin, nullptr, instance),
+      tavrin_deleteCertificate(name, nullptr, pin, instance),
+      tavrin_importPfx(name, pin, nullptr, instance),
+      tavrin_getCertificateDetails(nullptr, 1, nullptr, nullptr),
+      tavrin_initHash(name, 3, nullptr, instance),
+      tavrin_initHash(nullptr, 3, &context, instance),
+      tavrin_signHash(name, key.recordId, pin, bytes, -1, bytes, &length, false, instance, false),
+      tavrin_signHash(name, key.recordId, pin, nullptr, 1, bytes, &length, false, instance, false),
+      tavrin_signHash(name, key.recordId, nullptr, bytes, 1, bytes, &length, false, instance, false),
+      tavrin_signHash(name, key.recordId, pin, bytes, 1, nullptr, &length, false, instance, false),
+      tavrin_verifySignatureHash(8, name, bytes, 32, bytes, 64, bytes, 64, instance, false),
+      tavrin_verifySignatureHash(1, name, bytes, 32, nullptr, 0, bytes, 64, instance, false),
+      tavrin_encrypt(EncryptionType::rsa2048, PaddingMode{2}, bytes, 1, bytes, &length, bytes, 64, instance),
+      tavrin_encrypt(EncryptionType{0}, PaddingMode::pkcs1, bytes, 1, bytes, &length, bytes, 64, instance),
+      tavrin_decrypt(name, key.recordId, pin, bytes, 64, nullptr, &length, false, instance),
+      tavrin_ecdhDerive(name, key.recordId, pin, bytes, 64, &out, nullptr, instance),
+      tavrin_generateRamdomNumber(name, -1, bytes, true, nullptr),
+      tavrin_generateRamdomNumber(name, 8, nullptr, true, nullptr),
+  };
+  for (std::size_t i = 0; i < std::size(statuses); ++i) EXPECT_EQ(statuses[i], badArgument) << i;
+  EXPECT_EQ(tavrin_generateRamdomNumber("nobody", 8, bytes, true, nullptr), deviceFault);
+  EXPECT_EQ(tavrin_generateRamdomNumber(name, 64, bytes, true, nullptr), ok);
+  EXPECT_GT(std::ranges::count_if(bytes, [](std::uint8_t byte) { return byte != 0; }), 32);
+  EXPECT_TRUE(tavrin_getKeyPairList(nullptr, nullptr).empty());
+  EXPECT_TRUE(tavrin_getCertificateList("nobody", nullptr).empty());
+  tavrin_createInstance(nullptr);
+  tavrin_releaseInstance(nullptr);
+  tavrin_releaseInstance(bytes);
+}
+
+}  // namespace

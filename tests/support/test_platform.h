@@ -1,0 +1,41 @@
+// What the tests ask of the operating system: test_platform_windows.cpp and test_platform_posix.cpp.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace testPlatform {
+
+int processId();
+
+// Sets an environment variable of this process; null removes it.
+void setEnvironment(const char* name, const char* value);
+
+// Sends this process to `folder`, which exists, for its temporary files and its registry (where that is a folder).
+void useFolder(const std::string& folder);
+// The same for the temporary files alone.
+void useTemporaryFolder(const std::string& folder);
+
+// The registry's log level as a 32-bit value; nothing removes it.
+void setLogLevel(std::optional<std::uint32_t> level);
+
+// Log levels that this platform's registry can hold in other ways than as a 32-bit value.
+struct OddLogLevel {
+  const char* name;
+  std::function<void()> set;
+  bool errorsLogged;
+  bool callsLogged;
+};
+std::vector<OddLogLevel> oddLogLevels();
+
+// Whether lines that several threads append to a file stay whole, if each is one write. Under Wine, which looks for the
+// end of the file and writes in two steps, they do not.
+bool appendsAtomically();
+
+// The folder of the running test program, as the system spells it, without a closing separator.
+std::string programFolder();
+
+}  // namespace testPlatform

@@ -1,0 +1,58 @@
+#include <windows.h>
+
+#include <cstring>
+#include <filesystem>
+
+#include "test_platform.h"
+
+namespace testPlatform {
+namespace {
+
+void writeLogLevel(DWORD type, const void* bytes, DWORD length) {
+  HKEY key = nullptr;
+  RegCreateKeyA(HKEY_LOCAL_MACHINE, "Software\\Quorvane Telemantix\\Tavrin", &key);
+  if (bytes) {
+    RegSetValueExA(key, "logLevel", 0, type, static_cast<const BYTE*>(bytes), length);
+  } else {
+    RegDeleteValueA(key, "logLevel");
+  }
+  RegCloseKey(key);
+}
+
+}  // namespace
+
+int processId() { return static_cast<int>(GetCurrentProcessId()); }
+
+void setEnvironment(const char* name, const char* value) { SetEnvironmentVariableA(name, value); }
+
+void useFolder(const std::string& folder) { useTemporaryFolder(folder); }
+
+void useTemporaryFolder(const std::string& folder) {
+  setEnvironment("TMP", folder.c_str());
+  setEnvironment("TEMP", folder.c_str());
+}
+
+void setLogLevel(std::optional<std::uint32_t> level) {
+  writeLogLevel(REG_DWORD, level ? &*level : nullptr, sizeof(std::uint32_t));
+}
+
+std::vector<OddLogLevel> oddLogLevels() {
+  static const char zeros[33] = {};
+  return {
+      {"a text", [] { writeLogLevel(REG_SZ, "3", 2); }, true, false},
+      {"bytes", [] { writeLogLevel(REG_BINARY, "\x03\x01", 2); }, true, true},
+      {"32 bytes", [] { writeLogLevel(REG_BINARY, zeros, 32); }, false, false},
+      {"33 bytes", [] { writeLogLevel(REG_BINARY, zeros, 33); }, true, false},
+  };
+}
+
+bool appendsAtomically() { return GetProcAddress(GetModuleHandleA("ntdll.dll"), "wine_get_version") == nullptr; }
+
+std::string programFolder() {
+  char path[MAX_PATH] = {};
+  GetModuleFileNameA(nullptr, path, sizeof path);
+  *std::strrchr(path, '\\') = '\0';
+  return path;
+}
+
+}  // namespace testPlatform

@@ -1,0 +1,19 @@
+// Writes a certificate, given as a DER file, to the first token: import_certificate FILE
+#include <cstdio>
+#include <exception>
+
+#include "token_session.h"
+
+int main(int argc, char** argv) try {
+  TokenSession token;
+  check(token.login(), "C_Login");
+  Bytes der = readFile(argc > 1 ? argv[1] : "");
+  CK_OBJECT_CLASS objectClass = CKO_CERTIFICATE;
+  CK_ATTRIBUTE attributes[] = {{CKA_CLASS, &objectClass, sizeof(objectClass)},
+                               {CKA_VALUE, der.data(), static_cast<CK_ULONG>(der.size())}};
+  CK_OBJECT_HANDLE object = CK_INVALID_HANDLE;
+  check(token.module->C_CreateObject(token.handle, attributes, 2, &object), "C_CreateObject");
+} catch (const std::exception& error) {
+  std::fprintf(stderr, "%s\n", error.what());
+  return 1;
+}

@@ -1,0 +1,238 @@
+// Reading and changing attributes, and the sizes of objects.
+#include "module_test.h"
+
+namespace {
+
+class AttributesTest : public ModuleTest {
+ protected:
+  // The attribute's value, asked for as clients do: the length first.
+  std::string get(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) {
+    CK_ATTRIBUTE attribute{type, nullptr, 0x5A5A};
+    ok(C_GetAttributeValue(session, object, &attribute, 1));
+    std::string value(attribute.ulValueLen, '\x5A');
+    attribute.pValue = value.data();
+    ok(C_GetAttributeValue(session, object, &attribute, 1));
+    EXPECT_EQ(+attribute.ulValueLen, value.size());
+    return value;
+  }
+  static Call set(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, const Template& attributes) {
+    return {"C_SetAttributeValue",
+            [=] { return C_SetAttributeValue(session, object, attributes.data(), attributes.size()); }};
+  }
+};
+
+TEST_F(AttributesTest, GetRefusals) {
+  const CK_SESSION_HANDLE session = openLoggedIn();
+  CK_ATTRIBUTE attribute{CKA_CLASS, nullptr, 77};
+  const CK_OBJECT_HANDLE unknownSecret = derive(session, "x") + 1;
+  bad(CALL(C_GetAttributeValue, session, 0, nullptr, 0), "C_GetAttributeValue template is null");
+  expect(CALL(C_GetAttributeValue, session, 0, &attribute, 0), CKR_ARGUMENTS_BAD,
+         {"- C_GetAttributeValue count : 0", ": ulCount<=0"});
+  struct Row {
+    CK_OBJECT_HANDLE object;
+    const char* reason;
+    Lines asked;
+  };
+  for (const Row& row : {Row{unknownSecret, "C_GetAttributeValue: derived key handle not found=", {}},
+                         Row{0xFFFFFFFF, "C_GetAttributeValue: derived key handle not found=", {}},
+                         Row{0x70002FFF, "Certificate not found in get attribute : ", {certificatesListed}},
+                         Row{0x70000FFF, "Key pair not found in get attribute : ", {keysListed}},
+                         Row{0x70001FFF, "Key pair not found in get attribute : ", {keysListed}},
+                         Row{0x70002000, "Input hobject not valid in get attribute : ", {}},
+                         Row{0x6FFFFFFF, "Input hobject not valid in get attribute : ", {}}}) {
+    noObject(CALL(C_GetAttributeValue, session, row.object, &attribute, 1),
+             Lines{"- C_GetAttributeValue count : 1"} + row.asked + Lines{row.reason + std::to_string(row.object)});
+  }
+  EXPECT_EQ(+attribute.ulValueLen, 77u);
+}
+
+TEST_F(AttributesTest, EveryAttributeOfEveryKind) {
+  const std::string yes(1, '\1');
+  const std::string no(1, '\0');
+  const std::string none;
+  const std::string der = "CN=User|CN=Root|01";
+  const std::string p256("\x06\x08\x2A\x86\x48\xCE\x3D\x03\x01\x07");
+  const std::string e("\1\0\1", 3);
+  struct Row {
+    CK_ATTRIBUTE_TYPE type;
+    std::string certificate;
+    std::string rsaPrivateKey;
+    std::string ecPublicKey;
+  };
+  const Row rows[] = {{CKA_CLASS, number(1), number(3), number(2)},
+                      {CKA_TOKEN, yes, yes, yes},
+                      {CKA_PRIVATE, no, yes, no},
+                      {CKA_LABEL, "Certificate", "RSA key", "EC key"},
+                      {CKA_VALUE, der, "rsa-modulus", "ec-point"},
+                      {CKA_OBJECT_ID, number(certificate1), number(rsaPrivate), number(ecPublic)},
+                      {CKA_CERTIFICATE_TYPE, number(0), number(0), number(0)},
+                      {CKA_ISSUER, "CN=Root", none, none},
+                      {CKA_SERIAL_NUMBER, "01", none, none},
+                      {CKA_TRUSTED, yes, yes, yes},
+                      {CKA_KEY_TYPE, number(0), number(0), number(3)},
+                      {CKA_SUBJECT, "CN=User", none, none},
+                      {CKA_ID, "id-1", "id-1", "id-2"},
+                      {CKA_SENSITIVE, no, yes, no},
+                      {CKA_ENCRYPT, no, no, no},
+                      {CKA_DECRYPT, no, yes, no},
+                      {CKA_WRAP, no, no, no},
+                      {CKA_SIGN, no, yes, no},
+                      {CKA_VERIFY, no, no, yes},
+                      {CKA_VERIFY_RECOVER, no, no, no},
+                      {CKA_DERIVE, no, no, no},
+                      {CKA_MODULUS, der, "rsa-modulus", "ec-point"},
+                      {CKA_MODULUS_BITS, number(2048), number(2048), number(256)},
+                      {CKA_PUBLIC_EXPONENT, e, e, e},
+                      {CKA_EXTRACTABLE, yes, no, yes},
+                      {CKA_LOCAL, yes, yes, yes},
+                      {CKA_KEY_GEN_MECHANISM, number(0), number(0), number(0x1040)},
+                      {CKA_MODIFIABLE, yes, no, no},
+                      {CKA_EC_PARAMS, none, none, p256},
+                      {CKA_EC_POINT, none, "\x04\x0Brsa-modulus", "\x04\x08" + std::string("ec-point")},
+                      {CKA_UNWRAP, none, none, none},
+                      {CKA_SIGN_RECOVER, none, none, none},
+                      {CKA_PRIVATE_EXPONENT, none, none, none},
+                      {CKA_PRIME_1, none, none, none},
+                      {CKA_VALUE_LEN, none, none, none},
+                      {CKA_NEVER_EXTRACTABLE, none, none, none},
+                      {0xFFFFFFFF, none, none, none}};
+  const CK_SESSION_HANDLE session = open(readOnly);
+  for (const Row& row : rows) {
+    EXPECT_EQ(hexText(get(session, certificate1, row.type)), hexText(row.certificate)) << row.type;
+    EXPECT_EQ(hexText(get(session, rsaPrivate, row.type)), hexText(row.rsaPrivateKey)) << row.type;
+    EXPECT_EQ(hexText(get(session, ecPublic, row.type)), hexText(row.ecPublicKey)) << row.type;
+  }
+}
+
+TEST_F(AttributesTest, KeyTypeAndUsageDecideTheAttributesOfAKey) {
+  struct Row {
+    std::uint32_t keyType;
+    CK_ULONG bits;
+    const char* curve;
+  };
+  const CK_SESSION_HANDLE session = open();
+  for (const Row& row :
+       {Row{1, 1024, ""}, Row{2, 2048, ""}, Row{3, 3072, ""}, Row{4, 4096, ""}, Row{6, 384, "06052B81040022"},
+        Row{7, 521, "06052B81040023"}, Row{0, 2048, ""}, Row{8, 2048, ""}, Row{0xFFFFFFFF, 2048, ""}}) {
+    fake::edit()->devices[0].keyPairs[0].keyType = row.keyType;
+    const bool ec = *row.curve != '\0';
+    EXPECT_EQ(get(session, rsaPublic, CKA_KEY_TYPE), number(ec ? 3 : 0)) << row.keyType;
+    EXPECT_EQ(get(session, rsaPrivate, CKA_MODULUS_BITS), number(row.bits)) << row.keyType;
+    EXPECT_EQ(get(session, rsaPrivate, CKA_KEY_GEN_MECHANISM), number(ec ? 0x1040 : 0)) << row.keyType;
+    EXPECT_EQ(hexText(get(session, rsaPublic, CKA_EC_PARAMS)), row.curve) << row.keyType;
+  }
+  for (std::uint32_t usage = 0; usage < 4; ++usage) {
+    fake::edit()->devices[0].keyPairs[0].usage = usage;
+    const std::string both{static_cast<char>(usage & 1), static_cast<char>(usage >> 1)};
+    EXPECT_EQ(get(session, rsaPrivate, CKA_SIGN) + get(session, rsaPrivate, CKA_DECRYPT), both);
+    EXPECT_EQ(get(session, rsaPublic, CKA_VERIFY) + get(session, rsaPublic, CKA_ENCRYPT), both);
+    EXPECT_EQ(get(session, rsaPrivate, CKA_VERIFY) + get(session, rsaPublic, CKA_SIGN), std::string(2, '\0'));
+  }
+}
+
+TEST_F(AttributesTest, EcPointLengthIsOneByteWhateverItIs) {
+  const CK_SESSION_HANDLE session = open();
+  const std::pair<std::size_t, const char*> rows[] = {
+      {127, "047F"}, {128, "048180"}, {133, "048185"}, {256, "048100"}, {1024, "048100"}};
+  for (const auto& [length, start] : rows) {
+    fake::edit()->devices[0].keyPairs[1] = fake::keyPair(2, 7, std::string(length, 'p'), "EC key");
+    EXPECT_EQ(hexText(get(session, ecPrivate, CKA_EC_POINT)), start + hexText(std::string(length, 'p'))) << length;
+  }
+}
+
+TEST_F(AttributesTest, GetLogsEveryAttributeAndStopsAtTheFirstThatDoesNotFit) {
+  const CK_SESSION_HANDLE session = open();
+  const Template small{{CKA_ID, Template::nothing}, {CKA_LABEL, "xxx"}, {CKA_SUBJECT, "12345"}};
+  expect(CALL(C_GetAttributeValue, session, certificate1, small.data(), small.size()), CKR_BUFFER_TOO_SMALL,
+         {"- C_GetAttributeValue count : 3", certificatesListed, "- C_GetAttributeValue type : 258",
+          "- C_GetAttributeValue length : 4", "- C_GetAttributeValue type : 3",
+          ": buffer too small at index=1 type=3 provided=3 required=11"});
+  EXPECT_EQ(small.length(0), 4u);
+  EXPECT_EQ(small.value(1) + small.value(2), "xxx12345");
+  const Template fitting{
+      {CKA_SUBJECT, "xxxxxxx+"}, {CKA_UNWRAP, "left"}, {CKA_SERIAL_NUMBER, "xx"}, {CKA_ISSUER, "1234567"}};
+  does(CALL(C_GetAttributeValue, session, certificate1, fitting.data(), fitting.size()),
+       {"- C_GetAttributeValue count : 4", certificatesListed, "- C_GetAttributeValue type : 257",
+        "> getCertificateSubject 'CN=User|CN=Root|01' null", "- C_GetAttributeValue length : 7",
+        "- C_GetAttributeValue type : 263", "- C_GetAttributeValue length : 0", "- C_GetAttributeValue type : 130",
+        "> getCertificateSerialDER 'CN=User|CN=Root|01' null", "- C_GetAttributeValue length : 2",
+        "- C_GetAttributeValue type : 129", "> getCertificateIssuer 'CN=User|CN=Root|01' null",
+        "- C_GetAttributeValue length : 7"});
+  EXPECT_EQ(fitting.value(0) + fitting.value(2) + fitting.value(3), "CN=User01CN=Root");
+}
+
+TEST_F(AttributesTest, DerivedSecretsHaveOnlyAValue) {
+  const CK_SESSION_HANDLE session = openLoggedIn();
+  const CK_OBJECT_HANDLE secret = derive(session, "abc");
+  EXPECT_EQ(get(session, secret, CKA_VALUE), "Z(abc)");
+  EXPECT_NE(get(session, 0x70003000, CKA_VALUE), "");  // this process's first one
+  const Template attributes{{CKA_CLASS, "1234"}, {CKA_VALUE, "123456789"}, {CKA_LABEL, Template::nothing}};
+  does(CALL(C_GetAttributeValue, session, secret, attributes.data(), 3), {"- C_GetAttributeValue count : 3"});
+  EXPECT_EQ(attributes.length(0), 0xFFFFFFFFu);
+  EXPECT_EQ(attributes.value(1), "Z(abc)");
+  EXPECT_EQ(attributes.length(2), 0xFFFFFFFFu);
+  const Template small{{CKA_VALUE, "12345"}, {CKA_LABEL, "left"}};
+  expect(CALL(C_GetAttributeValue, session, secret, small.data(), 2), CKR_BUFFER_TOO_SMALL,
+         {"- C_GetAttributeValue count : 2"});
+  EXPECT_EQ(small.value(0) + small.value(1), "12345left");
+}
+
+TEST_F(AttributesTest, SetRefusals) {
+  const CK_SESSION_HANDLE session = openLoggedIn(readOnly);
+  const Template label{{CKA_LABEL, "new"}};
+  bad(CALL(C_SetAttributeValue, session, 0, nullptr, 0), ": pTemplate is NULL");
+  bad(CALL(C_SetAttributeValue, session, 0, label.data(), 0), ": ulCount<=0");
+  for (const CK_OBJECT_HANDLE object : {0x6FFFFFFFu, 0x70002000u, 0x70002001u, 0x70003000u}) {
+    noObject(set(session, object, label), {": invalid hObject=" + std::to_string(object)});
+  }
+  noObject(set(session, 0x70001FFF, label), {keysListed, "Key pair not found in Set attribute : 1879056383"});
+  fake::fail("updateKeyPairDetails", -40);
+  fails(set(session, rsaPrivate, label),
+        {keysListed, "- C_SetAttributeValue - attrip type : 3",
+         "> updateKeyPairDetails TK1 key-1 pin='1234' label='new' id='' inst", "Update key pair details failed : -40"});
+}
+
+TEST_F(AttributesTest, SetGivesTheDeviceLabelAndIdAsTheyAre) {
+  const std::string end = "- Set attribute end";
+  const std::string label = "- C_SetAttributeValue - attrip type : 3";
+  const std::string id = "- C_SetAttributeValue - attrip type : 258";
+  const CK_SESSION_HANDLE session = open(readOnly);
+  does(set(session, ecPublic, {{CKA_ID, "new-id"}}),
+       {keysListed, id, "> updateKeyPairDetails TK1 key-2 pin='' label='' id='new-id' inst", end});
+  ok(login(session));
+  does(set(session, ecPrivate,
+           {{CKA_LABEL, "old"}, {CKA_ID, "i"}, {CKA_LABEL, "new"}, {CKA_LABEL, ""}, {CKA_ID, Template::nothing}}),
+       {keysListed, label, id, label, "> updateKeyPairDetails TK1 key-2 pin='1234' label='new' id='i' inst", end});
+  does(set(session, ecPrivate, {{CKA_SUBJECT, "x"}, {CKA_LABEL, ""}}),
+       {keysListed, "- C_SetAttributeValue - attrip type : 257", end});
+}
+
+TEST_F(AttributesTest, ObjectSizes) {
+  const CK_SESSION_HANDLE session = openLoggedIn();
+  fake::edit()->devices[0].certificates.push_back(fake::certificate(0, "0123456789", "zero"));
+  CK_ULONG size = 77;
+  const std::pair<CK_OBJECT_HANDLE, CK_ULONG> sizes[] = {
+      {rsaPrivate, 22}, {rsaPublic, 11}, {certificate1, 18}, {0x70002000, 10}};
+  for (const auto& row : sizes) {
+    const CK_OBJECT_HANDLE object = row.first;
+    const bool isKey = object < 0x70002000;
+    does(CALL(C_GetObjectSize, session, object, &size), {isKey ? keysListed : certificatesListed});
+    EXPECT_EQ(size, row.second);
+  }
+  size = 77;
+  const CK_OBJECT_HANDLE secret = derive(session, "x");
+  noObject(CALL(C_GetObjectSize, session, 0x70000FFF, &size),
+           {keysListed, "Private key not found in get object size : 1879052287"});
+  noObject(CALL(C_GetObjectSize, session, 0x70001FFF, &size),
+           {keysListed, "Public key not found in get object size : 1879056383"});
+  for (const CK_OBJECT_HANDLE object : {CK_OBJECT_HANDLE{2}, secret}) {
+    noObject(CALL(C_GetObjectSize, session, object, &size),
+             {certificatesListed, "Certificate not found in get object size : " + std::to_string(object)});
+  }
+  EXPECT_EQ(size, 77u);
+  // Below the certificates the number wraps around, as 32-bit numbers do.
+  fake::edit()->devices[0].certificates[0].id = 0x8FFFE002;
+  ok(C_GetObjectSize(session, 2, &size));
+}
+
+}  // namespace

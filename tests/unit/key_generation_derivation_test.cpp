@@ -1,0 +1,221 @@
+// C_GenerateKeyPair and C_DeriveKey.
+#include "signature_mechanisms.h"
+
+namespace {
+
+class KeyGenerationTest : public SessionTest {
+ protected:
+  Call generate(const Template& publicKey, const Template& privateKey) {
+    return {"C_GenerateKeyPair", [=, this] {
+              CK_MECHANISM mechanism{0xFFFFFFFF, nullptr, 0};  // the type does not matter
+              return C_GenerateKeyPair(session_, &mechanism, publicKey.data(), publicKey.size(), privateKey.data(),
+                                       privateKey.size(), &public_, &private_);
+            }};
+  }
+  CK_OBJECT_HANDLE public_ = 77;
+  CK_OBJECT_HANDLE private_ = 77;
+};
+
+const std::string yes(1, '\1');
+const std::string no(1, '\0');
+const std::string ec = number(CKK_EC);
+const std::string p256("\x06\x08\x2A\x86\x48\xCE\x3D\x03\x01\x07");
+const std::string p384("\x06\x05\x2B\x81\x04\x00\x22", 7);
+const std::string p521("\x06\x05\x2B\x81\x04\x00\x23", 7);
+const Template token{{CKA_TOKEN, yes}};
+
+std::string keyTypeTold(int type) { return "- C_GenerateKeyPair - keytype : " + std::to_string(type); }
+std::string bitsTold(int bits) { return "- C_GenerateKeyPair - modulusBits : " + std::to_string(bits); }
+std::string asked(int type, int usage, const std::string& label = "", const std::string& id = "") {
+  return "> generateKeyPair TK1 pin='1234' type=" + std::to_string(type) + " usage=" + std::to_string(usage) +
+         " label='" + label + "' id='" + id + "' inst";
+}
+
+TEST_F(KeyGenerationTest, Refusals) {
+  const CK_SESSION_HANDLE ro = open(readOnly);
+  const Call inReadOnly = CALL(C_GenerateKeyPair, ro, nullptr, nullptr, 0, nullptr, 0, nullptr, nullptr);
+  expect(inReadOnly, CKR_SESSION_HANDLE_INVALID, {": invalid session state=1"});
+  ok(C_Logout(session_));
+  expect(inReadOnly, CKR_SESSION_HANDLE_INVALID, {": invalid session state=0"});
+
+  CK_ATTRIBUTE a{CKA_MODULUS_BITS, nullptr, 0};
+  CK_MECHANISM m{CKM_EC_KEY_PAIR_GEN, nullptr, 0};
+  int given = 0;  // arguments, from the left
+  const Call call =
+      CALL(C_GenerateKeyPair, session_, given > 0 ? &m : nullptr, given > 1 ? &a : nullptr, given > 2 ? 1 : 0,
+           given > 3 ? &a : nullptr, given > 4 ? 1 : 0, given > 5 ? &public_ : nullptr, nullptr);
+  for (const char* line : {": pMechanism is NULL", ": pPublicKeyTemplate is NULL", ": ulPublicKeyAttributeCount<=0",
+                           ": pPrivateKeyTemplate is NULL", ": ulPrivateKeyAttributeCount<=0", ": phPublicKey is NULL",
+                           ": phPrivateKey is NULL"}) {
+    bad(call, line);
+    ++given;
+  }
+  given = 1;
+  for (const CK_MECHANISM& withParameter : {CK_MECHANISM{m.mechanism, &a, 0}, CK_MECHANISM{m.mechanism, nullptr, 1}}) {
+    m = withParameter;
+    expect(call, CKR_MECHANISM_PARAM_INVALID, {": mechanism param invalid for mechanism=4160"});
+  }
+  expect(generate({{CKA_MODULUS_BITS, number(1536)}}, token), CKR_MECHANISM_INVALID,
+         {keyTypeTold(0), bitsTold(1536), ": unsupported RSA modulusBits=1536"});
+  expect(generate({{CKA_EC_PARAMS, "\x13\x05P-256"}}, {{CKA_KEY_TYPE, ec}}), CKR_MECHANISM_INVALID,
+         {keyTypeTold(3), ": unknown EC param (len=7)"});
+  expect(generate({{CKA_EC_PARAMS, p256 + "x"}}, {{CKA_KEY_TYPE, ec}}), CKR_MECHANISM_INVALID,
+         {keyTypeTold(3), ": unknown EC param (len=11)"});
+  EXPECT_EQ(public_, 77u);
+}
+
+TEST_F(KeyGenerationTest, TemplatesDecideWhatTheDeviceIsAskedFor) {
+  const std::string x200(200, 'x');
+  const std::string x128(128, 'x');
+  struct Row {
+    Template publicKey;
+    Template privateKey;
+    int keyType;
+    int bits;  // 0: not told
+    std::string asked;
+  };
+  const Row rows[] = {
+      {token, token, 0, 0, asked(2, 1)},
+      {{{CKA_MODULUS_BITS, number(1024)}}, {{CKA_SIGN, yes}}, 0, 1024, asked(1, 1)},
+      {{{CKA_MODULUS_BITS, number(2048)}}, {{CKA_DECRYPT, yes}}, 0, 2048, asked(2, 2)},
+      {{{CKA_MODULUS_BITS, number(3072)}}, {{CKA_DECRYPT, yes}, {CKA_SIGN, "\x80"}}, 0, 3072, asked(3, 3)},
+      {{{CKA_MODULUS_BITS, number(4096)}}, {{CKA_DECRYPT, no}, {CKA_SIGN, no}}, 0, 4096, asked(4, 1)},
+      {{{CKA_MODULUS_BITS, std::string("\x00\x10", 2)}}, token, 0, 4096, asked(4, 1)},
+      {{{CKA_MODULUS_BITS, Template::nothing}, {CKA_EC_PARAMS, p384}}, {{CKA_ID, ""}}, 0, 0, asked(2, 1)},
+      {token, {{CKA_KEY_TYPE, ec}}, 3, 0, asked(5, 3)},
+      {{{CKA_EC_PARAMS, p256}}, {{CKA_KEY_TYPE, "\3"}, {CKA_SIGN, yes}}, 3, 0, asked(5, 1)},
+      {{{CKA_EC_PARAMS, p384}, {CKA_MODULUS_BITS, number(99)}}, {{CKA_KEY_TYPE, ec}}, 3, 0, asked(6, 3)},
+      {{{CKA_EC_PARAMS, p521}}, {{CKA_KEY_TYPE, ec}, {CKA_DECRYPT, yes}}, 3, 0, asked(7, 2)},
+      {{{CKA_MODULUS_BITS, number(99)}}, {{CKA_KEY_TYPE, number(CKK_AES)}}, 31, 0, asked(2, 1)},
+      {{{CKA_LABEL, "x"}, {CKA_DECRYPT, yes}}, {{CKA_LABEL, "key"}, {CKA_ID, "id"}}, 0, 0, asked(2, 1, "key", "id")},
+      {token, {{CKA_LABEL, x200}, {CKA_ID, x200}}, 0, 0, asked(2, 1, x128, x128)}};
+  CK_OBJECT_HANDLE next = 0x20;
+  for (const Row& row : rows) {
+    SCOPED_TRACE(next);
+    Lines lines{keyTypeTold(row.keyType)};
+    if (row.bits != 0) lines.push_back(bitsTold(row.bits));
+    does(generate(row.publicKey, row.privateKey), lines + Lines{row.asked, "- C_GenerateKeyPair - exit"});
+    EXPECT_EQ(public_, 0x70001000 + next);
+    EXPECT_EQ(private_, 0x70000000 + next);
+    ++next;
+  }
+}
+
+TEST_F(KeyGenerationTest, DeviceFailures) {
+  for (const auto& [status, code] : {std::pair{40, CKR_DEVICE_MEMORY},
+                                     {242, CKR_DEVICE_MEMORY},
+                                     {48, CKR_FUNCTION_FAILED},
+                                     {-40, CKR_FUNCTION_FAILED}}) {
+    fake::fail("generateKeyPair", status);
+    expect(generate(token, token), code,
+           {keyTypeTold(0), asked(2, 1), "Generate key pair failed : " + std::to_string(status)});
+  }
+  EXPECT_EQ(public_, 77u);
+  EXPECT_EQ(private_, 77u);
+}
+
+class KeyDerivationTest : public SessionTest {
+ protected:
+  Call deriveKey(CK_EC_KDF_TYPE kdf, const Template& attributes = {}) {
+    return {"C_DeriveKey", [=, this] {
+              CK_ECDH1_DERIVE_PARAMS parameters{kdf, 6, bytes("shared"), 4, bytes("peer")};
+              CK_MECHANISM mechanism{CKM_ECDH1_DERIVE, &parameters, sizeof parameters};
+              return C_DeriveKey(session_, &mechanism, ecPrivate, attributes.data(), attributes.size(), &key_);
+            }};
+  }
+  std::string secret() {
+    CK_BYTE value[256] = {};
+    CK_ATTRIBUTE attribute{CKA_VALUE, value, sizeof value};
+    ok(C_GetAttributeValue(session_, key_, &attribute, 1));
+    return {value, value + attribute.ulValueLen};
+  }
+  CK_OBJECT_HANDLE key_ = 77;
+};
+
+const Lines deviceAsked{"- key id :: 2", keysListed, "- base key id :: 6B65792D320000000000000000000000",
+                        "- public key :: 70656572", "> ecdhDerive TK1 key-2 pin='1234' peer='peer' inst"};
+
+TEST_F(KeyDerivationTest, RefusalsAreSilent) {
+  CK_ECDH1_DERIVE_PARAMS whole{CKD_NULL, 0, nullptr, 4, bytes("peer")};
+  CK_ECDH1_DERIVE_PARAMS noPoint{CKD_NULL, 0, nullptr, 4, nullptr};
+  CK_ECDH1_DERIVE_PARAMS noLength{CKD_NULL, 0, nullptr, 0, bytes("peer")};
+  CK_MECHANISM unknown{CKM_ECDH1_COFACTOR_DERIVE, nullptr, 0};
+  expect(CALL(C_DeriveKey, session_, nullptr, 0, nullptr, 0, &key_), CKR_ARGUMENTS_BAD);
+  expect(CALL(C_DeriveKey, session_, &unknown, 0, nullptr, 0, nullptr), CKR_ARGUMENTS_BAD);
+  expect(CALL(C_DeriveKey, session_, &unknown, 0, nullptr, 0, &key_), CKR_MECHANISM_INVALID);
+  for (CK_MECHANISM mechanism :
+       {CK_MECHANISM{CKM_ECDH1_DERIVE, nullptr, sizeof whole}, CK_MECHANISM{CKM_ECDH1_DERIVE, &whole, sizeof whole - 1},
+        CK_MECHANISM{CKM_ECDH1_DERIVE, &noPoint, sizeof noPoint},
+        CK_MECHANISM{CKM_ECDH1_DERIVE, &noLength, sizeof noLength}}) {
+    expect(CALL(C_DeriveKey, session_, &mechanism, 0, nullptr, 0, &key_), CKR_MECHANISM_PARAM_INVALID);
+  }
+  CK_MECHANISM mechanism{CKM_ECDH1_DERIVE, &whole, sizeof whole + 8};
+  for (const CK_OBJECT_HANDLE key : {CK_OBJECT_HANDLE{0}, CK_OBJECT_HANDLE{0x6FFFFFFF}, ecPublic}) {
+    expect(CALL(C_DeriveKey, session_, &mechanism, key, nullptr, 0, &key_), CKR_KEY_HANDLE_INVALID);
+  }
+  expect(CALL(C_DeriveKey, session_, &mechanism, 0x70000FFF, nullptr, 0, &key_), CKR_KEY_HANDLE_INVALID,
+         {"- key id :: 4095", keysListed});
+  EXPECT_EQ(key_, 77u);
+}
+
+TEST_F(KeyDerivationTest, FailuresOfTheDevice) {
+  using Kind = fake::Fault::Kind;
+  for (const auto& [kind, value] :
+       {std::pair{Kind::status, -48}, {Kind::nothing, 0}, {Kind::length, 0}, {Kind::length, -1}}) {
+    fake::fault("ecdhDerive", kind, value);
+    fails(deriveKey(CKD_NULL),
+          deviceAsked + Lines{": tavrin_ecdhDerive failed: " + std::string(kind == Kind::status ? "-48" : "0")});
+  }
+  EXPECT_EQ(key_, 77u);
+}
+
+TEST_F(KeyDerivationTest, SecretIsHashedAndCutAsAsked) {
+  struct Row {
+    CK_EC_KDF_TYPE kdf;
+    int hash;  // its code; 0: none
+    int room;
+    Template attributes;
+    std::string secret;
+  };
+  const Row rows[] = {{CKD_NULL, 0, 0, {}, "Z(peer)"},
+                      {9, 0, 0, {{CKA_CLASS, number(CKO_SECRET_KEY)}, {CKA_LABEL, "x"}}, "Z(peer)"},
+                      {CKD_SHA1_KDF, 1, 20, {}, "H1(Z(peer))"},
+                      {CKD_SHA256_KDF, 4, 32, {}, "H4(Z(peer))"},
+                      {CKD_SHA256_KDF, 4, 32, {{CKA_VALUE_LEN, number(4)}}, "H4(Z"},
+                      {CKD_NULL, 0, 0, {{CKA_VALUE_LEN, number(3)}}, "Z(p"},
+                      {CKD_NULL, 0, 0, {{CKA_LABEL, "x"}, {CKA_VALUE_LEN, "\x09"}}, std::string("Z(peer)\0\0", 9)},
+                      {CKD_NULL, 0, 0, {{CKA_VALUE_LEN, number(0)}}, "Z(peer)"},
+                      {CKD_NULL, 0, 0, {{CKA_VALUE_LEN, Template::nothing}}, "Z(peer)"}};
+  int context = 0;
+  CK_OBJECT_HANDLE last = derive(session_, "first");
+  EXPECT_GE(last, 0x70003000u);
+  for (const Row& row : rows) {
+    ++last;
+    Lines lines = deviceAsked;
+    if (row.hash != 0) {
+      ++context;
+      lines = lines + Lines{hashBegun(row.hash), hashUpdated(context, "Z(peer)"), hashFinished(context, row.room)};
+    }
+    does(deriveKey(row.kdf, row.attributes), lines + Lines{"- C_DeriveKey: done, handle=" + std::to_string(last) +
+                                                           " len=" + std::to_string(row.secret.size())});
+    EXPECT_EQ(key_, last);
+    EXPECT_EQ(secret(), row.secret);
+  }
+  // Secrets and their handles outlive sessions and the module's restart.
+  ok(C_Finalize(nullptr));
+  ok(C_Initialize(nullptr));
+  ok(listSlots());
+  session_ = openLoggedIn();
+  EXPECT_EQ(secret(), "Z(peer)");
+  EXPECT_EQ(derive(session_, "x"), last + 1);
+}
+
+TEST_F(KeyDerivationTest, StatusesOfTheHashDoNotMatter) {
+  for (const auto& [operation, length] : {std::pair{"initHash", 20u}, {"updateHash", 4u}, {"finalHash", 20u}}) {
+    fake::fail(operation, 5);
+    ok(deriveKey(CKD_SHA1_KDF));
+    EXPECT_EQ(secret().size(), length) << operation;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,112 @@
+// Where the log stands, how its lines look, and what the configured level lets through.
+#include <filesystem>
+#include <fstream>
+
+#include "module_test.h"
+#include "test_platform.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// The text with a 9 for every digit.
+std::string shape(std::string text) {
+  for (char& c : text) c = c >= '0' && c <= '9' ? '9' : c;
+  return text;
+}
+
+using LogTest = ModuleTest;
+
+// What the process prints when a call has an error line to log, and its temporary files go to `temporary` meanwhile.
+std::string printedWith(const fs::path& usual, const fs::path& temporary) {
+  ::testing::internal::CaptureStdout();
+  testPlatform::useTemporaryFolder(temporary.string());
+  C_CloseSession(1);
+  std::fflush(stdout);
+  testPlatform::useTemporaryFolder(usual.string());
+  return ::testing::internal::GetCapturedStdout();
+}
+
+TEST_F(LogTest, FileIsNamedByProcessAndDayAndLinesByTime) {
+  ASSERT_TRUE(waitForListings(1));  // the monitor has said what it says
+  EXPECT_EQ(C_CloseSession(1), CKR_SESSION_HANDLE_INVALID);
+  std::string file;
+  for (const auto& entry : fs::recursive_directory_iterator(logFolder())) {
+    if (entry.is_regular_file()) file = entry.path().lexically_relative(logFolder()).generic_string();
+  }
+  EXPECT_EQ(shape(file), "unit_tests/9999-99-99.LOG");
+  const std::string log = rawLog();
+  EXPECT_EQ(shape(log.substr(log.find("C_CloseSession\n") - 34)),
+            "99/99::99:99:99:999-> ->DEBUG ::=>C_CloseSession\n"
+            "99/99::99:99:99:999-> ->ERROR ::=>C_CloseSession: invalid hSession=9\n");
+  EXPECT_EQ(log.substr(0, 5), file.substr(19, 2) + "/" + file.substr(16, 2));  // the day comes first
+}
+
+TEST_F(LogTest, LevelIsTheFirstByteOfTheValueAndIsReadForEveryLine) {
+  const CK_SESSION_HANDLE bad = 1;
+  auto expectLines = [&](const std::string& name, bool errors, bool calls) {
+    Lines expected{"= 0xB3"};
+    if (errors) expected.insert(expected.begin(), "C_CloseSession: invalid hSession=1");
+    if (calls) expected.insert(expected.begin(), "- C_CloseSession");
+    EXPECT_EQ(run(CALL(C_CloseSession, bad)), expected) << name;
+  };
+  testPlatform::setLogLevel(std::nullopt);
+  expectLines("no value", true, false);
+  for (const std::uint32_t level : {3u, 259u}) {
+    testPlatform::setLogLevel(level);
+    expectLines(std::to_string(level), true, true);
+  }
+  for (const std::uint32_t level : {2u, 4u, 127u, 0xFFFFFF02u}) {
+    testPlatform::setLogLevel(level);
+    expectLines(std::to_string(level), true, false);
+  }
+  for (const std::uint32_t level : {1u, 0u, 128u, 255u, 256u}) {
+    testPlatform::setLogLevel(level);
+    expectLines(std::to_string(level), false, false);
+  }
+  for (const testPlatform::OddLogLevel& odd : testPlatform::oddLogLevels()) {
+    odd.set();
+    expectLines(odd.name, odd.errorsLogged, odd.callsLogged);
+  }
+}
+
+TEST_F(LogTest, LinesThatCannotBeWrittenAreDroppedWithAWordOnTheOutput) {
+  ASSERT_TRUE(waitForListings(1));
+  logLevel(2);
+  const fs::path folder = fs::path(logFolder()).parent_path();
+  std::ofstream(folder / "file") << "x";
+  fs::create_directories(folder / "blocked");
+  std::ofstream(folder / "blocked" / "Quorvane Telemantix") << "x";  // where a folder would be
+  for (const auto& [name, printed] : {std::pair{"missing", "\nUnable to getLogBaseFolderPath"},
+                                      {"file", "\nUnable to getLogBaseFolderPath"},
+                                      {"blocked", "\nUnable to write log"}}) {
+    EXPECT_EQ(printedWith(folder, folder / name), printed) << name;
+  }
+  EXPECT_EQ(printedWith(folder, folder), "");
+}
+
+TEST_F(LogTest, NoPasswordReachesTheLog) {
+  const char* const secrets[] = {"user-secret", "wrong-secret", "other-secret", "so-secret"};
+  const CK_SESSION_HANDLE session = open();
+  ok(login(session, CKU_SO, "so-secret"));
+  ok(C_Logout(session));
+  fake::fail("validatePassword", 1);
+  EXPECT_NE(login(session, CKU_USER, "wrong-secret").make(), CKR_OK);
+  fake::fault("validatePassword", fake::Fault::Kind::failure);
+  EXPECT_EQ(login(session, CKU_USER, "wrong-secret").make(), CKR_GENERAL_ERROR);
+  ok(login(session, CKU_USER, "user-secret"));
+  Output out;
+  ok(signInit(session, CKM_SHA256_RSA_PKCS));
+  ok(CALL(C_Sign, session, DATA("data"), out.data(), &out.length));
+  fake::fail("changeUserPassword", 1);
+  EXPECT_NE(C_SetPIN(session, DATA("user-secret"), DATA("other-secret")), CKR_OK);
+  ok(C_SetPIN(session, DATA("user-secret"), DATA("other-secret")));
+  derive(session, "peer");
+  EXPECT_NE(rawLog().find("C_SetPIN"), std::string::npos);
+  for (const std::string secret : secrets) {
+    EXPECT_EQ(rawLog().find(secret), std::string::npos) << secret;
+    EXPECT_EQ(rawLog().find(hexText(secret)), std::string::npos) << secret;
+  }
+}
+
+}  // namespace

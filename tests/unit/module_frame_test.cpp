@@ -1,0 +1,150 @@
+// The function list, the general calls, what every function refuses first, and what none supports.
+#include <algorithm>
+#include <cstring>
+#include <type_traits>
+
+#include "module/vendor_extensions.h"
+#include "module_test.h"
+
+namespace {
+
+// A function with the given slot or session, and zeros otherwise.
+template <class First, class... Rest>
+Call withZeros(const char* name, CK_RV (*function)(First, Rest...), CK_ULONG first) {
+  return {name, [=] {
+            if constexpr (std::is_same_v<First, CK_ULONG>) return function(first, Rest{}...);
+            return function(First{}, Rest{}...);
+          }};
+}
+
+std::vector<Call> allFunctions(CK_ULONG first) {
+#define ENTRY(name, parameters) withZeros(#name, (name), first),
+  return {CRYPTOKI_FUNCTIONS(ENTRY)};
+#undef ENTRY
+}
+
+const Lines unsupported = {"C_InitToken",           "C_InitPIN",           "C_GetOperationState",
+                           "C_SetOperationState",   "C_CopyObject",        "C_EncryptUpdate",
+                           "C_EncryptFinal",        "C_DecryptUpdate",     "C_DecryptFinal",
+                           "C_DigestKey",           "C_SignRecoverInit",   "C_SignRecover",
+                           "C_VerifyRecoverInit",   "C_VerifyRecover",     "C_DigestEncryptUpdate",
+                           "C_DecryptDigestUpdate", "C_SignEncryptUpdate", "C_DecryptVerifyUpdate",
+                           "C_GenerateKey",         "C_WrapKey",           "C_UnwrapKey",
+                           "C_SeedRandom",          "C_GetFunctionStatus", "C_CancelFunction"};
+const Lines ofNoSession = {"C_Initialize",       "C_Finalize",    "C_GetInfo",          "C_GetFunctionList",
+                           "C_GetSlotList",      "C_GetSlotInfo", "C_GetTokenInfo",     "C_GetMechanismList",
+                           "C_GetMechanismInfo", "C_OpenSession", "C_CloseAllSessions", "C_WaitForSlotEvent"};
+
+bool isIn(const Lines& names, const std::string& name) {
+  return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+using ModuleFrameTest = ModuleTest;
+
+TEST_F(ModuleFrameTest, FunctionListNamesEveryFunctionEvenBeforeInitialization) {
+  ok(C_Finalize(nullptr));
+  CK_FUNCTION_LIST_PTR list = nullptr;
+  CK_FUNCTION_LIST_PTR again = nullptr;
+  does(CALL(C_GetFunctionList, &list));
+  ok(C_GetFunctionList(&again));
+  EXPECT_EQ(list, again);
+  EXPECT_EQ(list->version.major, 2);
+  EXPECT_EQ(list->version.minor, 20);
+#define SAME(name, parameters) EXPECT_EQ(+list->name, &(name)) << #name;
+  CRYPTOKI_FUNCTIONS(SAME)
+#undef SAME
+  bad(CALL(C_GetFunctionList, nullptr), ": ppFunctionList is NULL");
+}
+
+TEST_F(ModuleFrameTest, UnsupportedFunctionsCheckNothing) {
+  for (const bool initialized : {true, false}) {
+    if (!initialized) ok(C_Finalize(nullptr));
+    std::size_t count = 0;
+    for (const Call& call : allFunctions(1)) {
+      if (!isIn(unsupported, call.name)) continue;
+      ++count;
+      expect(call, CKR_FUNCTION_NOT_SUPPORTED);
+    }
+    EXPECT_EQ(count, unsupported.size());
+    expect(CALL(C_EjectToken, 1), CKR_FUNCTION_NOT_SUPPORTED);
+    expect(CALL(C_GetUnmanagedStructSizeList, nullptr, nullptr), CKR_FUNCTION_NOT_SUPPORTED);
+    expect(CALL(C_InteractiveLogin, 1), CKR_FUNCTION_NOT_SUPPORTED);
+  }
+}
+
+TEST_F(ModuleFrameTest, EveryOtherFunctionWantsInitializationFirst) {
+  ok(C_Finalize(nullptr));
+  for (const Call& call : allFunctions(0)) {
+    if (isIn(unsupported, call.name) || call.name == "C_Initialize" || call.name == "C_GetFunctionList") continue;
+    expect(call, CKR_CRYPTOKI_NOT_INITIALIZED, call.name == "C_DeriveKey" ? Lines{} : Lines{": not initialized"});
+  }
+}
+
+TEST_F(ModuleFrameTest, EverySessionCallLooksTheSessionUpBeforeItsArguments) {
+  for (const Call& call : allFunctions(0xFFFFFFFF)) {
+    if (isIn(unsupported, call.name) || isIn(ofNoSession, call.name)) continue;
+    Lines lines{": invalid hSession=4294967295"};
+    if (call.name == "C_DeriveKey") lines.clear();
+    if (call.name == "C_DestroyObject") lines = {"- Delete session state invalid"};
+    expect(call, CKR_SESSION_HANDLE_INVALID, lines);
+  }
+}
+
+TEST_F(ModuleFrameTest, InfoTextsEndInNulAndLeaveTheRestOfTheirFields) {
+  CK_INFO info;
+  std::memset(&info, 0xFF, sizeof info);
+  CK_INFO expected = info;
+  expected.cryptokiVersion = {2, 20};
+  std::memcpy(expected.manufacturerID, "Quorvane Telemantix", 20);
+  expected.flags = 0;
+  std::memcpy(expected.libraryDescription, "Tavrin PKCS11 Library", 22);
+  expected.libraryVersion = {3, 6};
+  does(CALL(C_GetInfo, &info));
+  EXPECT_EQ(hexOf(info), hexOf(expected));
+  bad(CALL(C_GetInfo, nullptr), ": pInfo is NULL");
+}
+
+TEST_F(ModuleFrameTest, InitializeIgnoresItsArgumentAndRefusesASecondCall) {
+  expect(CALL(C_Initialize, nullptr), CKR_CRYPTOKI_ALREADY_INITIALIZED, {": already initialized"});
+  ok(C_Finalize(nullptr));
+  char tooSmall = 0;
+  does(CALL(C_Initialize, &tooSmall), {"> createInstance"});
+}
+
+TEST_F(ModuleFrameTest, FinalizeForgetsSlotsSessionsAndLogin) {
+  const CK_SESSION_HANDLE session = openLoggedIn();
+  char reserved = 0;
+  does(CALL(C_Finalize, &reserved), {"- Monitor thread joined (stopDeviceMonitor).", "> releaseInstance inst",
+                                     "- C_Finalize completed successfully."});
+  ok(C_Initialize(nullptr));
+  CK_SLOT_INFO info;
+  EXPECT_EQ(C_GetSlotInfo(slot1, &info), CKR_SLOT_ID_INVALID);
+  EXPECT_EQ(C_CloseSession(session), CKR_SESSION_HANDLE_INVALID);
+  ok(listSlots());
+  EXPECT_EQ(state(open()), CKS_RW_PUBLIC_SESSION);
+}
+
+TEST_F(ModuleFrameTest, InitializationWithoutInstanceSucceedsAndMayBeRepeated) {
+  ok(C_Finalize(nullptr));
+  const Lines failed{"> createInstance", "Init pkcs11 library failed failed"};
+  const Lines restarted{failed[0], "- Monitor already running. Stopping old thread.",
+                        "- Monitor thread joined (stopDeviceMonitor).", failed[1]};
+  for (const Lines& lines : {failed, restarted}) {
+    fake::fault("createInstance", fake::Fault::Kind::nothing);
+    does(CALL(C_Initialize, nullptr), lines);
+    EXPECT_EQ(C_GetInfo(nullptr), CKR_CRYPTOKI_NOT_INITIALIZED);
+    EXPECT_EQ(C_Finalize(nullptr), CKR_CRYPTOKI_NOT_INITIALIZED);
+    ASSERT_TRUE(waitForListings(1));
+  }
+  // At once, when the monitor may not have begun to run.
+  for (int i = 0; i < 5; ++i) {
+    fake::fault("createInstance", fake::Fault::Kind::nothing);
+    ok(C_Initialize(nullptr));
+  }
+  ok(C_Initialize(nullptr));
+  ok(listSlots());
+  ok(C_CloseSession(openLoggedIn()));
+  EXPECT_EQ(fake::strayListings(), 0);
+}
+
+}  // namespace

@@ -1,0 +1,115 @@
+// The device monitor and C_WaitForSlotEvent. The poll period of a second makes these tests slow: they are few.
+#include <algorithm>
+#include <chrono>
+#include <thread>
+
+#include "module_test.h"
+
+namespace {
+
+class MonitorTest : public ModuleTest {
+ protected:
+  void restart(const std::vector<fake::Device>& devices) {
+    C_Finalize(nullptr);
+    fake::edit()->devices = devices;
+    ok(C_Initialize(nullptr));
+  }
+  static int logged(const std::string& text) {
+    const std::string log = rawLog();
+    int count = 0;
+    for (auto at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++count;
+    return count;
+  }
+  CK_SLOT_ID slot_ = 77;
+  const Call wait_ = CALL(C_WaitForSlotEvent, 0, &slot_, nullptr);
+  const Call poll_ = CALL(C_WaitForSlotEvent, 0x80000000 | CKF_DONT_BLOCK, &slot_, nullptr);
+};
+
+const Lines waited{"- C_WaitForSlotEvent: blocking, returning slot 1342177281"};
+const Lines polled{"- C_WaitForSlotEvent: non-blocking, returning slot 1342177281"};
+const Lines nothing{": no event pending (non-blocking)"};
+
+TEST_F(MonitorTest, EventIsKeptUntilItIsCollected) {
+  bad(CALL(C_WaitForSlotEvent, 0, nullptr, &slot_), ": pSlot is NULL");
+  bad(CALL(C_WaitForSlotEvent, CKF_DONT_BLOCK, nullptr, &slot_), ": pSlot is NULL");
+  // The device that was there before the module began is an event, even after the module's end.
+  ASSERT_TRUE(waitForListings(1));
+  restart({});
+  does(poll_, polled);
+  EXPECT_EQ(slot_, slot1);
+  slot_ = 77;
+  expect(poll_, CKR_NO_EVENT, nothing);
+  EXPECT_EQ(slot_, 77u);
+}
+
+TEST_F(MonitorTest, UnpluggingLogsTheUserOutAndChangesOfTheCountAreEvents) {
+  ASSERT_TRUE(waitForListings(1));
+  restart({});
+  does(poll_, polled);
+  fake::edit()->devices.push_back(fake::device("TK1"));
+  does(wait_, waited);
+  EXPECT_EQ(slot_, slot1);
+
+  ok(listSlots());
+  const CK_SESSION_HANDLE userReadOnly = open(readOnly);
+  const CK_SESSION_HANDLE officer = openLoggedIn();
+  EXPECT_EQ(login(officer, CKU_SO).make(), CKR_SESSION_READ_ONLY_EXISTS);
+  const CK_SESSION_HANDLE user = open();
+  EXPECT_EQ(state(user), CKS_RW_USER_FUNCTIONS);
+  // Two devices come and the token goes: one event.
+  fake::edit()->devices = {fake::device("TK10"), fake::device("TK")};
+  does(wait_, waited);
+  expect(poll_, CKR_NO_EVENT, nothing);
+  EXPECT_EQ(state(userReadOnly), CKS_RO_PUBLIC_SESSION);
+  EXPECT_EQ(state(officer), CKS_RW_SO_FUNCTIONS);
+  EXPECT_EQ(state(user), CKS_RW_PUBLIC_SESSION);
+  EXPECT_EQ(state(open()), CKS_RW_PUBLIC_SESSION);
+
+  // A device swapped for another is no event.
+  fake::edit()->devices = {fake::device("TK10"), fake::device("TK3")};
+  ASSERT_TRUE(waitForListings(1));
+  ok(C_Finalize(nullptr));
+  EXPECT_EQ(logged("DEBUG ::=>Slot event: device count changed from 0 to 1\n"), 2);  // the fixture's one, and ours
+  EXPECT_EQ(logged("DEBUG ::=>Slot event: device count changed from 1 to 2\n"), 1);
+  EXPECT_EQ(logged("Slot event"), 3);
+  EXPECT_EQ(logged("DEBUG ::=>Device disconnected, clearing userPassword\n"), 2);
+  EXPECT_EQ(logged("DEBUG ::=>Session monitor thread started.\n"), 2);
+  EXPECT_EQ(logged("DEBUG ::=>Session monitor thread stopped.\n"), 2);
+  EXPECT_EQ(fake::strayListings(), 0);
+}
+
+TEST_F(MonitorTest, FinalizeIsQuickAndWakesWhoeverWaits) {
+  ASSERT_TRUE(waitForListings(1));
+  restart({});
+  ok(poll_);
+  slot_ = 77;
+  auto fastest = std::chrono::steady_clock::duration::max();
+  for (int i = 0; i < 10; ++i) {
+    CK_RV code = CKR_OK;
+    std::thread waiter([&] { code = wait_.make(); });
+    // Now and then the waiter is only about to wait.
+    if (i % 2 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    const auto start = std::chrono::steady_clock::now();
+    ok(C_Finalize(nullptr));
+    fastest = std::min(fastest, std::chrono::steady_clock::now() - start);
+    waiter.join();
+    EXPECT_EQ(code, CKR_CRYPTOKI_NOT_INITIALIZED);
+    ok(C_Initialize(nullptr));
+  }
+  EXPECT_LT(fastest, std::chrono::milliseconds(100));
+  EXPECT_GT(logged("ERROR ::=>C_WaitForSlotEvent: monitor stopped, returning CKR_CRYPTOKI_NOT_INITIALIZED\n"), 0);
+  EXPECT_EQ(slot_, 77u);
+}
+
+TEST_F(MonitorTest, FailuresOfTheListingEndNothing) {
+  for (const fake::Fault::Kind kind : {fake::Fault::Kind::outOfMemory, fake::Fault::Kind::failure}) {
+    C_Finalize(nullptr);
+    fake::fault("monitor", kind);
+    ok(C_Initialize(nullptr));
+    ASSERT_TRUE(waitForListings(1));
+    ok(listSlots());
+    ok(C_CloseSession(openLoggedIn()));
+  }
+}
+
+}  // namespace

@@ -1,0 +1,74 @@
+// What the platform's own ABI adds: numbers of 64 bits, of which handles and slots use 32.
+#include "module_test.h"
+
+namespace {
+
+using NativeAbiTest = ModuleTest;
+
+constexpr CK_ULONG wide(CK_ULONG value) { return value | (CK_ULONG{1} << 32); }
+
+TEST_F(NativeAbiTest, WiderHandlesAreUnknown) {
+  const CK_SESSION_HANDLE session = openLoggedIn();
+  const CK_OBJECT_HANDLE secret = derive(session, "x");
+  EXPECT_EQ(secret, 0x70003000u);  // the first of this process
+  CK_SLOT_INFO slotInfo;
+  CK_TOKEN_INFO tokenInfo;
+  CK_SESSION_INFO sessionInfo;
+  CK_MECHANISM_INFO mechanismInfo;
+  CK_SESSION_HANDLE opened = 0;
+  CK_ULONG size = 0;
+  EXPECT_EQ(C_GetSlotInfo(wide(slot1), &slotInfo), CKR_SLOT_ID_INVALID);
+  EXPECT_EQ(C_GetTokenInfo(wide(slot1), &tokenInfo), CKR_SLOT_ID_INVALID);
+  EXPECT_EQ(C_OpenSession(wide(slot1), readWrite, nullptr, nullptr, &opened), CKR_SLOT_ID_INVALID);
+  EXPECT_EQ(C_CloseAllSessions(wide(slot1)), CKR_SLOT_ID_INVALID);
+  EXPECT_EQ(C_GetSessionInfo(wide(session), &sessionInfo), CKR_SESSION_HANDLE_INVALID);
+  EXPECT_EQ(C_CloseSession(wide(session)), CKR_SESSION_HANDLE_INVALID);
+  EXPECT_EQ(C_GetMechanismInfo(slot1, wide(CKM_RSA_PKCS), &mechanismInfo), CKR_MECHANISM_INVALID);
+  EXPECT_EQ(C_Login(session, wide(CKU_SO), bytes("1234"), 4), CKR_USER_TYPE_INVALID);
+  EXPECT_EQ(C_SetPIN(session, bytes("1234"), wide(4), bytes("1234"), 4), CKR_PIN_LEN_RANGE);
+
+  CK_ATTRIBUTE attribute{CKA_LABEL, bytes("x"), 1};
+  CK_ECDH1_DERIVE_PARAMS parameters{CKD_NULL, 0, nullptr, 1, bytes("x")};
+  CK_MECHANISM mechanism{CKM_ECDH1_DERIVE, &parameters, sizeof parameters};
+  CK_OBJECT_HANDLE derived = 0;
+  for (const CK_OBJECT_HANDLE object : {rsaPrivate, rsaPublic, certificate1, secret}) {
+    EXPECT_EQ(C_GetAttributeValue(session, wide(object), &attribute, 1), CKR_OBJECT_HANDLE_INVALID) << object;
+    EXPECT_EQ(C_SetAttributeValue(session, wide(object), &attribute, 1), CKR_OBJECT_HANDLE_INVALID) << object;
+    EXPECT_EQ(C_GetObjectSize(session, wide(object), &size), CKR_OBJECT_HANDLE_INVALID) << object;
+    EXPECT_EQ(C_DestroyObject(session, wide(object)), CKR_OBJECT_HANDLE_INVALID) << object;
+    EXPECT_EQ(signInit(session, CKM_RSA_PKCS, wide(object)).make(), CKR_OBJECT_HANDLE_INVALID) << object;
+    EXPECT_EQ(verifyInit(session, CKM_RSA_PKCS, wide(object)).make(), CKR_OBJECT_HANDLE_INVALID) << object;
+    EXPECT_EQ(encryptInit(session, CKM_RSA_PKCS, wide(object)).make(), CKR_OBJECT_HANDLE_INVALID) << object;
+    EXPECT_EQ(encryptInit(session, CKM_RSA_PKCS_OAEP, wide(object)).make(), CKR_OBJECT_HANDLE_INVALID) << object;
+    EXPECT_EQ(decryptInit(session, CKM_RSA_PKCS, wide(object)).make(), CKR_OBJECT_HANDLE_INVALID) << object;
+    EXPECT_EQ(C_DeriveKey(session, &mechanism, wide(object), nullptr, 0, &derived), CKR_KEY_HANDLE_INVALID) << object;
+  }
+  EXPECT_EQ(signInit(session, wide(CKM_RSA_PKCS)).make(), CKR_MECHANISM_INVALID);
+  EXPECT_EQ(encryptInit(session, wide(CKM_RSA_PKCS)).make(), CKR_MECHANISM_INVALID);
+  EXPECT_EQ(digestInit(session, wide(CKM_SHA_1)).make(), CKR_MECHANISM_INVALID);
+}
+
+TEST_F(NativeAbiTest, NumbersOfAttributesHave64Bits) {
+  const CK_SESSION_HANDLE session = openLoggedIn();
+  Template search{{CKA_CLASS, number(CKO_PRIVATE_KEY)}, {CKA_ID, "id-2"}};
+  CK_OBJECT_HANDLE found[2] = {};
+  CK_ULONG count = 0;
+  ok(C_FindObjectsInit(session, search.data(), search.size()));
+  ok(C_FindObjects(session, found, 2, &count));
+  EXPECT_EQ(count, 1u);
+  EXPECT_EQ(found[0], ecPrivate);
+
+  Template attributes{{CKA_CLASS, "12345678+"}, {CKA_MODULUS_BITS, "12345678"}, {CKA_OBJECT_ID, "12345678"}};
+  ok(C_GetAttributeValue(session, ecPrivate, attributes.data(), attributes.size()));
+  EXPECT_EQ(attributes.value(0), number(CKO_PRIVATE_KEY));
+  EXPECT_EQ(attributes.value(1), number(256));
+  EXPECT_EQ(attributes.value(2), number(ecPrivate));
+  Template ofSecret{{CKA_CLASS, Template::nothing}};
+  ok(C_GetAttributeValue(session, derive(session, "x"), ofSecret.data(), ofSecret.size()));
+  EXPECT_EQ(ofSecret.length(0), CK_UNAVAILABLE_INFORMATION);
+  CK_TOKEN_INFO info;
+  ok(C_GetTokenInfo(slot1, &info));
+  EXPECT_EQ(info.ulFreePrivateMemory, CK_UNAVAILABLE_INFORMATION);
+}
+
+}  // namespace
