@@ -1,0 +1,135 @@
+#include "bench/bench_token.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+
+#include "softtoken/token_directory.h"
+
+namespace bench {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr std::uint32_t rsa2048 = 2;
+constexpr std::uint32_t p256 = 5;
+
+TavrinKeyPair generate(const BenchToken& token, std::uint32_t keyType, std::uint8_t number) {
+  TavrinKeyPair pair{};
+  pair.keyType = keyType;
+  pair.usage = 3;
+  pair.keyId[0] = number;
+  pair.keyIdLength = 1;
+  require(tavrin_generateKeyPair(token.serial.c_str(), pin, &pair, token.instance) == 0, "key generation");
+  return pair;
+}
+
+BenchToken makeToken() {
+  softtoken::NewToken description;
+  description.name = "bench";
+  description.label = "Benchmark";
+  description.capacity = 2000;
+  softtoken::createToken(description, pin, "officer's");
+  BenchToken token;
+  tavrin_createInstance(&token.instance);
+  const auto devices = tavrin_getConnectedDeviceList(false, token.instance);
+  require(devices.size() == 1, "listing the token");
+  token.serial = devices.front();
+  for (std::uint8_t number = 1; number <= 3; ++number) {
+    token.rsa = generate(token, rsa2048, number);
+    token.p256 = generate(token, p256, static_cast<std::uint8_t>(number + 3));
+  }
+  return token;
+}
+
+softtoken::Token storedToken() { return softtoken::Token(softtoken::folderOfToken("bench")); }
+
+}  // namespace
+
+void require(bool succeeded, const char* what) {
+  if (succeeded) return;
+  std::fprintf(stderr, "benchmark: %s failed\n", what);
+  std::exit(1);
+}
+
+Surroundings::Surroundings() : folder_(fs::temp_directory_path() / "tavrin-bench-XXXXXX") {
+  std::string pattern = folder_.string();
+  require(mkdtemp(pattern.data()) != nullptr, "making a temporary folder");
+  folder_ = pattern;
+  for (const char* name : {"tokens", "temporary", "registry"}) fs::create_directory(folder_ / name);
+  setenv("TAVRIN_SOFT_TOKENS", (folder_ / "tokens").c_str(), 1);
+  setenv("TMPDIR", (folder_ / "temporary").c_str(), 1);
+  setenv("TAVRIN_REGISTRY", (folder_ / "registry").c_str(), 1);
+  setLogLevel(2);
+}
+
+Surroundings::~Surroundings() {
+  std::error_code ignored;
+  fs::remove_all(folder_, ignored);
+}
+
+void Surroundings::setLogLevel(int level) const {
+  const fs::path key = folder_ / "registry/Software/Quorvane Telemantix/Tavrin";
+  fs::create_directories(key);
+  std::ofstream(key / "logLevel") << level << '\n';
+}
+
+const Surroundings& surroundings() {
+  static const Surroundings instance;
+  return instance;
+}
+
+const BenchToken& token() {
+  surroundings();
+  static const BenchToken instance = makeToken();
+  return instance;
+}
+
+namespace {
+softtoken::TokenState& ownKeyPairs() {
+  static softtoken::TokenState state = *storedToken().state();
+  return state;
+}
+}  // namespace
+
+void setKeyPairCount(std::size_t count) {
+  const softtoken::TokenState& own = ownKeyPairs();
+  storedToken().change([&](softtoken::TokenState& state) {
+    state.keyPairs.assign(count, own.keyPairs.back());
+    state.privateKeys.assign(count, own.privateKeys.back());
+    for (std::size_t i = 0; i < count; ++i) {
+      state.keyPairs[i].id = static_cast<std::uint32_t>(i + 1);
+      for (std::size_t byte = 0; byte < 2; ++byte) {
+        state.keyPairs[i].recordId[byte] = static_cast<std::uint8_t>(i >> (8 * byte));
+      }
+    }
+  });
+}
+
+void restoreKeyPairs() {
+  const softtoken::TokenState& own = ownKeyPairs();
+  storedToken().change([&](softtoken::TokenState& state) {
+    state.keyPairs = own.keyPairs;
+    state.privateKeys = own.privateKeys;
+  });
+}
+
+CK_SESSION_HANDLE session() {
+  static CK_SESSION_HANDLE handle = [] {
+    token();
+    CK_SLOT_ID slot = 0;
+    CK_ULONG count = 1;
+    CK_SESSION_HANDLE opened = 0;
+    CK_UTF8CHAR text[] = "benchmark";
+    C_Initialize(nullptr);
+    require(C_GetSlotList(CK_TRUE, &slot, &count) == CKR_OK && count == 1, "C_GetSlotList");
+    require(C_OpenSession(slot, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &opened) == CKR_OK,
+            "C_OpenSession");
+    require(C_Login(opened, CKU_USER, text, sizeof text - 1) == CKR_OK, "C_Login");
+    return opened;
+  }();
+  return handle;
+}
+
+}  // namespace bench

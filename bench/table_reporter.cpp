@@ -1,0 +1,38 @@
+#include "bench/table_reporter.h"
+
+#include <cstdio>
+
+namespace bench {
+
+bool TableReporter::ReportContext(const Context& context) {
+  std::printf("%d CPUs at %.0f MHz, %s\n", context.cpu_info.num_cpus, context.cpu_info.cycles_per_second / 1e6,
+              context.sys_info.name.c_str());
+  return true;
+}
+
+void TableReporter::ReportRuns(const std::vector<Run>& runs) {
+  for (const Run& run : runs) {
+    if (run.aggregate_name != "median") continue;
+    // Arguments of a family stand behind the name, settings of the run behind those.
+    std::string name = run.run_name.function_name;
+    if (!run.run_name.args.empty()) name += " (N = " + run.run_name.args + ")";
+    const auto end = name.rfind(':');
+    const std::string what = name.substr(0, end);
+    if (rows_.count(what) == 0) order_.push_back(what);
+    const double microseconds = run.real_accumulated_time / static_cast<double>(run.iterations) * 1e6;
+    const bool direct = end != std::string::npos && name.substr(end) == ":direct";
+    (direct ? rows_[what].direct : rows_[what].module) = microseconds;
+  }
+}
+
+void TableReporter::Finalize() {
+  std::printf("\n%-58s %14s %14s %8s\n", "median of each, in microseconds", "through module", "direct", "ratio");
+  for (const std::string& what : order_) {
+    const Row& row = rows_[what];
+    std::printf("%-58s %14.2f", what.c_str(), row.module);
+    if (row.direct > 0) std::printf(" %14.2f %8.3f", row.direct, row.module / row.direct);
+    std::printf("\n");
+  }
+}
+
+}  // namespace bench
