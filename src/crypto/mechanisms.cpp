@@ -76,12 +76,12 @@ CK_RV C_GetMechanismList(CK_SLOT_ID, CK_MECHANISM_TYPE_PTR pMechanismList, CK_UL
 CK_RV C_GetMechanismInfo(CK_SLOT_ID, CK_MECHANISM_TYPE type, CK_MECHANISM_INFO_PTR pInfo) {
   return initializedCall("C_GetMechanismInfo", [&](const Call& call) -> CK_RV {
     if (!pInfo) return call.refuse(CKR_ARGUMENTS_BAD, "pInfo is NULL");
-    logDebug("C_GetMechanismInfo -- type : ", type);
+    call.debug("C_GetMechanismInfo -- type : ", type);
     const Mechanism* mechanism = findMechanism(type);
     if (!mechanism) return call.refuse(CKR_MECHANISM_INVALID, "unsupported mechanism type=", type);
 
     *pInfo = {mechanism->minimumKeySize, mechanism->maximumKeySize, mechanism->flags};
-    logDebug("C_GetMechanismInfo -- exit");
+    call.debug("C_GetMechanismInfo -- exit");
     return CKR_OK;
   });
 }

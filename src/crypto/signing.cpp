@@ -15,12 +15,13 @@ namespace {
 constexpr int signatureBufferSize = 1024;
 
 void logInput(const Session& session, bool passwordIsEmpty, Bytes input) {
-  logDebug("Sign: password empty=", passwordIsEmpty ? 1 : 0, " hashLen=", input.size(),
-           " session state=", session.state.load());
+  const DebugLines debug;
+  debug("Sign: password empty=", passwordIsEmpty ? 1 : 0, " hashLen=", input.size(),
+        " session state=", session.state.load());
   if (input.empty()) {
-    logDebug("Sign input hash : NULL or empty");
+    debug("Sign input hash : NULL or empty");
   } else {
-    logDebug("Sign input hash : ", Hex{input});
+    debug("Sign input hash : ", Hex{input});
   }
 }
 
@@ -101,7 +102,7 @@ CK_RV C_SignInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJ
       return call.refuse(CKR_MECHANISM_PARAM_INVALID, "mechanism param invalid for mechanism=", type);
     }
     if (mechanism->pss) {
-      logDebug("firmware veriosn :: ", session.device.firmwareVersion);
+      call.debug("firmware veriosn :: ", session.device.firmwareVersion);
       if (!firmwareHasPssAndOaep(session)) return refusePss(call, session);
     }
     session.mechanism = type;
@@ -124,7 +125,7 @@ CK_RV C_Sign(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen, 
     if (!pData) return call.refuse(CKR_ARGUMENTS_BAD, "pData is NULL");
     if (ulDataLen == 0) return call.refuse(CKR_ARGUMENTS_BAD, "ulDataLen<=0, ulDataLen=", ulDataLen);
     if (!pulSignatureLen) return call.refuse(CKR_ARGUMENTS_BAD, "pulSignatureLen is NULL");
-    logDebug("sign echanism : ", session.mechanism);
+    call.debug("sign echanism : ", session.mechanism);
 
     // A signature that a query has made is handed out without looking at the data again.
     if (session.operationData.empty()) {

@@ -10,9 +10,12 @@
 class Call {
  public:
   // Writes the debug line with the function's bare name.
-  explicit Call(const char* name) noexcept : name_(name) { logDebug(name); }
+  explicit Call(const char* name) noexcept : name_(name) { debug(name); }
 
   const char* name() const { return name_; }
+
+  // Debug lines on the level at the call's beginning: good until the call turns to the device library or waits.
+  const DebugLines debug;
 
   // Writes the error line made of the name, ": " and the reason's parts, and returns the code.
   template <typename... Parts>

@@ -28,12 +28,22 @@ void createFolders(const std::string& path) {
   platform::createFolder(path.c_str());
 }
 
+// Overwrites the digits that stand at `place`, `width` of them, with the number.
+void putNumber(char* place, int width, int number) {
+  for (; width > 0; number /= 10) place[--width] = static_cast<char>('0' + number % 10);
+}
+
 std::string formatLine(const platform::LocalTime& now, int level, std::string_view message) {
-  char time[64];
-  std::snprintf(time, sizeof time, "%02d/%02d::%02d:%02d:%02d:%03d-> ", now.day, now.month, now.hour, now.minute,
-                now.second, now.millisecond);
-  std::string line(time);
-  return line.append("->").append(levelTag(level)).append(message).append("\n");
+  char time[] = "00/00::00:00:00:000-> ->";
+  putNumber(time, 2, now.day);
+  putNumber(time + 3, 2, now.month);
+  putNumber(time + 7, 2, now.hour);
+  putNumber(time + 10, 2, now.minute);
+  putNumber(time + 13, 2, now.second);
+  putNumber(time + 16, 3, now.millisecond);
+  std::string line;
+  line.reserve(sizeof time + message.size() + 16);
+  return line.append(time, sizeof time - 1).append(levelTag(level)).append(message).append("\n");
 }
 
 struct ProcessName {
@@ -44,19 +54,30 @@ struct ProcessName {
   char text[256] = {};
 };
 
-// Where a line of this moment belongs.
-struct LogFile {
-  std::string folder;  // with its closing separator
-  std::string path;
-};
+// A program keeps its name. The text needs no destructor, since lines are written until the process is gone.
+std::string_view processName() noexcept {
+  try {
+    static const ProcessName name;
+    return name.text;
+  } catch (const std::exception& exception) {
+    log_detail::reportException("Exception in getProcessName(): ", exception.what());
+    return "TavrinKey Interface";
+  }
+}
 
-LogFile logFile(const char* baseFolder, const platform::LocalTime& now) {
-  LogFile file;
-  file.folder = std::string(baseFolder) + "/Quorvane Telemantix/" + getProcessName() + "/";
-  char name[32];
-  std::snprintf(name, sizeof name, "%04d-%02d-%02d.LOG", now.year, now.month, now.day);
-  file.path = file.folder + name;
-  return file;
+// Where the lines of this program belong, with the closing separator.
+std::string logFolder(std::string_view baseFolder) {
+  std::string folder;
+  folder.reserve(logPathSize);
+  return folder.append(baseFolder).append("/Quorvane Telemantix/").append(processName()).append("/");
+}
+
+void appendFileName(std::string& path, const platform::LocalTime& today) {
+  char name[] = "0000-00-00.LOG";
+  putNumber(name, 4, today.year);
+  putNumber(name + 5, 2, today.month);
+  putNumber(name + 8, 2, today.day);
+  path += name;
 }
 
 // The folders are looked at only when the file cannot be opened: that is at the first line of a program, and doing so
@@ -65,15 +86,17 @@ void appendLine(int level, std::string_view message) {
   char baseFolder[logPathSize];
   const bool found = platform::temporaryFolder(baseFolder, sizeof baseFolder);
   const platform::LocalTime now = platform::localTime();
-  const LogFile file = logFile(found ? baseFolder : "", now);
+  std::string path = logFolder(found ? baseFolder : "");
+  const std::size_t folderLength = path.size();
+  appendFileName(path, now);
   const std::string line = formatLine(now, level, message);
-  if (found && platform::appendToFile(file.path.c_str(), line)) return;
+  if (found && platform::appendToFile(path.c_str(), line)) return;
   if (!getLogBaseFolderPath(baseFolder)) {
     std::fputs("\nUnable to getLogBaseFolderPath", stdout);
     return;
   }
-  createFolders(file.folder);
-  if (!platform::appendToFile(file.path.c_str(), line)) std::fputs("\nUnable to write log", stdout);
+  createFolders(path.substr(0, folderLength));
+  if (!platform::appendToFile(path.c_str(), line)) std::fputs("\nUnable to write log", stdout);
 }
 
 }  // namespace
@@ -105,14 +128,7 @@ int getLogLevel() noexcept {
 
 std::string getProcessName() noexcept {
   try {
-    // A program keeps its name. The text needs no destructor, since lines are written until the process is gone.
-    static const ProcessName name;
-    return name.text;
-  } catch (const std::exception& exception) {
-    log_detail::reportException("Exception in getProcessName(): ", exception.what());
-  }
-  try {
-    return "TavrinKey Interface";
+    return std::string(processName());
   } catch (const std::exception&) {
     return {};
   }

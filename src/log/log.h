@@ -1,8 +1,8 @@
 // The diagnostic log: one plain-text file a process name and day, below the user's temporary folder.
 //
-// Any thread may log. No lock is taken and nothing is kept between lines: the level is read and the file opened afresh
-// for each, so that a new level counts at once and other processes can share the file. A failure to log never reaches
-// the caller; it is named on the standard output and the line is dropped.
+// Any thread may log. No lock is taken and nothing is kept from one line for the next: the level is read and the file
+// opened afresh, so that a new level counts at once and other processes can share the file. A failure to log never
+// reaches the caller; it is named on the standard output and the line is dropped.
 #pragma once
 
 #include <charconv>
@@ -75,3 +75,21 @@ template <typename... Parts>
 void logDebug(const Parts&... parts) noexcept {
   if (getLogLevel() >= debugLevel) log_detail::compose(debugLevel, parts...);
 }
+
+// Debug lines of one moment, on the level as it is read when this is made. Nobody can tell that from a reading for each
+// line, as long as there is nothing but a little computing between them; after an operation of the device library, a
+// wait or a long list of lines, take a new one.
+class DebugLines {
+ public:
+  DebugLines() noexcept : wanted_(getLogLevel() >= debugLevel) {}
+
+  bool wanted() const { return wanted_; }
+
+  template <typename... Parts>
+  void operator()(const Parts&... parts) const noexcept {
+    if (wanted_) log_detail::compose(debugLevel, parts...);
+  }
+
+ private:
+  bool wanted_;
+};

@@ -50,7 +50,8 @@ CK_RV findObject(const Call& call, const Session& session, ObjectView& object) {
 CK_RV readEntry(const Call& call, const ObjectView& object, std::size_t index, CK_ATTRIBUTE& entry) {
   const CK_ATTRIBUTE_TYPE type = entry.type;
   const CK_ULONG provided = entry.ulValueLen;
-  logDebug("C_GetAttributeValue type : ", type);
+  const DebugLines debug;
+  debug("C_GetAttributeValue type : ", type);
   AttributeValue value;
   readAttribute(type, object, value);
   const Bytes bytes = value.bytes();
@@ -60,7 +61,7 @@ CK_RV readEntry(const Call& call, const ObjectView& object, std::size_t index, C
   }
   if (entry.pValue) copyTo(entry.pValue, bytes);
   entry.ulValueLen = static_cast<CK_ULONG>(bytes.size());
-  logDebug("C_GetAttributeValue length : ", bytes.size());
+  debug("C_GetAttributeValue length : ", bytes.size());
   return CKR_OK;
 }
 
@@ -86,7 +87,7 @@ CK_RV C_GetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, 
                           CK_ULONG ulCount) {
   return sessionCall("C_GetAttributeValue", hSession, [&](const Call& call, const Session& session) -> CK_RV {
     if (!pTemplate) return call.refuseBare(CKR_ARGUMENTS_BAD, "C_GetAttributeValue template is null");
-    logDebug("C_GetAttributeValue count : ", ulCount);
+    call.debug("C_GetAttributeValue count : ", ulCount);
     if (ulCount == 0) return call.refuse(CKR_ARGUMENTS_BAD, "ulCount<=0");
 
     const auto entries = templateEntries(pTemplate, ulCount);

@@ -26,11 +26,11 @@ struct Criteria {
   std::optional<Bytes> modulus;
 };
 
-void takeCriterion(CK_ATTRIBUTE_TYPE type, Bytes value, Criteria& criteria) {
+void takeCriterion(const Call& call, CK_ATTRIBUTE_TYPE type, Bytes value, Criteria& criteria) {
   switch (type) {
     case CKA_CLASS:
       criteria.objectClass = numberOf(value);
-      logDebug("Find object class : ", criteria.objectClass);
+      call.debug("Find object class : ", criteria.objectClass);
       break;
     case CKA_ID:
       criteria.id = value;
@@ -46,7 +46,7 @@ void takeCriterion(CK_ATTRIBUTE_TYPE type, Bytes value, Criteria& criteria) {
       criteria.value = value;
       break;
     case CKA_MODULUS:
-      logDebug("Modulus provided length : ", value.size());
+      call.debug("Modulus provided length : ", value.size());
       criteria.modulus = value;
       break;
     default:
@@ -64,12 +64,12 @@ CK_RV readCriteria(const Call& call, std::span<const CK_ATTRIBUTE> entries, Crit
     if (value.empty()) {
       return call.refuse(CKR_ATTRIBUTE_VALUE_INVALID, "ulValueLen<=0 at attribute index=", i, " type=", type);
     }
-    logDebug("Find object init type : ", type);
+    call.debug("Find object init type : ", type);
     if (type == CKA_CLASS && value.size() != sizeof(CK_OBJECT_CLASS)) {
       return call.refuse(CKR_ATTRIBUTE_VALUE_INVALID, "wrong size for CKA_CLASS at index=", i,
                          " ulValueLen=", value.size());
     }
-    takeCriterion(type, value, criteria);
+    takeCriterion(call, type, value, criteria);
   }
   return CKR_OK;
 }
@@ -177,7 +177,7 @@ CK_RV C_FindObjectsInit(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, 
     }
 
     resetSearch(session);
-    logDebug("Find object init count : ", ulCount);
+    call.debug("Find object init count : ", ulCount);
     Criteria criteria;
     const CK_RV refusal = readCriteria(call, templateEntries(pTemplate, ulCount), criteria);
     if (refusal != CKR_OK) return refusal;
@@ -202,21 +202,21 @@ CK_RV C_FindObjects(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE_PTR phObject, C
 
     *pulObjectCount = 0;
     const SearchResults results(session);
-    logDebug("C_FindObjects find object count : ", results.size());
+    call.debug("C_FindObjects find object count : ", results.size());
     if (results.size() == 0) {
-      logDebug("C_FindObjects find object count 0");
+      call.debug("C_FindObjects find object count 0");
       return CKR_OK;
     }
-    if (ulMaxObjectCount == 0) logDebug("C_FindObjects find object max count is 0 : ", ulMaxObjectCount);
+    if (ulMaxObjectCount == 0) call.debug("C_FindObjects find object max count is 0 : ", ulMaxObjectCount);
 
     CK_ULONG count = 0;
     for (; count < ulMaxObjectCount && session.findCursor + count < results.size(); ++count) {
       phObject[count] = results[session.findCursor + count];
     }
     *pulObjectCount = count;
-    for (CK_ULONG i = 0; i < count; ++i) logDebug("Find object return : ", phObject[i]);
+    for (CK_ULONG i = 0; call.debug.wanted() && i < count; ++i) logDebug("Find object return : ", phObject[i]);
     session.findCursor += static_cast<std::uint32_t>(count);
-    logDebug("C_FindObjects find object count return : ", count);
+    call.debug("C_FindObjects find object count return : ", count);
     return CKR_OK;
   });
 }

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -70,7 +71,12 @@ std::optional<std::size_t> readRegistryValue(const char* key, const char* name, 
   if (root == nullptr || *root == '\0') root = "/etc/tavrin/registry";
   char path[1024];
   if (!registryPath(root, key, name, path, sizeof path)) return std::nullopt;
+  // Most machines have no such file, and asking for it costs half of what a failing open does.
+  static std::atomic<bool> missedBefore = false;
+  struct stat status;
+  if (missedBefore.load(std::memory_order_relaxed) && stat(path, &status) != 0) return std::nullopt;
   const File file(path, O_RDONLY);
+  missedBefore.store(!file.isOpen(), std::memory_order_relaxed);
   if (!file.isOpen()) return std::nullopt;
   char text[32];
   const ssize_t count = file.read(text, sizeof text - 1);
@@ -85,8 +91,12 @@ std::optional<std::size_t> readRegistryValue(const char* key, const char* name, 
 bool temporaryFolder(char* buffer, std::size_t size) {
   const char* folder = std::getenv("TMPDIR");
   if (folder == nullptr || *folder == '\0') folder = "/tmp";
-  const int length = std::snprintf(buffer, size, "%s/", folder);
-  return length > 0 && static_cast<std::size_t>(length) < size;
+  const std::size_t length = std::strlen(folder);
+  if (length + 2 > size) return false;
+  std::memcpy(buffer, folder, length);
+  buffer[length] = '/';
+  buffer[length + 1] = '\0';
+  return true;
 }
 
 bool isFolder(const char* path) {

@@ -112,7 +112,7 @@ CK_RV C_GetTokenInfo(CK_SLOT_ID slotID, CK_TOKEN_INFO_PTR pInfo) {
     info.firmwareVersion = majorAndMinor(token.firmwareVersion);
     std::fill(std::begin(info.utcTime), std::end(info.utcTime), CK_CHAR{' '});
     *pInfo = info;
-    logDebug("C_GetTokenInfo -- exit");
+    call.debug("C_GetTokenInfo -- exit");
     return CKR_OK;
   });
 }
