@@ -25,6 +25,18 @@ TavrinKeyPair generate(const BenchToken& token, std::uint32_t keyType, std::uint
   return pair;
 }
 
+softtoken::Token storedToken() { return softtoken::Token(softtoken::folderOfToken("bench")); }
+
+// A record as large as a common certificate; no benchmark reads into it.
+void addCertificate() {
+  storedToken().change([](softtoken::TokenState& state) {
+    TavrinCertificate certificate{};
+    certificate.id = 1;
+    certificate.certificateLength = 1200;
+    state.certificates.push_back(certificate);
+  });
+}
+
 BenchToken makeToken() {
   softtoken::NewToken description;
   description.name = "bench";
@@ -36,14 +48,12 @@ BenchToken makeToken() {
   const auto devices = tavrin_getConnectedDeviceList(false, token.instance);
   require(devices.size() == 1, "listing the token");
   token.serial = devices.front();
-  for (std::uint8_t number = 1; number <= 3; ++number) {
-    token.rsa = generate(token, rsa2048, number);
-    token.p256 = generate(token, p256, static_cast<std::uint8_t>(number + 3));
-  }
+  token.rsa = generate(token, rsa2048, 1);
+  token.p256 = generate(token, p256, 2);
+  generate(token, p256, 3);
+  addCertificate();
   return token;
 }
-
-softtoken::Token storedToken() { return softtoken::Token(softtoken::folderOfToken("bench")); }
 
 }  // namespace
 
@@ -61,7 +71,6 @@ Surroundings::Surroundings() : folder_(fs::temp_directory_path() / "tavrin-bench
   setenv("TAVRIN_SOFT_TOKENS", (folder_ / "tokens").c_str(), 1);
   setenv("TMPDIR", (folder_ / "temporary").c_str(), 1);
   setenv("TAVRIN_REGISTRY", (folder_ / "registry").c_str(), 1);
-  setLogLevel(2);
 }
 
 Surroundings::~Surroundings() {
@@ -74,6 +83,8 @@ void Surroundings::setLogLevel(int level) const {
   fs::create_directories(key);
   std::ofstream(key / "logLevel") << level << '\n';
 }
+
+void Surroundings::unsetLogLevel() const { fs::remove_all(folder_ / "registry/Software"); }
 
 const Surroundings& surroundings() {
   static const Surroundings instance;

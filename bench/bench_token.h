@@ -24,14 +24,16 @@ class Surroundings {
   Surroundings(const Surroundings&) = delete;
   Surroundings& operator=(const Surroundings&) = delete;
 
+  // Without a value, as on a machine that nobody has configured, the level is 2.
   void setLogLevel(int level) const;
+  void unsetLogLevel() const;
   const std::filesystem::path& folder() const { return folder_; }
 
  private:
   std::filesystem::path folder_;
 };
 
-// The one token: three RSA 2048 and three P-256 key pairs. Made before the module is initialised.
+// The one token: an RSA 2048 and two P-256 key pairs and a certificate. Made before the module is initialised.
 struct BenchToken {
   std::string serial;
   TavrinKeyPair rsa;
@@ -45,7 +47,7 @@ const Surroundings& surroundings();
 
 // The token holds `count` P-256 key pairs instead, copies of one, from now on.
 void setKeyPairCount(std::size_t count);
-// The token holds its own six key pairs again.
+// The token holds its own key pairs again.
 void restoreKeyPairs();
 
 // A session that is logged in as the user, on a module that is initialised.

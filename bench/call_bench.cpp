@@ -129,6 +129,26 @@ void findById(State& state) {
   }
 }
 
+// What a search asks of the device: copies of both lists.
+void findDirectly(State& state) {
+  const char* device = token().serial.c_str();
+  session();
+  for (auto _ : state) {
+    const auto certificates = tavrin_getCertificateList(device, token().instance);
+    const auto keyPairs = tavrin_getKeyPairList(device, token().instance);
+    benchmark::DoNotOptimize(certificates.data());
+    benchmark::DoNotOptimize(keyPairs.data());
+  }
+}
+
+void listKeysDirectly(State& state) {
+  session();
+  for (auto _ : state) {
+    const auto keyPairs = tavrin_getKeyPairList(token().serial.c_str(), token().instance);
+    benchmark::DoNotOptimize(keyPairs.data());
+  }
+}
+
 void readModulus(State& state) {
   std::array<CK_BYTE, 512> modulus{};
   for (auto _ : state) {
@@ -159,7 +179,9 @@ BENCHMARK(digestDirect)->Name("digest SHA-256 of 1 KiB:direct");
 BENCHMARK(randomModule)->Name("32 random bytes:module");
 BENCHMARK(randomDirect)->Name("32 random bytes:direct");
 BENCHMARK(findById)->Name("find a key by id:module");
+BENCHMARK(findDirectly)->Name("find a key by id:direct");
 BENCHMARK(readModulus)->Name("read a modulus:module");
+BENCHMARK(listKeysDirectly)->Name("read a modulus:direct");
 BENCHMARK(tokenInformation)->Name("token information:module");
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <vector>
 
 #include "bench/bench_token.h"
 
@@ -13,14 +14,34 @@ namespace {
 using benchmark::State;
 
 // An unsupported function writes one debug line and does nothing else.
-void oneDebugLine(State& state, int level) {
-  surroundings().setLogLevel(level);
+void debugLineLeftOut(State& state) {
   for (auto _ : state) C_CancelFunction(0);
-  surroundings().setLogLevel(2);
 }
 
-void debugLineWritten(State& state) { oneDebugLine(state, 3); }
-void debugLineLeftOut(State& state) { oneDebugLine(state, 2); }
+void debugLineLeftOutByValue(State& state) {
+  surroundings().setLogLevel(2);
+  debugLineLeftOut(state);
+  surroundings().unsetLogLevel();
+}
+
+void debugLineAlone(State& state) {
+  surroundings().setLogLevel(3);
+  debugLineLeftOut(state);
+  surroundings().unsetLogLevel();
+}
+
+// The three lines of a call that fetches nothing more of a search: name, total and count.
+void debugLineOfSeveral(State& state) {
+  constexpr int lines = 3;
+  C_FindObjectsInit(session(), nullptr, 0);
+  std::vector<CK_OBJECT_HANDLE> found(1000);
+  CK_ULONG count = 0;
+  C_FindObjects(session(), found.data(), static_cast<CK_ULONG>(found.size()), &count);
+  surroundings().setLogLevel(3);
+  while (state.KeepRunningBatch(lines)) C_FindObjects(session(), found.data(), 1, &count);
+  surroundings().unsetLogLevel();
+  C_FindObjectsFinal(session());
+}
 
 void errorLineWritten(State& state) {
   for (auto _ : state) C_GetFunctionList(nullptr);
@@ -36,9 +57,12 @@ void plainAppend(State& state) {
   }
 }
 
-BENCHMARK(debugLineLeftOut)->Name("debug line at level 2 (left out):module");
-BENCHMARK(debugLineWritten)->Name("debug line at level 3:module");
-BENCHMARK(plainAppend)->Name("debug line at level 3:direct");
+BENCHMARK(debugLineLeftOut)->Name("debug line left out, no level set:module");
+BENCHMARK(debugLineLeftOutByValue)->Name("debug line left out, level set to 2:module");
+BENCHMARK(debugLineAlone)->Name("debug line at level 3, one in a call:module");
+BENCHMARK(plainAppend)->Name("debug line at level 3, one in a call:direct");
+BENCHMARK(debugLineOfSeveral)->Name("debug line at level 3, of three in a call:module");
+BENCHMARK(plainAppend)->Name("debug line at level 3, of three in a call:direct");
 BENCHMARK(errorLineWritten)->Name("error line at level 2:module");
 
 }  // namespace

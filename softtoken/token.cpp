@@ -65,13 +65,13 @@ std::shared_ptr<const TokenState> Token::state() {
 
 // A damaged file is remembered as no state under its stamp, so that it is not parsed at every listing.
 std::shared_ptr<const TokenState> Token::stateInLock() {
-  const std::optional<FileStamp> stamp = stampOf(stateFile());
+  const std::optional<FileStamp> stamp = stampOf(stateFile_);
   if (!stamp) {
     known_.reset();
     failGone(folder_);
   }
   if (*stamp != stateStamp_) {
-    const auto content = readFile(stateFile(), largestStateFile);
+    const auto content = readFile(stateFile_, largestStateFile);
     if (!content) failGone(folder_);
     setStateInLock(parseState(*content), *stamp);
   }
@@ -87,10 +87,10 @@ void Token::setStateInLock(std::shared_ptr<const TokenState> next, const FileSta
 
 Tries Token::tries() {
   const std::lock_guard guard(mutex_);
-  const std::optional<FileStamp> stamp = stampOf(triesFile());
+  const std::optional<FileStamp> stamp = stampOf(triesFile_);
   if (!stamp) failGone(folder_);
   if (!tries_ || *stamp != triesStamp_) {
-    const auto content = readFile(triesFile(), largestTriesFile);
+    const auto content = readFile(triesFile_, largestTriesFile);
     if (!content) failGone(folder_);
     tries_ = decodeTries(*content);
     triesStamp_ = *stamp;
@@ -101,7 +101,7 @@ Tries Token::tries() {
 MasterKey Token::unlock(Role role, std::string_view password, int& triesLeft) {
   triesLeft = static_cast<int>(tries().of(role));
   require(!password.empty(), "the password is empty");
-  const FileLock alone(lockFile());
+  const FileLock alone(lockFile_);
   return unlockAlone(role, password, triesLeft);
 }
 
@@ -138,7 +138,7 @@ void Token::changeUserPassword(std::string_view oldPassword, std::string_view ne
   triesLeft = static_cast<int>(tries().user);
   requireGoodPassword(newPassword);
   require(!oldPassword.empty(), "the password is empty");
-  const FileLock alone(lockFile());
+  const FileLock alone(lockFile_);
   const MasterKey masterKey = unlockAlone(Role::user, oldPassword, triesLeft);
   TokenState next = *state();
   next.user = makePasswordLock(newPassword, masterKey, next.serial, Role::user);
@@ -150,7 +150,7 @@ void Token::resetUserPassword(std::string_view officerPassword, std::string_view
   triesLeft = static_cast<int>(tries().securityOfficer);
   requireGoodPassword(newPassword);
   require(!officerPassword.empty(), "the password is empty");
-  const FileLock alone(lockFile());
+  const FileLock alone(lockFile_);
   const MasterKey masterKey = unlockAlone(Role::securityOfficer, officerPassword, triesLeft);
   TokenState next = *state();
   next.user = makePasswordLock(newPassword, masterKey, next.serial, Role::user);
@@ -162,22 +162,22 @@ void Token::resetUserPassword(std::string_view officerPassword, std::string_view
 }
 
 void Token::change(const std::function<void(TokenState&)>& edit) {
-  const FileLock alone(lockFile());
+  const FileLock alone(lockFile_);
   TokenState next = *state();
   edit(next);
   storeAlone(std::move(next));
 }
 
 void Token::storeAlone(TokenState next) {
-  replaceFile(stateFile(), encodeTokenState(next));
-  const std::optional<FileStamp> stamp = stampOf(stateFile());
+  replaceFile(stateFile_, encodeTokenState(next));
+  const std::optional<FileStamp> stamp = stampOf(stateFile_);
   if (!stamp) failGone(folder_);
   auto shared = std::make_shared<const TokenState>(std::move(next));
   const std::lock_guard guard(mutex_);
   setStateInLock(std::move(shared), *stamp);
 }
 
-void Token::storeTriesAlone(const Tries& tries) { replaceFile(triesFile(), encodeTries(tries)); }
+void Token::storeTriesAlone(const Tries& tries) { replaceFile(triesFile_, encodeTries(tries)); }
 
 void Token::forgetPassword() {
   const std::lock_guard guard(mutex_);

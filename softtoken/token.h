@@ -21,7 +21,8 @@ Bytes privateKeyContext(const TokenState& state, const TavrinKeyPair& pair);
 
 class Token {
  public:
-  explicit Token(std::filesystem::path folder) : folder_(std::move(folder)) {}
+  explicit Token(const std::filesystem::path& folder)
+      : folder_(folder), stateFile_(folder / "token"), triesFile_(folder / "tries"), lockFile_(folder / "lock") {}
 
   const std::filesystem::path& folder() const { return folder_; }
 
@@ -53,10 +54,6 @@ class Token {
     MasterKey masterKey;
   };
 
-  std::filesystem::path stateFile() const { return folder_ / "token"; }
-  std::filesystem::path triesFile() const { return folder_ / "tries"; }
-  std::filesystem::path lockFile() const { return folder_ / "lock"; }
-
   std::shared_ptr<const TokenState> stateInLock();
   void setStateInLock(std::shared_ptr<const TokenState> next, const FileStamp& stamp);
   MasterKey unlockAlone(Role role, std::string_view password, int& triesLeft);
@@ -67,6 +64,9 @@ class Token {
   void remember(const TokenState& state, std::string_view password, const MasterKey& masterKey);
 
   const std::filesystem::path folder_;
+  const std::filesystem::path stateFile_;
+  const std::filesystem::path triesFile_;
+  const std::filesystem::path lockFile_;
 
   std::mutex mutex_;  // guards everything below; not held over slow work
   FileStamp stateStamp_;
