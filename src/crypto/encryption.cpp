@@ -12,6 +12,9 @@ namespace {
 // A ciphertext is as long as the key's modulus: 512 bytes for RSA 4096.
 constexpr std::size_t ciphertextBufferSize = 1024;
 
+// A plaintext is shorter than the largest modulus. Nothing else tells how large the library's buffer is.
+constexpr std::size_t longestPlaintext = 512;
+
 EncryptionType encryptionType(std::uint32_t keyType) {
   switch (keyType) {
     case 1:
@@ -122,7 +125,7 @@ CK_RV decrypt(const Call& call, Session& session, CK_BYTE_PTR pEncryptedData, CK
       tavrin_decrypt(session.deviceId(), keyPair.recordId, userPassword.copy().text(), pEncryptedData,
                      deviceLength(ulEncryptedDataLen), &plaintext, &length, deviceFlag(keyPair), libraryInstance);
   if (status != 0) return call.refuseBare(CKR_FUNCTION_FAILED, "Dacrypt data failed : ", status);
-  if (plaintext && length > 0) session.operationData.assign(plaintext, plaintext + length);
+  if (plaintext) session.operationData.assign(plaintext, plaintext + returnedLength(length, longestPlaintext));
   return CKR_OK;
 }
 

@@ -14,6 +14,9 @@ namespace {
 
 constexpr CK_OBJECT_HANDLE largestRecordNumber = 0xFFF;
 
+// A coordinate of P-521. Nothing else tells how large the library's buffer is.
+constexpr std::size_t longestSharedSecret = 66;
+
 // A key derivation function as the device is asked for it. The hash codes are not those of the digests: derived keys
 // that applications hold were made with these.
 struct KeyDerivationFunction {
@@ -71,7 +74,7 @@ CK_RV agreeOnSecret(const Call& call, const Session& session, const TavrinKeyPai
   if (status != 0 || !shared || length < 1) {
     return call.refuse(CKR_FUNCTION_FAILED, "tavrin_ecdhDerive failed: ", status);
   }
-  secret.assign(shared, shared + length);
+  secret.assign(shared, shared + returnedLength(length, longestSharedSecret));
   return CKR_OK;
 }
 
