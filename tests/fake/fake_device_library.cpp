@@ -123,7 +123,7 @@ int deliver(const std::string& result, std::uint8_t* out, int* length) {
 // The same for results in the library's own buffer.
 int lend(const std::string& result, std::uint8_t** out, int* length) {
   Bytes& buffer = mine().buffer;
-  buffer.resize(result.size());
+  buffer.resize(std::max<std::size_t>(result.size(), 512));  // room for lengths that lie
   *out = mine().struck.kind == Fault::Kind::nothing ? nullptr : buffer.data();
   return deliver(result, buffer.data(), length);
 }
@@ -374,7 +374,7 @@ int tavrin_importPfx(const char* device, const char* password, ImportPFXDetails*
 }
 
 int tavrin_getCertificateDetails(const std::uint8_t* der, int length, CertificateDetails* details, void* instance) {
-  play("getCertificateDetails", show(der, length), instanceName(instance));
+  if (const int status = play("getCertificateDetails", show(der, length), instanceName(instance))) return status;
   const auto parts = partsOf(der, length);
   if (parts.empty()) return 5;
   details->subjectName = parts[0];

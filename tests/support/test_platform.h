@@ -35,6 +35,12 @@ std::vector<OddLogLevel> oddLogLevels();
 // end of the file and writes in two steps, they do not.
 bool appendsAtomically();
 
+// What libraries must leave alone, as a text: locale, working directory, signal or error handlers, floating-point state.
+std::string processState();
+
+// Runs `work` on a thread with a stack of 64 KiB, and waits for it. Sanitizers get four times as much.
+void onSmallStack(const std::function<void()>& work);
+
 // The folder of the running test program, as the system spells it, without a closing separator.
 std::string programFolder();
 

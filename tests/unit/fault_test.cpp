@@ -1,0 +1,369 @@
+// Whatever fails below the module, a call answers as it should, crashes nothing, and works the next time: every
+// operation of the device library at every call of every function, every allocation, every length and text.
+//
+// The cases are made from one table of scenes: calls that succeed, which together reach every operation.
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+#include <map>
+#include <new>
+#include <optional>
+
+#include "module_test.h"
+#include "test_platform.h"
+
+namespace {
+// How many allocations of this thread succeed before one fails; none fails while it is negative.
+thread_local long allocationsLeft = -1;
+}  // namespace
+
+void* operator new(std::size_t size) {
+  if (allocationsLeft >= 0 && allocationsLeft-- == 0) throw std::bad_alloc();
+  if (void* memory = std::malloc(size)) return memory;
+  throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+
+namespace {
+
+using Kind = fake::Fault::Kind;
+
+struct Scene {
+  Call call;
+  std::vector<Call> before;
+};
+
+// An operation that a scene reaches, and which of the scene's calls of it this is.
+struct Reached {
+  std::string operation;
+  int call;
+};
+
+class FaultTest : public SessionTest {
+ protected:
+  void SetUp() override {
+    SessionTest::SetUp();
+    testPlatform::setEnvironment("TAVRIN_HOME", "home");
+    fake::edit()->files = {{"middle", {'M', '|', 'R', '|', '2'}}, {"root", {'R', '|', 'R', '|', '3'}}};
+    devices_ = fake::edit()->devices;
+    fake::edit()->record = nullptr;
+    logLevel(2);
+  }
+  void TearDown() override {
+    testPlatform::setEnvironment("TAVRIN_HOME", nullptr);
+    SessionTest::TearDown();
+  }
+
+  // The token as it was, the user logged in, and the session in the state that the scene's call needs.
+  void prepare(const Scene& scene) {
+    fake::edit()->devices = devices_;
+    for (CK_ATTRIBUTE& attribute : all_) attribute.ulValueLen = sizeof buffer_;
+    length_ = 8;
+    ok(C_CloseAllSessions(slot1));
+    session_ = open();  // under the handle that it had
+    if (state(session_) != CKS_RW_USER_FUNCTIONS) ok(login(session_));
+    for (const Call& call : scene.before) ok(call);
+  }
+
+  std::vector<Reached> reachedBy(const Scene& scene) {
+    std::vector<Reached> reached;
+    std::map<std::string, int> counts;
+    prepare(scene);
+    fake::edit()->record = [&](const std::string& line) {
+      const std::string operation = line.substr(0, line.find(' '));
+      reached.push_back({operation, ++counts[operation]});
+    };
+    EXPECT_EQ(scene.call.make(), CKR_OK);
+    fake::edit()->record = nullptr;
+    return reached;
+  }
+
+  void worksAgain(const Scene& scene) {
+    prepare(scene);
+    EXPECT_EQ(scene.call.make(), CKR_OK);
+  }
+
+  std::vector<Scene> scenes();
+
+  std::vector<fake::Device> devices_;
+  CK_BYTE buffer_[4096] = {};
+  CK_OBJECT_HANDLE handles_[8] = {};
+  CK_ULONG length_ = 0;
+  CK_INFO info_{};
+  CK_SLOT_INFO slotInfo_{};
+  CK_TOKEN_INFO tokenInfo_{};
+  CK_SESSION_INFO sessionInfo_{};
+  CK_MECHANISM_INFO mechanismInfo_{};
+  CK_ATTRIBUTE label_{CKA_LABEL, bytes("new"), 3};
+  CK_ATTRIBUTE all_[8] = {{CKA_VALUE, buffer_, 0},         {CKA_LABEL, buffer_, 0},   {CKA_ID, buffer_, 0},
+                          {CKA_EC_POINT, buffer_, 0},      {CKA_SUBJECT, buffer_, 0}, {CKA_ISSUER, buffer_, 0},
+                          {CKA_SERIAL_NUMBER, buffer_, 0}, {CKA_MODULUS, buffer_, 0}};
+  CK_ECDH1_DERIVE_PARAMS peer_{CKD_SHA256_KDF, 0, nullptr, 4, bytes("peer")};
+  CK_MECHANISM ecdh_{CKM_ECDH1_DERIVE, &peer_, sizeof peer_};
+  CK_MECHANISM rsa_{CKM_RSA_PKCS_KEY_PAIR_GEN, nullptr, 0};
+  const Template key_{
+      {CKA_CLASS, number(CKO_PRIVATE_KEY)}, {CKA_MODULUS, "n"}, {CKA_PRIVATE_EXPONENT, "d"}, {CKA_PRIME_1, "p"}};
+  const Template leaf_{{CKA_VALUE, "L|M|1"}, {CKA_LABEL, "leaf"}};
+  const Template byLabel_{{CKA_CLASS, number(CKO_CERTIFICATE)}, {CKA_LABEL, std::string("nobody's\0", 9)}};
+};
+
+std::vector<Scene> FaultTest::scenes() {
+  const Call digest = CALL(C_Digest, session_, DATA("ab"), buffer_, &length_);
+  const Call sign = CALL(C_Sign, session_, DATA("ab"), buffer_, &length_);
+  const Call signPart = CALL(C_SignUpdate, session_, DATA("ab"));
+  const Call verify = CALL(C_Verify, session_, DATA("ab"), DATA("sig"));
+  const Call verifyPart = CALL(C_VerifyUpdate, session_, DATA("ab"));
+  const Call search = CALL(C_FindObjectsInit, session_, nullptr, 0);
+  const Call empty{"", [] {
+                     fake::edit()->devices[0].certificates.clear();
+                     return CKR_OK;
+                   }};
+  const Call hashing = signInit(session_, CKM_SHA256_RSA_PKCS);
+  const Call raw = signInit(session_, CKM_RSA_PKCS);
+  const Call checking = verifyInit(session_, CKM_SHA256_RSA_PKCS);
+  return {{CALL(C_GetInfo, &info_), {}},
+          {CALL(C_GetSlotList, CK_TRUE, handles_, &length_), {}},
+          {CALL(C_GetSlotInfo, slot1, &slotInfo_), {}},
+          {CALL(C_GetTokenInfo, slot1, &tokenInfo_), {}},
+          {CALL(C_GetMechanismList, slot1, nullptr, &length_), {}},
+          {CALL(C_GetMechanismInfo, slot1, CKM_RSA_PKCS, &mechanismInfo_), {}},
+          {CALL(C_OpenSession, slot1, readWrite, nullptr, nullptr, handles_), {}},
+          {CALL(C_GetSessionInfo, session_, &sessionInfo_), {}},
+          {login(session_), {CALL(C_Logout, session_)}},
+          {CALL(C_Logout, session_), {}},
+          {CALL(C_SetPIN, session_, DATA("1234"), DATA("1234")), {}},
+          {CALL(C_GenerateKeyPair, session_, &rsa_, &label_, 1, &label_, 1, handles_, handles_ + 1), {}},
+          {CALL(C_SetAttributeValue, session_, rsaPrivate, &label_, 1), {}},
+          {CALL(C_GetAttributeValue, session_, rsaPublic, all_, 8), {}},
+          {CALL(C_GetAttributeValue, session_, certificate1, all_, 8), {}},
+          {CALL(C_GetObjectSize, session_, rsaPrivate, &length_), {}},
+          {CALL(C_GetObjectSize, session_, certificate1, &length_), {}},
+          {CALL(C_CreateObject, session_, key_.data(), key_.size(), handles_), {}},
+          {CALL(C_CreateObject, session_, leaf_.data(), leaf_.size(), handles_), {}},
+          {CALL(C_DestroyObject, session_, ecPrivate), {}},
+          {CALL(C_DestroyObject, session_, certificate1), {}},
+          {search, {}},
+          {search, {empty}},
+          {CALL(C_FindObjectsInit, session_, byLabel_.data(), byLabel_.size()), {}},
+          {CALL(C_FindObjects, session_, handles_, 8, &length_), {search}},
+          {digestInit(session_), {}},
+          {digest, {digestInit(session_)}},
+          {CALL(C_DigestUpdate, session_, DATA("ab")), {digestInit(session_)}},
+          {CALL(C_DigestFinal, session_, buffer_, &length_), {digestInit(session_)}},
+          {hashing, {}},
+          {sign, {hashing}},
+          {sign, {raw}},
+          {signPart, {hashing}},
+          {signPart, {raw}},
+          {CALL(C_SignFinal, session_, buffer_, &length_), {hashing, signPart}},
+          {CALL(C_SignFinal, session_, buffer_, &length_), {raw, signPart}},
+          {checking, {}},
+          {verify, {checking}},
+          {verifyPart, {checking}},
+          {CALL(C_VerifyFinal, session_, DATA("sig")), {checking, verifyPart}},
+          {encryptInit(session_), {}},
+          {CALL(C_Encrypt, session_, DATA("ab"), buffer_, &length_), {encryptInit(session_)}},
+          {decryptInit(session_), {}},
+          {CALL(C_Decrypt, session_, DATA("ab"), buffer_, &length_), {decryptInit(session_)}},
+          {CALL(C_DeriveKey, session_, &ecdh_, ecPrivate, nullptr, 0, handles_), {}},
+          {CALL(C_GenerateRandom, session_, buffer_, 16), {}}};
+}
+
+// What a status of an operation becomes; nothing for operations that report none.
+std::optional<CK_RV> codeFor(const Scene& scene, const Reached& reached, int status) {
+  static const char* const silent[] = {"getConnectedDeviceList",
+                                       "getTokenInfo",
+                                       "getKeyPairList",
+                                       "getCertificateList",
+                                       "getFilesWithExtensionsAndConvertDER",
+                                       "getCertificateSubject",
+                                       "getCertificateIssuer",
+                                       "getCertificateSerialDER"};
+  const std::string& operation = reached.operation;
+  if (std::find(std::begin(silent), std::end(silent), operation) != std::end(silent)) return std::nullopt;
+  // A derived key is what the device makes of it, and a CA file that does not parse is none.
+  if (scene.call.name == "C_DeriveKey" && operation != "ecdhDerive") return CKR_OK;
+  if (operation == "getCertificateDetails") return reached.call == 1 ? CKR_DATA_INVALID : CKR_OK;
+  if (operation == "validatePassword") return status == 48 ? CKR_FUNCTION_FAILED : CKR_PIN_LOCKED;
+  const bool stores = operation == "generateKeyPair" || operation.rfind("import", 0) == 0;
+  if (stores && (status == 40 || status == 242)) return CKR_DEVICE_MEMORY;
+  if (operation == "verifySignatureHash") return CKR_SIGNATURE_INVALID;
+  return operation == "initDevice" ? CKR_OK : CKR_FUNCTION_FAILED;  // a search goes on with what there is
+}
+
+TEST_F(FaultTest, EveryStatusOfEveryOperation) {
+  std::map<std::string, int> struck;
+  for (const Scene& scene : scenes()) {
+    for (const Reached& reached : reachedBy(scene)) {
+      for (const int status : {40, 48, 242, 123, -7}) {
+        const auto code = codeFor(scene, reached, status);
+        if (!code) continue;
+        SCOPED_TRACE(scene.call.name + ": " + reached.operation + " " + std::to_string(reached.call));
+        prepare(scene);
+        fake::fail(reached.operation, status, reached.call);
+        EXPECT_EQ(scene.call.make(), *code) << "status " << status;
+        ++struck[reached.operation];
+        worksAgain(scene);
+      }
+    }
+  }
+  EXPECT_EQ(struck.size(), 19u) << "an operation that reports a status is reached by no scene";
+}
+
+TEST_F(FaultTest, EveryOperationThatThrows) {
+  std::map<std::string, int> struck;
+  for (const Scene& scene : scenes()) {
+    for (const Reached& reached : reachedBy(scene)) {
+      SCOPED_TRACE(scene.call.name + ": " + reached.operation + " " + std::to_string(reached.call));
+      for (const auto& [kind, code] :
+           {std::pair{Kind::outOfMemory, CKR_HOST_MEMORY}, {Kind::failure, CKR_GENERAL_ERROR}}) {
+        prepare(scene);
+        fake::fault(reached.operation, kind, 0, reached.call);
+        EXPECT_EQ(scene.call.make(), code);
+        worksAgain(scene);
+      }
+      ++struck[reached.operation];
+    }
+  }
+  EXPECT_EQ(struck.size(), 27u) << "an operation is reached by no scene";
+}
+
+TEST_F(FaultTest, EveryAllocation) {
+  long allocations = 0;
+  std::string wrong;
+  for (const std::uint32_t level : {0u, 3u}) {
+    logLevel(level);
+    testing::internal::CaptureStdout();
+    for (const Scene& scene : scenes()) {
+      for (long number = 0;; ++number) {
+        prepare(scene);
+        allocationsLeft = number;
+        const CK_RV code = scene.call.make();
+        const bool failed = allocationsLeft < 0;
+        allocationsLeft = -1;
+        if (!failed) break;
+        // A line that is lost costs the call nothing.
+        if (code != CKR_HOST_MEMORY && (level == 0 || code != CKR_OK)) {
+          wrong += scene.call.name + ": code " + std::to_string(code) + ", allocation " + std::to_string(number) + "\n";
+        }
+        ++allocations;
+      }
+      worksAgain(scene);
+    }
+    const std::string output = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(output.find("Exception in write log : ") != std::string::npos, level == 3) << output;
+  }
+  EXPECT_EQ(wrong, "");
+  EXPECT_GT(allocations, 200);
+}
+
+TEST_F(FaultTest, StartAndEndOfTheModule) {
+  for (const auto& [kind, code] : {std::pair{Kind::outOfMemory, CKR_HOST_MEMORY}, {Kind::failure, CKR_GENERAL_ERROR}}) {
+    fake::fault("releaseInstance", kind);
+    EXPECT_EQ(C_Finalize(nullptr), code);
+    C_Finalize(nullptr);
+    fake::fault("createInstance", kind);
+    EXPECT_EQ(C_Initialize(nullptr), code);
+    ok(C_Initialize(nullptr));
+  }
+  logLevel(0);
+  for (long number = 0;; ++number) {
+    C_Finalize(nullptr);
+    allocationsLeft = number;
+    const CK_RV code = C_Initialize(nullptr);
+    const bool failed = allocationsLeft < 0;
+    allocationsLeft = -1;
+    if (!failed) break;
+    EXPECT_EQ(code, CKR_HOST_MEMORY) << number;
+  }
+  ok(listSlots());
+  ok(C_CloseSession(openLoggedIn()));
+}
+
+TEST_F(FaultTest, RecordsThatLie) {
+  for (const std::uint32_t lie : {0x7FFFFFFFu, 0xFFFFFFFFu, 3073u}) {
+    for (fake::Device& device : devices_) {
+      for (TavrinKeyPair& key : device.keyPairs) {
+        std::memset(key.publicKey, 'k', sizeof key.publicKey);
+        std::memset(key.keyId, 'i', sizeof key.keyId);
+        std::memset(key.label, 'l', sizeof key.label);
+        key.publicKeyLength = key.keyIdLength = lie;
+      }
+      for (TavrinCertificate& certificate : device.certificates) {
+        std::memset(certificate.certificate, 'c', sizeof certificate.certificate);
+        std::memset(certificate.certId, 'i', sizeof certificate.certId);
+        std::memset(certificate.label, 'l', sizeof certificate.label);
+        certificate.certificateLength = certificate.certIdLength = lie;
+      }
+    }
+    for (const Scene& scene : scenes()) {
+      SCOPED_TRACE(scene.call.name);
+      worksAgain(scene);
+    }
+    const auto length = [&](CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) {
+      CK_ATTRIBUTE attribute{type, nullptr, 0};
+      ok(C_GetAttributeValue(session_, object, &attribute, 1));
+      return attribute.ulValueLen;
+    };
+    EXPECT_EQ(length(rsaPublic, CKA_VALUE), 1024u);
+    EXPECT_EQ(length(rsaPublic, CKA_ID), 128u);
+    EXPECT_EQ(length(rsaPublic, CKA_LABEL), 132u);
+    EXPECT_EQ(length(certificate1, CKA_VALUE), 3072u);
+    EXPECT_EQ(length(certificate1, CKA_ID), 128u);
+    EXPECT_EQ(length(certificate1, CKA_LABEL), 152u);
+  }
+}
+
+TEST_F(FaultTest, ReturnedLengthsThatLie) {
+  struct Room {
+    const char* operation;
+    CK_ULONG most;
+  };
+  const Room rooms[] = {{"finalHash", 67}, {"signHash", 1024}, {"encrypt", 1024}, {"decrypt", 512}, {"ecdhDerive", 64}};
+  std::map<std::string, int> struck;
+  for (const Scene& scene : scenes()) {
+    for (const Reached& reached : reachedBy(scene)) {
+      const auto room = std::find_if(std::begin(rooms), std::end(rooms),
+                                     [&](const Room& candidate) { return candidate.operation == reached.operation; });
+      if (room == std::end(rooms)) continue;
+      for (const int lie : {-1, INT_MIN, 1025, INT_MAX}) {
+        SCOPED_TRACE(scene.call.name + ": " + reached.operation + " " + std::to_string(lie));
+        prepare(scene);
+        fake::fault(reached.operation, Kind::length, lie, reached.call);
+        const bool nothing = reached.operation == "ecdhDerive" && lie < 0;
+        EXPECT_EQ(scene.call.make(), nothing ? CKR_FUNCTION_FAILED : CKR_OK);
+        EXPECT_LE(length_, room->most);
+        EXPECT_TRUE(lie > 0 || nothing || length_ == 0 || reached.operation == "finalHash") << length_;
+        ++struck[reached.operation];
+        worksAgain(scene);
+      }
+    }
+  }
+  EXPECT_EQ(struck.size(), std::size(rooms));
+}
+
+// Hosts run plug-ins on threads with little stack, and count on the state of their process.
+TEST_F(FaultTest, SmallStacksAndProcessStateOfTheHost) {
+  const std::string before = testPlatform::processState();
+  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
+  for (const Scene& scene : scenes()) {
+    SCOPED_TRACE(scene.call.name);
+    prepare(scene);
+    CK_RV code = CKR_GENERAL_ERROR;
+    testPlatform::onSmallStack([&] { code = scene.call.make(); });
+    EXPECT_EQ(code, CKR_OK);
+  }
+  testPlatform::onSmallStack([&] {
+    ok(C_Finalize(nullptr));
+    ok(C_Initialize(nullptr));
+  });
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(testPlatform::processState(), before);
+}
+
+}  // namespace
