@@ -36,7 +36,7 @@ std::optional<std::vector<std::uint8_t>> readFile(const std::filesystem::path& f
 
 // Puts new content in the place of the old, durably and at once: whoever reads, and whatever is killed, sees the one or
 // the other. The stamp is a new one. For one writer at a time: the content passes through a file named <file>.new, and
-// one that was left behind there is overwritten.
+// one that a killed writer left behind there is overwritten.
 void replaceFile(const std::filesystem::path& file, std::span<const std::uint8_t> content);
 
 // Renames a file or folder, durably, to a name that is not taken.

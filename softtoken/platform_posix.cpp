@@ -32,6 +32,14 @@ void (*childHook)() = nullptr;
   throw Failure(status, std::string(action) + " " + textOf(path) + ": " + std::generic_category().message(error));
 }
 
+// What was begun would only take up room on a disk that is full.
+[[noreturn]] void dropAndFail(const fs::path& begun, const char* action, const fs::path& path) {
+  const int error = errno;
+  ::unlink(begun.c_str());
+  errno = error;
+  fail(action, path);
+}
+
 class Descriptor {
  public:
   Descriptor(const fs::path& path, int flags) : number_(::open(path.c_str(), flags | O_CLOEXEC, S_IRUSR | S_IWUSR)) {}
@@ -134,9 +142,9 @@ void replaceFile(const fs::path& file, std::span<const std::uint8_t> content) {
                          static_cast<long>(time % nanosecondsPerSecond)};
     const timespec times[] = {stamp, stamp};
     if (!writeAll(out.number(), content) || ::futimens(out.number(), times) != 0 || ::fsync(out.number()) != 0)
-      fail("cannot write", fresh);
+      dropAndFail(fresh, "cannot write", fresh);
   }
-  if (::rename(fresh.c_str(), file.c_str()) != 0) fail("cannot replace", file);
+  if (::rename(fresh.c_str(), file.c_str()) != 0) dropAndFail(fresh, "cannot replace", file);
   flushFolder(file.parent_path());
 }
 

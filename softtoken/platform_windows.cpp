@@ -32,6 +32,14 @@ constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELET
                             std::system_category().message(static_cast<int>(error)));
 }
 
+// What was begun would only take up room on a disk that is full. It may be open still: it goes when it is closed.
+[[noreturn]] void dropAndFail(const fs::path& begun, const char* action, const fs::path& path) {
+  const DWORD error = ::GetLastError();
+  ::DeleteFileW(begun.c_str());
+  ::SetLastError(error);
+  fail(action, path);
+}
+
 class Handle {
  public:
   Handle(const fs::path& path, DWORD access, DWORD disposition) : handle_(INVALID_HANDLE_VALUE) {
@@ -134,9 +142,9 @@ void replaceFile(const fs::path& file, std::span<const std::uint8_t> content) {
     if (!out) fail("cannot make", fresh);
     if (!transferAll(::WriteFile, out.get(), content) || !::SetFileTime(out.get(), nullptr, nullptr, &time) ||
         !::FlushFileBuffers(out.get()))
-      fail("cannot write", fresh);
+      dropAndFail(fresh, "cannot write", fresh);
   }
-  if (!moveWithRetries(fresh, file, MOVEFILE_REPLACE_EXISTING)) fail("cannot replace", file);
+  if (!moveWithRetries(fresh, file, MOVEFILE_REPLACE_EXISTING)) dropAndFail(fresh, "cannot replace", file);
 }
 
 void moveEntry(const fs::path& from, const fs::path& to) {
