@@ -63,6 +63,17 @@ void requireNoSuchToken(const std::string& name) {
     throw Failure(Status::badArgument, "there is a token named " + name + " already");
 }
 
+// Removes what killed makers and removers of tokens have left behind. To be called with the root's lock held.
+void removeLeftovers() {
+  std::vector<fs::path> leftovers;
+  std::error_code error;
+  for (fs::directory_iterator entry(tokenRoot(), error), end; !error && entry != end; entry.increment(error)) {
+    const std::string name = textOf(entry->path().filename());
+    if (name.starts_with(unfinishedPrefix) || name.starts_with(removedPrefix)) leftovers.push_back(entry->path());
+  }
+  for (const fs::path& leftover : leftovers) fs::remove_all(leftover);
+}
+
 void summarise(const fs::path& root, bool plugged, std::vector<TokenSummary>& summaries) {
   for (const fs::path& folder : tokenFolders(root)) {
     try {
@@ -157,7 +168,7 @@ void createToken(const NewToken& token, std::string_view userPassword, std::stri
   state.securityOfficer = makePasswordLock(officerPassword, masterKey, state.serial, Role::securityOfficer);
 
   const fs::path unfinished = tokenRoot() / pathOf(unfinishedPrefix + token.name);
-  fs::remove_all(unfinished);
+  removeLeftovers();
   makePrivateFolder(unfinished);
   replaceFile(unfinished / "tries", encodeTries({}));
   replaceFile(unfinished / "token", encodeTokenState(state));
@@ -204,9 +215,9 @@ void removeToken(const std::string& name) {
   const FileLock alone = lockFor(name);
   const fs::path folder = folderOfToken(name);
   const fs::path removed = tokenRoot() / pathOf(removedPrefix + name);
-  fs::remove_all(removed);
+  removeLeftovers();
   moveEntry(folder, removed);
-  fs::remove_all(removed);
+  removeLeftovers();
 }
 
 }  // namespace softtoken

@@ -48,6 +48,7 @@ TEST_F(SoftTokenTest, ListsWholeConnectedTokensBySerial) {
   EXPECT_EQ(tavrin_initDevice(second.c_str(), true, instance), ok);
   softtoken::removeToken("two");
   EXPECT_EQ(devices(), Devices{device});
+  EXPECT_FALSE(fs::exists(root / ".new-three")) << "what a kill leaves behind goes with the next removal";
 }
 
 TEST_F(SoftTokenTest, NamesThatLeadElsewhereAreRefused) {
