@@ -35,11 +35,21 @@ std::vector<OddLogLevel> oddLogLevels();
 // end of the file and writes in two steps, they do not.
 bool appendsAtomically();
 
-// What libraries must leave alone, as a text: locale, working directory, signal or error handlers, floating-point state.
+// What libraries must leave alone, as a text: locale, working directory, signal or error handlers, floating-point
+// state.
 std::string processState();
 
 // Runs `work` on a thread with a stack of 64 KiB, and waits for it. Sanitizers get four times as much.
 void onSmallStack(const std::function<void()>& work);
+
+// Starts this program once more, with other arguments, none of which has blanks or quotes.
+std::intptr_t startSelf(const std::vector<std::string>& arguments);
+// Ends it from outside, without any warning, and waits until it is gone. False when it had ended before.
+bool killProcess(std::intptr_t process);
+
+// From then on, writing to a file beyond this size fails, after what fits has been written; nothing lifts the limit.
+// False where the system has no such limit.
+bool limitFileSize(std::optional<std::size_t> size);
 
 // The folder of the running test program, as the system spells it, without a closing separator.
 std::string programFolder();

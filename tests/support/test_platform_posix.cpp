@@ -1,4 +1,8 @@
 #include <pthread.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cfenv>
@@ -87,6 +91,30 @@ void onSmallStack(const std::function<void()>& work) {
   if (pthread_create(&thread, &attributes, run, const_cast<std::function<void()>*>(&work)) != 0) std::abort();
   pthread_join(thread, nullptr);
   pthread_attr_destroy(&attributes);
+}
+
+std::intptr_t startSelf(const std::vector<std::string>& arguments) {
+  std::vector<char*> texts{const_cast<char*>("self")};
+  for (const std::string& argument : arguments) texts.push_back(const_cast<char*>(argument.c_str()));
+  texts.push_back(nullptr);
+  pid_t child = -1;
+  posix_spawn(&child, "/proc/self/exe", nullptr, nullptr, texts.data(), environ);
+  return child;
+}
+
+bool killProcess(std::intptr_t process) {
+  int status = 0;
+  kill(static_cast<pid_t>(process), SIGKILL);
+  waitpid(static_cast<pid_t>(process), &status, 0);
+  return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+}
+
+bool limitFileSize(std::optional<std::size_t> size) {
+  signal(SIGXFSZ, SIG_IGN);
+  rlimit limit{};
+  getrlimit(RLIMIT_FSIZE, &limit);
+  limit.rlim_cur = size ? *size : limit.rlim_max;
+  return setrlimit(RLIMIT_FSIZE, &limit) == 0;
 }
 
 std::string programFolder() { return std::filesystem::read_symlink("/proc/self/exe").parent_path().string(); }

@@ -73,6 +73,32 @@ void onSmallStack(const std::function<void()>& work) {
   CloseHandle(thread);
 }
 
+std::intptr_t startSelf(const std::vector<std::string>& arguments) {
+  char program[MAX_PATH] = {};
+  GetModuleFileNameA(nullptr, program, sizeof program);
+  std::string line = '"' + std::string(program) + '"';
+  for (const std::string& argument : arguments) line += " \"" + argument + '"';
+  STARTUPINFOA start = {};
+  start.cb = sizeof start;
+  PROCESS_INFORMATION child = {};
+  CreateProcessA(program, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &start, &child);
+  CloseHandle(child.hThread);
+  return reinterpret_cast<std::intptr_t>(child.hProcess);
+}
+
+bool killProcess(std::intptr_t process) {
+  constexpr UINT killed = 0xDEAD;
+  const auto handle = reinterpret_cast<HANDLE>(process);
+  DWORD code = 0;
+  TerminateProcess(handle, killed);
+  WaitForSingleObject(handle, INFINITE);
+  GetExitCodeProcess(handle, &code);
+  CloseHandle(handle);
+  return code == killed;
+}
+
+bool limitFileSize(std::optional<std::size_t>) { return false; }
+
 std::string programFolder() {
   char path[MAX_PATH] = {};
   GetModuleFileNameA(nullptr, path, sizeof path);

@@ -1,0 +1,309 @@
+// What is left of a token when its writers are killed, or the disk takes only a part of what they write.
+// crash_test --kills N kills that many writers; this program is the writer too, as crash_test --writer ...
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <random>
+#include <set>
+#include <thread>
+
+#include "soft_token_fixture.h"
+#include "softtoken/token_objects.h"
+#include "test_platform.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using Things = std::set<std::string>;  // "password:..." and the objects, "key:..." and "cert:..."
+
+int kills = 100;
+constexpr int fewTries = 4;  // below, only the right password is used
+
+// Does random operations until it is killed, and reports before and after each: "intend REMOVED ADDED", with the things
+// that it takes away and adds, and "done TRIES". Objects are named after their writer, who leaves those of others
+// alone.
+class Writer {
+ public:
+  Writer(std::string name, const std::string& report, const char* device, std::string password, bool alone)
+      : name_(std::move(name)),
+        report_(std::fopen(report.c_str(), "ab")),
+        device_(device),
+        password_(std::move(password)),
+        alone_(alone) {
+    std::setvbuf(report_, nullptr, _IONBF, 0);
+  }
+
+  // Deriving a key from the password takes longer than all else, so it comes before "ready". Not for ever: nobody kills
+  // the writers of a test that was itself killed.
+  bool run() {
+    const auto end = std::chrono::steady_clock::now() + 1min;
+    bool good = report("-", "-", [&] { return enter(password_); });
+    say("ready");
+    while (good && std::chrono::steady_clock::now() < end) good = step(random_() % 32);
+    return good;
+  }
+
+ private:
+  void say(const std::string& line) { std::fputs((line + "\n").c_str(), report_); }
+
+  template <class Body>
+  bool report(const std::string& removed, const std::string& added, Body body) {
+    say("intend " + removed + " " + added);
+    const int status = body();
+    const std::int32_t tries = tavrin_getTokenInfo(device_, nullptr).remainingRetries;
+    say(status == ok ? "done " + std::to_string(tries) : "failed " + std::to_string(status));
+    return status == ok;
+  }
+
+  int enter(const std::string& password) {
+    int left = 0;
+    return tavrin_validatePassword(device_, password.c_str(), 1, &left, nullptr);
+  }
+
+  bool step(unsigned choice) {
+    const auto mine = [&](const auto& record) { return record.label[0] == name_[0]; };
+    const auto& keys = tavrin_getKeyPairList(device_, nullptr);
+    const auto& certificates = tavrin_getCertificateList(device_, nullptr);
+    const auto key = std::ranges::find_if(keys, mine);
+    const auto certificate = std::ranges::find_if(certificates, mine);
+    const std::string fresh = name_ + "." + std::to_string(++made_);
+    const char* pin = password_.c_str();
+    if (alone_ && choice < 3) {
+      if (tavrin_getTokenInfo(device_, nullptr).remainingRetries <= fewTries) return true;
+      return report("wrong", "-", [&] { return enter("wrong") == wrongPassword ? ok : -1; });
+    }
+    if (alone_ && choice == 3) {
+      const std::string old = std::exchange(password_, fresh);
+      return report("password:" + old, "password:" + fresh, [&] {
+        int left = 0;
+        return tavrin_changeUserPassword(device_, old.c_str(), fresh.c_str(), &left, false, false, nullptr) ? ok : -1;
+      });
+    }
+    if (choice < 12 && key != keys.end()) {
+      return report(std::string("key:") + key->label, "-",
+                    [&] { return tavrin_deleteKeyPair(device_, key->recordId, pin, false, nullptr); });
+    }
+    if (choice < 16 && certificate != certificates.end()) {
+      return report(std::string("cert:") + certificate->label, "-",
+                    [&] { return tavrin_deleteCertificate(device_, certificate->recordId, pin, nullptr); });
+    }
+    if (choice < 20 && key != keys.end()) {
+      return report(std::string("key:") + key->label, "key:" + fresh, [&] {
+        return tavrin_updateKeyPairDetails(device_, key->recordId, pin, fresh.c_str(), nullptr, 0, nullptr);
+      });
+    }
+    if (choice < 22 && key != keys.end()) {
+      std::uint8_t signature[512];
+      int length = 0;
+      return report("-", "-", [&] {
+        return tavrin_signHash(device_, key->recordId, pin, pattern(32).data(), 32, signature, &length, false, nullptr,
+                               false);
+      });
+    }
+    if (choice < 27) {
+      TavrinCertificate record = certificateRecord();
+      // The end of the serial number makes it another certificate.
+      for (std::size_t i = 16; i < 19; ++i) record.certificate[i] = static_cast<std::uint8_t>(random_());
+      softtoken::setLabel(record.label, fresh);
+      return report("-", "cert:" + fresh, [&] { return tavrin_importCertificate(device_, pin, &record, nullptr); });
+    }
+    TavrinKeyPair pair{};
+    pair.keyType = 5;
+    softtoken::setLabel(pair.label, fresh);
+    return report("-", "key:" + fresh, [&] { return tavrin_generateKeyPair(device_, pin, &pair, nullptr); });
+  }
+
+  const std::string name_;
+  std::FILE* const report_;
+  const char* const device_;
+  std::string password_;
+  const bool alone_;
+  std::mt19937 random_{std::random_device()()};
+  int made_ = 0;
+};
+
+class CrashTest : public SoftTokenTest {
+ protected:
+  struct Change {
+    std::string removed, added;
+  };
+
+  void SetUp() override {
+    SoftTokenTest::SetUp();
+    masterKey_ = otherProcess().unlockForUser(pin);
+  }
+
+  static std::string passwordIn(const Things& things) { return things.rbegin()->substr(9); }
+
+  static void apply(const Change& change, Things& things) {
+    things.erase(change.removed);
+    if (change.added != "-") things.insert(change.added);
+  }
+
+  // Starts writers, kills them after a random time and compares.
+  void round(int number, const std::string& letters) {
+    std::vector<std::pair<std::string, std::intptr_t>> writers;
+    for (const char letter : letters) {
+      const std::string report = (root / (std::string(".report-") + letter)).string();
+      fs::remove(report);
+      writers.emplace_back(
+          report, testPlatform::startSelf({"--writer", letter + std::to_string(number), report, device,
+                                           passwordIn(expected_), letters.size() == 1 ? "alone" : "together"}));
+    }
+    for (const auto& [report, process] : writers)
+      for (int i = 0; i < 20'000 && linesOf(report).size() < 3; ++i) std::this_thread::sleep_for(1ms);
+    std::vector<Change> pending;
+    for (const auto& [report, process] : writers) {
+      std::this_thread::sleep_for(std::chrono::microseconds(random_() % 50'000));
+      EXPECT_TRUE(testPlatform::killProcess(process)) << "it has ended by itself";
+    }
+    for (const auto& [report, process] : writers) readReport(linesOf(report), pending);
+    compare(pending);
+  }
+
+  static std::vector<std::string> linesOf(const std::string& name) {
+    std::vector<std::string> lines;
+    std::ifstream file(name);
+    for (std::string line; std::getline(file, line);) lines.push_back(line);
+    return lines;
+  }
+
+  void readReport(const std::vector<std::string>& lines, std::vector<Change>& pending) {
+    Change change;
+    for (const std::string& line : lines) {
+      if (line.starts_with("intend ")) {
+        const auto blank = line.find(' ', 7);
+        change = {line.substr(7, blank - 7), line.substr(blank + 1)};
+        if (change.removed != "wrong") mostTries_ = softtoken::mostTries;
+      } else if (line.starts_with("done ")) {
+        mostTries_ = std::stoi(line.substr(5));
+        apply(std::exchange(change, {}), expected_);
+        ++done_;
+      } else {
+        EXPECT_EQ(line, "ready");
+      }
+    }
+    if (!change.removed.empty()) pending.push_back(change);
+  }
+
+  void compare(const std::vector<Change>& pending) {
+    softtoken::Token token = otherProcess();
+    const auto left = [&] { return static_cast<int>(token.tries().user); };
+    EXPECT_LE(left(), mostTries_);
+    mostTries_ = left();
+
+    Things found;
+    const auto state = token.state();
+    for (std::size_t i = 0; i < state->keyPairs.size(); ++i) {
+      const TavrinKeyPair& pair = state->keyPairs[i];
+      EXPECT_TRUE(unseal(masterKey_, state->privateKeys[i], privateKeyContext(*state, pair))) << pair.label;
+      found.insert(std::string("key:") + pair.label);
+    }
+    for (const TavrinCertificate& record : state->certificates) found.insert(std::string("cert:") + record.label);
+    EXPECT_EQ(found.size(), state->objectCount()) << "an object twice";
+
+    // What was under way may have happened or not, each for itself.
+    std::vector<Things> allowed{expected_};
+    for (const Change& change : pending) {
+      for (std::size_t i = allowed.size(); i-- > 0;) {
+        allowed.push_back(allowed[i]);
+        apply(change, allowed.back());
+      }
+    }
+    // A wrong password costs a try, so it is asked for when it is in doubt, and to get all tries back.
+    const bool ask = mostTries_ <= fewTries || (!pending.empty() && pending[0].added.starts_with("password:"));
+    const auto fits = std::ranges::find_if(allowed, [&](const Things& things) {
+      return std::equal(things.begin(), std::prev(things.end()), found.begin(), found.end()) &&
+             (!ask || opens(token, passwordIn(things)));
+    });
+    ASSERT_NE(fits, allowed.end()) << testing::PrintToString(found) << " instead of "
+                                   << testing::PrintToString(expected_);
+    expected_ = *fits;
+    mostTries_ = left();
+  }
+
+  static bool opens(softtoken::Token& token, const std::string& password) {
+    try {
+      return !token.unlockForUser(password).empty();
+    } catch (const softtoken::Failure&) {
+      return false;
+    }
+  }
+
+  softtoken::MasterKey masterKey_;
+  Things expected_{std::string("password:") + pin};  // which comes last
+  int mostTries_ = softtoken::mostTries;
+  int done_ = 0;
+  std::mt19937 random_{std::random_device()()};
+};
+
+TEST_F(CrashTest, KilledWritersLoseNothingThatTheyReported) {
+  int killed = 0;
+  for (int number = 0; killed < kills && !HasFailure(); ++number) {
+    SCOPED_TRACE("round " + std::to_string(number));
+    const std::string letters = number % 2 == 0 ? "ab" : "a";
+    round(number, letters);
+    killed += static_cast<int>(letters.size());
+  }
+  std::printf("%d kills, %d operations finished before\n", killed, done_);
+  EXPECT_GT(done_, killed + kills / 4) << "hardly more than the first of each writer";
+}
+
+TEST_F(CrashTest, ATryIsWrittenDownBeforeItIsMade) {
+  // So dear that it takes a good part of a second.
+  otherProcess().change([](softtoken::TokenState& state) { state.user.cost.cost = 1u << 17; });
+  std::atomic<bool> answered = false;
+  std::thread attempt([&] {
+    EXPECT_EQ(login("wrong"), wrongPassword);
+    answered = true;
+  });
+  while (otherProcess().tries().user == softtoken::mostTries && !answered) std::this_thread::sleep_for(1ms);
+  std::this_thread::sleep_for(50ms);
+  EXPECT_FALSE(answered) << "a kill in between would have given the try back";
+  attempt.join();
+}
+
+TEST_F(CrashTest, ADiskThatTakesOnlyAPartChangesNothing) {
+  const TavrinKeyPair key = generate(5);
+  const auto contents = [&] {
+    std::map<fs::path, Bytes> files;
+    for (const auto& entry : fs::directory_iterator(tokenFolder()))
+      files[entry.path().filename()] = softtoken::readFile(entry.path(), 1 << 20).value();
+    return files;
+  };
+  auto before = contents();
+  for (const Bytes& file : {before["token"], before["tries"]}) {
+    for (std::size_t size = 0; size < file.size(); ++size) {
+      EXPECT_THROW(softtoken::decodeTokenState(std::span(file).first(size)), softtoken::Failure) << size;
+      EXPECT_THROW(softtoken::decodeTries(std::span(file).first(size)), softtoken::Failure) << size;
+    }
+  }
+  const std::string label(100, 'L');
+  const auto failsUpTo = [&](std::size_t last, auto&& call) {
+    for (std::size_t size = 0; size < last && testPlatform::limitFileSize(size); ++size) {
+      const int status = call(size);
+      testPlatform::limitFileSize(std::nullopt);
+      EXPECT_EQ(status, deviceFault) << size;
+      EXPECT_EQ(contents(), before) << size;
+    }
+  };
+  failsUpTo(before["token"].size() + label.size(), [&](std::size_t) {
+    return tavrin_updateKeyPairDetails(device.c_str(), key.recordId, pin, label.c_str(), nullptr, 0, instance);
+  });
+  failsUpTo(before["tries"].size(), [&](std::size_t size) { return login(size % 2 ? pin : "wrong"); });
+  EXPECT_EQ(login(pin), ok);
+  EXPECT_EQ(sign(key, pattern(32)).status, ok);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::vector<std::string> given(argv + 1, argv + argc);
+  if (given.size() == 6 && given[0] == "--writer")
+    return Writer(given[1], given[2], given[3].c_str(), given[4], given[5] == "alone").run() ? 0 : 1;
+  testing::InitGoogleTest(&argc, argv);
+  if (argc == 3 && std::string(argv[1]) == "--kills") kills = std::stoi(argv[2]);
+  return RUN_ALL_TESTS();
+}
