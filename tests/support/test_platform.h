@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -46,6 +47,9 @@ void onSmallStack(const std::function<void()>& work);
 std::intptr_t startSelf(const std::vector<std::string>& arguments);
 // Ends it from outside, without any warning, and waits until it is gone. False when it had ended before.
 bool killProcess(std::intptr_t process);
+
+// What such a process has in its memory, all that can be read, block by block.
+void forEachMemoryBlock(std::intptr_t process, const std::function<void(std::span<const std::uint8_t>)>& look);
 
 // From then on, writing to a file beyond this size fails, after what fits has been written; nothing lifts the limit.
 // False where the system has no such limit.

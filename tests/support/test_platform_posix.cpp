@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
 #include <spawn.h>
@@ -100,6 +101,21 @@ std::intptr_t startSelf(const std::vector<std::string>& arguments) {
   pid_t child = -1;
   posix_spawn(&child, "/proc/self/exe", nullptr, nullptr, texts.data(), environ);
   return child;
+}
+
+void forEachMemoryBlock(std::intptr_t process, const std::function<void(std::span<const std::uint8_t>)>& look) {
+  const std::string folder = "/proc/" + std::to_string(process);
+  const int memory = open((folder + "/mem").c_str(), O_RDONLY | O_CLOEXEC);
+  std::ifstream maps(folder + "/maps");
+  for (std::string line; std::getline(maps, line);) {
+    unsigned long first = 0, last = 0;
+    char readable = '-';
+    if (std::sscanf(line.c_str(), "%lx-%lx %c", &first, &last, &readable) != 3 || readable != 'r') continue;
+    std::vector<std::uint8_t> block(last - first);
+    const ssize_t size = pread(memory, block.data(), block.size(), static_cast<off_t>(first));
+    if (size > 0) look(std::span(block).first(static_cast<std::size_t>(size)));
+  }
+  close(memory);
 }
 
 bool killProcess(std::intptr_t process) {

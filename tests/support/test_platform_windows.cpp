@@ -97,6 +97,19 @@ bool killProcess(std::intptr_t process) {
   return code == killed;
 }
 
+void forEachMemoryBlock(std::intptr_t process, const std::function<void(std::span<const std::uint8_t>)>& look) {
+  const auto handle = reinterpret_cast<HANDLE>(process);
+  MEMORY_BASIC_INFORMATION info = {};
+  for (char* at = nullptr; VirtualQueryEx(handle, at, &info, sizeof info) != 0;
+       at = static_cast<char*>(info.BaseAddress) + info.RegionSize) {
+    if (info.State != MEM_COMMIT || (info.Protect & (PAGE_GUARD | PAGE_NOACCESS)) != 0) continue;
+    std::vector<std::uint8_t> block(info.RegionSize);
+    SIZE_T size = 0;
+    ReadProcessMemory(handle, info.BaseAddress, block.data(), block.size(), &size);
+    look(std::span(block).first(size));
+  }
+}
+
 bool limitFileSize(std::optional<std::size_t>) { return false; }
 
 std::string programFolder() {

@@ -1,0 +1,357 @@
+// No secret outlives its use. Another process uses the module, at the highest log level, with passwords and keys that
+// are known here alone; its memory, its output, the log and the token's files are searched for them.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <bitset>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <thread>
+#include <unordered_map>
+
+#include "softtoken/key_material.h"
+#include "softtoken/record_io.h"
+#include "softtoken/token_directory.h"
+#include "test_platform.h"
+#include "token_session.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using softtoken::ByteView;
+using Names = std::set<std::string>;
+
+// Secrets go to the other process in files, masked so that the search finds no copy of its own.
+constexpr CK_BYTE mask = 0x5A;
+
+CK_ULONG sizeOf(const Bytes& bytes) { return static_cast<CK_ULONG>(bytes.size()); }
+
+// ---- The process that is searched ----
+
+// A secret that was handed over, wiped when it goes.
+class Given : public Bytes {
+ public:
+  explicit Given(const std::string& name) : Bytes(readFile(name)) {
+    for (CK_BYTE& byte : *this) byte ^= mask;
+  }
+  ~Given() { wipe(*this); }
+  Given(const Given&) = delete;
+  Given& operator=(const Given&) = delete;
+
+  static void wipe(Bytes& bytes) {
+    for (volatile CK_BYTE& byte : bytes) byte = 0;
+  }
+};
+
+// Lets the other process search.
+void pause(const char* stage) {
+  writeFile(stage, {});
+  while (fs::exists(stage)) std::this_thread::sleep_for(5ms);
+}
+
+void expect(CK_RV result, CK_RV expected, const char* call) {
+  if (result != expected) throw std::runtime_error(std::string(call) + " gave " + std::to_string(result));
+}
+
+class Victim {
+ public:
+  void run() {
+    const Given alwaysThere("planted");
+    login(CKU_SO, "wrong password", CKR_PIN_INCORRECT);
+    login(CKU_SO, "officer's password", CKR_OK);
+    check(module()->C_Logout(token_->handle), "C_Logout");
+    login(CKU_USER, "wrong password", CKR_PIN_INCORRECT);
+    login(CKU_USER, "password", CKR_OK);
+    makeKeys();
+    pause("keys made");
+    sign();
+    pause("signed");
+    decrypt();
+    pause("decrypted");
+    derive();
+    pause("derived");
+    changePassword("wrong password", CKR_FUNCTION_FAILED);
+    changePassword("password", CKR_OK);
+    sign();
+    pause("password changed");
+    check(module()->C_Logout(token_->handle), "C_Logout");
+    pause("logged out");
+    token_.reset();
+    pause("unloaded");
+  }
+
+ private:
+  CryptokiModule& module() { return token_->module; }
+
+  void login(CK_USER_TYPE user, const char* name, CK_RV expected) {
+    Given pin(name);
+    expect(module()->C_Login(token_->handle, user, pin.data(), sizeOf(pin)), expected, "C_Login");
+  }
+
+  void changePassword(const char* from, CK_RV expected) {
+    Given old(from);
+    Given fresh("new password");
+    expect(module()->C_SetPIN(token_->handle, old.data(), sizeOf(old), fresh.data(), sizeOf(fresh)), expected,
+           "C_SetPIN");
+  }
+
+  void makeKeys() {
+    token_->generate("rsa", {});
+    token_->generate("ec", {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07});
+    for (const CK_RV expected : {CKR_FUNCTION_FAILED, CKR_OK}) {
+      CK_OBJECT_CLASS objectClass = CKO_PRIVATE_KEY;
+      CK_OBJECT_HANDLE made = 0;
+      Given modulus("modulus");
+      Given exponent("imported exponent");
+      Given prime("imported prime 1");
+      if (expected != CKR_OK) modulus.back() ^= 2;
+      CK_ATTRIBUTE parts[] = {{CKA_CLASS, &objectClass, sizeof objectClass},
+                              {CKA_LABEL, const_cast<char*>("imported"), 8},
+                              {CKA_MODULUS, modulus.data(), sizeOf(modulus)},
+                              {CKA_PRIVATE_EXPONENT, exponent.data(), sizeOf(exponent)},
+                              {CKA_PRIME_1, prime.data(), sizeOf(prime)}};
+      expect(module()->C_CreateObject(token_->handle, parts, std::size(parts), &made), expected, "C_CreateObject");
+    }
+  }
+
+  void sign() {
+    const std::pair<const char*, CK_MECHANISM_TYPE> ways[] = {{"rsa", CKM_SHA256_RSA_PKCS},
+                                                              {"rsa", CKM_SHA256_RSA_PKCS_PSS},
+                                                              {"imported", CKM_SHA1_RSA_PKCS},
+                                                              {"ec", CKM_ECDSA_SHA256}};
+    for (const auto& [label, mechanism] : ways) {
+      const Bytes data(5000, 'd');
+      const CK_OBJECT_HANDLE key = token_->find(CKO_PRIVATE_KEY, label);
+      const Bytes signature = token_->sign(mechanism, key, data);
+      check(token_->verify(mechanism, token_->find(CKO_PUBLIC_KEY, label), data, signature), "C_Verify");
+      token_->signInParts(mechanism, key, data);
+    }
+  }
+
+  void decrypt() {
+    for (const CK_MECHANISM_TYPE mechanism : {CKM_RSA_PKCS, CKM_RSA_PKCS_OAEP}) {
+      const Given message("message");
+      const CK_OBJECT_HANDLE key = token_->find(CKO_PRIVATE_KEY, "rsa");
+      const Bytes ciphertext = token_->compute(module()->C_EncryptInit, module()->C_Encrypt, mechanism,
+                                               token_->find(CKO_PUBLIC_KEY, "rsa"), message);
+      Bytes plain = token_->compute(module()->C_DecryptInit, module()->C_Decrypt, mechanism, key, ciphertext);
+      if (plain != message) throw std::runtime_error("decrypted to something else");
+      Given::wipe(plain);
+    }
+  }
+
+  void derive() {
+    Bytes peer = Given("peer");
+    for (const CK_RV expected : {CKR_OK, CKR_FUNCTION_FAILED}) {
+      if (expected != CKR_OK) peer.back() ^= 1;  // no point of the curve
+      for (const CK_EC_KDF_TYPE kdf : {CKD_NULL, CKD_SHA256_KDF}) {
+        CK_ECDH1_DERIVE_PARAMS parameters = {kdf, 0, nullptr, sizeOf(peer), peer.data()};
+        CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameters, sizeof parameters};
+        CK_OBJECT_HANDLE made = 0;
+        const CK_OBJECT_HANDLE key = token_->find(CKO_PRIVATE_KEY, "ec");
+        expect(module()->C_DeriveKey(token_->handle, &mechanism, key, nullptr, 0, &made), expected, "C_DeriveKey");
+        if (expected != CKR_OK) continue;
+        Bytes secret = token_->attribute(made, CKA_VALUE);
+        Given::wipe(secret);
+      }
+    }
+  }
+
+  std::unique_ptr<TokenSession> token_ = std::make_unique<TokenSession>();
+};
+
+// ---- The search ----
+
+// Looks for pieces of 16 bytes, so that what is left of a secret after its beginning was written over counts too.
+class Search {
+ public:
+  void add(const std::string& name, ByteView secret) {
+    const Bytes plain(secret.begin(), secret.end());
+    addPieces(name, plain);
+    addPieces(name, Bytes(plain.rbegin(), plain.rend()));  // as arithmetic keeps numbers
+    for (const char* digits : {"0123456789abcdef", "0123456789ABCDEF"}) {
+      Bytes hex;
+      for (const CK_BYTE byte : plain)
+        for (const int digit : {byte / 16, byte % 16}) hex.push_back(static_cast<CK_BYTE>(digits[digit]));
+      addPieces(name, hex);
+    }
+    for (const CK_BYTE pad : {CK_BYTE{0x36}, CK_BYTE{0x5C}}) {  // as HMAC uses keys
+      Bytes padded = plain;
+      for (CK_BYTE& byte : padded) byte ^= pad;
+      addPieces(name, padded);
+    }
+  }
+
+  void look(ByteView memory, Names& found) const {
+    for (std::size_t i = 0; i + pieceSize <= memory.size(); ++i) {
+      const std::uint64_t start = startOf(&memory[i]);
+      if (!starts_[start % starts_.size()]) continue;
+      const auto [first, last] = pieces_.equal_range(start);
+      for (auto piece = first; piece != last; ++piece)
+        if (std::equal(piece->second.second.begin(), piece->second.second.end(), &memory[i]))
+          found.insert(piece->second.first);
+    }
+  }
+
+ private:
+  static constexpr std::size_t pieceSize = 16;
+
+  static std::uint64_t startOf(const std::uint8_t* bytes) {
+    std::uint64_t start = 0;
+    std::memcpy(&start, bytes, sizeof start);
+    return start;
+  }
+
+  void addPieces(const std::string& name, const Bytes& bytes) {
+    for (auto rest = std::span(bytes); rest.size() >= pieceSize; rest = rest.subspan(pieceSize / 2)) {
+      starts_.set(startOf(rest.data()) % starts_.size());
+      pieces_.emplace(startOf(rest.data()), std::pair(name, Bytes(rest.begin(), rest.begin() + pieceSize)));
+    }
+  }
+
+  std::unordered_multimap<std::uint64_t, std::pair<std::string, Bytes>> pieces_;
+  std::bitset<65521> starts_;  // most places in memory begin like no piece
+};
+
+class SecretsTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    folder_ = fs::temp_directory_path() / ("tavrin-secrets-test-" + std::to_string(testPlatform::processId()));
+    fs::create_directories(folder_ / "log");
+    fs::current_path(folder_);
+    testPlatform::useFolder((folder_ / "log").string());
+    testPlatform::setLogLevel(3);
+    testPlatform::setEnvironment("TAVRIN_SOFT_TOKENS", (folder_ / "tokens").string().c_str());
+    testPlatform::setEnvironment("E2E_MODULE", (testPlatform::programFolder() + "/" MODULE_FILE).c_str());
+  }
+
+  void TearDown() override {
+    testPlatform::killProcess(victim_);
+    testPlatform::setLogLevel(std::nullopt);
+    fs::current_path(folder_.parent_path());
+    fs::remove_all(folder_);
+  }
+
+  void give(const std::string& name, ByteView plain) {
+    Bytes masked(plain.begin(), plain.end());
+    for (CK_BYTE& byte : masked) byte ^= mask;
+    writeFile(name, masked);
+  }
+
+  // Gives the other process a secret of printable characters, or the one that is given, and looks for it from then on.
+  std::string secret(const std::string& name, ByteView plain = {}) {
+    std::string text(plain.begin(), plain.end());
+    if (text.empty())
+      for (const std::uint8_t byte : softtoken::randomBytes(40)) text += static_cast<char>('0' + byte % 64);
+    give(name, softtoken::viewOf(text));
+    search_.add(name, softtoken::viewOf(text));
+    return text;
+  }
+
+  // The private keys, as the token's files have them, and what follows from them.
+  void addKeys(const std::string& password) {
+    softtoken::Token token(folder_ / "tokens" / "one");
+    const auto state = token.state();
+    const softtoken::MasterKey masterKey = token.unlockForUser(password);
+    search_.add("master key", masterKey);
+    search_.add("password's key", softtoken::scrypt(softtoken::viewOf(password), state->user.salt, state->user.cost));
+    ASSERT_EQ(state->keyPairs.size(), 3u);
+    for (std::size_t i = 0; i < 3; ++i) {
+      const TavrinKeyPair& pair = state->keyPairs[i];
+      const auto opened = unseal(masterKey, state->privateKeys[i], privateKeyContext(*state, pair));
+      addKey(pair.label, {pair.keyType, {}, opened.value()});
+    }
+  }
+
+  void addKey(const std::string& label, const softtoken::KeyMaterial& key) {
+    if (softtoken::isRsa(key.keyType)) {
+      softtoken::Reader reader(key.privateKey);
+      for (const char* part : {" exponent", " prime 1", " prime 2", " coefficient"})
+        search_.add(label + part, reader.field(1024));
+    } else {
+      search_.add(label, key.privateKey);
+      const softtoken::SecretBytes derived = softtoken::deriveWith(key, peer_.publicKey);
+      search_.add("derived", derived);
+      search_.add("derived, hashed", softtoken::hashOf(GCRY_MD_SHA384, derived));
+    }
+  }
+
+  void await(const char* stage) {
+    for (int i = 0; i < 3000 && !fs::exists(stage); ++i) std::this_thread::sleep_for(10ms);
+    ASSERT_TRUE(fs::exists(stage)) << "the other process failed: " << std::ifstream("stderr").rdbuf();
+  }
+
+  Names inMemory() {
+    Names found;
+    testPlatform::forEachMemoryBlock(victim_, [&](ByteView block) { search_.look(block, found); });
+    return found;
+  }
+
+  Names inFiles() {
+    Names found;
+    for (const auto& entry : fs::recursive_directory_iterator(folder_))
+      if (entry.is_regular_file()) search_.look(readFile(entry.path().string()), found);
+    return found;
+  }
+
+  fs::path folder_;
+  std::intptr_t victim_ = 0;
+  Search search_;
+  softtoken::KeyMaterial peer_ = softtoken::generateKeyMaterial(5);
+};
+
+TEST_F(SecretsTest, NoSecretOutlivesItsUse) {
+  const std::string password = secret("password");
+  softtoken::createToken({.name = "one", .label = "First"}, password, secret("officer's password"));
+  for (const char* name : {"new password", "wrong password", "message", "planted"}) secret(name);
+  const softtoken::KeyMaterial imported = softtoken::generateKeyMaterial(2);
+  softtoken::Reader parts(imported.privateKey);
+  secret("imported exponent", parts.field(1024));
+  secret("imported prime 1", parts.field(1024));
+  give("modulus", imported.publicKey);
+  give("peer", peer_.publicKey);
+  victim_ = testPlatform::startSelf({"--victim"});
+  ASSERT_NO_FATAL_FAILURE(await("keys made"));
+  ASSERT_NO_FATAL_FAILURE(addKeys(password));
+
+  // The software token keeps the master key and the last results as long as the module is initialised, since it hears
+  // of no logout. Derived keys are the module's objects until it is unloaded.
+  const std::pair<const char*, Names> stages[] = {
+      {"keys made", {"planted", "master key", "password"}},
+      {"signed", {"planted", "master key", "password"}},
+      {"decrypted", {"planted", "master key", "password", "message"}},
+      {"derived", {"planted", "master key", "password", "message", "derived", "derived, hashed"}},
+      {"password changed", {"planted", "master key", "new password", "message", "derived", "derived, hashed"}},
+      {"logged out", {"planted", "master key", "message", "derived", "derived, hashed"}},
+      {"unloaded", {"planted"}}};
+  for (const auto& [stage, expected] : stages) {
+    ASSERT_NO_FATAL_FAILURE(await(stage));
+    EXPECT_EQ(inMemory(), expected) << stage;
+    fs::remove(stage);
+  }
+  EXPECT_FALSE(fs::is_empty(folder_ / "log"));
+  EXPECT_EQ(inFiles(), Names{});
+  writeFile("control", Given("planted"));
+  EXPECT_EQ(inFiles(), Names{"planted"});
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc == 2 && std::string(argv[1]) == "--victim") {
+    if (!std::freopen("stdout", "w", stdout) || !std::freopen("stderr", "w", stderr)) return 2;
+    try {
+      Victim().run();
+      return 0;
+    } catch (const std::exception& error) {
+      std::fprintf(stderr, "%s\n", error.what());
+      return 1;
+    }
+  }
+  testing::InitGoogleTest(&argc, argv);
+  return RUN_ALL_TESTS();
+}
