@@ -79,6 +79,8 @@ bool hasExtension(const std::string& name, const std::vector<std::string>& exten
 }  // namespace
 
 CertificateFields parseCertificate(ByteView der) {
+  // libksba complains of what is no DER on the standard error, which is the application's, and loses memory over it.
+  require(isWellFormed(der), "this is no certificate");
   CertificateFields fields;
   readElements(der, fields);
   const Certificate certificate = openCertificate(der);

@@ -7,6 +7,7 @@ namespace {
 
 constexpr std::uint8_t rsaEncryption[] = {0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x01};
 constexpr std::uint8_t longForm = 0x80;
+constexpr std::uint8_t constructed = 0x20;
 constexpr std::size_t mostLengthBytes = 4;
 
 // Takes an element's length field off `rest`.
@@ -40,6 +41,21 @@ std::optional<DerElement> takeElement(ByteView& rest) {
 std::optional<DerElement> takeElement(ByteView& rest, std::uint8_t tag) {
   if (rest.empty() || rest[0] != tag) return std::nullopt;
   return takeElement(rest);
+}
+
+bool isWellFormed(ByteView der) {
+  // Contents wait here for their turn: files may nest deeper than a stack is.
+  std::vector<ByteView> waiting{der};
+  while (!waiting.empty()) {
+    ByteView rest = waiting.back();
+    waiting.pop_back();
+    while (!rest.empty()) {
+      const auto element = takeElement(rest);
+      if (!element || element->tag == 0) return false;
+      if (element->tag & constructed) waiting.push_back(element->content);
+    }
+  }
+  return true;
 }
 
 std::optional<RsaPublicKey> rsaPublicKeyIn(ByteView der) {

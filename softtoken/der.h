@@ -26,6 +26,10 @@ std::optional<DerElement> takeElement(ByteView& rest);
 // The same for an element that must have this tag.
 std::optional<DerElement> takeElement(ByteView& rest, std::uint8_t tag);
 
+// Whether the bytes are whole elements one behind the other, and so are the contents of the constructed ones among
+// them.
+bool isWellFormed(ByteView der);
+
 struct RsaPublicKey {
   Bytes modulus;  // big-endian, without leading zeros
   Bytes exponent;
