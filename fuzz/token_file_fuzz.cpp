@@ -1,0 +1,57 @@
+// The files of a software token: what a file says is refused or understood, and what was understood is written as it
+// was read and does no harm where it is used. A file ends with the hash of what is before it; inputs lack it, so that
+// what they say gets past that check.
+#include <cstdlib>
+
+#include "softtoken/key_material.h"
+#include "softtoken/token_objects.h"
+
+namespace {
+
+using namespace softtoken;
+
+template <class Body>
+bool accepted(Body body) {
+  try {
+    body();
+    return true;
+  } catch (const Failure&) {
+    return false;
+  }
+}
+
+void requireThat(bool fact) {
+  if (!fact) std::abort();
+}
+
+void use(TokenState& state) {
+  const Bytes digest(32);
+  if (!state.keyPairs.empty()) {
+    const TavrinKeyPair& pair = state.keyPairs.front();
+    const ByteView publicKey = ByteView(pair.publicKey).first(pair.publicKeyLength);
+    const Bytes signature(isRsa(pair.keyType) ? publicKey.size() : 64, 1);
+    requireThat(indexOfKeyPair(state, pair.recordId) == 0 && !unseal(digest, state.privateKeys[0], {}));
+    requireThat(!accepted([&] { verifyWith(pair.keyType, publicKey, digest, signature, false); }));
+  }
+  TavrinKeyPair added{};
+  added.keyType = 5;
+  const std::size_t before = state.objectCount();
+  if (accepted([&] { addKeyPair(state, added, {}); }))
+    requireThat(added.id >= 1 && added.id <= largestId && state.objectCount() == before + 1);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  Bytes file(data, data + size);
+  const Bytes hash = hashOf(GCRY_MD_SHA256, file);
+  file.insert(file.end(), hash.begin(), hash.end());
+  accepted([&] {
+    TokenState state = decodeTokenState(file);
+    const Bytes written = encodeTokenState(state);
+    requireThat(encodeTokenState(decodeTokenState(written)) == written);
+    use(state);
+  });
+  accepted([&] { requireThat(encodeTries(decodeTries(file)) == file); });
+  return 0;
+}
