@@ -12,6 +12,7 @@ packages=(
   libgcrypt-mingw-w64-dev libksba-mingw-w64-dev libgpg-error-mingw-w64-dev
   googletest libbenchmark-dev                                        # the tests and the benchmarks
   opensc gnutls-bin openssl jq                                       # independent clients and an independent check
+  clang-14 libclang-rt-14-dev                                  # the fuzz targets
   clang-format clang-tidy git util-linux
 )
 

@@ -1,6 +1,6 @@
 #!/bin/bash
 # Builds everything for every target and runs all tests: scripts/test.sh [STEP ...]
-# Steps: format, linux, linux-asan, linux-tsan, windows, clients, tidy, reproducible; all by default, in this order.
+# Steps: format, linux, linux-asan, linux-tsan, fuzz, windows, clients, tidy, reproducible; all by default, in this order.
 # The last line counts the tests of all targets, each of the other steps being one; the exit code is 0 if none failed.
 set -euo pipefail
 exec </dev/null
@@ -113,6 +113,10 @@ step() {
       # ThreadSanitizer needs addresses that some kernels randomise too widely; leave that off where it can be.
       if setarch -R true 2>/dev/null; then buildAndTest "$1" setarch -R; else buildAndTest "$1"; fi
       ;;
+    fuzz)
+      say "== fuzz: a short run of each target"
+      attempt "fuzz" fuzz.log scripts/fuzz.sh && sed 's/^/   /' "$logs/fuzz.log"
+      ;;
     windows)
       scripts/wine.sh wineboot -i >/dev/null 2>&1 || true # once, so that no test waits for it
       buildAndTest "$1"
@@ -130,7 +134,7 @@ step() {
       attempt "reproducible" reproducible.log checkReproducible
       ;;
     *)
-      say "unknown step '$1'; there are: format linux linux-asan linux-tsan windows clients tidy reproducible" >&2
+      say "unknown step '$1'; there are: format linux linux-asan linux-tsan fuzz windows clients tidy reproducible" >&2
       exit 2
       ;;
   esac
@@ -142,7 +146,7 @@ export ASAN_OPTIONS=detect_leaks=1:detect_stack_use_after_return=1:check_initial
 export UBSAN_OPTIONS=print_stacktrace=1
 export TSAN_OPTIONS=second_deadlock_stack=1
 steps=("$@")
-[[ $# -gt 0 ]] || steps=(format linux linux-asan linux-tsan windows clients tidy reproducible)
+[[ $# -gt 0 ]] || steps=(format linux linux-asan linux-tsan fuzz windows clients tidy reproducible)
 for name in "${steps[@]}"; do
   step "$name" || true
 done
