@@ -20,6 +20,11 @@ Bytes pattern(std::size_t count) {
   return bytes;
 }
 
+Bytes rsaPublicKeyInfo() {
+  return fromHex(std::string("30819f300d06092a864886f70d010101050003818d0030818902818100") + vectors::modulus +
+                 "0203010001");
+}
+
 TavrinCertificate certificateRecord() {
   TavrinCertificate record{};
   const Bytes der = fromHex(vectors::certificate);
@@ -90,7 +95,7 @@ int SoftTokenTest::verify(const TavrinKeyPair& key, const Bytes& input, const By
 }
 
 Made SoftTokenTest::encryptRsa(const Bytes& message, PaddingMode padding) {
-  const Bytes info = fromHex(vectors::subjectPublicKeyInfo);
+  const Bytes info = rsaPublicKeyInfo();
   Bytes out(1024);
   int length = 0;
   const int status = tavrin_encrypt(EncryptionType::rsa1024, padding, message.data(), static_cast<int>(message.size()),

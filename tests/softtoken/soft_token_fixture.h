@@ -64,4 +64,5 @@ class SoftTokenTest : public testing::Test {
 
 // A certificate's record with the vectors' certificate.
 TavrinCertificate certificateRecord();
+Bytes rsaPublicKeyInfo();  // of the vectors' key
 Bytes publicKeyOf(const TavrinKeyPair& key);
