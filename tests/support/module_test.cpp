@@ -67,6 +67,12 @@ CK_BYTE_PTR bytes(const char* text) { return reinterpret_cast<CK_BYTE_PTR>(const
 
 std::string number(CK_ULONG value) { return {reinterpret_cast<const char*>(&value), sizeof value}; }
 
+std::string returned(CK_RV code) {
+  std::ostringstream line;
+  line << "= 0x" << std::hex << std::uppercase << code;
+  return line.str();
+}
+
 std::string hexText(const std::string& bytes) { return fake::hex(bytes.data(), bytes.size()); }
 
 Template::Template(std::initializer_list<std::pair<CK_ATTRIBUTE_TYPE, std::string>> attributes) {
@@ -113,20 +119,16 @@ void ModuleTest::TearDown() {
 Lines ModuleTest::run(const Call& call) {
   takeLog();
   lines_.clear();
-  const CK_RV code = call.make();
+  const std::string result = returned(call.make());
   takeLog();
-  std::ostringstream result;
-  result << "= 0x" << std::hex << std::uppercase << code;
-  lines_.push_back(result.str());
+  lines_.push_back(result);
   return std::move(lines_);
 }
 
 void ModuleTest::expect(const Call& call, CK_RV code, Lines lines, int line) {
   for (std::string& text : lines) text = text.rfind(": ", 0) == 0 ? call.name + text : text;
   lines.insert(lines.begin(), "- " + call.name);
-  std::ostringstream result;
-  result << "= 0x" << std::hex << std::uppercase << code;
-  lines.push_back(result.str());
+  lines.push_back(returned(code));
   if (const Lines did = run(call); did != lines) {
     ADD_FAILURE_AT(testFile(), line) << "expected\n" << joined(lines) << "but it did\n" << joined(did);
   }

@@ -43,6 +43,7 @@ struct Call {
 
 CK_BYTE_PTR bytes(const char* text);  // Cryptoki never writes to it
 std::string number(CK_ULONG value);   // a CK_ULONG as an attribute's value
+std::string returned(CK_RV code);     // a call's last line: "= 0x5"
 std::string hexText(const std::string& bytes);
 template <class Structure>
 std::string hexOf(const Structure& structure) {

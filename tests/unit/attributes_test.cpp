@@ -186,10 +186,6 @@ TEST_F(AttributesTest, SetRefusals) {
     noObject(set(session, object, label), {": invalid hObject=" + std::to_string(object)});
   }
   noObject(set(session, 0x70001FFF, label), {keysListed, "Key pair not found in Set attribute : 1879056383"});
-  fake::fail("updateKeyPairDetails", -40);
-  fails(set(session, rsaPrivate, label),
-        {keysListed, "- C_SetAttributeValue - attrip type : 3",
-         "> updateKeyPairDetails TK1 key-1 pin='1234' label='new' id='' inst", "Update key pair details failed : -40"});
 }
 
 TEST_F(AttributesTest, SetGivesTheDeviceLabelAndIdAsTheyAre) {

@@ -1,0 +1,214 @@
+// Which call meets which operation in progress, and how results are handed out.
+#include <algorithm>
+
+#include "signature_mechanisms.h"
+
+namespace {
+
+using OperationsTest = SessionTest;
+
+// Every operation code with every call that asks for one: the code is looked at before the arguments, these from left
+// to right, and what is refused changes nothing.
+TEST_F(OperationsTest, EveryCallMeetsEveryOperation) {
+  const CK_SESSION_HANDLE s = session_;
+  CK_BYTE data = 0;
+  CK_OBJECT_HANDLE object = 77;
+  struct Row {
+    Call call;
+    std::vector<int> accepted;
+    const char* missing;  // what is refused next
+  };
+  const Row inits[] = {{CALL(C_DigestInit, s, nullptr), {0, 4}, "C_DigestInit mechanism pointer in NULL"},
+                       {CALL(C_SignInit, s, nullptr, 0), {0}, ": pMechanism is NULL"},
+                       {CALL(C_VerifyInit, s, nullptr, 0), {0}, ": pMechanism is NULL"},
+                       {CALL(C_EncryptInit, s, nullptr, 0), {0, 4}, ": pMechanism is NULL"},
+                       {CALL(C_DecryptInit, s, nullptr, 0), {0, 4}, ": pMechanism is NULL"}};
+  const Row others[] = {
+      {CALL(C_FindObjects, s, nullptr, 0, nullptr), {1}, ": pulObjectCount is NULL"},
+      {CALL(C_FindObjects, s, nullptr, 5, nullptr), {1}, ": phObject is NULL with ulMaxObjectCount=5"},
+      {CALL(C_FindObjects, s, &object, 1, nullptr), {1}, ": pulObjectCount is NULL"},
+      {CALL(C_Encrypt, s, DATA(""), nullptr, nullptr), {2}, ": pData is NULL or ulDataLen<=0, ulDataLen=0"},
+      {CALL(C_Encrypt, s, nullptr, 5, nullptr, nullptr), {2}, ": pData is NULL or ulDataLen<=0, ulDataLen=5"},
+      {CALL(C_Encrypt, s, DATA("x"), out_.data(), nullptr), {2}, ": pulEncryptedDataLen is NULL"},
+      {CALL(C_Decrypt, s, nullptr, 0, nullptr, nullptr), {3}, ": pEncryptedData is NULL"},
+      {CALL(C_Decrypt, s, DATA(""), nullptr, nullptr), {3}, ": ulEncryptedDataLen<=0, ulEncryptedDataLen=0"},
+      {CALL(C_Decrypt, s, DATA("x"), out_.data(), nullptr), {3}, ": pulDataLen is NULL"},
+      {CALL(C_Digest, s, DATA(""), nullptr, nullptr), {4}, ": pData is NULL or ulDataLen<=0, ulDataLen=0"},
+      {CALL(C_Digest, s, nullptr, 5, nullptr, nullptr), {4}, ": pData is NULL or ulDataLen<=0, ulDataLen=5"},
+      {CALL(C_Digest, s, DATA("x"), out_.data(), nullptr), {4}, ": pulDigestLen is NULL"},
+      {CALL(C_DigestUpdate, s, DATA("")), {4}, ": pPart is NULL or ulPartLen<=0, ulPartLen=0"},
+      {CALL(C_DigestUpdate, s, nullptr, 5), {4}, ": pPart is NULL or ulPartLen<=0, ulPartLen=5"},
+      {CALL(C_DigestFinal, s, nullptr, nullptr), {4}, ": pulDigestLen is NULL"},
+      {CALL(C_Sign, s, nullptr, 0, nullptr, nullptr), {5}, ": pData is NULL"},
+      {CALL(C_Sign, s, DATA(""), out_.data(), nullptr), {5}, ": ulDataLen<=0, ulDataLen=0"},
+      {CALL(C_Sign, s, DATA("x"), out_.data(), nullptr), {5}, ": pulSignatureLen is NULL"},
+      {CALL(C_SignUpdate, s, DATA("")), {5}, ": pPart is NULL or ulPartLen<=0, ulPartLen=0"},
+      {CALL(C_SignUpdate, s, nullptr, 7), {5}, ": pPart is NULL or ulPartLen<=0, ulPartLen=7"},
+      {CALL(C_SignFinal, s, nullptr, nullptr), {5}, ": pulSignatureLen is NULL"},
+      {CALL(C_Verify, s, nullptr, 0, nullptr, 0), {7}, ": pData or pSignature is NULL"},
+      {CALL(C_Verify, s, &data, 0, nullptr, 0), {7}, ": pData or pSignature is NULL"},
+      {CALL(C_Verify, s, nullptr, 0, &data, 0), {7}, ": pData or pSignature is NULL"},
+      {CALL(C_Verify, s, &data, 0, &data, 5), {7}, ": ulDataLen or ulSignatureLen <= 0, ulDataLen=0 ulSignatureLen=5"},
+      {CALL(C_Verify, s, &data, 6, &data, 0), {7}, ": ulDataLen or ulSignatureLen <= 0, ulDataLen=6 ulSignatureLen=0"},
+      {CALL(C_VerifyUpdate, s, DATA("")), {7}, ": pPart is NULL or ulPartLen<=0, ulPartLen=0"},
+      {CALL(C_VerifyUpdate, s, nullptr, 7), {7}, ": pPart is NULL or ulPartLen<=0, ulPartLen=7"},
+      {CALL(C_VerifyFinal, s, nullptr, 8), {7}, ": pSignature is NULL or ulSignatureLen<=0, ulSignatureLen=8"},
+      {CALL(C_VerifyFinal, s, &data, 0), {7}, ": pSignature is NULL or ulSignatureLen<=0, ulSignatureLen=0"},
+      {CALL(C_VerifyFinal, s, nullptr, 0), {7}, ": pSignature is NULL or ulSignatureLen<=0, ulSignatureLen=0"}};
+  const std::vector<std::pair<int, std::vector<Call>>> operations = {{0, {}},
+                                                                     {1, {CALL(C_FindObjectsInit, s, nullptr, 0)}},
+                                                                     {2, {encryptInit(s)}},
+                                                                     {3, {decryptInit(s)}},
+                                                                     {4, {digestInit(s)}},
+                                                                     {5, {signInit(s, CKM_RSA_PKCS)}},
+                                                                     {7, {verifyInit(s, CKM_RSA_PKCS)}},
+                                                                     {9, {digestInit(s), encryptInit(s)}},
+                                                                     {10, {digestInit(s), decryptInit(s)}}};
+  auto expectMeeting = [&](const Row& row, int code, CK_RV refusal, const char* reason) {
+    const bool accepted = std::find(row.accepted.begin(), row.accepted.end(), code) != row.accepted.end();
+    if (accepted) bad(row.call, row.missing);
+    if (!accepted) expect(row.call, refusal, {reason + std::to_string(code)});
+  };
+  const char* const missing = ": operation not initialized, activeOperation=";
+  for (const auto& [code, begin] : operations) {
+    for (const Call& call : begin) ok(call);
+    for (const Row& row : inits) {
+      expectMeeting(row, code, CKR_OPERATION_ACTIVE, ": operation already active, activeOperation=");
+    }
+    for (const Row& row : others) expectMeeting(row, code, CKR_OPERATION_NOT_INITIALIZED, missing);
+    EXPECT_TRUE(out_.isUntouched() && object == 77);
+    if (code != 1) {
+      expect(CALL(C_FindObjectsFinal, s), CKR_OPERATION_NOT_INITIALIZED, {missing + std::to_string(code)});
+    }
+    endOperation(s);  // a search replaces any operation, and its end leaves none
+    ok(signInit(s, CKM_RSA_PKCS));
+    endOperation(s);
+  }
+}
+
+// Each call breaks one rule, and rules that are looked at later too.
+TEST_F(OperationsTest, InitRefusals) {
+  setFirmware("1.9.9");
+  CK_SESSION_HANDLE s = open();
+  CK_BYTE byte = 0;
+  auto noMechanism = [&](const Call& call, const Lines& lines) { expect(call, CKR_MECHANISM_INVALID, lines); };
+  for (const CK_MECHANISM_TYPE type : {CKM_ECDSA_SHA512, CKM_ECDSA_SHA224, CKM_SHA224_RSA_PKCS, CKM_RSA_PKCS_OAEP}) {
+    noMechanism(signInit(s, type, 0, &byte, 1), {": unsupported mechanism=" + std::to_string(type)});
+    noMechanism(verifyInit(s, type, 0), {": unsupported mechanism=" + std::to_string(type)});
+  }
+  noMechanism(encryptInit(s, CKM_RSA_X_509, 0, &byte, 1), {": unsupported mechanism=3"});
+  noMechanism(decryptInit(s, CKM_RSA_X_509, 0, &byte, 1), {": unsupported mechanism=3"});
+  for (const auto& [parameter, length] : {std::pair{&byte, 0u}, {static_cast<CK_BYTE*>(nullptr), 1u}}) {
+    auto noParameter = [&](const Call& call, const char* of) {
+      expect(call, CKR_MECHANISM_PARAM_INVALID, {std::string(": mechanism param invalid for ") + of});
+    };
+    noParameter(signInit(s, CKM_SHA256_RSA_PKCS, 0, parameter, length), "mechanism=64");
+    noParameter(encryptInit(s, CKM_RSA_PKCS, 0, parameter, length), "mechanism=1");
+    noParameter(decryptInit(s, CKM_RSA_PKCS, 0, parameter, length), "CKM_RSA_PKCS");
+  }
+  const std::string noPss = ": CKM_RSA_PKCS_PSS not supported on firmware 1.9.9";
+  noMechanism(signInit(s, CKM_SHA512_RSA_PKCS_PSS, 0, &byte, 1), {"- firmware veriosn :: 1.9.9", noPss});
+  noMechanism(verifyInit(s, CKM_SHA384_RSA_PKCS_PSS), {keysListed, noPss});
+  noMechanism(encryptInit(s, CKM_RSA_PKCS_OAEP, 0), {": CKM_RSA_PKCS_OAEP not supported on firmware 1.9.9"});
+  noMechanism(decryptInit(s, CKM_RSA_PKCS_OAEP, 0), {"CKM_RSA_PKCS_OAEP not supported on firmware 1.9.9"});
+  noObject(signInit(s, CKM_RSA_PKCS, 0x6FFFFFFF), {": invalid hKey=1879048191"});
+  noObject(verifyInit(s, CKM_SHA384_RSA_PKCS_PSS, 0x6FFFFFFF), {": invalid hKey=1879048191"});
+  noObject(encryptInit(s, CKM_RSA_PKCS, 0x6FFFFFFF), {": invalid hKey=1879048191"});
+  noObject(decryptInit(s, CKM_RSA_PKCS, 0x6FFFFFFF), {": invalid hKey=1879048191 for CKM_RSA_PKCS"});
+  auto unknown = [&](const Call& call, const char* line, CK_OBJECT_HANDLE key) {
+    noObject(call, {keysListed, line + std::to_string(key)});
+  };
+  for (const CK_OBJECT_HANDLE key : {0x70000009u, 0x70001009u}) {
+    unknown(signInit(s, CKM_RSA_PKCS, key), "Invalid input handle in sign : ", key);
+    unknown(verifyInit(s, CKM_SHA384_RSA_PKCS_PSS, key), "Invalid input handle in verify : ", key);
+    unknown(encryptInit(s, CKM_RSA_PKCS, key), "Invalid input handle in encrypt : ", key);
+    unknown(decryptInit(s, CKM_RSA_PKCS, key), "Invalid input handle in decrypt : ", key);
+  }
+  unknown(signInit(s, CKM_RSA_PKCS, rsaPublic), "Invalid input handle in sign : ", rsaPublic);
+  unknown(decryptInit(s, CKM_RSA_PKCS, rsaPublic), "Invalid input handle in decrypt : ", rsaPublic);
+  setFirmware("2.0");
+  s = open();
+  noObject(encryptInit(s, CKM_RSA_PKCS_OAEP, rsaPrivate), {": invalid hKey=1879048193 for CKM_RSA_PKCS_OAEP"});
+  noObject(decryptInit(s, CKM_RSA_PKCS_OAEP, 0x6FFFFFFF), {": invalid hKey=1879048191 for CKM_RSA_PKCS_OAEP"});
+  unknown(encryptInit(s, CKM_RSA_PKCS_OAEP, 0x70001009), ": invalid input handle for OAEP encrypt : ", 0x70001009);
+  unknown(decryptInit(s, CKM_RSA_PKCS_OAEP, rsaPublic), "Invalid input handle in decrypt OAEP : ", rsaPublic);
+  expectNoOperation(CALL(C_SignUpdate, s, nullptr, 0));
+  // A parameter is no matter for OAEP and verification, either half of a pair will do for encryption and verification,
+  // and record numbers have no upper bound.
+  for (const Call& call :
+       {encryptInit(s, CKM_RSA_PKCS_OAEP, rsaPublic, &byte, 1), encryptInit(s, CKM_RSA_PKCS, rsaPrivate),
+        decryptInit(s, CKM_RSA_PKCS_OAEP, rsaPrivate, &byte, 1), verifyInit(s, CKM_RSA_PKCS, rsaPrivate, &byte, 1)}) {
+    does(call, {keysListed});
+    endOperation(s);
+  }
+  fake::edit()->devices[0].keyPairs[0].id = 0x1001;
+  does(signInit(s, CKM_RSA_PKCS, rsaPublic), {keysListed});
+  endOperation(s);
+  does(verifyInit(s, CKM_RSA_PKCS, certificate1), {keysListed});
+}
+
+TEST_F(OperationsTest, LengthQueriesKeepTheResultForTheCallThatFetchesIt) {
+  std::string data;
+  CK_BYTE_PTR place = nullptr;
+  const Call digest = CALL(C_Digest, session_, bytes(data.c_str()), 2, place, &out_.length);
+  const Call digestEnd = CALL(C_DigestFinal, session_, place, &out_.length);
+  const Call sign = CALL(C_Sign, session_, bytes(data.c_str()), 2, place, &out_.length);
+  const Call signEnd = CALL(C_SignFinal, session_, place, &out_.length);
+  const Call encrypt = CALL(C_Encrypt, session_, bytes(data.c_str()), 2, place, &out_.length);
+  const Call decrypt = CALL(C_Decrypt, session_, bytes(data.c_str()), 2, place, &out_.length);
+  struct Row {
+    Call begin;
+    Call call;
+    std::string result;
+    Lines told;  // by every call, also when the result is there
+  };
+  const Row rows[] = {{digestInit(session_), digest, "H3(ab)", {"- C_Digest Success"}},
+                      {digestInit(session_), digestEnd, "H3()", {"- C_DigestFinal Success"}},
+                      {signInit(session_, CKM_RSA_PKCS), sign, "S(ab)", {"- sign echanism : 1"}},
+                      {signInit(session_, CKM_RSA_PKCS), signEnd, "S()", {}},
+                      {encryptInit(session_), encrypt, "E(ab)", {}},
+                      {decryptInit(session_), decrypt, "P(ab)", {}}};
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.call.name);
+    auto query = [&](const char* given) {
+      data = given;
+      place = nullptr;
+      ok(row.call);
+      EXPECT_EQ(out_.length, row.result.size());
+      place = out_.data();
+    };
+    ok(row.begin);
+    query("ab");
+    data = "cd";
+    place = nullptr;
+    does(row.call, row.told);
+    place = out_.data();
+    out_.length = 0;  // the room does not matter
+    does(row.call, row.told);
+    EXPECT_EQ(out_.text(), row.result);
+    expectNoOperation(row.call);
+    // A result that nobody fetched is not the next operation's.
+    ok(row.begin);
+    query("no");
+    endOperation(session_);
+    ok(row.begin);
+    data = "ab";
+    ok(row.call);
+    EXPECT_EQ(out_.text(), row.result);
+  }
+}
+
+TEST_F(OperationsTest, ReadOnlyPublicSessionsMayNotUseEveryInit) {
+  ok(C_Logout(session_));
+  const CK_SESSION_HANDLE session = open(readOnly);
+  ok(C_FindObjectsInit(session, nullptr, 0));  // the state is looked at before the operation
+  const Lines refused{": invalid session state=0"};
+  expect(CALL(C_DigestInit, session, nullptr), CKR_SESSION_HANDLE_INVALID, refused);
+  expect(CALL(C_SignInit, session, nullptr, 0), CKR_SESSION_HANDLE_INVALID, refused);
+  expect(CALL(C_DecryptInit, session, nullptr, 0), CKR_SESSION_HANDLE_INVALID, refused);
+  ok(C_FindObjectsFinal(session));
+  ok(encryptInit(session));
+  ok(verifyInit(open(readOnly), CKM_RSA_PKCS));
+}
+
+}  // namespace
