@@ -40,10 +40,7 @@ while read -r fact; do
 done <<'END'
 module Tavrin PKCS11 Library
 token Client token
-22 mechanisms
 1 key labelled node ec
-C_SeedRandom: CKR_FUNCTION_NOT_SUPPORTED
-verified true
 decrypted secret
 the same ECDH secret true
 signed in another thread 64 bytes
