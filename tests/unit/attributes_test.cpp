@@ -88,19 +88,17 @@ TEST_F(AttributesTest, EveryAttributeOfEveryKind) {
                       {CKA_KEY_GEN_MECHANISM, number(0), number(0), number(0x1040)},
                       {CKA_MODIFIABLE, yes, no, no},
                       {CKA_EC_PARAMS, none, none, p256},
-                      {CKA_EC_POINT, none, "\x04\x0Brsa-modulus", "\x04\x08" + std::string("ec-point")},
-                      {CKA_UNWRAP, none, none, none},
-                      {CKA_SIGN_RECOVER, none, none, none},
-                      {CKA_PRIVATE_EXPONENT, none, none, none},
-                      {CKA_PRIME_1, none, none, none},
-                      {CKA_VALUE_LEN, none, none, none},
-                      {CKA_NEVER_EXTRACTABLE, none, none, none},
-                      {0xFFFFFFFF, none, none, none}};
+                      {CKA_EC_POINT, none, "\x04\x0Brsa-modulus", "\x04\x08" + std::string("ec-point")}};
   const CK_SESSION_HANDLE session = open(readOnly);
   for (const Row& row : rows) {
     EXPECT_EQ(hexText(get(session, certificate1, row.type)), hexText(row.certificate)) << row.type;
     EXPECT_EQ(hexText(get(session, rsaPrivate, row.type)), hexText(row.rsaPrivateKey)) << row.type;
     EXPECT_EQ(hexText(get(session, ecPublic, row.type)), hexText(row.ecPublicKey)) << row.type;
+  }
+  for (const CK_ATTRIBUTE_TYPE unknown : {CKA_UNWRAP, CKA_SIGN_RECOVER, CKA_PRIVATE_EXPONENT, CKA_PRIME_1,
+                                          CKA_VALUE_LEN, CKA_NEVER_EXTRACTABLE, CK_ATTRIBUTE_TYPE{0xFFFFFFFF}}) {
+    for (const CK_OBJECT_HANDLE object : {certificate1, rsaPrivate, ecPublic})
+      EXPECT_EQ(get(session, object, unknown), "");
   }
 }
 
@@ -206,26 +204,25 @@ TEST_F(AttributesTest, SetGivesTheDeviceLabelAndIdAsTheyAre) {
 TEST_F(AttributesTest, ObjectSizes) {
   const CK_SESSION_HANDLE session = openLoggedIn();
   fake::edit()->devices[0].certificates.push_back(fake::certificate(0, "0123456789", "zero"));
-  CK_ULONG size = 77;
-  const std::pair<CK_OBJECT_HANDLE, CK_ULONG> sizes[] = {
-      {rsaPrivate, 22}, {rsaPublic, 11}, {certificate1, 18}, {0x70002000, 10}};
-  for (const auto& row : sizes) {
-    const CK_OBJECT_HANDLE object = row.first;
-    const bool isKey = object < 0x70002000;
-    does(CALL(C_GetObjectSize, session, object, &size), {isKey ? keysListed : certificatesListed});
-    EXPECT_EQ(size, row.second);
-  }
-  size = 77;
   const CK_OBJECT_HANDLE secret = derive(session, "x");
-  noObject(CALL(C_GetObjectSize, session, 0x70000FFF, &size),
-           {keysListed, "Private key not found in get object size : 1879052287"});
-  noObject(CALL(C_GetObjectSize, session, 0x70001FFF, &size),
-           {keysListed, "Public key not found in get object size : 1879056383"});
-  for (const CK_OBJECT_HANDLE object : {CK_OBJECT_HANDLE{2}, secret}) {
-    noObject(CALL(C_GetObjectSize, session, object, &size),
-             {certificatesListed, "Certificate not found in get object size : " + std::to_string(object)});
+  CK_OBJECT_HANDLE object = 0;
+  CK_ULONG size = 77;
+  const Call call = CALL(C_GetObjectSize, session, object, &size);
+  for (const auto& [missing, kind] : {std::pair{0x70000FFFu, "Private key"},
+                                      {0x70001FFFu, "Public key"},
+                                      {2u, "Certificate"},
+                                      {static_cast<unsigned>(secret), "Certificate"}}) {
+    object = missing;
+    noObject(call, {*kind == 'C' ? certificatesListed : keysListed,
+                    std::string(kind) + " not found in get object size : " + std::to_string(missing)});
   }
   EXPECT_EQ(size, 77u);
+  for (const auto& [known, expected] :
+       {std::pair{rsaPrivate, 22u}, {rsaPublic, 11u}, {certificate1, 18u}, {CK_OBJECT_HANDLE{0x70002000}, 10u}}) {
+    object = known;
+    does(call, {known < 0x70002000 ? keysListed : certificatesListed});
+    EXPECT_EQ(size, expected);
+  }
   // Below the certificates the number wraps around, as 32-bit numbers do.
   fake::edit()->devices[0].certificates[0].id = 0x8FFFE002;
   ok(C_GetObjectSize(session, 2, &size));

@@ -57,10 +57,10 @@ TEST_F(KeyGenerationTest, Refusals) {
   }
   expect(generate({{CKA_MODULUS_BITS, number(1536)}}, token), CKR_MECHANISM_INVALID,
          {keyTypeTold(0), bitsTold(1536), ": unsupported RSA modulusBits=1536"});
-  expect(generate({{CKA_EC_PARAMS, "\x13\x05P-256"}}, {{CKA_KEY_TYPE, ec}}), CKR_MECHANISM_INVALID,
-         {keyTypeTold(3), ": unknown EC param (len=7)"});
-  expect(generate({{CKA_EC_PARAMS, p256 + "x"}}, {{CKA_KEY_TYPE, ec}}), CKR_MECHANISM_INVALID,
-         {keyTypeTold(3), ": unknown EC param (len=11)"});
+  for (const std::string& curve : {std::string("\x13\x05P-256"), p256 + "x"}) {
+    expect(generate({{CKA_EC_PARAMS, curve}}, {{CKA_KEY_TYPE, ec}}), CKR_MECHANISM_INVALID,
+           {keyTypeTold(3), ": unknown EC param (len=" + std::to_string(curve.size()) + ")"});
+  }
   EXPECT_EQ(public_, 77u);
 }
 
@@ -126,22 +126,25 @@ TEST_F(KeyDerivationTest, RefusalsAreSilent) {
   CK_ECDH1_DERIVE_PARAMS whole{CKD_NULL, 0, nullptr, 4, bytes("peer")};
   CK_ECDH1_DERIVE_PARAMS noPoint{CKD_NULL, 0, nullptr, 4, nullptr};
   CK_ECDH1_DERIVE_PARAMS noLength{CKD_NULL, 0, nullptr, 0, bytes("peer")};
-  CK_MECHANISM unknown{CKM_ECDH1_COFACTOR_DERIVE, nullptr, 0};
+  CK_MECHANISM m{CKM_ECDH1_COFACTOR_DERIVE, nullptr, 0};
+  CK_OBJECT_HANDLE key = 0;
+  const Call call = CALL(C_DeriveKey, session_, &m, key, nullptr, 0, &key_);
   expect(CALL(C_DeriveKey, session_, nullptr, 0, nullptr, 0, &key_), CKR_ARGUMENTS_BAD);
-  expect(CALL(C_DeriveKey, session_, &unknown, 0, nullptr, 0, nullptr), CKR_ARGUMENTS_BAD);
-  expect(CALL(C_DeriveKey, session_, &unknown, 0, nullptr, 0, &key_), CKR_MECHANISM_INVALID);
-  for (CK_MECHANISM mechanism :
-       {CK_MECHANISM{CKM_ECDH1_DERIVE, nullptr, sizeof whole}, CK_MECHANISM{CKM_ECDH1_DERIVE, &whole, sizeof whole - 1},
-        CK_MECHANISM{CKM_ECDH1_DERIVE, &noPoint, sizeof noPoint},
-        CK_MECHANISM{CKM_ECDH1_DERIVE, &noLength, sizeof noLength}}) {
-    expect(CALL(C_DeriveKey, session_, &mechanism, 0, nullptr, 0, &key_), CKR_MECHANISM_PARAM_INVALID);
+  expect(CALL(C_DeriveKey, session_, &m, 0, nullptr, 0, nullptr), CKR_ARGUMENTS_BAD);
+  expect(call, CKR_MECHANISM_INVALID);
+  const std::pair<CK_ECDH1_DERIVE_PARAMS*, std::size_t> parameters[] = {
+      {nullptr, sizeof whole}, {&whole, sizeof whole - 1}, {&noPoint, sizeof whole}, {&noLength, sizeof whole}};
+  for (const auto& [parameter, length] : parameters) {
+    m = {CKM_ECDH1_DERIVE, parameter, static_cast<CK_ULONG>(length)};
+    expect(call, CKR_MECHANISM_PARAM_INVALID);
   }
-  CK_MECHANISM mechanism{CKM_ECDH1_DERIVE, &whole, sizeof whole + 8};
-  for (const CK_OBJECT_HANDLE key : {CK_OBJECT_HANDLE{0}, CK_OBJECT_HANDLE{0x6FFFFFFF}, ecPublic}) {
-    expect(CALL(C_DeriveKey, session_, &mechanism, key, nullptr, 0, &key_), CKR_KEY_HANDLE_INVALID);
+  m = {CKM_ECDH1_DERIVE, &whole, sizeof whole + 8};
+  for (const CK_OBJECT_HANDLE other : {CK_OBJECT_HANDLE{0}, CK_OBJECT_HANDLE{0x6FFFFFFF}, ecPublic}) {
+    key = other;
+    expect(call, CKR_KEY_HANDLE_INVALID);
   }
-  expect(CALL(C_DeriveKey, session_, &mechanism, 0x70000FFF, nullptr, 0, &key_), CKR_KEY_HANDLE_INVALID,
-         {"- key id :: 4095", keysListed});
+  key = 0x70000FFF;
+  expect(call, CKR_KEY_HANDLE_INVALID, {"- key id :: 4095", keysListed});
   EXPECT_EQ(key_, 77u);
 }
 

@@ -28,17 +28,16 @@ TEST_F(MechanismsTest, ListHasItsOrderAndIsTheSameForEverySlot) {
   expected.push_back(7);
   std::vector<CK_MECHANISM_TYPE> list(23, 7);
   CK_ULONG count = 77;
+  bad(CALL(C_GetMechanismList, anySlot, list.data(), nullptr), ": pulCount is NULL");
   does(CALL(C_GetMechanismList, anySlot, nullptr, &count));
   EXPECT_EQ(count, 22u);
   count = 21;
-  bad(CALL(C_GetMechanismList, anySlot, list.data(), nullptr), ": pulCount is NULL");
   expect(CALL(C_GetMechanismList, anySlot, list.data(), &count), CKR_BUFFER_TOO_SMALL,
          {": buffer too small, *pulCount=21 mechanismCount=22"});
   EXPECT_EQ(count, 21u);
   EXPECT_EQ(list, std::vector<CK_MECHANISM_TYPE>(23, 7));
   count = 22;
   does(CALL(C_GetMechanismList, anySlot, list.data(), &count));
-  EXPECT_EQ(count, 22u);
   EXPECT_EQ(list, expected);
 }
 

@@ -24,33 +24,25 @@ TEST_F(SlotsTest, ListNeedsRoomAndTheSizeQueryFillsNoTable) {
   EXPECT_EQ(C_GetSlotInfo(slot1 + 1, &info), CKR_SLOT_ID_INVALID);
 }
 
+// Two devices of one name are two IDs but one slot, and a device without a serial number is none.
 TEST_F(SlotsTest, IdsFollowTheListingButNameSlotsInNameOrder) {
-  fake::edit()->devices = {fake::device("TK2"), fake::device(""), fake::device("TK10"), fake::device("TK1")};
+  fake::edit()->devices = {fake::device("TK2"), fake::device(""), fake::device("TK10"), fake::device("TK1"),
+                           fake::device("TK1")};
   fake::edit()->devices[1].listedName = "none";
   std::vector<CK_SLOT_ID> slots(5, 7);
   CK_ULONG count = 5;
   does(CALL(C_GetSlotList, CK_FALSE, slots.data(), &count),
        {listed, "> getTokenInfo TK2 inst", "> getTokenInfo none inst", "> getTokenInfo TK10 inst",
-        "> getTokenInfo TK1 inst"});
-  EXPECT_EQ(count, 3u);
-  EXPECT_EQ(slots, (std::vector<CK_SLOT_ID>{slot1, slot1 + 1, slot1 + 2, 7, 7}));
+        "> getTokenInfo TK1 inst", "> getTokenInfo TK1 inst"});
+  EXPECT_EQ(count, 4u);
+  EXPECT_EQ(slots, (std::vector<CK_SLOT_ID>{slot1, slot1 + 1, slot1 + 2, slot1 + 3, 7}));
+  CK_SLOT_INFO info;
+  EXPECT_EQ(C_GetSlotInfo(slot1 + 3, &info), CKR_SLOT_ID_INVALID);
   const char* const labels[] = {"Label of TK1", "Label of TK10", "Label of TK2"};
   for (CK_SLOT_ID i = 0; i < 3; ++i) {
-    CK_SLOT_INFO info;
     ok(C_GetSlotInfo(slot1 + i, &info));
     EXPECT_STREQ(reinterpret_cast<const char*>(info.slotDescription), labels[i]);
   }
-}
-
-TEST_F(SlotsTest, TwoDevicesOfOneNameAreTwoIdsButOneSlot) {
-  fake::edit()->devices = {fake::device("TK1"), fake::device("TK1")};
-  CK_SLOT_ID slots[2] = {};
-  CK_ULONG count = 2;
-  ok(C_GetSlotList(CK_TRUE, slots, &count));
-  EXPECT_EQ(count, 2u);
-  EXPECT_EQ(slots[1], slot1 + 1);
-  CK_SLOT_INFO info;
-  EXPECT_EQ(C_GetSlotInfo(slot1 + 1, &info), CKR_SLOT_ID_INVALID);
 }
 
 TEST_F(SlotsTest, UnpluggedSlotStaysUntilNoDeviceIsSeenOrTheListIsFilled) {
@@ -147,14 +139,15 @@ TEST_F(SlotsTest, SessionCountsAreThoseOfPublicSessionsOfAllSlots) {
   const CK_SESSION_HANDLE session = open(readOnly);
   open(readWrite);
   open(readWrite, slot1 + 1);
-  CK_TOKEN_INFO info;
-  ok(C_GetTokenInfo(slot1, &info));
-  EXPECT_EQ(+info.ulSessionCount, 1u);
-  EXPECT_EQ(+info.ulRwSessionCount, 2u);
+  auto expectCounts = [&](CK_SLOT_ID slot, CK_ULONG all, CK_ULONG readWriteOnes) {
+    CK_TOKEN_INFO info;
+    ok(C_GetTokenInfo(slot, &info));
+    EXPECT_EQ(+info.ulSessionCount, all);
+    EXPECT_EQ(+info.ulRwSessionCount, readWriteOnes);
+  };
+  expectCounts(slot1, 1, 2);
   ok(login(session));
-  ok(C_GetTokenInfo(slot1 + 1, &info));
-  EXPECT_EQ(+info.ulSessionCount, 0u);
-  EXPECT_EQ(+info.ulRwSessionCount, 1u);
+  expectCounts(slot1 + 1, 0, 1);
 }
 
 }  // namespace
