@@ -71,15 +71,7 @@ const secret = cryptoki.C_DeriveKey(session, mechanism(p11.CKM_ECDH1_DERIVE, exc
 ]);
 console.log(`the same ECDH secret ${read(secret, p11.CKA_VALUE).equals(peer.computeSecret(point))}`);
 
-cryptoki.C_SignInit(session, mechanism(p11.CKM_ECDSA_SHA256), ec.privateKey);
-cryptoki.C_SignAsync(session, data, Buffer.alloc(512)).then((bytes) => {
-  console.log(`signed in another thread ${bytes.length} bytes`);
-  cryptoki.C_DestroyObject(session, ec.privateKey);
-  cryptoki.C_FindObjectsInit(session, [attribute(p11.CKA_CLASS, p11.CKO_PRIVATE_KEY), label]);
-  console.log(`the key is gone ${cryptoki.C_FindObjects(session, 1).length === 0}`);
-  cryptoki.C_FindObjectsFinal(session);
-  cryptoki.C_Logout(session);
-  cryptoki.C_CloseSession(session);
-  cryptoki.C_Finalize();
-  cryptoki.close();
-});
+cryptoki.C_DestroyObject(session, ec.privateKey);
+cryptoki.C_FindObjectsInit(session, [attribute(p11.CKA_CLASS, p11.CKO_PRIVATE_KEY), label]);
+console.log(`the key is gone ${cryptoki.C_FindObjects(session, 1).length === 0}`);
+cryptoki.C_Finalize();

@@ -43,7 +43,6 @@ token Client token
 1 key labelled node ec
 decrypted secret
 the same ECDH secret true
-signed in another thread 64 bytes
 the key is gone true
 END
 check "openssl verifies the RSA signature" verifySignature rsa.pem rsa.sig -sha256

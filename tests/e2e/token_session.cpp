@@ -33,14 +33,6 @@ CK_ATTRIBUTE textAttribute(CK_ATTRIBUTE_TYPE type, const std::string& text) {
   return {type, const_cast<char*>(text.c_str()), static_cast<CK_ULONG>(text.size())};
 }
 
-template <typename Call>
-void inPieces(const Bytes& data, Call call) {
-  const std::size_t piece = data.size() / 3 + 1;
-  for (std::size_t at = 0; at < data.size(); at += piece) {
-    check(call(pointerTo(data) + at, static_cast<CK_ULONG>(std::min(piece, data.size() - at))), "an update");
-  }
-}
-
 }  // namespace
 
 TokenSession::TokenSession() : module(setting("E2E_MODULE")) {
@@ -109,7 +101,11 @@ Bytes TokenSession::signInParts(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE ke
   CK_MECHANISM argument = {mechanism, nullptr, 0};
   CK_ULONG length = 0;
   check(module->C_SignInit(handle, &argument, key), "C_SignInit");
-  inPieces(data, [&](CK_BYTE* piece, CK_ULONG size) { return module->C_SignUpdate(handle, piece, size); });
+  const std::size_t piece = data.size() / 3 + 1;
+  for (std::size_t at = 0; at < data.size(); at += piece) {
+    const auto size = static_cast<CK_ULONG>(std::min(piece, data.size() - at));
+    check(module->C_SignUpdate(handle, pointerTo(data) + at, size), "C_SignUpdate");
+  }
   check(module->C_SignFinal(handle, nullptr, &length), "C_SignFinal");
   Bytes signature(length);
   check(module->C_SignFinal(handle, signature.data(), &length), "C_SignFinal");
@@ -121,12 +117,4 @@ CK_RV TokenSession::verify(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key, co
   CK_MECHANISM argument = {mechanism, nullptr, 0};
   check(module->C_VerifyInit(handle, &argument, key), "C_VerifyInit");
   return module->C_Verify(handle, pointerTo(data), sizeOf(data), pointerTo(signature), sizeOf(signature));
-}
-
-CK_RV TokenSession::verifyInParts(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key, const Bytes& data,
-                                  const Bytes& signature) {
-  CK_MECHANISM argument = {mechanism, nullptr, 0};
-  check(module->C_VerifyInit(handle, &argument, key), "C_VerifyInit");
-  inPieces(data, [&](CK_BYTE* piece, CK_ULONG size) { return module->C_VerifyUpdate(handle, piece, size); });
-  return module->C_VerifyFinal(handle, pointerTo(signature), sizeOf(signature));
 }

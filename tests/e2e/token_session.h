@@ -31,7 +31,6 @@ class TokenSession {
   Bytes sign(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key, const Bytes& data);
   Bytes signInParts(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key, const Bytes& data);
   CK_RV verify(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key, const Bytes& data, const Bytes& signature);
-  CK_RV verifyInParts(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key, const Bytes& data, const Bytes& signature);
 
   CryptokiModule module;
   CK_SESSION_HANDLE handle = CK_INVALID_HANDLE;

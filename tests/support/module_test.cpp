@@ -144,6 +144,11 @@ CK_RV ModuleTest::listSlots() {
   return C_GetSlotList(CK_TRUE, slots, &count);
 }
 
+void ModuleTest::addToken(const std::string& serialNumber) {
+  fake::edit()->devices.push_back(fake::device(serialNumber));
+  ok(listSlots());
+}
+
 CK_SESSION_HANDLE ModuleTest::open(CK_FLAGS flags, CK_SLOT_ID slot) {
   CK_SESSION_HANDLE session = CK_INVALID_HANDLE;
   ok(C_OpenSession(slot, flags, nullptr, nullptr, &session));

@@ -106,6 +106,8 @@ class ModuleTest : public ::testing::Test {
   void ok(const Call& call, int line = __builtin_LINE()) { ok(call.make(), line); }
 
   CK_RV listSlots();
+  // Plugs another token in, without records, and lists the slots: it is in slot1 + 1.
+  void addToken(const std::string& serialNumber = "TK2");
   CK_SESSION_HANDLE open(CK_FLAGS flags = readWrite, CK_SLOT_ID slot = slot1);
   Call login(CK_SESSION_HANDLE session, CK_USER_TYPE user = CKU_USER, const std::string& pin = "1234");
   CK_SESSION_HANDLE openLoggedIn(CK_FLAGS flags = readWrite);

@@ -7,8 +7,7 @@ class LoginTest : public ModuleTest {
  protected:
   void SetUp() override {
     ModuleTest::SetUp();
-    fake::edit()->devices.push_back(fake::device("TK2"));
-    ok(listSlots());
+    addToken();
   }
   // Whether a user counts as logged in, which the state of a new session tells.
   bool loggedIn() {

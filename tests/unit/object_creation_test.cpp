@@ -115,39 +115,30 @@ TEST_F(ObjectCreationTest, CertificateWithoutCaFilesIsImportedAlone) {
 }
 
 TEST_F(ObjectCreationTest, ChainsAreImportedRootFirstByTheirCommonNames) {
-  auto alone = [](const char* missing) {
-    return Lines{std::string("- Issuer '") + missing + "' NOT found \xE2\x80\x94 skipping chain import", leafImport};
-  };
   const std::string longName(150, 'n');
   const std::string longFile = "CN=" + longName + "|" + longName + "|1";
-  const std::string longImported = imported(longName.substr(0, 128), "", longFile);
   const std::string tooLong(3073, '|');
-  const std::string a = "CN=A|CN=A|3", b = "CN=B|CN=B|2", orphan = "CN=Inter|CN=None|1";
+  const std::string a = "CN=A|CN=A|3", b = "CN=B|CN=B|2", circle = "CN=Inter|CN=Other|1", orphan = "CN=Inter|CN=None|1";
   struct Row {
     const char* name;
     Lines files;
     std::string certificate;
-    Lines done;  // but for the import of the certificate itself
+    std::vector<std::pair<std::string, std::string>> chain;  // labels and certificates of the issuers
+    std::string missing = "";  // the issuer that is not found, so that the certificate is imported alone
   };
   const std::vector<Row> rows = {
-      {"a chain among files that are none",
-       {"unparsable", root, "", tooLong, inter},
-       leaf,
-       {imported("Root", "", root), oneImported, imported("Inter", "", inter), oneImported}},
-      {"no CA of the issuer's name", {root}, leaf, alone("Inter")},
-      {"an incomplete chain", {inter}, leaf, alone("Root")},
-      {"a circle", {"CN=Inter|CN=Other|1", "CN=Other|CN=Inter|2"}, leaf, alone("Inter")},
+      {"files that are none", {"none", root, "", tooLong, inter}, leaf, {{"Root", root}, {"Inter", inter}}},
+      {"no CA of the issuer's name", {root}, leaf, {}, "Inter"},
+      {"an incomplete chain", {inter}, leaf, {}, "Root"},
+      {"a circle", {circle, "CN=Other|CN=Inter|2"}, leaf, {}, "Inter"},
       {"no issuer name", {root}, "CN=Leaf||1", {}},
-      {"names without a common name", {"ca|ca|2"}, "user|ca|1", {imported("ca", "", "ca|ca|2"), oneImported}},
-      {"the first common name of several, wherever it begins",
-       {b, a},
-       "CN=Leaf|OU=XCN=A,CN=B|1",
-       {imported("A", "", a), oneImported}},
-      {"two files of one name: the first one's certificate, the last one's issuer",
+      {"names without a common name", {"ca|ca|2"}, "user|ca|1", {{"ca", "ca|ca|2"}}},
+      {"the first of several names, wherever it begins", {b, a}, "CN=Leaf|OU=XCN=A,CN=B|1", {{"A", a}}},
+      {"the first file's certificate, the last one's issuer",
        {orphan, "CN=Inter|CN=Inter|2"},
        leaf,
-       {imported("Inter", "", orphan), oneImported}},
-      {"a name longer than a label", {longFile}, "CN=Leaf|CN=" + longName + "|1", {longImported, oneImported}}};
+       {{"Inter", orphan}}},
+      {"a long name", {longFile}, "CN=Leaf|CN=" + longName + "|1", {{longName.substr(0, 128), longFile}}}};
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
     setFiles(row.files);
@@ -155,8 +146,14 @@ TEST_F(ObjectCreationTest, ChainsAreImportedRootFirstByTheirCommonNames) {
     for (const std::string& file : row.files) {
       if (!file.empty() && file != tooLong) lines.push_back(parsed(file));
     }
-    lines = lines + row.done + Lines{imported("", "", row.certificate)};
-    if (row.done.empty() || row.done.back() == oneImported) lines.push_back(oneImported);
+    for (const auto& [label, der] : row.chain) lines = lines + Lines{imported(label, "", der), oneImported};
+    const std::string import = imported("", "", row.certificate);
+    if (row.missing.empty()) {
+      lines = lines + Lines{import, oneImported};
+    } else {
+      lines = lines +
+              Lines{"- Issuer '" + row.missing + "' NOT found \xE2\x80\x94 skipping chain import", leafImport, import};
+    }
     does(create({{CKA_VALUE, row.certificate}}), lines + Lines{certificatesListed});
   }
   // Nothing follows the first import that fails.
@@ -182,13 +179,13 @@ TEST_F(ObjectCreationTest, DestroyRefusals) {
   const std::string none = "- Input keypair not found in destroy : 1879052287";
   const std::string noCertificate = "- Input certificate not found in destroy : ";
   expect(CALL(C_DestroyObject, session_, 0), CKR_SESSION_READ_ONLY, {"- Delete session state invalid : 1"});
-  const std::pair<CK_OBJECT_HANDLE, Lines> rows[] = {
-      {0x6FFFFFFF, {}},
-      {rsaPublic, {}},
-      {0x70001FFF, {}},
-      {0x70000FFF, {keysListed, none}},
-      {0x70002FFF, {certificatesListed, noCertificate + "1879060479"}},
-      {secret, {certificatesListed, noCertificate + std::to_string(secret)}}};
+  const std::string last = std::to_string(secret);
+  const std::pair<CK_OBJECT_HANDLE, Lines> rows[] = {{0x6FFFFFFF, {}},
+                                                     {rsaPublic, {}},
+                                                     {0x70001FFF, {}},
+                                                     {0x70000FFF, {keysListed, none}},
+                                                     {0x70002FFF, {certificatesListed, noCertificate + "1879060479"}},
+                                                     {secret, {certificatesListed, noCertificate + last}}};
   for (const auto& [object, lines] : rows) {
     const CK_OBJECT_HANDLE handle = object;
     const std::string shown = std::to_string(object);

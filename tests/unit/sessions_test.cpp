@@ -3,19 +3,12 @@
 
 namespace {
 
-class SessionsTest : public ModuleTest {
- protected:
-  void SetUp() override {
-    ModuleTest::SetUp();
-    fake::edit()->devices.push_back(fake::device("TK2"));
-    ok(listSlots());
-  }
-};
+using SessionsTest = ModuleTest;
 
 TEST_F(SessionsTest, Refusals) {
-  const Lines noSlot{": invalid slotID=1342177283"};
-  expect(CALL(C_OpenSession, slot1 + 2, 0, nullptr, nullptr, nullptr), CKR_SLOT_ID_INVALID, noSlot);
-  expect(CALL(C_CloseAllSessions, slot1 + 2), CKR_SLOT_ID_INVALID, noSlot);
+  const Lines noSlot{": invalid slotID=1342177282"};
+  expect(CALL(C_OpenSession, slot1 + 1, 0, nullptr, nullptr, nullptr), CKR_SLOT_ID_INVALID, noSlot);
+  expect(CALL(C_CloseAllSessions, slot1 + 1), CKR_SLOT_ID_INVALID, noSlot);
   for (const CK_FLAGS flags : {CK_FLAGS{CKF_RW_SESSION}, CK_FLAGS{0xFFFFFFFB}}) {
     expect(CALL(C_OpenSession, slot1, flags, nullptr, nullptr, nullptr), CKR_SESSION_PARALLEL_NOT_SUPPORTED,
            {": CKF_SERIAL_SESSION not set, flags=" + std::to_string(flags)});
@@ -26,6 +19,7 @@ TEST_F(SessionsTest, Refusals) {
 }
 
 TEST_F(SessionsTest, HandlesAreOneAboveTheHighestOpenOne) {
+  addToken();
   CK_SESSION_HANDLE session = 0;
   does(CALL(C_OpenSession, slot1, readWrite | 0x100, &session, nullptr, &session), {"- Opensession  : 1610612737"});
   EXPECT_EQ(session, 0x60000001u);
@@ -41,6 +35,7 @@ TEST_F(SessionsTest, HandlesAreOneAboveTheHighestOpenOne) {
 }
 
 TEST_F(SessionsTest, StateFollowsTheFlagsAndTheLoginOfWhateverToken) {
+  addToken();
   auto expectInfo = [&](CK_SLOT_ID slot, CK_FLAGS flags, CK_STATE expectedState) {
     CK_SESSION_INFO info{9, 9, 9, 9};
     const CK_SESSION_HANDLE session = open(flags, slot);

@@ -21,15 +21,13 @@ Lines inputTold(const std::string& input) {
 
 TEST_F(SignTest, PssWantsFirmwareTwo) {
   CK_RSA_PKCS_PSS_PARAMS ignored{CKM_MD5, 99, 99};
-  auto expectGate = [&](const char* version, CK_RV code) {
+  const char* const versions[] = {"2.0.0",    "2.0",   "2.0.0.0", "10.0.0", "2",      "2..0",  " +2.x", "3.-1",
+                                  "2.0.0.-1", "1.9.9", "1.10.0",  "",       "v2.0.0", "0x2.0", "2.0.-1"};
+  for (const char* const& version : versions) {
     setFirmware(version);
-    EXPECT_EQ(signInit(open(), CKM_SHA256_RSA_PKCS_PSS, rsaPrivate, &ignored, sizeof ignored).make(), code) << version;
-  };
-  for (const char* version : {"2.0.0", "2.0", "2.0.0.0", "10.0.0", "2", "2..0", " +2.x", "3.-1"}) {
-    expectGate(version, CKR_OK);
-  }
-  for (const char* version : {"2.0.0.-1", "1.9.9", "1.10.0", "", "v2.0.0", "0x2.0", "2.0.-1"}) {
-    expectGate(version, CKR_MECHANISM_INVALID);
+    EXPECT_EQ(signInit(open(), CKM_SHA256_RSA_PKCS_PSS, rsaPrivate, &ignored, sizeof ignored).make(),
+              &version - versions < 8 ? CKR_OK : CKR_MECHANISM_INVALID)
+        << version;
   }
   // The session keeps the version that the token had when it was opened.
   does(init(CKM_RSA_PKCS_PSS), {"- firmware veriosn :: 2.1.7", keysListed});

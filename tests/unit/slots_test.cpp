@@ -134,8 +134,7 @@ TEST_F(SlotsTest, TokenInfoIsZeroFilledAndCutToItsFields) {
 }
 
 TEST_F(SlotsTest, SessionCountsAreThoseOfPublicSessionsOfAllSlots) {
-  fake::edit()->devices.push_back(fake::device("TK2"));
-  ok(listSlots());
+  addToken();
   const CK_SESSION_HANDLE session = open(readOnly);
   open(readWrite);
   open(readWrite, slot1 + 1);
