@@ -3,7 +3,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <exception>
 #include <thread>
 
@@ -15,22 +14,21 @@ constexpr int exitCode = 42;
 
 CK_FUNCTION_LIST* functions = nullptr;
 
-void enter(const char* state, void* library) {
-  const auto is = [state](const char* name) { return std::strcmp(state, name) == 0; };
+void enter(const std::string& state, void* library) {
   check(reinterpret_cast<CK_C_GetFunctionList>(findFunction(library, "C_GetFunctionList"))(&functions),
         "C_GetFunctionList");
-  if (is("loaded")) return;
+  if (state == "loaded") return;
   // It holds the module a second time, so that the states below can be reached with the usual helpers. It is never
   // destroyed: that would finalise the module.
   static TokenSession* const token = new TokenSession;
   closeLibrary(library);
-  if (is("initialised")) return;
+  if (state == "initialised") return;
   check(token->login(), "C_Login");
-  if (is("signing")) {
+  if (state == "signing") {
     CK_MECHANISM mechanism = {CKM_SHA256_RSA_PKCS, nullptr, 0};
     check(functions->C_SignInit(token->handle, &mechanism, token->find(CKO_PRIVATE_KEY, "key")), "C_SignInit");
   }
-  if (is("waiting")) {
+  if (state == "waiting") {
     CK_SLOT_ID slot = 0;
     check(functions->C_WaitForSlotEvent(0, &slot, nullptr), "C_WaitForSlotEvent");
     std::thread([] {
@@ -41,13 +39,12 @@ void enter(const char* state, void* library) {
   }
 }
 
-void leave(const char* way, void* library) {
+void leave(const std::string& way, void* library) {
   std::printf("leaving\n");
   std::fflush(stdout);
-  const auto is = [way](const char* name) { return std::strcmp(way, name) == 0; };
-  if (is("exit")) std::exit(exitCode);
-  if (is("_exit")) std::_Exit(exitCode);
-  if (is("unload")) {
+  if (way == "exit") std::exit(exitCode);
+  if (way == "_exit") std::_Exit(exitCode);
+  if (way == "unload") {
     closeLibrary(library);
     // Longer than the monitor sleeps, so that it wakes in a module that the application has let go of.
     std::this_thread::sleep_for(std::chrono::milliseconds(1200));

@@ -195,6 +195,16 @@ CK_OBJECT_HANDLE ModuleTest::derive(CK_SESSION_HANDLE session, const std::string
   return secret;
 }
 
+std::string ModuleTest::get(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) {
+  CK_ATTRIBUTE attribute{type, nullptr, 0x5A5A};
+  ok(C_GetAttributeValue(session, object, &attribute, 1));
+  std::string value(attribute.ulValueLen, '\x5A');
+  attribute.pValue = value.data();
+  ok(C_GetAttributeValue(session, object, &attribute, 1));
+  EXPECT_EQ(+attribute.ulValueLen, value.size());
+  return value;
+}
+
 void ModuleTest::setFirmware(const char* version) {
   fake::edit()->devices.front().info.firmwareVersion = version;
   ok(listSlots());

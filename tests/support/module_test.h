@@ -137,6 +137,9 @@ class ModuleTest : public ::testing::Test {
   // Derives a secret from record 2, without a hash: the text "Z(" peer ")".
   CK_OBJECT_HANDLE derive(CK_SESSION_HANDLE session, const std::string& peer);
 
+  // An attribute's value, asked for as clients do: the length first.
+  std::string get(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type);
+
   void setFirmware(const char* version);
 
   // Waits until the monitor has listed the devices `count` times more than when called; false after 5 seconds.

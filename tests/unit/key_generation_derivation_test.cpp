@@ -110,12 +110,7 @@ class KeyDerivationTest : public SessionTest {
               return C_DeriveKey(session_, &mechanism, ecPrivate, attributes.data(), attributes.size(), &key_);
             }};
   }
-  std::string secret() {
-    CK_BYTE value[256] = {};
-    CK_ATTRIBUTE attribute{CKA_VALUE, value, sizeof value};
-    ok(C_GetAttributeValue(session_, key_, &attribute, 1));
-    return {value, value + attribute.ulValueLen};
-  }
+  std::string secret() { return get(session_, key_, CKA_VALUE); }
   CK_OBJECT_HANDLE key_ = 77;
 };
 
