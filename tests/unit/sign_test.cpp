@@ -54,6 +54,13 @@ TEST_F(SignTest, EveryMechanismInOneAndInSeveralParts) {
   }
 }
 
+TEST_F(SignTest, AnEmptyHashIsSignedToo) {
+  ok(init(CKM_SHA1_RSA_PKCS));
+  fake::fault("finalHash", fake::Fault::Kind::length, 0);
+  const Lines did = run(sign_);
+  EXPECT_EQ(Lines(did.end() - 3, did.end()), (Lines{"- Sign input hash : NULL or empty", asked(""), returned(CKR_OK)}));
+}
+
 // One buffer holds the key pair that was resolved last, whatever for.
 TEST_F(SignTest, DeviceIsGivenTheKeyThatWasResolvedLastAndWithoutLoginNoPassword) {
   ok(C_Logout(session_));
