@@ -124,7 +124,7 @@ TEST_F(ObjectCreationTest, ChainsAreImportedRootFirstByTheirCommonNames) {
     Lines files;
     std::string certificate;
     std::vector<std::pair<std::string, std::string>> chain;  // labels and certificates of the issuers
-    std::string missing = "";  // the issuer that is not found, so that the certificate is imported alone
+    std::string missing = {};  // the issuer that is not found, so that the certificate is imported alone
   };
   const std::vector<Row> rows = {
       {"files that are none", {"none", root, "", tooLong, inter}, leaf, {{"Root", root}, {"Inter", inter}}},
