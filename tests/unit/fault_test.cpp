@@ -62,6 +62,8 @@ class FaultTest : public SessionTest {
     fake::edit()->devices = devices_;
     for (CK_ATTRIBUTE& attribute : all_) attribute.ulValueLen = sizeof buffer_;
     length_ = 8;
+    buffer_[0] = 0x5A;
+    handles_[0] = 77;
     ok(C_CloseAllSessions(slot1));
     session_ = open();  // under the handle that it had
     if (state(session_) != CKS_RW_USER_FUNCTIONS) ok(login(session_));
@@ -172,45 +174,97 @@ std::vector<Scene> FaultTest::scenes() {
           {CALL(C_GenerateRandom, session_, buffer_, 16), {}}};
 }
 
-// What a status of an operation becomes; nothing for operations that report none.
-std::optional<CK_RV> codeFor(const Scene& scene, const Reached& reached, int status) {
-  static const char* const silent[] = {"getConnectedDeviceList",
-                                       "getTokenInfo",
-                                       "getKeyPairList",
-                                       "getCertificateList",
-                                       "getFilesWithExtensionsAndConvertDER",
-                                       "getCertificateSubject",
-                                       "getCertificateIssuer",
-                                       "getCertificateSerialDER"};
+// The error line of a call whose operation failed, but for the status at its end.
+struct Refusal {
+  const char* call;
+  const char* operation;
+  const char* error;
+};
+constexpr Refusal refusals[] = {
+    {"C_SetPIN", "changeUserPassword", ": tavrin_changeUserPassword failed, failureCount="},
+    {"C_FindObjectsInit", "initDevice", "Init device for certificates in find objects failed : "},
+    {"C_SetAttributeValue", "updateKeyPairDetails", "Update key pair details failed : "},
+    {"C_CreateObject", "importPfx", "Import private key into device failed : "},
+    {"C_CreateObject", "importCertificate", "Leaf import failed: "},
+    {"C_GenerateKeyPair", "generateKeyPair", "Generate key pair failed : "},
+    {"C_DestroyObject", "deleteKeyPair", "Delete keypair in destroy object failed : "},
+    {"C_DestroyObject", "deleteCertificate", "Delete certificate in destroy object failed : "},
+    {"C_DeriveKey", "ecdhDerive", ": tavrin_ecdhDerive failed: "},
+    {"C_GenerateRandom", "generateRamdomNumber", ": generate random number failed ret="},
+    {"C_DigestInit", "initHash", "Init hash in diges init failed : "},
+    {"C_Digest", "updateHash", "Update hash data in diget failed : "},
+    {"C_Digest", "finalHash", "Final hash data in diget failed : "},
+    {"C_DigestUpdate", "updateHash", "Update hash data in digest update failed : "},
+    {"C_DigestFinal", "finalHash", "Final hash data in diget failed : "},
+    {"C_Sign", "initHash", "init hash failed "},
+    {"C_Sign", "updateHash", "update hash failed "},
+    {"C_Sign", "finalHash", "final hash failed "},
+    {"C_Sign", "signHash", "Sign hash failed : "},
+    {"C_SignUpdate", "initHash", ": initHash failed "},
+    {"C_SignUpdate", "updateHash", ": updateHash failed "},
+    {"C_SignFinal", "finalHash", ": finalHash failed "},
+    {"C_SignFinal", "signHash", ": signHash failed "},
+    {"C_Verify", "initHash", ": initHash failed ret="},
+    {"C_Verify", "updateHash", ": updateHash failed ret="},
+    {"C_Verify", "finalHash", ": finalHash failed ret="},
+    {"C_Verify", "verifySignatureHash", "Verify signature failed : "},
+    {"C_VerifyUpdate", "initHash", ": initHash failed "},
+    {"C_VerifyUpdate", "updateHash", ": updateHash failed "},
+    {"C_VerifyFinal", "finalHash", ": finalHash failed "},
+    {"C_VerifyFinal", "verifySignatureHash", ": verify failed "},
+    {"C_Encrypt", "encrypt", "Encrypt data failed : "},
+    {"C_Decrypt", "decrypt", "Dacrypt data failed : "}};
+
+// The error lines and the code of a call whose operation answered with a status.
+Lines answerTo(const Scene& scene, const Reached& reached, int status) {
   const std::string& operation = reached.operation;
-  if (std::find(std::begin(silent), std::end(silent), operation) != std::end(silent)) return std::nullopt;
-  // A derived key is what the device makes of it, and a CA file that does not parse is none.
-  if (scene.call.name == "C_DeriveKey" && operation != "ecdhDerive") return CKR_OK;
-  if (operation == "getCertificateDetails") return reached.call == 1 ? CKR_DATA_INVALID : CKR_OK;
-  if (operation == "validatePassword") return status == 48 ? CKR_FUNCTION_FAILED : CKR_PIN_LOCKED;
   const bool stores = operation == "generateKeyPair" || operation.rfind("import", 0) == 0;
-  if (stores && (status == 40 || status == 242)) return CKR_DEVICE_MEMORY;
-  if (operation == "verifySignatureHash") return CKR_SIGNATURE_INVALID;
-  return operation == "initDevice" ? CKR_OK : CKR_FUNCTION_FAILED;  // a search goes on with what there is
+  CK_RV code = stores && (status == 40 || status == 242) ? CKR_DEVICE_MEMORY : CKR_FUNCTION_FAILED;
+  if (operation == "verifySignatureHash") code = CKR_SIGNATURE_INVALID;
+  if (operation == "initDevice") code = CKR_OK;  // a search goes on with what there is
+  if (operation == "validatePassword") {
+    const std::string error = "Token password validation failed";
+    Lines lines{error + " : " + std::to_string(status)};
+    if (status == 48) return lines + Lines{returned(CKR_FUNCTION_FAILED)};
+    return lines + Lines{error + ", retry count : " + std::to_string(status), returned(CKR_PIN_INCORRECT)};
+  }
+  for (const Refusal& refusal : refusals) {
+    if (scene.call.name != refusal.call || operation != refusal.operation) continue;
+    const std::string error = refusal.error + std::to_string(status);
+    return {(error[0] == ':' ? scene.call.name : "") + error, returned(code)};
+  }
+  // Operations that report no status, a derived key, which is what the device makes of it, and a CA file that is none.
+  if (operation == "getCertificateDetails" && reached.call == 1) return {returned(CKR_DATA_INVALID)};
+  return {returned(CKR_OK)};
+}
+
+bool failureEnds(const Scene& scene) {
+  return scene.call.name.rfind("C_Digest", 0) != 0 && scene.call.name != "C_Decrypt";
 }
 
 TEST_F(FaultTest, EveryStatusOfEveryOperation) {
   std::map<std::string, int> struck;
   for (const Scene& scene : scenes()) {
+    const bool continues = !scene.before.empty() && scene.before[0].name.find("Init") != std::string::npos &&
+                           scene.call.name != "C_FindObjects";
     for (const Reached& reached : reachedBy(scene)) {
       for (const int status : {40, 48, 242, 123, -7}) {
-        const auto code = codeFor(scene, reached, status);
-        if (!code) continue;
         SCOPED_TRACE(scene.call.name + ": " + reached.operation + " " + std::to_string(reached.call));
         prepare(scene);
         fake::fail(reached.operation, status, reached.call);
-        EXPECT_EQ(scene.call.make(), *code) << "status " << status;
+        fake::edit()->counter = status;
+        const Lines did = run(scene.call);
+        EXPECT_EQ(did, answerTo(scene, reached, status)) << "status " << status;
+        if (did.back() == returned(CKR_OK)) continue;
+        EXPECT_TRUE(buffer_[0] == 0x5A && handles_[0] == 77) << "a result of a call that failed";
+        const CK_RV after = failureEnds(scene) ? CKR_OPERATION_NOT_INITIALIZED : CKR_OK;
+        EXPECT_TRUE(!continues || scene.call.make() == after) << "after the failure";
         ++struck[reached.operation];
         worksAgain(scene);
       }
     }
   }
-  EXPECT_EQ(struck.size(), 19u) << "an operation that reports a status is reached by no scene";
+  EXPECT_EQ(struck.size(), 18u) << "an operation that reports a status is reached by no scene";
 }
 
 TEST_F(FaultTest, EveryOperationThatThrows) {
