@@ -57,13 +57,12 @@ void plainAppend(State& state) {
   }
 }
 
-BENCHMARK(debugLineLeftOut)->Name("debug line left out, no level set:module");
-BENCHMARK(debugLineLeftOutByValue)->Name("debug line left out, level set to 2:module");
-BENCHMARK(debugLineAlone)->Name("debug line at level 3, one in a call:module");
-BENCHMARK(plainAppend)->Name("debug line at level 3, one in a call:direct");
-BENCHMARK(debugLineOfSeveral)->Name("debug line at level 3, of three in a call:module");
-BENCHMARK(plainAppend)->Name("debug line at level 3, of three in a call:direct");
-BENCHMARK(errorLineWritten)->Name("error line at level 2:module");
+BENCHMARK(debugLineLeftOut)->Name("debug line left out, no level set");
+BENCHMARK(debugLineLeftOutByValue)->Name("debug line left out, level set to 2");
+BENCHMARK(debugLineAlone)->Name("debug line at level 3, one in a call");
+BENCHMARK(debugLineOfSeveral)->Name("debug line at level 3, of three in a call");
+BENCHMARK(plainAppend)->Name("open, append a line and close a file");
+BENCHMARK(errorLineWritten)->Name("error line at level 2");
 
 }  // namespace
 }  // namespace bench

@@ -16,20 +16,20 @@ void TableReporter::ReportRuns(const std::vector<Run>& runs) {
     // Arguments of a family stand behind the name, settings of the run behind those.
     std::string name = run.run_name.function_name;
     if (!run.run_name.args.empty()) name += " (N = " + run.run_name.args + ")";
-    const auto end = name.rfind(':');
-    const std::string what = name.substr(0, end);
-    if (rows_.count(what) == 0) order_.push_back(what);
-    const double microseconds = run.real_accumulated_time / static_cast<double>(run.iterations) * 1e6;
-    const bool direct = end != std::string::npos && name.substr(end) == ":direct";
-    (direct ? rows_[what].direct : rows_[what].module) = microseconds;
+    Row& row = rows_[{run.family_index, run.per_family_instance_index}];
+    row.what = name;
+    const auto module = run.counters.find("module");
+    const bool compared = module != run.counters.end();
+    row.module =
+        compared ? module->second.value : run.real_accumulated_time / static_cast<double>(run.iterations) * 1e6;
+    row.direct = compared ? run.counters.at("direct").value : 0;
   }
 }
 
 void TableReporter::Finalize() {
   std::printf("\n%-58s %14s %14s %8s\n", "median of each, in microseconds", "through module", "direct", "ratio");
-  for (const std::string& what : order_) {
-    const Row& row = rows_[what];
-    std::printf("%-58s %14.2f", what.c_str(), row.module);
+  for (const auto& [place, row] : rows_) {
+    std::printf("%-58s %14.2f", row.what.c_str(), row.module);
     if (row.direct > 0) std::printf(" %14.2f %8.3f", row.direct, row.module / row.direct);
     std::printf("\n");
   }

@@ -3,13 +3,15 @@
 
 #include <benchmark/benchmark.h>
 
+#include <cstdint>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace bench {
 
-// A name "WHAT:module" is paired with "WHAT:direct". Times are in microseconds.
+// A benchmark that compares gives the counters "module" and "direct", in microseconds; of any other the time is shown.
 class TableReporter : public benchmark::BenchmarkReporter {
  public:
   bool ReportContext(const Context& context) override;
@@ -18,11 +20,12 @@ class TableReporter : public benchmark::BenchmarkReporter {
 
  private:
   struct Row {
+    std::string what;
     double module = 0;
     double direct = 0;
   };
-  std::vector<std::string> order_;
-  std::map<std::string, Row> rows_;
+  // By the place of the benchmark in the program, as they run in mixed order.
+  std::map<std::pair<std::int64_t, std::int64_t>, Row> rows_;
 };
 
 }  // namespace bench

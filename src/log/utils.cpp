@@ -4,6 +4,7 @@
 
 std::vector<std::string> Utils::split(std::string_view text, std::string_view delimiter) const {
   std::vector<std::string> pieces;
+  pieces.reserve(4);  // as many as a version has
   std::size_t start = 0;
   for (auto end = text.find(delimiter); end != std::string_view::npos; end = text.find(delimiter, start)) {
     pieces.emplace_back(text.substr(start, end - start));

@@ -19,8 +19,9 @@ std::int32_t numberAt(const std::vector<std::int32_t>& numbers, std::size_t inde
 }  // namespace
 
 std::vector<std::int32_t> versionNumbers(std::string_view version) {
-  std::vector<std::int32_t> numbers;
-  for (const std::string& piece : utils.split(version, ".")) numbers.push_back(leadingNumber(piece));
+  const std::vector<std::string> pieces = utils.split(version, ".");
+  std::vector<std::int32_t> numbers(pieces.size());
+  std::transform(pieces.begin(), pieces.end(), numbers.begin(), leadingNumber);
   return numbers;
 }
 

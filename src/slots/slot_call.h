@@ -4,7 +4,7 @@
 #include "devlib/library_instance.h"
 #include "slots/slot_table.h"
 
-// An initialised call on an existing slot: runs `body(call, token)` with a copy of the slot's token record.
+// An initialised call on an existing slot: runs `body(call, token)` with the slot's token record.
 template <typename Body>
 CK_RV slotCall(const char* name, CK_SLOT_ID slotID, Body&& body) noexcept {
   return initializedCall(name, [&](const Call& call) -> CK_RV {

@@ -64,7 +64,7 @@ CK_RV C_GetSlotList(CK_BBOOL, CK_SLOT_ID_PTR pSlotList, CK_ULONG_PTR pulCount) {
       if (token.serialNumber.empty()) continue;
       pSlotList[accepted] = firstSlotId + accepted;
       ++accepted;
-      entries.emplace(name, std::move(token));
+      entries.emplace(name, std::make_shared<const TokenInfo>(std::move(token)));
     }
     slotTable.replace(std::move(entries));
     *pulCount = accepted;

@@ -2,11 +2,11 @@
 
 #include <iterator>
 
-std::optional<TokenInfo> SlotTable::find(CK_SLOT_ID slotID) const {
-  if (slotID < firstSlotId) return std::nullopt;
+SlotTable::Entry SlotTable::find(CK_SLOT_ID slotID) const {
+  if (slotID < firstSlotId) return nullptr;
   const auto position = slotID - firstSlotId;
   const std::lock_guard lock(mutex_);
-  if (position >= entries_.size()) return std::nullopt;
+  if (position >= entries_.size()) return nullptr;
   return std::next(entries_.begin(), static_cast<std::ptrdiff_t>(position))->second;
 }
 

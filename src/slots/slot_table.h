@@ -3,8 +3,8 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
 
 #include "devlib/device_library.h"
@@ -15,10 +15,11 @@ inline constexpr CK_SLOT_ID firstSlotId = 0x50000001;
 // Safe from any thread; the lock is held for the table's own work only.
 class SlotTable {
  public:
-  using Entries = std::map<std::string, TokenInfo>;  // by device name, in byte order
+  using Entry = std::shared_ptr<const TokenInfo>;
+  using Entries = std::map<std::string, Entry>;  // by device name, in byte order
 
-  // The entry that the slot ID names, counted in name order; nothing for an ID outside the table.
-  std::optional<TokenInfo> find(CK_SLOT_ID slotID) const;
+  // The entry that the slot ID names, counted in name order; null for an ID outside the table.
+  Entry find(CK_SLOT_ID slotID) const;
 
   void replace(Entries entries);
   void clear() { replace({}); }

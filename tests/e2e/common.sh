@@ -1,6 +1,6 @@
 # Sourced by the end-to-end scripts: a clean working folder, a software token, and the built programs on either system.
-# CMake sets E2E_BIN (the built files), E2E_SYSTEM (Linux or Windows), E2E_RUNNER (what runs them, perhaps nothing) and
-# E2E_FOLDER (this test's working folder).
+# CMake sets E2E_BIN (the built files), E2E_SYSTEM (Linux or Windows), E2E_RUNNER (what runs them, perhaps nothing),
+# E2E_FOLDER (this test's working folder) and E2E_SANITIZERS (what they were built with, mostly nothing).
 set -euo pipefail
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 
