@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <iterator>
 #include <memory>
 #include <set>
@@ -21,6 +22,11 @@ namespace {
 constexpr CK_SLOT_ID firstSlot = 0x50000001;
 constexpr std::size_t mostSessions = 12;
 const char* const devices[] = {"TK1", "TK2", "TK3"};
+constexpr CK_ATTRIBUTE_TYPE attributeTypes[] = {
+    CKA_ID,    CKA_ISSUER,  CKA_MODULUS,  CKA_EC_PARAMS,  CKA_MODULUS_BITS,
+    CKA_CLASS, CKA_SUBJECT, CKA_DECRYPT,  CKA_EC_POINT,   CKA_SERIAL_NUMBER,
+    CKA_TOKEN, CKA_LABEL,   CKA_PRIME_1,  CKA_VALUE_LEN,  CKA_PRIVATE_EXPONENT,
+    CKA_SIGN,  CKA_VALUE,   CKA_KEY_TYPE, CKA_START_DATE, 0x80000123};
 unsigned long callsMade = 0;
 
 [[noreturn]] void stop(const char* what, CK_ULONG got, CK_ULONG expected) {
@@ -33,13 +39,14 @@ void same(const char* what, CK_ULONG got, CK_ULONG expected) {
   if (got != expected) stop(what, got, expected);
 }
 
-// The thread that looks at the devices would do so at moments of its own; here the walk decides.
-void initialize() {
-  same("C_Initialize", C_Initialize(nullptr), CKR_OK);
-  stopDeviceMonitor();
+CK_BYTE_PTR bytesOf(std::string& text) { return reinterpret_cast<CK_BYTE_PTR>(text.data()); }
+CK_ULONG lengthOf(const std::string& text) { return static_cast<CK_ULONG>(text.size()); }
+std::string number(std::size_t value) {
+  const auto number = static_cast<CK_ULONG>(value);
+  return {reinterpret_cast<const char*>(&number), sizeof number};
 }
 
-void plug(const char* serial) {
+void plug(const std::string& serial) {
   fake::Device device = fake::device(serial);
   device.keyPairs = {fake::keyPair(1, 2, "rsa-modulus", "RSA"), fake::keyPair(2, 5, "ec-point", "EC", 1)};
   device.certificates = {fake::certificate(1, "CN=User|CN=Root|01", "Certificate")};
@@ -50,31 +57,11 @@ void plug(const char* serial) {
 class RandomTemplate {
  public:
   explicit RandomTemplate(FuzzInput& input) {
-    static constexpr CK_ATTRIBUTE_TYPE types[] = {CKA_CLASS,
-                                                  CKA_TOKEN,
-                                                  CKA_LABEL,
-                                                  CKA_VALUE,
-                                                  CKA_ID,
-                                                  CKA_SUBJECT,
-                                                  CKA_ISSUER,
-                                                  CKA_EC_PARAMS,
-                                                  CKA_MODULUS,
-                                                  CKA_MODULUS_BITS,
-                                                  CKA_KEY_TYPE,
-                                                  CKA_PRIME_1,
-                                                  CKA_VALUE_LEN,
-                                                  CKA_PRIVATE_EXPONENT,
-                                                  CKA_SIGN,
-                                                  CKA_DECRYPT,
-                                                  CKA_SERIAL_NUMBER,
-                                                  CKA_EC_POINT,
-                                                  CKA_START_DATE,
-                                                  0x80000123};
     const std::size_t count = input.below(5);
     for (std::size_t i = 0; i < count; ++i) {
-      const CK_ATTRIBUTE_TYPE type = types[input.below(std::size(types))];
+      const CK_ATTRIBUTE_TYPE type = attributeTypes[input.below(std::size(attributeTypes))];
       std::string value = valueFor(type, input);
-      const auto length = static_cast<CK_ULONG>(value.size());
+      const CK_ULONG length = lengthOf(value);
       if (type == CKA_LABEL) value += '\0';  // read up to its NUL by searches
       memory_.push_back(std::make_unique<char[]>(value.size()));
       std::memcpy(memory_.back().get(), value.data(), value.size());
@@ -87,26 +74,15 @@ class RandomTemplate {
 
  private:
   static std::string valueFor(CK_ATTRIBUTE_TYPE type, FuzzInput& input) {
-    const auto number = [](CK_ULONG value) { return std::string(reinterpret_cast<const char*>(&value), sizeof value); };
     if (input.chance(64)) return input.text(40);
-    switch (type) {
-      case CKA_CLASS:
-        return number(static_cast<CK_ULONG>(input.below(6)));
-      case CKA_KEY_TYPE:
-        return number(input.chance(128) ? CKK_RSA : CKK_EC);
-      case CKA_MODULUS_BITS:
-        return number(1024 * static_cast<CK_ULONG>(input.below(6)));
-      case CKA_VALUE_LEN:
-        return number(static_cast<CK_ULONG>(input.below(200)));
-      case CKA_ID:
-        return "id-1";
-      case CKA_VALUE:
-        return input.chance(128) ? "CN=Leaf|CN=Root|2" : "CN=Root|CN=Root|1";
-      case CKA_EC_PARAMS:
-        return std::string("\x06\x08\x2A\x86\x48\xCE\x3D\x03\x01\x07", 10);
-      default:
-        return input.text(200);
-    }
+    if (type == CKA_CLASS) return number(input.below(6));
+    if (type == CKA_KEY_TYPE) return number(input.chance(128) ? CKK_RSA : CKK_EC);
+    if (type == CKA_MODULUS_BITS) return number(1024 * input.below(6));
+    if (type == CKA_VALUE_LEN) return number(input.below(200));
+    if (type == CKA_ID) return "id-1";
+    if (type == CKA_VALUE) return input.chance(128) ? "CN=Leaf|CN=Root|2" : "CN=Root|CN=Root|1";
+    if (type == CKA_EC_PARAMS) return "\x06\x08\x2A\x86\x48\xCE\x3D\x03\x01\x07";
+    return input.text(200);
   }
 
   std::vector<std::unique_ptr<char[]>> memory_;
@@ -121,7 +97,7 @@ class Walk {
     fake::reset();
     for (const char* serial : devices) plug(serial);
     fake::edit()->counter = 3;
-    if (C_Initialize(nullptr) == CKR_OK) stopDeviceMonitor();
+    initialize();
     CK_SLOT_ID slots[3];
     CK_ULONG count = 3;
     CK_SESSION_HANDLE session = 0;
@@ -137,10 +113,11 @@ class Walk {
 
   void run() {
     static constexpr void (Walk::*steps[])() = {
-        &Walk::changeDevices, &Walk::listSlots, &Walk::open,    &Walk::open,     &Walk::close,   &Walk::login,
-        &Walk::login,         &Walk::logout,    &Walk::setPin,  &Walk::describe, &Walk::search,  &Walk::search,
-        &Walk::begin,         &Walk::begin,     &Walk::proceed, &Walk::proceed,  &Walk::proceed, &Walk::attributes,
-        &Walk::makeObject,    &Walk::derive,    &Walk::destroy, &Walk::fail,     &Walk::restart};
+        &Walk::changeDevices, &Walk::lookAtSlots, &Walk::open,      &Walk::open,      &Walk::close,
+        &Walk::login,         &Walk::login,       &Walk::logout,    &Walk::setPin,    &Walk::startSearch,
+        &Walk::search,        &Walk::begin,       &Walk::begin,     &Walk::proceed,   &Walk::proceed,
+        &Walk::proceed,       &Walk::useObject,   &Walk::useObject, &Walk::useObject, &Walk::fail,
+        &Walk::restart};
     while (!input_.isEmpty()) {
       (this->*steps[input_.below(std::size(steps))])();
       ++callsMade;
@@ -168,16 +145,12 @@ class Walk {
   }
 
   CK_SLOT_ID anySlot() { return firstSlot - 1 + static_cast<CK_SLOT_ID>(input_.below(5)); }
-  ModelSession* modelOf(CK_SESSION_HANDLE handle) {
-    const auto found = model_.sessions.find(handle);
-    return model_.initialized && found != model_.sessions.end() ? &found->second : nullptr;
-  }
 
-  // What the model says of the call before its own checks come: true when that was all.
-  bool refused(const char* what, CK_SESSION_HANDLE handle, CK_RV code) {
+  // The session that a call was for; null when the model refuses the call before its own checks come.
+  ModelSession* sessionOf(const char* what, CK_SESSION_HANDLE handle, CK_RV code) {
     const auto refusal = model_.refusal(handle);
     if (refusal) same(what, code, *refusal);
-    return refusal.has_value();
+    return refusal ? nullptr : &model_.sessions.at(handle);
   }
 
   void compareSessions() {
@@ -196,20 +169,21 @@ class Walk {
   }
 
   void changeDevices() {
-    const char* serial = devices[input_.below(std::size(devices))];
-    auto before = connected();
-    if (std::find(before.begin(), before.end(), serial) == before.end()) {
-      plug(serial);
-    } else {
-      const auto editor = fake::edit();
-      std::erase_if(editor->devices, [&](const fake::Device& device) { return device.info.serialNumber == serial; });
-    }
+    const std::string serial = devices[input_.below(std::size(devices))];
+    const auto isIt = [&](const fake::Device& device) { return device.info.serialNumber == serial; };
+    if (std::erase_if(fake::edit()->devices, isIt) == 0) plug(serial);
     if (!model_.initialized || input_.chance(64)) return;
     logOutSessionsWithoutDevice(connected());
     model_.lookAtDevices(connected());
   }
 
-  void listSlots() {
+  void lookAtSlots() {
+    CK_SLOT_INFO slotInfo;
+    CK_TOKEN_INFO tokenInfo;
+    const CK_SLOT_ID slot = anySlot();
+    const CK_RV expected = model_.slotRefusal(slot).value_or(CKR_OK);
+    same("C_GetSlotInfo", C_GetSlotInfo(slot, &slotInfo), expected);
+    same("C_GetTokenInfo", C_GetTokenInfo(slot, &tokenInfo), expected);
     CK_SLOT_ID slots[4];
     CK_ULONG count = static_cast<CK_ULONG>(input_.below(5));
     const bool query = input_.chance(64);
@@ -245,7 +219,7 @@ class Walk {
     }
     const CK_SESSION_HANDLE handle = anySession();
     const CK_RV code = C_CloseSession(handle);
-    if (refused("C_CloseSession", handle, code)) return;
+    if (!sessionOf("C_CloseSession", handle, code)) return;
     same("C_CloseSession", code, CKR_OK);
     model_.sessions.erase(handle);
     closed_ = handle;
@@ -262,14 +236,11 @@ class Walk {
     const CK_SESSION_HANDLE handle = anySession();
     const auto user = static_cast<CK_USER_TYPE>(input_.chance(180) ? CKU_USER : input_.below(3));
     std::string pin = anyPin();
-    const CK_RV code =
-        C_Login(handle, user, reinterpret_cast<CK_BYTE_PTR>(pin.data()), static_cast<CK_ULONG>(pin.size()));
-    if (refused("C_Login", handle, code)) return;
-    const CK_STATE state = modelOf(handle)->state;
+    const CK_RV code = C_Login(handle, user, bytesOf(pin), lengthOf(pin));
+    const ModelSession* session = sessionOf("C_Login", handle, code);
+    if (!session) return;
     if (user > CKU_USER) return same("C_Login", code, CKR_USER_TYPE_INVALID);
-    if (user == CKU_USER && (state == CKS_RO_USER_FUNCTIONS || state == CKS_RW_USER_FUNCTIONS)) {
-      return same("C_Login", code, CKR_USER_ALREADY_LOGGED_IN);
-    }
+    if (user == CKU_USER && session->isUser()) return same("C_Login", code, CKR_USER_ALREADY_LOGGED_IN);
     if (isTooShortOrLong(pin)) return same("C_Login", code, CKR_PIN_LEN_RANGE);
     const bool asksDevice = user == CKU_SO || pin != model_.password;
     if (asksDevice && takeFault("validatePassword")) return same("C_Login", code, CKR_PIN_INCORRECT);
@@ -279,72 +250,52 @@ class Walk {
   void logout() {
     const CK_SESSION_HANDLE handle = anySession();
     const CK_RV code = C_Logout(handle);
-    if (refused("C_Logout", handle, code)) return;
-    const CK_STATE state = modelOf(handle)->state;
-    const bool isPublic = state == CKS_RO_PUBLIC_SESSION || state == CKS_RW_PUBLIC_SESSION;
-    same("C_Logout", code, isPublic ? CKR_USER_NOT_LOGGED_IN : CKR_OK);
-    if (!isPublic) model_.logout(handle);
+    const ModelSession* session = sessionOf("C_Logout", handle, code);
+    if (!session) return;
+    if (session->isPublic()) return same("C_Logout", code, CKR_USER_NOT_LOGGED_IN);
+    same("C_Logout", code, CKR_OK);
+    model_.logout(handle);
   }
 
   void setPin() {
     const CK_SESSION_HANDLE handle = anySession();
     std::string before = anyPin();
     std::string after = anyPin();
-    const CK_RV code =
-        C_SetPIN(handle, reinterpret_cast<CK_BYTE_PTR>(before.data()), static_cast<CK_ULONG>(before.size()),
-                 reinterpret_cast<CK_BYTE_PTR>(after.data()), static_cast<CK_ULONG>(after.size()));
-    if (refused("C_SetPIN", handle, code)) return;
-    const CK_STATE state = modelOf(handle)->state;
-    if (state == CKS_RO_PUBLIC_SESSION || state == CKS_RO_USER_FUNCTIONS) {
-      return same("C_SetPIN", code, CKR_SESSION_READ_ONLY);
-    }
+    const CK_RV code = C_SetPIN(handle, bytesOf(before), lengthOf(before), bytesOf(after), lengthOf(after));
+    const ModelSession* session = sessionOf("C_SetPIN", handle, code);
+    if (!session) return;
+    if (session->isReadOnly()) return same("C_SetPIN", code, CKR_SESSION_READ_ONLY);
     if (isTooShortOrLong(before) || isTooShortOrLong(after)) return same("C_SetPIN", code, CKR_PIN_LEN_RANGE);
     if (takeFault("changeUserPassword")) return same("C_SetPIN", code, CKR_FUNCTION_FAILED);
     same("C_SetPIN", code, CKR_OK);
     if (!model_.password.empty()) model_.password = after;
   }
 
-  void describe() {
-    CK_SLOT_INFO slotInfo;
-    CK_TOKEN_INFO tokenInfo;
-    const CK_SLOT_ID slot = anySlot();
-    const CK_RV expected = model_.slotRefusal(slot).value_or(CKR_OK);
-    same("C_GetSlotInfo", C_GetSlotInfo(slot, &slotInfo), expected);
-    same("C_GetTokenInfo", C_GetTokenInfo(slot, &tokenInfo), expected);
-    CK_BYTE bytes[16];
+  void startSearch() {
     const CK_SESSION_HANDLE handle = anySession();
-    refused("C_GenerateRandom", handle, C_GenerateRandom(handle, bytes, static_cast<CK_ULONG>(input_.below(17))));
+    RandomTemplate wanted(input_);
+    const CK_RV code = C_FindObjectsInit(handle, wanted.data(), wanted.size());
+    ModelSession* session = sessionOf("C_FindObjectsInit", handle, code);
+    if (session && code == CKR_OK) session->operation = 1;
   }
 
   void search() {
     const CK_SESSION_HANDLE handle = anySession();
-    ModelSession* session = modelOf(handle);
-    const std::size_t choice = input_.below(3);
-    CK_RV code = CKR_OK;
-    if (choice == 0) {
-      RandomTemplate wanted(input_);
-      code = C_FindObjectsInit(handle, wanted.data(), wanted.size());
-      if (!refused("C_FindObjectsInit", handle, code) && code == CKR_OK) session->operation = 1;
-      return;
-    }
-    if (choice == 1) {
-      CK_ULONG count = 0;
-      const auto room = static_cast<CK_ULONG>(input_.below(9));
-      const auto found = std::make_unique<CK_OBJECT_HANDLE[]>(room);
-      code = C_FindObjects(handle, found.get(), room, &count);
-      if (code == CKR_OK && count > room) stop("the number of objects found", count, room);
-    } else {
-      code = C_FindObjectsFinal(handle);
-    }
-    if (refused("a search", handle, code)) return;
+    const bool ends = input_.chance(128);
+    const auto room = static_cast<CK_ULONG>(input_.below(9));
+    const auto found = std::make_unique<CK_OBJECT_HANDLE[]>(room);
+    CK_ULONG count = 0;
+    const CK_RV code = ends ? C_FindObjectsFinal(handle) : C_FindObjects(handle, found.get(), room, &count);
+    ModelSession* session = sessionOf("a search", handle, code);
+    if (!session) return;
     same("a search", code, session->operation == 1 ? CKR_OK : CKR_OPERATION_NOT_INITIALIZED);
-    if (choice == 2 && code == CKR_OK) session->operation = 0;
+    if (code == CKR_OK && count > room) stop("the number of objects found", count, room);
+    if (ends && code == CKR_OK) session->operation = 0;
   }
 
   struct Begin {
     const char* name;
-    CK_RV (*keyed)(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE);
-    CK_RV (*keyless)(CK_SESSION_HANDLE, CK_MECHANISM_PTR);
+    std::function<CK_RV()> call;
     unsigned operation;
     bool duringDigest;  // allowed while a digest is active
     unsigned deadEnd;   // what it then becomes
@@ -352,159 +303,123 @@ class Walk {
   };
 
   void begin() {
-    static constexpr Begin begins[] = {{"C_DigestInit", nullptr, C_DigestInit, 4, true, 4, true},
-                                       {"C_SignInit", C_SignInit, nullptr, 5, false, 0, true},
-                                       {"C_VerifyInit", C_VerifyInit, nullptr, 7, false, 0, false},
-                                       {"C_EncryptInit", C_EncryptInit, nullptr, 2, true, 9, false},
-                                       {"C_DecryptInit", C_DecryptInit, nullptr, 3, true, 10, true}};
     static constexpr CK_MECHANISM_TYPE types[] = {
         CKM_RSA_PKCS, CKM_SHA256,       CKM_SHA256_RSA_PKCS,     CKM_ECDSA_SHA256, CKM_RSA_PKCS_OAEP,
         CKM_SHA_1,    CKM_RSA_PKCS_PSS, CKM_SHA512_RSA_PKCS_PSS, CKM_ECDH1_DERIVE, 0x80000001};
-    const Begin& chosen = begins[input_.below(std::size(begins))];
     const CK_SESSION_HANDLE handle = anySession();
+    const CK_OBJECT_HANDLE key = anyObject();
     std::string parameter = input_.text(40);
     const bool plain = input_.chance(200);
     CK_MECHANISM mechanism{types[input_.below(std::size(types))], plain ? nullptr : parameter.data(),
-                           plain ? 0 : static_cast<CK_ULONG>(parameter.size())};
+                           plain ? 0 : lengthOf(parameter)};
     CK_MECHANISM_PTR given = input_.chance(8) ? nullptr : &mechanism;
-    const CK_RV code = chosen.keyed ? chosen.keyed(handle, given, anyObject()) : chosen.keyless(handle, given);
-    if (refused(chosen.name, handle, code)) return;
-    ModelSession& session = *modelOf(handle);
-    if (chosen.asksForLogin && session.state == CKS_RO_PUBLIC_SESSION) {
+    const Begin begins[] = {{"C_DigestInit", [&] { return C_DigestInit(handle, given); }, 4, true, 4, true},
+                            {"C_SignInit", [&] { return C_SignInit(handle, given, key); }, 5, false, 0, true},
+                            {"C_VerifyInit", [&] { return C_VerifyInit(handle, given, key); }, 7, false, 0, false},
+                            {"C_EncryptInit", [&] { return C_EncryptInit(handle, given, key); }, 2, true, 9, false},
+                            {"C_DecryptInit", [&] { return C_DecryptInit(handle, given, key); }, 3, true, 10, true}};
+    const Begin& chosen = begins[input_.below(std::size(begins))];
+    const CK_RV code = chosen.call();
+    ModelSession* session = sessionOf(chosen.name, handle, code);
+    if (!session) return;
+    if (chosen.asksForLogin && session->state == CKS_RO_PUBLIC_SESSION) {
       return same(chosen.name, code, CKR_SESSION_HANDLE_INVALID);
     }
-    const bool free = session.operation == 0 || (session.operation == 4 && chosen.duringDigest);
+    const bool free = session->operation == 0 || (session->operation == 4 && chosen.duringDigest);
     if (!free) return same(chosen.name, code, CKR_OPERATION_ACTIVE);
     if (code == CKR_OPERATION_ACTIVE || code == CKR_OPERATION_NOT_INITIALIZED) stop(chosen.name, code, CKR_OK);
-    if (code == CKR_OK) session.operation = session.operation == 4 ? chosen.deadEnd : chosen.operation;
+    if (code == CKR_OK) session->operation = session->operation == 4 ? chosen.deadEnd : chosen.operation;
   }
 
-  enum class Ends { never, onResult, onResultOrFailure, always };
+  enum Ends { never = 0, onResult = 1, onFailure = 2, always = 4 };
   struct Proceed {
     const char* name;
+    std::function<CK_RV()> call;
     unsigned operation;
-    Ends ends;
+    unsigned ends;
   };
 
   // One call of an operation; the data and the room for the result are as large as they say.
   void proceed() {
-    static constexpr Proceed steps[] = {{"C_Digest", 4, Ends::onResult},
-                                        {"C_DigestUpdate", 4, Ends::never},
-                                        {"C_DigestFinal", 4, Ends::onResult},
-                                        {"C_Sign", 5, Ends::onResultOrFailure},
-                                        {"C_SignUpdate", 5, Ends::onResultOrFailure},
-                                        {"C_SignFinal", 5, Ends::onResultOrFailure},
-                                        {"C_Verify", 7, Ends::always},
-                                        {"C_VerifyUpdate", 7, Ends::onResultOrFailure},
-                                        {"C_VerifyFinal", 7, Ends::always},
-                                        {"C_Encrypt", 2, Ends::onResultOrFailure},
-                                        {"C_Decrypt", 3, Ends::onResult}};
-    const std::size_t choice = input_.below(std::size(steps));
-    const Proceed& step = steps[choice];
     const CK_SESSION_HANDLE handle = anySession();
     const std::string text = input_.text(64);
     const auto data = std::make_unique<CK_BYTE[]>(text.size());
     std::memcpy(data.get(), text.data(), text.size());
-    const auto length = static_cast<CK_ULONG>(text.size());
+    const CK_ULONG size = lengthOf(text);
     CK_BYTE_PTR in = input_.chance(8) ? nullptr : data.get();
     CK_BYTE buffer[2048];
     CK_BYTE_PTR out = input_.chance(64) ? nullptr : buffer;
     CK_ULONG room = sizeof buffer;
-    CK_ULONG_PTR outLength = input_.chance(8) ? nullptr : &room;
-    const CK_RV code = [&] {
-      switch (choice) {
-        case 0:
-          return C_Digest(handle, in, length, out, outLength);
-        case 1:
-          return C_DigestUpdate(handle, in, length);
-        case 2:
-          return C_DigestFinal(handle, out, outLength);
-        case 3:
-          return C_Sign(handle, in, length, out, outLength);
-        case 4:
-          return C_SignUpdate(handle, in, length);
-        case 5:
-          return C_SignFinal(handle, out, outLength);
-        case 6:
-          return C_Verify(handle, in, length, in, length);
-        case 7:
-          return C_VerifyUpdate(handle, in, length);
-        case 8:
-          return C_VerifyFinal(handle, in, length);
-        case 9:
-          return C_Encrypt(handle, in, length, out, outLength);
-        default:
-          return C_Decrypt(handle, in, length, out, outLength);
-      }
-    }();
-    if (refused(step.name, handle, code)) return;
-    ModelSession& session = *modelOf(handle);
-    if (session.operation != step.operation) return same(step.name, code, CKR_OPERATION_NOT_INITIALIZED);
+    CK_ULONG_PTR outSize = input_.chance(8) ? nullptr : &room;
+    const Proceed steps[] = {
+        {"C_Digest", [&] { return C_Digest(handle, in, size, out, outSize); }, 4, onResult},
+        {"C_DigestUpdate", [&] { return C_DigestUpdate(handle, in, size); }, 4, never},
+        {"C_DigestFinal", [&] { return C_DigestFinal(handle, out, outSize); }, 4, onResult},
+        {"C_Sign", [&] { return C_Sign(handle, in, size, out, outSize); }, 5, onResult | onFailure},
+        {"C_SignUpdate", [&] { return C_SignUpdate(handle, in, size); }, 5, onFailure},
+        {"C_SignFinal", [&] { return C_SignFinal(handle, out, outSize); }, 5, onResult | onFailure},
+        {"C_Verify", [&] { return C_Verify(handle, in, size, in, size); }, 7, always},
+        {"C_VerifyUpdate", [&] { return C_VerifyUpdate(handle, in, size); }, 7, onFailure},
+        {"C_VerifyFinal", [&] { return C_VerifyFinal(handle, in, size); }, 7, always},
+        {"C_Encrypt", [&] { return C_Encrypt(handle, in, size, out, outSize); }, 2, onResult | onFailure},
+        {"C_Decrypt", [&] { return C_Decrypt(handle, in, size, out, outSize); }, 3, onResult}};
+    const Proceed& step = steps[input_.below(std::size(steps))];
+    const CK_RV code = step.call();
+    ModelSession* session = sessionOf(step.name, handle, code);
+    if (!session) return;
+    if (session->operation != step.operation) return same(step.name, code, CKR_OPERATION_NOT_INITIALIZED);
     if (code == CKR_OPERATION_NOT_INITIALIZED) stop(step.name, code, CKR_OK);
-    const bool gaveResult = code == CKR_OK && out && choice != 4 && choice != 7;
-    const bool failed = code == CKR_FUNCTION_FAILED || code == CKR_SIGNATURE_INVALID;
-    const bool ends = step.ends == Ends::always              ? code != CKR_ARGUMENTS_BAD
-                      : step.ends == Ends::onResultOrFailure ? gaveResult || failed
-                                                             : step.ends == Ends::onResult && gaveResult;
-    if (ends) session.operation = 0;
+    unsigned happened = code == CKR_OK && out ? onResult : never;
+    if (code == CKR_FUNCTION_FAILED || code == CKR_SIGNATURE_INVALID) happened = onFailure;
+    if (code != CKR_ARGUMENTS_BAD) happened |= always;
+    if ((step.ends & happened) != 0) session->operation = 0;
   }
 
-  void attributes() {
+  struct ObjectCall {
+    const char* name;
+    std::function<CK_RV()> call;
+    CK_RV readOnly = CKR_OK;  // how it is refused in a read-only session, if it is
+  };
+
+  void useObject() {
     const CK_SESSION_HANDLE handle = anySession();
     const CK_OBJECT_HANDLE object = anyObject();
-    RandomTemplate asked(input_);
-    CK_ULONG size = 0;
-    refused("C_GetObjectSize", handle, C_GetObjectSize(handle, object, &size));
-    if (input_.chance(64)) {
-      refused("C_SetAttributeValue", handle, C_SetAttributeValue(handle, object, asked.data(), asked.size()));
-    } else {
-      refused("C_GetAttributeValue", handle, C_GetAttributeValue(handle, object, asked.data(), asked.size()));
-    }
-  }
-
-  void makeObject() {
-    const CK_SESSION_HANDLE handle = anySession();
-    RandomTemplate first(input_);
-    CK_OBJECT_HANDLE made[2] = {};
-    if (input_.chance(128)) {
-      refused("C_CreateObject", handle, C_CreateObject(handle, first.data(), first.size(), made));
-      return;
-    }
-    RandomTemplate second(input_);
-    CK_MECHANISM mechanism{input_.chance(128) ? CKM_RSA_PKCS_KEY_PAIR_GEN : CKM_EC_KEY_PAIR_GEN, nullptr, 0};
-    const CK_RV code =
-        C_GenerateKeyPair(handle, &mechanism, first.data(), first.size(), second.data(), second.size(), made, made + 1);
-    if (refused("C_GenerateKeyPair", handle, code)) return;
-    const CK_STATE state = modelOf(handle)->state;
-    const bool readOnly = state == CKS_RO_PUBLIC_SESSION || state == CKS_RO_USER_FUNCTIONS;
-    if (readOnly) same("C_GenerateKeyPair", code, CKR_SESSION_HANDLE_INVALID);
-  }
-
-  void derive() {
-    std::string peer = input_.text(8);
-    CK_ECDH1_DERIVE_PARAMS parameters{static_cast<CK_EC_KDF_TYPE>(1 + input_.below(6)), 0, nullptr,
-                                      static_cast<CK_ULONG>(peer.size()), reinterpret_cast<CK_BYTE_PTR>(peer.data())};
-    CK_MECHANISM mechanism{CKM_ECDH1_DERIVE, &parameters, sizeof parameters};
-    CK_OBJECT_HANDLE made = 0;
     RandomTemplate wanted(input_);
-    const CK_SESSION_HANDLE handle = anySession();
-    refused("C_DeriveKey", handle, C_DeriveKey(handle, &mechanism, anyObject(), wanted.data(), wanted.size(), &made));
-  }
-
-  void destroy() {
-    const CK_SESSION_HANDLE handle = anySession();
-    const CK_RV code = C_DestroyObject(handle, anyObject());
-    if (refused("C_DestroyObject", handle, code)) return;
-    const CK_STATE state = modelOf(handle)->state;
-    const bool readOnly = state == CKS_RO_PUBLIC_SESSION || state == CKS_RO_USER_FUNCTIONS;
-    if (readOnly) same("C_DestroyObject", code, CKR_SESSION_READ_ONLY);
+    CK_MECHANISM generation{input_.chance(128) ? CKM_RSA_PKCS_KEY_PAIR_GEN : CKM_EC_KEY_PAIR_GEN, nullptr, 0};
+    std::string peer = input_.text(8);
+    const auto kdf = static_cast<CK_EC_KDF_TYPE>(1 + input_.below(6));
+    CK_ECDH1_DERIVE_PARAMS parameters{kdf, 0, nullptr, lengthOf(peer), bytesOf(peer)};
+    CK_MECHANISM derivation{CKM_ECDH1_DERIVE, &parameters, sizeof parameters};
+    CK_BYTE bytes[16];
+    const auto few = static_cast<CK_ULONG>(input_.below(sizeof bytes + 1));
+    CK_OBJECT_HANDLE made[2] = {};
+    CK_ULONG size = 0;
+    const ObjectCall calls[] = {
+        {"C_GetObjectSize", [&] { return C_GetObjectSize(handle, object, &size); }},
+        {"C_GetAttributeValue", [&] { return C_GetAttributeValue(handle, object, wanted.data(), wanted.size()); }},
+        {"C_SetAttributeValue", [&] { return C_SetAttributeValue(handle, object, wanted.data(), wanted.size()); }},
+        {"C_CreateObject", [&] { return C_CreateObject(handle, wanted.data(), wanted.size(), made); }},
+        {"C_GenerateKeyPair",
+         [&] {
+           RandomTemplate other(input_);
+           return C_GenerateKeyPair(handle, &generation, wanted.data(), wanted.size(), other.data(), other.size(), made,
+                                    made + 1);
+         },
+         CKR_SESSION_HANDLE_INVALID},
+        {"C_DeriveKey", [&] { return C_DeriveKey(handle, &derivation, object, wanted.data(), wanted.size(), made); }},
+        {"C_DestroyObject", [&] { return C_DestroyObject(handle, object); }, CKR_SESSION_READ_ONLY},
+        {"C_GenerateRandom", [&] { return C_GenerateRandom(handle, bytes, few); }}};
+    const ObjectCall& chosen = calls[input_.below(std::size(calls))];
+    const CK_RV code = chosen.call();
+    const ModelSession* session = sessionOf(chosen.name, handle, code);
+    if (session && session->isReadOnly() && chosen.readOnly != CKR_OK) same(chosen.name, code, chosen.readOnly);
   }
 
   void fail() {
     static constexpr const char* operations[] = {
-        "validatePassword",  "changeUserPassword",  "signHash",  "finalHash", "updateHash",
-        "initHash",          "verifySignatureHash", "encrypt",   "decrypt",   "initDevice",
-        "importCertificate", "generateKeyPair",     "ecdhDerive"};
+        "signHash",          "initHash",         "updateHash",        "finalHash",  "verifySignatureHash",
+        "encrypt",           "decrypt",          "ecdhDerive",        "initDevice", "generateKeyPair",
+        "importCertificate", "validatePassword", "changeUserPassword"};
     const char* operation = operations[input_.below(std::size(operations))];
     if (faults_.insert(operation).second) fake::fail(operation, 7);
   }
@@ -514,12 +429,18 @@ class Walk {
   // Costs a thread, so it comes rarely.
   void restart() {
     if (!input_.chance(8)) return;
-    const CK_RV code = C_Finalize(nullptr);
-    same("C_Finalize", code, model_.initialized ? CKR_OK : CKR_CRYPTOKI_NOT_INITIALIZED);
+    same("C_Finalize", C_Finalize(nullptr), model_.initialized ? CKR_OK : CKR_CRYPTOKI_NOT_INITIALIZED);
     model_.finalize();
     if (input_.chance(64)) return;
-    initialize();
+    same("C_Initialize", initialize(), CKR_OK);
     model_.initialized = true;
+  }
+
+  // The thread that looks at the devices would do so at moments of its own; here the walk decides.
+  static CK_RV initialize() {
+    const CK_RV code = C_Initialize(nullptr);
+    if (code == CKR_OK) stopDeviceMonitor();
+    return code;
   }
 
   FuzzInput input_;

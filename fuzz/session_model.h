@@ -14,6 +14,10 @@ struct ModelSession {
   std::string device;
   CK_STATE state;
   unsigned operation = 0;  // as the log numbers them: 1 search, 2 encryption, 3 decryption, 4 digest, 5 signing, ...
+
+  bool isReadOnly() const { return state == CKS_RO_PUBLIC_SESSION || state == CKS_RO_USER_FUNCTIONS; }
+  bool isPublic() const { return state == CKS_RO_PUBLIC_SESSION || state == CKS_RW_PUBLIC_SESSION; }
+  bool isUser() const { return state == CKS_RO_USER_FUNCTIONS || state == CKS_RW_USER_FUNCTIONS; }
 };
 
 class SessionModel {
@@ -48,12 +52,11 @@ class SessionModel {
     for (auto& [other, session] : sessions) {
       if (session.device != sessions.at(handle).device) continue;
       const bool isOfficer = session.state == CKS_RW_SO_FUNCTIONS;
-      const bool isReadOnly = session.state == CKS_RO_PUBLIC_SESSION || session.state == CKS_RO_USER_FUNCTIONS;
       if (isOfficer) {
         result = user == CKU_USER ? CKR_USER_ANOTHER_ALREADY_LOGGED_IN : CKR_USER_ALREADY_LOGGED_IN;
       } else if (user == CKU_USER) {
-        session.state = isReadOnly ? CKS_RO_USER_FUNCTIONS : CKS_RW_USER_FUNCTIONS;
-      } else if (isReadOnly) {
+        session.state = session.isReadOnly() ? CKS_RO_USER_FUNCTIONS : CKS_RW_USER_FUNCTIONS;
+      } else if (session.isReadOnly()) {
         result = CKR_SESSION_READ_ONLY_EXISTS;
       } else {
         session.state = CKS_RW_SO_FUNCTIONS;
@@ -74,8 +77,7 @@ class SessionModel {
     for (auto& [handle, session] : sessions) {
       bool there = false;
       for (const std::string& device : connected) there = there || device == session.device;
-      const bool isUser = session.state == CKS_RO_USER_FUNCTIONS || session.state == CKS_RW_USER_FUNCTIONS;
-      if (there || !isUser) continue;
+      if (there || !session.isUser()) continue;
       lower(session);
       password.clear();
     }
