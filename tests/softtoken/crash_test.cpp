@@ -21,7 +21,7 @@ using Things = std::set<std::string>;  // "password:..." and the objects, "key:.
 int kills = 100;
 constexpr int fewTries = 4;  // below, only the right password is used
 
-// Does random operations until it is killed, and reports before and after each: "intend REMOVED ADDED", with the things
+// Does random operations until it is killed, and reports before and after each: "intend REMOVED|ADDED", with the things
 // that it takes away and adds, and "done TRIES". Objects are named after their writer, who leaves those of others
 // alone.
 class Writer {
@@ -50,7 +50,7 @@ class Writer {
 
   template <class Body>
   bool report(const std::string& removed, const std::string& added, Body body) {
-    say("intend " + removed + " " + added);
+    say("intend " + removed + "|" + added);
     const int status = body();
     const std::int32_t tries = tavrin_getTokenInfo(device_, nullptr).remainingRetries;
     say(status == ok ? "done " + std::to_string(tries) : "failed " + std::to_string(status));
@@ -174,8 +174,8 @@ class CrashTest : public SoftTokenTest {
     Change change;
     for (const std::string& line : lines) {
       if (line.starts_with("intend ")) {
-        const auto blank = line.find(' ', 7);
-        change = {line.substr(7, blank - 7), line.substr(blank + 1)};
+        const auto bar = line.find('|');
+        change = {line.substr(7, bar - 7), line.substr(bar + 1)};
         if (change.removed != "wrong") mostTries_ = softtoken::mostTries;
       } else if (line.starts_with("done ")) {
         mostTries_ = std::stoi(line.substr(5));
