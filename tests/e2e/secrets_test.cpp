@@ -2,15 +2,15 @@
 // are known here alone; its memory, its output, the log and the token's files are searched for them.
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <array>
 #include <bitset>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <set>
 #include <thread>
-#include <unordered_map>
 
 #include "softtoken/key_material.h"
 #include "softtoken/record_io.h"
@@ -26,7 +26,10 @@ using softtoken::ByteView;
 using Names = std::set<std::string>;
 
 // Secrets go to the other process in files, masked so that the search finds no copy of its own.
-constexpr CK_BYTE mask = 0x5A;
+Bytes masked(Bytes bytes) {
+  for (CK_BYTE& byte : bytes) byte ^= 0x5A;
+  return bytes;
+}
 
 CK_ULONG sizeOf(const Bytes& bytes) { return static_cast<CK_ULONG>(bytes.size()); }
 
@@ -35,9 +38,7 @@ CK_ULONG sizeOf(const Bytes& bytes) { return static_cast<CK_ULONG>(bytes.size())
 // A secret that was handed over, wiped when it goes.
 class Given : public Bytes {
  public:
-  explicit Given(const std::string& name) : Bytes(readFile(name)) {
-    for (CK_BYTE& byte : *this) byte ^= mask;
-  }
+  explicit Given(const std::string& name) : Bytes(masked(readFile(name))) {}
   ~Given() { wipe(*this); }
   Given(const Given&) = delete;
   Given& operator=(const Given&) = delete;
@@ -66,13 +67,20 @@ class Victim {
     check(module()->C_Logout(token_->handle), "C_Logout");
     login(CKU_USER, "wrong password", CKR_PIN_INCORRECT);
     login(CKU_USER, "password", CKR_OK);
-    makeKeys();
+    token_->generate("rsa", {});
+    token_->generate("ec", {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07});
+    importKey(CKR_FUNCTION_FAILED);
+    importKey(CKR_OK);
     pause("keys made");
     sign();
     pause("signed");
-    decrypt();
+    decrypt(CKM_RSA_PKCS);
+    decrypt(CKM_RSA_PKCS_OAEP);
     pause("decrypted");
-    derive();
+    for (const CK_RV expected : {CKR_OK, CKR_FUNCTION_FAILED}) {
+      derive(CKD_NULL, expected);
+      derive(CKD_SHA256_KDF, expected);
+    }
     pause("derived");
     changePassword("wrong password", CKR_FUNCTION_FAILED);
     changePassword("password", CKR_OK);
@@ -95,27 +103,23 @@ class Victim {
   void changePassword(const char* from, CK_RV expected) {
     Given old(from);
     Given fresh("new password");
-    expect(module()->C_SetPIN(token_->handle, old.data(), sizeOf(old), fresh.data(), sizeOf(fresh)), expected,
-           "C_SetPIN");
+    const CK_RV result = module()->C_SetPIN(token_->handle, old.data(), sizeOf(old), fresh.data(), sizeOf(fresh));
+    expect(result, expected, "C_SetPIN");
   }
 
-  void makeKeys() {
-    token_->generate("rsa", {});
-    token_->generate("ec", {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07});
-    for (const CK_RV expected : {CKR_FUNCTION_FAILED, CKR_OK}) {
-      CK_OBJECT_CLASS objectClass = CKO_PRIVATE_KEY;
-      CK_OBJECT_HANDLE made = 0;
-      Given modulus("modulus");
-      Given exponent("imported exponent");
-      Given prime("imported prime 1");
-      if (expected != CKR_OK) modulus.back() ^= 2;
-      CK_ATTRIBUTE parts[] = {{CKA_CLASS, &objectClass, sizeof objectClass},
-                              {CKA_LABEL, const_cast<char*>("imported"), 8},
-                              {CKA_MODULUS, modulus.data(), sizeOf(modulus)},
-                              {CKA_PRIVATE_EXPONENT, exponent.data(), sizeOf(exponent)},
-                              {CKA_PRIME_1, prime.data(), sizeOf(prime)}};
-      expect(module()->C_CreateObject(token_->handle, parts, std::size(parts), &made), expected, "C_CreateObject");
-    }
+  void importKey(CK_RV expected) {
+    CK_OBJECT_CLASS objectClass = CKO_PRIVATE_KEY;
+    CK_OBJECT_HANDLE made = 0;
+    Given modulus("modulus");
+    Given exponent("imported exponent");
+    Given prime("imported prime 1");
+    if (expected != CKR_OK) modulus.back() ^= 2;
+    CK_ATTRIBUTE parts[] = {{CKA_CLASS, &objectClass, sizeof objectClass},
+                            {CKA_LABEL, const_cast<char*>("imported"), 8},
+                            {CKA_MODULUS, modulus.data(), sizeOf(modulus)},
+                            {CKA_PRIVATE_EXPONENT, exponent.data(), sizeOf(exponent)},
+                            {CKA_PRIME_1, prime.data(), sizeOf(prime)}};
+    expect(module()->C_CreateObject(token_->handle, parts, std::size(parts), &made), expected, "C_CreateObject");
   }
 
   void sign() {
@@ -123,8 +127,8 @@ class Victim {
                                                               {"rsa", CKM_SHA256_RSA_PKCS_PSS},
                                                               {"imported", CKM_SHA1_RSA_PKCS},
                                                               {"ec", CKM_ECDSA_SHA256}};
+    const Bytes data(5000, 'd');
     for (const auto& [label, mechanism] : ways) {
-      const Bytes data(5000, 'd');
       const CK_OBJECT_HANDLE key = token_->find(CKO_PRIVATE_KEY, label);
       const Bytes signature = token_->sign(mechanism, key, data);
       check(token_->verify(mechanism, token_->find(CKO_PUBLIC_KEY, label), data, signature), "C_Verify");
@@ -132,33 +136,27 @@ class Victim {
     }
   }
 
-  void decrypt() {
-    for (const CK_MECHANISM_TYPE mechanism : {CKM_RSA_PKCS, CKM_RSA_PKCS_OAEP}) {
-      const Given message("message");
-      const CK_OBJECT_HANDLE key = token_->find(CKO_PRIVATE_KEY, "rsa");
-      const Bytes ciphertext = token_->compute(module()->C_EncryptInit, module()->C_Encrypt, mechanism,
-                                               token_->find(CKO_PUBLIC_KEY, "rsa"), message);
-      Bytes plain = token_->compute(module()->C_DecryptInit, module()->C_Decrypt, mechanism, key, ciphertext);
-      if (plain != message) throw std::runtime_error("decrypted to something else");
-      Given::wipe(plain);
-    }
+  void decrypt(CK_MECHANISM_TYPE mechanism) {
+    const Given message("message");
+    const CK_OBJECT_HANDLE publicKey = token_->find(CKO_PUBLIC_KEY, "rsa");
+    const CK_OBJECT_HANDLE key = token_->find(CKO_PRIVATE_KEY, "rsa");
+    const Bytes sent = token_->compute(module()->C_EncryptInit, module()->C_Encrypt, mechanism, publicKey, message);
+    Bytes plain = token_->compute(module()->C_DecryptInit, module()->C_Decrypt, mechanism, key, sent);
+    if (plain != message) throw std::runtime_error("decrypted to something else");
+    Given::wipe(plain);
   }
 
-  void derive() {
-    Bytes peer = Given("peer");
-    for (const CK_RV expected : {CKR_OK, CKR_FUNCTION_FAILED}) {
-      if (expected != CKR_OK) peer.back() ^= 1;  // no point of the curve
-      for (const CK_EC_KDF_TYPE kdf : {CKD_NULL, CKD_SHA256_KDF}) {
-        CK_ECDH1_DERIVE_PARAMS parameters = {kdf, 0, nullptr, sizeOf(peer), peer.data()};
-        CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameters, sizeof parameters};
-        CK_OBJECT_HANDLE made = 0;
-        const CK_OBJECT_HANDLE key = token_->find(CKO_PRIVATE_KEY, "ec");
-        expect(module()->C_DeriveKey(token_->handle, &mechanism, key, nullptr, 0, &made), expected, "C_DeriveKey");
-        if (expected != CKR_OK) continue;
-        Bytes secret = token_->attribute(made, CKA_VALUE);
-        Given::wipe(secret);
-      }
-    }
+  void derive(CK_EC_KDF_TYPE kdf, CK_RV expected) {
+    Given peer("peer");
+    if (expected != CKR_OK) peer.back() ^= 1;  // no point of the curve
+    CK_ECDH1_DERIVE_PARAMS parameters = {kdf, 0, nullptr, sizeOf(peer), peer.data()};
+    CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameters, sizeof parameters};
+    CK_OBJECT_HANDLE made = 0;
+    const CK_OBJECT_HANDLE key = token_->find(CKO_PRIVATE_KEY, "ec");
+    expect(module()->C_DeriveKey(token_->handle, &mechanism, key, nullptr, 0, &made), expected, "C_DeriveKey");
+    if (expected != CKR_OK) return;
+    Bytes secret = token_->attribute(made, CKA_VALUE);
+    Given::wipe(secret);
   }
 
   std::unique_ptr<TokenSession> token_ = std::make_unique<TokenSession>();
@@ -187,33 +185,33 @@ class Search {
   }
 
   void look(ByteView memory, Names& found) const {
-    for (std::size_t i = 0; i + pieceSize <= memory.size(); ++i) {
-      const std::uint64_t start = startOf(&memory[i]);
-      if (!starts_[start % starts_.size()]) continue;
-      const auto [first, last] = pieces_.equal_range(start);
-      for (auto piece = first; piece != last; ++piece)
-        if (std::equal(piece->second.second.begin(), piece->second.second.end(), &memory[i]))
-          found.insert(piece->second.first);
+    Piece piece;
+    for (; memory.size() >= piece.size(); memory = memory.subspan(1)) {
+      if (!starts_[startOf(memory)]) continue;
+      std::memcpy(piece.data(), memory.data(), piece.size());
+      if (const auto known = pieces_.find(piece); known != pieces_.end()) found.insert(known->second);
     }
   }
 
  private:
-  static constexpr std::size_t pieceSize = 16;
+  using Piece = std::array<std::uint8_t, 16>;
 
-  static std::uint64_t startOf(const std::uint8_t* bytes) {
+  static std::size_t startOf(ByteView bytes) {
     std::uint64_t start = 0;
-    std::memcpy(&start, bytes, sizeof start);
-    return start;
+    std::memcpy(&start, bytes.data(), sizeof start);
+    return start % 65521;
   }
 
-  void addPieces(const std::string& name, const Bytes& bytes) {
-    for (auto rest = std::span(bytes); rest.size() >= pieceSize; rest = rest.subspan(pieceSize / 2)) {
-      starts_.set(startOf(rest.data()) % starts_.size());
-      pieces_.emplace(startOf(rest.data()), std::pair(name, Bytes(rest.begin(), rest.begin() + pieceSize)));
+  void addPieces(const std::string& name, ByteView bytes) {
+    Piece piece;
+    for (; bytes.size() >= piece.size(); bytes = bytes.subspan(piece.size() / 2)) {
+      std::memcpy(piece.data(), bytes.data(), piece.size());
+      starts_.set(startOf(bytes));
+      pieces_[piece] = name;
     }
   }
 
-  std::unordered_multimap<std::uint64_t, std::pair<std::string, Bytes>> pieces_;
+  std::map<Piece, std::string> pieces_;
   std::bitset<65521> starts_;  // most places in memory begin like no piece
 };
 
@@ -236,18 +234,12 @@ class SecretsTest : public testing::Test {
     fs::remove_all(folder_);
   }
 
-  void give(const std::string& name, ByteView plain) {
-    Bytes masked(plain.begin(), plain.end());
-    for (CK_BYTE& byte : masked) byte ^= mask;
-    writeFile(name, masked);
-  }
-
   // Gives the other process a secret of printable characters, or the one that is given, and looks for it from then on.
   std::string secret(const std::string& name, ByteView plain = {}) {
     std::string text(plain.begin(), plain.end());
     if (text.empty())
       for (const std::uint8_t byte : softtoken::randomBytes(40)) text += static_cast<char>('0' + byte % 64);
-    give(name, softtoken::viewOf(text));
+    writeFile(name, masked({text.begin(), text.end()}));
     search_.add(name, softtoken::viewOf(text));
     return text;
   }
@@ -262,18 +254,15 @@ class SecretsTest : public testing::Test {
     ASSERT_EQ(state->keyPairs.size(), 3u);
     for (std::size_t i = 0; i < 3; ++i) {
       const TavrinKeyPair& pair = state->keyPairs[i];
-      const auto opened = unseal(masterKey, state->privateKeys[i], privateKeyContext(*state, pair));
-      addKey(pair.label, {pair.keyType, {}, opened.value()});
-    }
-  }
-
-  void addKey(const std::string& label, const softtoken::KeyMaterial& key) {
-    if (softtoken::isRsa(key.keyType)) {
-      softtoken::Reader reader(key.privateKey);
-      for (const char* part : {" exponent", " prime 1", " prime 2", " coefficient"})
-        search_.add(label + part, reader.field(1024));
-    } else {
-      search_.add(label, key.privateKey);
+      const softtoken::KeyMaterial key{
+          pair.keyType, {}, unseal(masterKey, state->privateKeys[i], privateKeyContext(*state, pair)).value()};
+      if (softtoken::isRsa(key.keyType)) {
+        softtoken::Reader reader(key.privateKey);
+        for (const char* part : {" exponent", " prime 1", " prime 2", " coefficient"})
+          search_.add(std::string(pair.label) + part, reader.field(1024));
+        continue;
+      }
+      search_.add(pair.label, key.privateKey);
       const softtoken::SecretBytes derived = softtoken::deriveWith(key, peer_.publicKey);
       search_.add("derived", derived);
       search_.add("derived, hashed", softtoken::hashOf(GCRY_MD_SHA384, derived));
@@ -312,8 +301,8 @@ TEST_F(SecretsTest, NoSecretOutlivesItsUse) {
   softtoken::Reader parts(imported.privateKey);
   secret("imported exponent", parts.field(1024));
   secret("imported prime 1", parts.field(1024));
-  give("modulus", imported.publicKey);
-  give("peer", peer_.publicKey);
+  writeFile("modulus", masked(imported.publicKey));
+  writeFile("peer", masked(peer_.publicKey));
   victim_ = testPlatform::startSelf({"--victim"});
   ASSERT_NO_FATAL_FAILURE(await("keys made"));
   ASSERT_NO_FATAL_FAILURE(addKeys(password));
