@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <fstream>
+#include <map>
 #include <random>
 #include <set>
 #include <thread>
@@ -68,6 +69,7 @@ class Writer {
     const auto& certificates = tavrin_getCertificateList(device_, nullptr);
     const auto key = std::ranges::find_if(keys, mine);
     const auto certificate = std::ranges::find_if(certificates, mine);
+    const std::string oldKey = key == keys.end() ? "" : std::string("key:") + key->label;
     const std::string fresh = name_ + "." + std::to_string(++made_);
     const char* pin = password_.c_str();
     if (alone_ && choice < 3) {
@@ -81,25 +83,22 @@ class Writer {
         return tavrin_changeUserPassword(device_, old.c_str(), fresh.c_str(), &left, false, false, nullptr) ? ok : -1;
       });
     }
-    if (choice < 12 && key != keys.end()) {
-      return report(std::string("key:") + key->label, "-",
-                    [&] { return tavrin_deleteKeyPair(device_, key->recordId, pin, false, nullptr); });
-    }
+    if (choice < 12 && !oldKey.empty())
+      return report(oldKey, "-", [&] { return tavrin_deleteKeyPair(device_, key->recordId, pin, false, nullptr); });
     if (choice < 16 && certificate != certificates.end()) {
       return report(std::string("cert:") + certificate->label, "-",
                     [&] { return tavrin_deleteCertificate(device_, certificate->recordId, pin, nullptr); });
     }
-    if (choice < 20 && key != keys.end()) {
-      return report(std::string("key:") + key->label, "key:" + fresh, [&] {
+    if (choice < 20 && !oldKey.empty()) {
+      return report(oldKey, "key:" + fresh, [&] {
         return tavrin_updateKeyPairDetails(device_, key->recordId, pin, fresh.c_str(), nullptr, 0, nullptr);
       });
     }
-    if (choice < 22 && key != keys.end()) {
-      std::uint8_t signature[512];
-      int length = 0;
+    if (choice < 22 && !oldKey.empty()) {
       return report("-", "-", [&] {
-        return tavrin_signHash(device_, key->recordId, pin, pattern(32).data(), 32, signature, &length, false, nullptr,
-                               false);
+        std::uint8_t signature[512];
+        int size = 0;
+        return tavrin_signHash(device_, key->recordId, pin, hash_.data(), 32, signature, &size, false, nullptr, false);
       });
     }
     if (choice < 27) {
@@ -120,6 +119,7 @@ class Writer {
   const char* const device_;
   std::string password_;
   const bool alone_;
+  const Bytes hash_ = pattern(32);
   std::mt19937 random_{std::random_device()()};
   int made_ = 0;
 };
@@ -144,13 +144,12 @@ class CrashTest : public SoftTokenTest {
 
   // Starts writers, kills them after a random time and compares.
   void round(int number, const std::string& letters) {
-    std::vector<std::pair<std::string, std::intptr_t>> writers;
+    std::map<std::string, std::intptr_t> writers;  // by their reports
     for (const char letter : letters) {
       const std::string report = (root / (std::string(".report-") + letter)).string();
       fs::remove(report);
-      writers.emplace_back(
-          report, testPlatform::startSelf({"--writer", letter + std::to_string(number), report, device,
-                                           passwordIn(expected_), letters.size() == 1 ? "alone" : "together"}));
+      writers[report] = testPlatform::startSelf({"--writer", letter + std::to_string(number), report, device,
+                                                 passwordIn(expected_), letters.size() == 1 ? "alone" : "together"});
     }
     for (const auto& [report, process] : writers)
       for (int i = 0; i < 20'000 && linesOf(report).size() < 3; ++i) std::this_thread::sleep_for(1ms);
@@ -207,9 +206,9 @@ class CrashTest : public SoftTokenTest {
     // What was under way may have happened or not, each for itself.
     std::vector<Things> allowed{expected_};
     for (const Change& change : pending) {
-      for (std::size_t i = allowed.size(); i-- > 0;) {
-        allowed.push_back(allowed[i]);
-        apply(change, allowed.back());
+      for (Things things : std::vector(allowed)) {
+        apply(change, things);
+        allowed.push_back(things);
       }
     }
     // A wrong password costs a try, so it is asked for when it is in doubt, and to get all tries back.
@@ -304,6 +303,6 @@ int main(int argc, char** argv) {
   if (given.size() == 6 && given[0] == "--writer")
     return Writer(given[1], given[2], given[3].c_str(), given[4], given[5] == "alone").run() ? 0 : 1;
   testing::InitGoogleTest(&argc, argv);
-  if (argc == 3 && std::string(argv[1]) == "--kills") kills = std::stoi(argv[2]);
+  if (given.size() == 2 && given[0] == "--kills") kills = std::stoi(given[1]);
   return RUN_ALL_TESTS();
 }
