@@ -2,14 +2,13 @@
 // operation of the device library at every call of every function, every allocation, every length and text.
 //
 // The cases are made from one table of scenes: calls that succeed, which together reach every operation.
-#include <algorithm>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
 #include <map>
 #include <new>
 #include <optional>
+#include <set>
 
 #include "module_test.h"
 #include "test_platform.h"
@@ -30,6 +29,7 @@ void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 namespace {
 
 using Kind = fake::Fault::Kind;
+constexpr std::pair<Kind, CK_RV> throws[] = {{Kind::outOfMemory, CKR_HOST_MEMORY}, {Kind::failure, CKR_GENERAL_ERROR}};
 
 struct Scene {
   Call call;
@@ -38,6 +38,7 @@ struct Scene {
 
 // An operation that a scene reaches, and which of the scene's calls of it this is.
 struct Reached {
+  Scene scene;
   std::string operation;
   int call;
 };
@@ -70,22 +71,33 @@ class FaultTest : public SessionTest {
     for (const Call& call : scene.before) ok(call);
   }
 
-  std::vector<Reached> reachedBy(const Scene& scene) {
-    std::vector<Reached> reached;
-    std::map<std::string, int> counts;
-    prepare(scene);
-    fake::edit()->record = [&](const std::string& line) {
-      const std::string operation = line.substr(0, line.find(' '));
-      reached.push_back({operation, ++counts[operation]});
-    };
-    EXPECT_EQ(scene.call.make(), CKR_OK);
-    fake::edit()->record = nullptr;
-    return reached;
+  std::vector<Reached> everyReached() {
+    std::vector<Reached> all;
+    for (const Scene& scene : scenes()) {
+      std::map<std::string, int> counts;
+      prepare(scene);
+      fake::edit()->record = [&](const std::string& line) {
+        const std::string operation = line.substr(0, line.find(' '));
+        all.push_back({scene, operation, ++counts[operation]});
+      };
+      EXPECT_EQ(scene.call.make(), CKR_OK);
+      fake::edit()->record = nullptr;
+    }
+    return all;
   }
 
   void worksAgain(const Scene& scene) {
     prepare(scene);
     EXPECT_EQ(scene.call.make(), CKR_OK);
+  }
+
+  // The code of the call when its allocation of this number fails; nothing when it makes fewer.
+  static std::optional<CK_RV> failingAllocation(long number, const std::function<CK_RV()>& call) {
+    allocationsLeft = number;
+    const CK_RV code = call();
+    const bool failed = allocationsLeft < 0;
+    allocationsLeft = -1;
+    return failed ? std::optional(code) : std::nullopt;
   }
 
   std::vector<Scene> scenes();
@@ -216,7 +228,8 @@ constexpr Refusal refusals[] = {
     {"C_Decrypt", "decrypt", "Dacrypt data failed : "}};
 
 // The error lines and the code of a call whose operation answered with a status.
-Lines answerTo(const Scene& scene, const Reached& reached, int status) {
+Lines answerTo(const Reached& reached, int status) {
+  const std::string& name = reached.scene.call.name;
   const std::string& operation = reached.operation;
   const bool stores = operation == "generateKeyPair" || operation.rfind("import", 0) == 0;
   CK_RV code = stores && (status == 40 || status == 242) ? CKR_DEVICE_MEMORY : CKR_FUNCTION_FAILED;
@@ -229,58 +242,53 @@ Lines answerTo(const Scene& scene, const Reached& reached, int status) {
     return lines + Lines{error + ", retry count : " + std::to_string(status), returned(CKR_PIN_INCORRECT)};
   }
   for (const Refusal& refusal : refusals) {
-    if (scene.call.name != refusal.call || operation != refusal.operation) continue;
+    if (name != refusal.call || operation != refusal.operation) continue;
     const std::string error = refusal.error + std::to_string(status);
-    return {(error[0] == ':' ? scene.call.name : "") + error, returned(code)};
+    return {(error[0] == ':' ? name : "") + error, returned(code)};
   }
   // Operations that report no status, a derived key, which is what the device makes of it, and a CA file that is none.
   if (operation == "getCertificateDetails" && reached.call == 1) return {returned(CKR_DATA_INVALID)};
   return {returned(CKR_OK)};
 }
 
-bool failureEnds(const Scene& scene) {
-  return scene.call.name.rfind("C_Digest", 0) != 0 && scene.call.name != "C_Decrypt";
-}
-
 TEST_F(FaultTest, EveryStatusOfEveryOperation) {
-  std::map<std::string, int> struck;
-  for (const Scene& scene : scenes()) {
-    const bool continues = !scene.before.empty() && scene.before[0].name.find("Init") != std::string::npos &&
-                           scene.call.name != "C_FindObjects";
-    for (const Reached& reached : reachedBy(scene)) {
-      for (const int status : {40, 48, 242, 123, -7}) {
-        SCOPED_TRACE(scene.call.name + ": " + reached.operation + " " + std::to_string(reached.call));
-        prepare(scene);
-        fake::fail(reached.operation, status, reached.call);
-        fake::edit()->counter = status;
-        const Lines did = run(scene.call);
-        EXPECT_EQ(did, answerTo(scene, reached, status)) << "status " << status;
-        if (did.back() == returned(CKR_OK)) continue;
-        EXPECT_TRUE(buffer_[0] == 0x5A && handles_[0] == 77) << "a result of a call that failed";
-        const CK_RV after = failureEnds(scene) ? CKR_OPERATION_NOT_INITIALIZED : CKR_OK;
-        EXPECT_TRUE(!continues || scene.call.make() == after) << "after the failure";
-        ++struck[reached.operation];
-        worksAgain(scene);
-      }
+  std::set<std::string> struck;
+  for (const auto& reached : everyReached()) {
+    const Scene& scene = reached.scene;
+    SCOPED_TRACE(scene.call.name + ": " + reached.operation + " " + std::to_string(reached.call));
+    const std::string& name = scene.call.name;
+    const bool continues =
+        !scene.before.empty() && scene.before[0].name.find("Init") != std::string::npos && name != "C_FindObjects";
+    for (const int status : {40, 48, 242, 123, -7}) {
+      prepare(scene);
+      fake::fail(reached.operation, status, reached.call);
+      fake::edit()->counter = status;
+      const Lines did = run(scene.call);
+      EXPECT_EQ(did, answerTo(reached, status)) << "status " << status;
+      if (did.back() == returned(CKR_OK)) continue;
+      EXPECT_TRUE(buffer_[0] == 0x5A && handles_[0] == 77) << "a result of a call that failed";
+      const bool ends = name.rfind("C_Digest", 0) != 0 && name != "C_Decrypt";
+      const CK_RV after = ends ? CKR_OPERATION_NOT_INITIALIZED : CKR_OK;
+      EXPECT_TRUE(!continues || scene.call.make() == after) << "after the failure";
+      struck.insert(reached.operation);
+      worksAgain(scene);
     }
   }
   EXPECT_EQ(struck.size(), 18u) << "an operation that reports a status is reached by no scene";
 }
 
 TEST_F(FaultTest, EveryOperationThatThrows) {
-  std::map<std::string, int> struck;
-  for (const Scene& scene : scenes()) {
-    for (const Reached& reached : reachedBy(scene)) {
-      SCOPED_TRACE(scene.call.name + ": " + reached.operation + " " + std::to_string(reached.call));
-      for (const auto& [kind, code] :
-           {std::pair{Kind::outOfMemory, CKR_HOST_MEMORY}, {Kind::failure, CKR_GENERAL_ERROR}}) {
-        prepare(scene);
-        fake::fault(reached.operation, kind, 0, reached.call);
-        EXPECT_EQ(scene.call.make(), code);
-        worksAgain(scene);
-      }
-      ++struck[reached.operation];
+  std::set<std::string> struck;
+  for (const auto& reached : everyReached()) {
+    const Scene& scene = reached.scene;
+    SCOPED_TRACE(scene.call.name + ": " + reached.operation + " " + std::to_string(reached.call));
+    for (const auto& [kind, code] : throws) {
+      prepare(scene);
+      fake::fault(reached.operation, kind, 0, reached.call);
+      EXPECT_EQ(scene.call.make(), code);
+      worksAgain(scene);
     }
+    struck.insert(reached.operation);
   }
   EXPECT_EQ(struck.size(), 27u) << "an operation is reached by no scene";
 }
@@ -294,15 +302,11 @@ TEST_F(FaultTest, EveryAllocation) {
     for (const Scene& scene : scenes()) {
       for (long number = 0;; ++number) {
         prepare(scene);
-        allocationsLeft = number;
-        const CK_RV code = scene.call.make();
-        const bool failed = allocationsLeft < 0;
-        allocationsLeft = -1;
-        if (!failed) break;
+        const auto code = failingAllocation(number, scene.call.make);
+        if (!code) break;
         // A line that is lost costs the call nothing.
-        if (code != CKR_HOST_MEMORY && (level == 0 || code != CKR_OK)) {
-          wrong += scene.call.name + ": code " + std::to_string(code) + ", allocation " + std::to_string(number) + "\n";
-        }
+        if (code != CKR_HOST_MEMORY && (level == 0 || code != CKR_OK))
+          wrong += scene.call.name + ": " + std::to_string(*code) + ", allocation " + std::to_string(number) + "\n";
         ++allocations;
       }
       worksAgain(scene);
@@ -315,7 +319,7 @@ TEST_F(FaultTest, EveryAllocation) {
 }
 
 TEST_F(FaultTest, StartAndEndOfTheModule) {
-  for (const auto& [kind, code] : {std::pair{Kind::outOfMemory, CKR_HOST_MEMORY}, {Kind::failure, CKR_GENERAL_ERROR}}) {
+  for (const auto& [kind, code] : throws) {
     fake::fault("releaseInstance", kind);
     EXPECT_EQ(C_Finalize(nullptr), code);
     C_Finalize(nullptr);
@@ -326,30 +330,24 @@ TEST_F(FaultTest, StartAndEndOfTheModule) {
   logLevel(0);
   for (long number = 0;; ++number) {
     C_Finalize(nullptr);
-    allocationsLeft = number;
-    const CK_RV code = C_Initialize(nullptr);
-    const bool failed = allocationsLeft < 0;
-    allocationsLeft = -1;
-    if (!failed) break;
-    EXPECT_EQ(code, CKR_HOST_MEMORY) << number;
+    const auto code = failingAllocation(number, [] { return C_Initialize(nullptr); });
+    if (!code) break;
+    EXPECT_EQ(*code, CKR_HOST_MEMORY) << number;
   }
   ok(listSlots());
   ok(C_CloseSession(openLoggedIn()));
 }
 
 TEST_F(FaultTest, RecordsThatLie) {
+  const auto fill = [](auto&... fields) { (std::memset(fields, 'x', sizeof fields), ...); };
   for (const std::uint32_t lie : {0x7FFFFFFFu, 0xFFFFFFFFu, 3073u}) {
     for (fake::Device& device : devices_) {
       for (TavrinKeyPair& key : device.keyPairs) {
-        std::memset(key.publicKey, 'k', sizeof key.publicKey);
-        std::memset(key.keyId, 'i', sizeof key.keyId);
-        std::memset(key.label, 'l', sizeof key.label);
+        fill(key.publicKey, key.keyId, key.label);
         key.publicKeyLength = key.keyIdLength = lie;
       }
       for (TavrinCertificate& certificate : device.certificates) {
-        std::memset(certificate.certificate, 'c', sizeof certificate.certificate);
-        std::memset(certificate.certId, 'i', sizeof certificate.certId);
-        std::memset(certificate.label, 'l', sizeof certificate.label);
+        fill(certificate.certificate, certificate.certId, certificate.label);
         certificate.certificateLength = certificate.certIdLength = lie;
       }
     }
@@ -372,31 +370,27 @@ TEST_F(FaultTest, RecordsThatLie) {
 }
 
 TEST_F(FaultTest, ReturnedLengthsThatLie) {
-  struct Room {
-    const char* operation;
-    CK_ULONG most;
-  };
-  const Room rooms[] = {{"finalHash", 67}, {"signHash", 1024}, {"encrypt", 1024}, {"decrypt", 512}, {"ecdhDerive", 64}};
-  std::map<std::string, int> struck;
-  for (const Scene& scene : scenes()) {
-    for (const Reached& reached : reachedBy(scene)) {
-      const auto room = std::find_if(std::begin(rooms), std::end(rooms),
-                                     [&](const Room& candidate) { return candidate.operation == reached.operation; });
-      if (room == std::end(rooms)) continue;
-      for (const int lie : {-1, INT_MIN, 1025, INT_MAX}) {
-        SCOPED_TRACE(scene.call.name + ": " + reached.operation + " " + std::to_string(lie));
-        prepare(scene);
-        fake::fault(reached.operation, Kind::length, lie, reached.call);
-        const bool nothing = reached.operation == "ecdhDerive" && lie < 0;
-        EXPECT_EQ(scene.call.make(), nothing ? CKR_FUNCTION_FAILED : CKR_OK);
-        EXPECT_LE(length_, room->most);
-        EXPECT_TRUE(lie > 0 || nothing || length_ == 0 || reached.operation == "finalHash") << length_;
-        ++struck[reached.operation];
-        worksAgain(scene);
-      }
+  const std::map<std::string, CK_ULONG> rooms = {
+      {"finalHash", 67}, {"signHash", 1024}, {"encrypt", 1024}, {"decrypt", 512}, {"ecdhDerive", 64}};
+  std::set<std::string> struck;
+  for (const auto& reached : everyReached()) {
+    const Scene& scene = reached.scene;
+    SCOPED_TRACE(scene.call.name + ": " + reached.operation + " " + std::to_string(reached.call));
+    const auto room = rooms.find(reached.operation);
+    if (room == rooms.end()) continue;
+    for (const int lie : {-1, INT_MIN, 1025, INT_MAX}) {
+      SCOPED_TRACE(lie);
+      prepare(scene);
+      fake::fault(reached.operation, Kind::length, lie, reached.call);
+      const bool nothing = reached.operation == "ecdhDerive" && lie < 0;
+      EXPECT_EQ(scene.call.make(), nothing ? CKR_FUNCTION_FAILED : CKR_OK);
+      EXPECT_LE(length_, room->second);
+      EXPECT_TRUE(lie > 0 || nothing || length_ == 0 || reached.operation == "finalHash") << length_;
+      struck.insert(reached.operation);
+      worksAgain(scene);
     }
   }
-  EXPECT_EQ(struck.size(), std::size(rooms));
+  EXPECT_EQ(struck.size(), rooms.size());
 }
 
 // Hosts run plug-ins on threads with little stack, and count on the state of their process.
