@@ -50,8 +50,7 @@ CK_RV findObject(const Call& call, const Session& session, ObjectView& object) {
 CK_RV readEntry(const Call& call, const ObjectView& object, std::size_t index, CK_ATTRIBUTE& entry) {
   const CK_ATTRIBUTE_TYPE type = entry.type;
   const CK_ULONG provided = entry.ulValueLen;
-  const DebugLines debug;
-  debug("C_GetAttributeValue type : ", type);
+  logDebug("C_GetAttributeValue type : ", type);
   AttributeValue value;
   readAttribute(type, object, value);
   const Bytes bytes = value.bytes();
@@ -61,7 +60,7 @@ CK_RV readEntry(const Call& call, const ObjectView& object, std::size_t index, C
   }
   if (entry.pValue) copyTo(entry.pValue, bytes);
   entry.ulValueLen = static_cast<CK_ULONG>(bytes.size());
-  debug("C_GetAttributeValue length : ", bytes.size());
+  logDebug("C_GetAttributeValue length : ", bytes.size());
   return CKR_OK;
 }
 

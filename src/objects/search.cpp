@@ -214,9 +214,12 @@ CK_RV C_FindObjects(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE_PTR phObject, C
       phObject[count] = results[session.findCursor + count];
     }
     *pulObjectCount = count;
-    for (CK_ULONG i = 0; call.debug.wanted() && i < count; ++i) logDebug("Find object return : ", phObject[i]);
     session.findCursor += static_cast<std::uint32_t>(count);
-    call.debug("C_FindObjects find object count return : ", count);
+    // Thousands of lines take their time, so each is written on a reading of its own.
+    if (call.debug.wanted()) {
+      for (CK_ULONG i = 0; i < count; ++i) logDebug("Find object return : ", phObject[i]);
+      logDebug("C_FindObjects find object count return : ", count);
+    }
     return CKR_OK;
   });
 }

@@ -75,7 +75,8 @@ std::optional<std::size_t> readRegistryValue(const char* key, const char* name, 
   static std::atomic<bool> missedBefore = false;
   struct stat status;
   if (missedBefore.load(std::memory_order_relaxed) && stat(path, &status) != 0) return std::nullopt;
-  const File file(path, O_RDONLY);
+  // A pipe in the place of the file must not hold the caller up.
+  const File file(path, O_RDONLY | O_NONBLOCK);
   missedBefore.store(!file.isOpen(), std::memory_order_relaxed);
   if (!file.isOpen()) return std::nullopt;
   char text[32];
