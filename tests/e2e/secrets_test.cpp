@@ -76,6 +76,7 @@ class Victim {
     pause("signed");
     decrypt(CKM_RSA_PKCS);
     decrypt(CKM_RSA_PKCS_OAEP);
+    refused();
     pause("decrypted");
     for (const CK_RV expected : {CKR_OK, CKR_FUNCTION_FAILED}) {
       derive(CKD_NULL, expected);
@@ -144,6 +145,25 @@ class Victim {
     Bytes plain = token_->compute(module()->C_DecryptInit, module()->C_Decrypt, mechanism, key, sent);
     if (plain != message) throw std::runtime_error("decrypted to something else");
     Given::wipe(plain);
+  }
+
+  // What no key of the token signs or decrypts, and what is no certificate.
+  void refused() {
+    Bytes wrong(600, 'w');
+    Bytes out(1024);
+    auto length = sizeOf(out);
+    CK_MECHANISM raw = {CKM_RSA_PKCS, nullptr, 0};
+    const CK_OBJECT_HANDLE key = token_->find(CKO_PRIVATE_KEY, "rsa");
+    check(module()->C_SignInit(token_->handle, &raw, key), "C_SignInit");
+    expect(module()->C_Sign(token_->handle, wrong.data(), sizeOf(wrong), out.data(), &length), CKR_FUNCTION_FAILED,
+           "C_Sign");
+    check(module()->C_DecryptInit(token_->handle, &raw, key), "C_DecryptInit");
+    expect(module()->C_Decrypt(token_->handle, wrong.data(), sizeOf(wrong), out.data(), &length), CKR_FUNCTION_FAILED,
+           "C_Decrypt");
+    CK_OBJECT_CLASS objectClass = CKO_CERTIFICATE;
+    CK_OBJECT_HANDLE made = 0;
+    CK_ATTRIBUTE parts[] = {{CKA_CLASS, &objectClass, sizeof objectClass}, {CKA_VALUE, wrong.data(), sizeOf(wrong)}};
+    expect(module()->C_CreateObject(token_->handle, parts, 2, &made), CKR_DATA_INVALID, "C_CreateObject");
   }
 
   void derive(CK_EC_KDF_TYPE kdf, CK_RV expected) {

@@ -304,7 +304,12 @@ int main(int argc, char** argv) {
   const std::vector<std::string> given(argv + 1, argv + argc);
   if (given.size() == 6 && given[0] == "--writer")
     return Writer(given[1], given[2], given[3].c_str(), given[4], given[5] == "alone").run() ? 0 : 1;
-  testing::InitGoogleTest(&argc, argv);
-  if (given.size() == 2 && given[0] == "--kills") kills = std::stoi(given[1]);
+  testing::InitGoogleTest(&argc, argv);  // takes its own arguments away
+  if (argc == 3 && std::string(argv[1]) == "--kills") {
+    kills = std::stoi(argv[2]);
+  } else if (argc != 1) {
+    std::fprintf(stderr, "crash_test [--kills NUMBER], besides the options of GoogleTest\n");
+    return 2;
+  }
   return RUN_ALL_TESTS();
 }
