@@ -22,29 +22,29 @@ const Key keys[] = {
 };
 
 struct Mechanism {
-  std::string name;
+  const char* name;
   CK_MECHANISM_TYPE type;
+  bool ec;
+  bool pss;
+  bool raw;          // signs a digest, not the data
   const char* hash;  // the digest, in openssl's words
-  bool raw = false;  // signs a digest, not the data
-  bool ec = name.starts_with("ECDSA");
-  bool pss = name.ends_with("PSS");
 };
 
 const Mechanism mechanisms[] = {
-    {"RSA_PKCS", CKM_RSA_PKCS, "sha256", true},
-    {"SHA1_RSA_PKCS", CKM_SHA1_RSA_PKCS, "sha1"},
-    {"SHA256_RSA_PKCS", CKM_SHA256_RSA_PKCS, "sha256"},
-    {"SHA384_RSA_PKCS", CKM_SHA384_RSA_PKCS, "sha384"},
-    {"SHA512_RSA_PKCS", CKM_SHA512_RSA_PKCS, "sha512"},
-    {"RSA_PKCS_PSS", CKM_RSA_PKCS_PSS, "sha512", true},
-    {"SHA1_RSA_PKCS_PSS", CKM_SHA1_RSA_PKCS_PSS, "sha1"},
-    {"SHA256_RSA_PKCS_PSS", CKM_SHA256_RSA_PKCS_PSS, "sha256"},
-    {"SHA384_RSA_PKCS_PSS", CKM_SHA384_RSA_PKCS_PSS, "sha384"},
-    {"SHA512_RSA_PKCS_PSS", CKM_SHA512_RSA_PKCS_PSS, "sha512"},
-    {"ECDSA", CKM_ECDSA, "sha512", true},
-    {"ECDSA_SHA1", CKM_ECDSA_SHA1, "sha1"},
-    {"ECDSA_SHA256", CKM_ECDSA_SHA256, "sha256"},
-    {"ECDSA_SHA384", CKM_ECDSA_SHA384, "sha384"},
+    {"RSA_PKCS", CKM_RSA_PKCS, false, false, true, "sha256"},
+    {"SHA1_RSA_PKCS", CKM_SHA1_RSA_PKCS, false, false, false, "sha1"},
+    {"SHA256_RSA_PKCS", CKM_SHA256_RSA_PKCS, false, false, false, "sha256"},
+    {"SHA384_RSA_PKCS", CKM_SHA384_RSA_PKCS, false, false, false, "sha384"},
+    {"SHA512_RSA_PKCS", CKM_SHA512_RSA_PKCS, false, false, false, "sha512"},
+    {"RSA_PKCS_PSS", CKM_RSA_PKCS_PSS, false, true, true, "sha512"},
+    {"SHA1_RSA_PKCS_PSS", CKM_SHA1_RSA_PKCS_PSS, false, true, false, "sha1"},
+    {"SHA256_RSA_PKCS_PSS", CKM_SHA256_RSA_PKCS_PSS, false, true, false, "sha256"},
+    {"SHA384_RSA_PKCS_PSS", CKM_SHA384_RSA_PKCS_PSS, false, true, false, "sha384"},
+    {"SHA512_RSA_PKCS_PSS", CKM_SHA512_RSA_PKCS_PSS, false, true, false, "sha512"},
+    {"ECDSA", CKM_ECDSA, true, false, true, "sha512"},
+    {"ECDSA_SHA1", CKM_ECDSA_SHA1, true, false, false, "sha1"},
+    {"ECDSA_SHA256", CKM_ECDSA_SHA256, true, false, false, "sha256"},
+    {"ECDSA_SHA384", CKM_ECDSA_SHA384, true, false, false, "sha384"},
 };
 
 std::string file(const Bytes& contents, const std::string& name) {
@@ -94,14 +94,14 @@ class Crypto : public testing::Test {
 };
 
 void Crypto::signAndVerify(const Mechanism& mechanism, const char* key) {
-  SCOPED_TRACE(mechanism.name + " with " + key);
+  SCOPED_TRACE(std::string(mechanism.name) + " with " + key);
   const Bytes data = readFile(mechanism.raw ? std::string("data.") + mechanism.hash : "data");
   const CK_OBJECT_HANDLE privateKey = token->find(CKO_PRIVATE_KEY, key);
   const CK_OBJECT_HANDLE publicKey = token->find(CKO_PUBLIC_KEY, key);
 
   const Bytes whole = token->sign(mechanism.type, privateKey, data);
   const Bytes parts = token->signInParts(mechanism.type, privateKey, data);
-  const std::string name = mechanism.name + "." + key;
+  const std::string name = std::string(mechanism.name) + "." + key;
   for (const auto& [signature, path] : {std::pair(whole, name + ".whole"), std::pair(parts, name + ".parts")}) {
     expectOpensslAccepts(mechanism, key, file(mechanism.ec ? ecdsaSignatureAsDer(signature) : signature, path));
   }
@@ -111,6 +111,10 @@ void Crypto::signAndVerify(const Mechanism& mechanism, const char* key) {
   EXPECT_EQ(token->verify(mechanism.type, publicKey, data, whole), CKR_OK);
   EXPECT_EQ(token->verify(mechanism.type, publicKey, altered(data), whole), CKR_SIGNATURE_INVALID);
   EXPECT_EQ(token->verify(mechanism.type, publicKey, data, altered(whole)), CKR_SIGNATURE_INVALID);
+  // Verification in parts never tells the device that a signature is a PSS one.
+  EXPECT_EQ(token->verifyInParts(mechanism.type, publicKey, data, whole),
+            mechanism.pss ? CKR_SIGNATURE_INVALID : CKR_OK);
+  EXPECT_EQ(token->verifyInParts(mechanism.type, publicKey, altered(data), whole), CKR_SIGNATURE_INVALID);
 }
 
 TEST_F(Crypto, SignsWithEveryMechanismAndKey) {
@@ -130,23 +134,41 @@ TEST_F(Crypto, PadsAnEncodedDigestAsItIs) {
   EXPECT_EQ(token->sign(CKM_RSA_PKCS, key, digestInfo), token->sign(CKM_SHA256_RSA_PKCS, key, readFile("data")));
 }
 
+// The integers of a PKCS#1 private key in their order: version, n, e, d, p, q and so on.
+std::vector<Bytes> integersOf(const Bytes& der) {
+  std::vector<Bytes> integers;
+  std::size_t at = 4;  // behind the sequence's tag and its length of two bytes
+  while (at < der.size()) {
+    std::size_t length = der[++at];
+    if (length == 0x81) length = der[++at];
+    if (length == 0x82) length = static_cast<std::size_t>(der[at + 1] << 8 | der[at + 2]), at += 2;
+    const auto begin = der.begin() + static_cast<std::ptrdiff_t>(++at);
+    integers.emplace_back(begin, begin + static_cast<std::ptrdiff_t>(length));
+    if (integers.back().front() == 0) integers.back().erase(integers.back().begin());
+    at += length;
+  }
+  return integers;
+}
+
 CK_OBJECT_HANDLE Crypto::importedKey() {
   const CK_OBJECT_HANDLE existing = token->find(CKO_PRIVATE_KEY, "imported");
   if (existing != CK_INVALID_HANDLE) return existing;
+  const std::vector<Bytes> integers = integersOf(readFile("imported.der"));
   CK_OBJECT_CLASS objectClass = CKO_PRIVATE_KEY;
   CK_KEY_TYPE keyType = CKK_RSA;
-  char label[] = "imported";
-  Bytes n = readFile("imported.n");
-  Bytes d = readFile("imported.d");
-  Bytes p = readFile("imported.p");
-  CK_ATTRIBUTE attributes[] = {{CKA_CLASS, &objectClass, sizeof(objectClass)},
-                               {CKA_KEY_TYPE, &keyType, sizeof(keyType)},
-                               {CKA_LABEL, label, sizeof(label) - 1},
-                               {CKA_MODULUS, n.data(), static_cast<CK_ULONG>(n.size())},
-                               {CKA_PRIVATE_EXPONENT, d.data(), static_cast<CK_ULONG>(d.size())},
-                               {CKA_PRIME_1, p.data(), static_cast<CK_ULONG>(p.size())}};
+  std::string label = "imported";
+  std::vector<CK_ATTRIBUTE> attributes = {{CKA_CLASS, &objectClass, sizeof(objectClass)},
+                                          {CKA_KEY_TYPE, &keyType, sizeof(keyType)},
+                                          {CKA_LABEL, label.data(), static_cast<CK_ULONG>(label.size())}};
+  const std::pair<CK_ATTRIBUTE_TYPE, std::size_t> components[] = {
+      {CKA_MODULUS, 1}, {CKA_PRIVATE_EXPONENT, 3}, {CKA_PRIME_1, 4}};
+  for (const auto& [type, index] : components) {
+    attributes.push_back(
+        {type, const_cast<CK_BYTE*>(integers[index].data()), static_cast<CK_ULONG>(integers[index].size())});
+  }
   CK_OBJECT_HANDLE key = CK_INVALID_HANDLE;
-  check(token->module->C_CreateObject(token->handle, attributes, 6, &key), "C_CreateObject");
+  check(token->module->C_CreateObject(token->handle, attributes.data(), static_cast<CK_ULONG>(attributes.size()), &key),
+        "C_CreateObject");
   return key;
 }
 

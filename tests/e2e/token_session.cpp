@@ -33,6 +33,14 @@ CK_ATTRIBUTE textAttribute(CK_ATTRIBUTE_TYPE type, const std::string& text) {
   return {type, const_cast<char*>(text.c_str()), static_cast<CK_ULONG>(text.size())};
 }
 
+template <typename Call>
+void inPieces(const Bytes& data, Call call) {
+  const std::size_t piece = data.size() / 3 + 1;
+  for (std::size_t at = 0; at < data.size(); at += piece) {
+    check(call(pointerTo(data) + at, static_cast<CK_ULONG>(std::min(piece, data.size() - at))), "an update");
+  }
+}
+
 }  // namespace
 
 TokenSession::TokenSession() : module(setting("E2E_MODULE")) {
@@ -49,14 +57,26 @@ CK_RV TokenSession::login() {
   return module->C_Login(handle, CKU_USER, reinterpret_cast<CK_BYTE*>(pin.data()), static_cast<CK_ULONG>(pin.size()));
 }
 
-CK_OBJECT_HANDLE TokenSession::find(CK_OBJECT_CLASS objectClass, const std::string& label) {
+CK_STATE TokenSession::state() {
+  CK_SESSION_INFO info;
+  check(module->C_GetSessionInfo(handle, &info), "C_GetSessionInfo");
+  return info.state;
+}
+
+std::vector<CK_OBJECT_HANDLE> TokenSession::findAll(CK_OBJECT_CLASS objectClass, const std::string& label) {
   CK_ATTRIBUTE wanted[] = {{CKA_CLASS, &objectClass, sizeof(objectClass)}, textAttribute(CKA_LABEL, label)};
-  CK_OBJECT_HANDLE found = CK_INVALID_HANDLE;
+  std::vector<CK_OBJECT_HANDLE> found(64);
   CK_ULONG count = 0;
-  check(module->C_FindObjectsInit(handle, wanted, 2), "C_FindObjectsInit");
-  check(module->C_FindObjects(handle, &found, 1, &count), "C_FindObjects");
+  check(module->C_FindObjectsInit(handle, wanted, label.empty() ? 1 : 2), "C_FindObjectsInit");
+  check(module->C_FindObjects(handle, found.data(), 64, &count), "C_FindObjects");
   check(module->C_FindObjectsFinal(handle), "C_FindObjectsFinal");
+  found.resize(count);
   return found;
+}
+
+CK_OBJECT_HANDLE TokenSession::find(CK_OBJECT_CLASS objectClass, const std::string& label) {
+  const std::vector<CK_OBJECT_HANDLE> found = findAll(objectClass, label);
+  return found.empty() ? CK_INVALID_HANDLE : found.front();
 }
 
 Bytes TokenSession::attribute(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) {
@@ -101,11 +121,7 @@ Bytes TokenSession::signInParts(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE ke
   CK_MECHANISM argument = {mechanism, nullptr, 0};
   CK_ULONG length = 0;
   check(module->C_SignInit(handle, &argument, key), "C_SignInit");
-  const std::size_t piece = data.size() / 3 + 1;
-  for (std::size_t at = 0; at < data.size(); at += piece) {
-    const auto size = static_cast<CK_ULONG>(std::min(piece, data.size() - at));
-    check(module->C_SignUpdate(handle, pointerTo(data) + at, size), "C_SignUpdate");
-  }
+  inPieces(data, [&](CK_BYTE* piece, CK_ULONG size) { return module->C_SignUpdate(handle, piece, size); });
   check(module->C_SignFinal(handle, nullptr, &length), "C_SignFinal");
   Bytes signature(length);
   check(module->C_SignFinal(handle, signature.data(), &length), "C_SignFinal");
@@ -117,4 +133,12 @@ CK_RV TokenSession::verify(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key, co
   CK_MECHANISM argument = {mechanism, nullptr, 0};
   check(module->C_VerifyInit(handle, &argument, key), "C_VerifyInit");
   return module->C_Verify(handle, pointerTo(data), sizeOf(data), pointerTo(signature), sizeOf(signature));
+}
+
+CK_RV TokenSession::verifyInParts(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key, const Bytes& data,
+                                  const Bytes& signature) {
+  CK_MECHANISM argument = {mechanism, nullptr, 0};
+  check(module->C_VerifyInit(handle, &argument, key), "C_VerifyInit");
+  inPieces(data, [&](CK_BYTE* piece, CK_ULONG size) { return module->C_VerifyUpdate(handle, piece, size); });
+  return module->C_VerifyFinal(handle, pointerTo(signature), sizeOf(signature));
 }

@@ -21,7 +21,10 @@ class TokenSession {
   TokenSession();
 
   CK_RV login();
-  CK_OBJECT_HANDLE find(CK_OBJECT_CLASS objectClass, const std::string& label);  // 0: there is none
+  CK_STATE state();
+
+  std::vector<CK_OBJECT_HANDLE> findAll(CK_OBJECT_CLASS objectClass, const std::string& label);  // no label: any
+  CK_OBJECT_HANDLE find(CK_OBJECT_CLASS objectClass, const std::string& label);                  // 0: there is none
   Bytes attribute(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type);
   void generate(const std::string& label, const Bytes& curve);  // an empty curve: RSA 2048
 
@@ -31,6 +34,7 @@ class TokenSession {
   Bytes sign(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key, const Bytes& data);
   Bytes signInParts(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key, const Bytes& data);
   CK_RV verify(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key, const Bytes& data, const Bytes& signature);
+  CK_RV verifyInParts(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key, const Bytes& data, const Bytes& signature);
 
   CryptokiModule module;
   CK_SESSION_HANDLE handle = CK_INVALID_HANDLE;
