@@ -15,6 +15,7 @@ refuses "a URI with the plain label" 'object is not available' \
   p11 --login --generate-privkey=rsa --bits 2048 --label x --outfile x.pem 'pkcs11:token=Client%20token'
 shows "two private keys with the PIN" '^2$' eval 'p11 --login --list-privkeys "$token" | grep -c "type=private"'
 shows "none without" '^0$' eval 'p11 --list-all "$token" 2>&1 | grep -c "type=private" || true'
+shows "22 mechanisms" '^22$' eval 'p11 --list-mechanisms "$token" | grep -c CKM_'
 check "random bytes" p11 --generate-random 32 --outfile random "$token"
 
 check "generate RSA 3072" p11 --login --generate-privkey=rsa --bits 3072 --label generated --id 11 --outfile generated.pem "$token"
@@ -53,4 +54,9 @@ for key in rsa ec; do
   done
 done
 
+check "write a certificate" p11 --login --write --load-certificate rsa.crt --label written --id 01 "$token"
+check "export it" p11 --export "$token;object=written;type=cert" --outfile exported.crt
+check "it is the same" cmp <(openssl x509 -in rsa.crt -outform DER) <(openssl x509 -in exported.crt -outform DER)
+check "delete it" p11 --login --delete "$token;object=written;type=cert"
+refuses "it is gone" 'No matching objects' p11 --list-all-certs "$token"
 check "delete a key" p11 --login --delete "$token;object=generated;type=private"

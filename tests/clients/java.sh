@@ -40,6 +40,9 @@ for alias in loose jrsa jec; do
   shows "sign a jar" 'jar signed' sign $alias
   quietly keytool -importcert -noprompt -keystore trusted -storepass:env PIN -alias $alias -file $alias.crt
   shows "jarsigner verifies" '^jar verified\.' jarsigner -verify -keystore trusted -storepass:env PIN $alias.jar
+  quietly unzip -o -d $alias $alias.jar
+  check "openssl verifies" eval "openssl cms -verify -binary -inform DER -in $alias/META-INF/*.[RE][SC]* -content $alias/META-INF/*.SF \
+    -CAfile $alias.crt -purpose any -out verified"
 done
 
 openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.crt -subj /CN=CA -days 30 2>/dev/null

@@ -42,17 +42,23 @@ failed() {
 
 # check WHAT COMMAND...: the command succeeds.
 check() {
-  if "${@:2}" >"$work/output" 2>&1; then passed "$1"; else failed "$1"; fi
+  local what=$1
+  shift
+  if "$@" >"$work/output" 2>&1; then passed "$what"; else failed "$what"; fi
 }
 
 # shows WHAT PATTERN COMMAND...: the command succeeds, and a line of its output matches the pattern.
 shows() {
-  if "${@:3}" >"$work/output" 2>&1 && grep -qE -- "$2" "$work/output"; then passed "$1"; else failed "$1"; fi
+  local what=$1 pattern=$2
+  shift 2
+  if "$@" >"$work/output" 2>&1 && grep -qE -- "$pattern" "$work/output"; then passed "$what"; else failed "$what"; fi
 }
 
 # refuses WHAT PATTERN COMMAND...: the command fails, and a line of its output matches the pattern.
 refuses() {
-  if ! "${@:3}" >"$work/output" 2>&1 && grep -qE -- "$2" "$work/output"; then passed "$1"; else failed "$1"; fi
+  local what=$1 pattern=$2
+  shift 2
+  if ! "$@" >"$work/output" 2>&1 && grep -qE -- "$pattern" "$work/output"; then passed "$what"; else failed "$what"; fi
 }
 
 # quietly COMMAND...: preparation, whose output matters only when it fails.
@@ -70,12 +76,16 @@ background() {
 
 # eventually COMMAND...: succeeds within ten seconds; shows what the last attempt printed.
 eventually() {
+  local result=1
   for _ in {1..100}; do
-    "$@" >"$work/attempt" 2>&1 && cat "$work/attempt" && return
+    if "$@" >"$work/attempt" 2>&1; then
+      result=0
+      break
+    fi
     sleep 0.1
   done
   cat "$work/attempt"
-  return 1
+  return $result
 }
 
 port() { echo $((20000 + RANDOM % 10000)); }

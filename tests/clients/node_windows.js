@@ -18,6 +18,7 @@ cryptoki.C_Initialize();
 console.log(`module ${textOf(cryptoki.C_GetInfo().libraryDescription)}`);
 const slot = cryptoki.C_GetSlotList(true)[0];
 console.log(`token ${textOf(cryptoki.C_GetTokenInfo(slot).label)}`);
+console.log(`${cryptoki.C_GetMechanismList(slot).length} mechanisms`);
 const session = cryptoki.C_OpenSession(slot, p11.CKF_SERIAL_SESSION | p11.CKF_RW_SESSION);
 cryptoki.C_Login(session, p11.CKU_USER, pin);
 
@@ -51,12 +52,20 @@ const point = read(ec.publicKey, p11.CKA_EC_POINT).subarray(2); // behind the he
 writePublicKey("ec.pem", { kty: "EC", crv: "P-256", x: base64(point.subarray(1, 33)), y: base64(point.subarray(33)) });
 const signature = sign(p11.CKM_ECDSA_SHA256, ec.privateKey);
 fs.writeFileSync("ec.raw", signature);
+cryptoki.C_VerifyInit(session, mechanism(p11.CKM_ECDSA_SHA256), ec.publicKey);
+console.log(`verified ${cryptoki.C_Verify(session, data, signature)}`);
 
 // The module reads a label up to its NUL.
 const label = attribute(p11.CKA_LABEL, "node ec\0");
 cryptoki.C_FindObjectsInit(session, [attribute(p11.CKA_CLASS, p11.CKO_PRIVATE_KEY), label]);
 console.log(`${cryptoki.C_FindObjects(session, 8192).length} key labelled node ec`);
 cryptoki.C_FindObjectsFinal(session);
+
+try {
+  cryptoki.C_SeedRandom(session, Buffer.alloc(4));
+} catch (error) {
+  console.log(`${error.method}: ${error.message}`);
+}
 
 const padding = crypto.constants.RSA_PKCS1_OAEP_PADDING;
 const ciphertext = crypto.publicEncrypt({ key: fs.readFileSync("rsa.pem"), padding }, Buffer.from("secret"));
@@ -71,7 +80,15 @@ const secret = cryptoki.C_DeriveKey(session, mechanism(p11.CKM_ECDH1_DERIVE, exc
 ]);
 console.log(`the same ECDH secret ${read(secret, p11.CKA_VALUE).equals(peer.computeSecret(point))}`);
 
-cryptoki.C_DestroyObject(session, ec.privateKey);
-cryptoki.C_FindObjectsInit(session, [attribute(p11.CKA_CLASS, p11.CKO_PRIVATE_KEY), label]);
-console.log(`the key is gone ${cryptoki.C_FindObjects(session, 1).length === 0}`);
-cryptoki.C_Finalize();
+cryptoki.C_SignInit(session, mechanism(p11.CKM_ECDSA_SHA256), ec.privateKey);
+cryptoki.C_SignAsync(session, data, Buffer.alloc(512)).then((bytes) => {
+  console.log(`signed in another thread ${bytes.length} bytes`);
+  cryptoki.C_DestroyObject(session, ec.privateKey);
+  cryptoki.C_FindObjectsInit(session, [attribute(p11.CKA_CLASS, p11.CKO_PRIVATE_KEY), label]);
+  console.log(`the key is gone ${cryptoki.C_FindObjects(session, 1).length === 0}`);
+  cryptoki.C_FindObjectsFinal(session);
+  cryptoki.C_Logout(session);
+  cryptoki.C_CloseSession(session);
+  cryptoki.C_Finalize();
+  cryptoki.close();
+});

@@ -40,9 +40,13 @@ while read -r fact; do
 done <<'END'
 module Tavrin PKCS11 Library
 token Client token
+22 mechanisms
 1 key labelled node ec
+C_SeedRandom: CKR_FUNCTION_NOT_SUPPORTED
+verified true
 decrypted secret
 the same ECDH secret true
+signed in another thread 64 bytes
 the key is gone true
 END
 check "openssl verifies the RSA signature" verifySignature rsa.pem rsa.sig -sha256

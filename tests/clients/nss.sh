@@ -23,12 +23,17 @@ id=$(openssl pkey -pubin -in ec.pem -outform DER | tail -c 65 | sha1sum | cut -c
 check "give the EC key the ID that NSS expects" loggedIn --set-id "$id" --type privkey --id 02
 check "certificate for it" certs -S -x -n nssec -s "CN=NSS EC,E=ec@example.com" -t CT,CT,CT -k "$id" -m 3
 shows "NSS knows it as the user's own" "^$token:nssec +CTu,Cu,Cu" certs -L
+check "request" certs -R -s CN=request -k 01 -o request.der
+check "openssl verifies" openssl req -inform DER -in request.der -verify -noout
 
 for name in nssrsa nssec; do
   check "export $name" certs -L -n "$token:$name" -a -o $name.pem
   check "CMS signature" cmsutil -S -d db -f pin -N "$token:$name" -i document -o $name.cms -H SHA256
   check "openssl verifies" verifyCms $name.cms $name.pem
 done
+openssl cms -encrypt -aes256 -in document -binary -outform DER -out envelope nssrsa.pem
+check "open a CMS envelope" cmsutil -D -d db -f pin -i envelope -o plaintext
+check "its content" cmp document plaintext
 
 openssl req -x509 -newkey rsa:2048 -nodes -keyout own.key -subj /CN=Imported -days 30 -out own.crt 2>/dev/null
 openssl pkcs12 -export -inkey own.key -in own.crt -name imported -passout file:pin -out own.p12

@@ -9,6 +9,8 @@ for key in rsa ec; do
   private=${key}Key private=${!private}
   check "self-signed certificate, $key" selfSigned "$private" $key.crt /CN=localhost -addext subjectAltName=DNS:localhost
   check "openssl verifies" openssl verify -CAfile $key.crt $key.crt
+  check "request, $key" withEngine req -keyform engine -new -key "$private" -subj /CN=request -out $key.csr
+  check "openssl verifies" openssl req -in $key.csr -verify -noout
   check "CMS signature, $key" withEngine cms -sign -keyform engine -inkey "$private" -signer $key.crt -binary -nodetach \
     -in document -outform DER -out $key.cms
   check "openssl verifies" verifyCms $key.cms $key.crt
@@ -28,9 +30,18 @@ for salt in max 20; do
   check "has 32 bytes of salt" verifySignature rsa.pem signature -sha256 -sigopt rsa_padding_mode:pss -sigopt rsa_pss_saltlen:32
 done
 
+openssl pkeyutl -encrypt -pubin -inkey rsa.pem -in document -out ciphertext
+check "decrypt" withEngine pkeyutl -decrypt -keyform engine -inkey "$rsaKey" -in ciphertext -out plaintext
+check "the plaintext" cmp document plaintext
 openssl cms -encrypt -aes256 -in document -binary -outform DER -out envelope rsa.crt
 check "open a CMS envelope" withEngine cms -decrypt -keyform engine -inkey "$rsaKey" -recip rsa.crt -inform DER -in envelope -out plaintext
 check "its content" cmp document plaintext
+
+openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out peer.key
+openssl pkey -in peer.key -pubout -out peer.pem
+openssl pkeyutl -derive -inkey peer.key -peerkey ec.pem -out expected
+check "ECDH" withEngine pkeyutl -derive -keyform engine -inkey "$ecKey" -peerkey peer.pem -out secret
+check "the same secret" cmp expected secret
 
 # stunnel before a plain server: what an administrator does for a service that knows no tokens.
 port=$(port)

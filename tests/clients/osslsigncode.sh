@@ -14,4 +14,6 @@ for key in rsa ec; do
   check "sign a program, $key" osslsigncode sign -pkcs11engine "$engine" -pkcs11module "$module" -certs $key.crt \
     -key "pkcs11:object=$key;type=private" -readpass bare-pin -h sha256 -in "$windows/bin/sign_file.exe" -out $key.exe
   shows "verify it" 'Signature verification: ok' osslsigncode verify -CAfile ca.crt -in $key.exe
+  { head -c 5000 $key.exe; printf X; tail -c +5002 $key.exe; } >altered.exe
+  refuses "verify it altered" 'Signature verification: failed|MISMATCH|mismatch' osslsigncode verify -CAfile ca.crt -in altered.exe
 done

@@ -14,10 +14,11 @@ done <<'END'
 02 ec EC:prime256v1
 03 ec384 EC:secp384r1
 04 ec521 EC:secp521r1
+05 rsa4096 rsa:4096
 END
 check "read a public key" loggedIn --read-object --type pubkey --id 01 --output-file rsa.der
 check "it is the same as p11tool's" cmp rsa.der <(openssl pkey -pubin -in rsa.pem -outform DER)
-shows "list the private keys" '^4$' eval 'loggedIn --list-objects --type privkey | grep -c "Private Key Object"'
+shows "list the private keys" '^5$' eval 'loggedIn --list-objects --type privkey | grep -c "Private Key Object"'
 shows "no private key without the PIN" '^0$' eval 'client --list-objects --type privkey | grep -c "Private Key Object" || true'
 
 openssl dgst -sha256 -binary -out digest document
@@ -27,10 +28,14 @@ while read -r mechanism id key input options; do
     --input-file "$input" --output-file signature
   check "openssl verifies" verifySignature "$key.pem" signature "${options[@]}"
 done <<'END'
+SHA1-RSA-PKCS 01 rsa document -sha1
 SHA256-RSA-PKCS 01 rsa document -sha256
+SHA512-RSA-PKCS 05 rsa4096 document -sha512
 RSA-PKCS 01 rsa digest -sha256
 SHA256-RSA-PKCS-PSS 01 rsa document -sha256 -sigopt rsa_padding_mode:pss
+SHA512-RSA-PKCS-PSS 05 rsa4096 document -sha512 -sigopt rsa_padding_mode:pss
 ECDSA 02 ec digest -sha256
+ECDSA-SHA1 02 ec document -sha1
 ECDSA-SHA256 04 ec521 document -sha256
 ECDSA-SHA384 03 ec384 document -sha384
 END
@@ -74,8 +79,15 @@ check "openssl verifies" verifySignature own.pem signature -sha256
 
 check "hash" loggedIn --hash --mechanism SHA256 --input-file document --output-file hash
 check "the same as openssl's" cmp digest hash
+check "random bytes" client --generate-random 32 --output-file random
+shows "as many as wanted" '^32$' stat -c %s random
 
+for type in data pubkey secrkey:--key-type=AES:16; do
+  refuses "import of ${type%%:*}" CKR_FUNCTION_NOT_SUPPORTED loggedIn --write-object own-public.der --type "${type%%:*}" --label x $(sed -n 's/[^:]*:\(.*\)/\1/p' <<<"$type")
+done
+refuses "secret keys" 'Generate Key mechanism not supported' loggedIn --keygen --key-type AES:16 --label x
 refuses "RSA of 1536 bits" CKR_MECHANISM_INVALID loggedIn --keypairgen --key-type rsa:1536 --label x
+refuses "another curve" CKR_MECHANISM_INVALID loggedIn --keypairgen --key-type EC:secp256k1 --label x
 refuses "deleting a public key" CKR_OBJECT_HANDLE_INVALID loggedIn --delete-object --type pubkey --id 0a
 check "deleting the private key" loggedIn --delete-object --type privkey --id 0a
 refuses "the public key went with it" 'object not found' loggedIn --read-object --type pubkey --id 0a

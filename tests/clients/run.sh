@@ -7,7 +7,7 @@ builds=("${1:?the folder of the Linux build is missing}" "${2:?the folder of the
 shift 2
 scripts=("$@")
 if [[ $# == 0 ]]; then
-  for client in pkcs11_tool gnutls openssl_engine nss java openssh osslsigncode p11_kit node_windows documents; do
+  for client in pkcs11_tool gnutls openssl_engine nss java openssh osslsigncode p11_kit sign_file_windows node_windows documents; do
     scripts+=("$folder/$client.sh")
   done
   scripts+=("$folder/../../packaging/windows/test_package.sh")
