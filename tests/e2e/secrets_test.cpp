@@ -12,11 +12,13 @@
 #include <set>
 #include <thread>
 
+#include "softtoken/certificates.h"
 #include "softtoken/key_material.h"
 #include "softtoken/record_io.h"
 #include "softtoken/token_directory.h"
 #include "test_platform.h"
 #include "token_session.h"
+#include "vectors.h"
 
 namespace {
 
@@ -73,6 +75,7 @@ class Victim {
     importKey(CKR_OK);
     pause("keys made");
     sign();
+    manage();
     pause("signed");
     decrypt(CKM_RSA_PKCS);
     decrypt(CKM_RSA_PKCS_OAEP);
@@ -135,6 +138,21 @@ class Victim {
       check(token_->verify(mechanism, token_->find(CKO_PUBLIC_KEY, label), data, signature), "C_Verify");
       token_->signInParts(mechanism, key, data);
     }
+  }
+
+  // A certificate comes and goes, and a key is labelled anew.
+  void manage() {
+    CK_OBJECT_CLASS objectClass = CKO_CERTIFICATE;
+    CK_OBJECT_HANDLE made = 0;
+    Given certificate("certificate");
+    CK_ATTRIBUTE parts[] = {{CKA_CLASS, &objectClass, sizeof objectClass},
+                            {CKA_LABEL, const_cast<char*>("mine"), 4},
+                            {CKA_VALUE, certificate.data(), sizeOf(certificate)}};
+    CK_ATTRIBUTE label = {CKA_LABEL, const_cast<char*>("ec"), 2};
+    check(module()->C_CreateObject(token_->handle, parts, std::size(parts), &made), "C_CreateObject");
+    check(module()->C_DestroyObject(token_->handle, made), "C_DestroyObject");
+    check(module()->C_SetAttributeValue(token_->handle, token_->find(CKO_PRIVATE_KEY, "ec"), &label, 1),
+          "C_SetAttributeValue");
   }
 
   void decrypt(CK_MECHANISM_TYPE mechanism) {
@@ -323,6 +341,8 @@ TEST_F(SecretsTest, NoSecretOutlivesItsUse) {
   secret("imported prime 1", parts.field(1024));
   writeFile("modulus", masked(imported.publicKey));
   writeFile("peer", masked(peer_.publicKey));
+  std::ofstream("certificate.pem") << vectors::certificatePem;
+  writeFile("certificate", masked(softtoken::certificatesInFolder(".", {".pem"}).at(0).second));
   victim_ = testPlatform::startSelf({"--victim"});
   ASSERT_NO_FATAL_FAILURE(await("keys made"));
   ASSERT_NO_FATAL_FAILURE(addKeys(password));
