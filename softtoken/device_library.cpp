@@ -194,7 +194,7 @@ bool tavrin_changeUserPassword(const char* device, const char* oldPassword, cons
                                int* failureCounter, bool, bool, void*) {
   const int status = statusOf([&](LibraryState& library) {
     require(oldPassword && newPassword && failureCounter, "there is no password, or no room for the counter");
-    findToken(library, device).token->changeUserPassword(oldPassword, newPassword, *failureCounter);
+    findToken(library, device).token->setUserPassword(Role::user, oldPassword, newPassword, *failureCounter);
   });
   return status == static_cast<int>(Status::ok);
 }

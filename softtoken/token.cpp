@@ -134,27 +134,19 @@ MasterKey Token::unlockAlone(Role role, std::string_view password, int& triesLef
   return std::move(*masterKey);
 }
 
-void Token::changeUserPassword(std::string_view oldPassword, std::string_view newPassword, int& triesLeft) {
-  triesLeft = static_cast<int>(tries().user);
+void Token::setUserPassword(Role authority, std::string_view password, std::string_view newPassword, int& triesLeft) {
+  triesLeft = static_cast<int>(tries().of(authority));
   requireGoodPassword(newPassword);
-  require(!oldPassword.empty(), "the password is empty");
+  require(!password.empty(), "the password is empty");
   const FileLock alone(lockFile_);
-  const MasterKey masterKey = unlockAlone(Role::user, oldPassword, triesLeft);
+  const MasterKey masterKey = unlockAlone(authority, password, triesLeft);
   TokenState next = *state();
   next.user = makePasswordLock(newPassword, masterKey, next.serial, Role::user);
   storeAlone(std::move(next));
-  remember(*state(), newPassword, masterKey);
-}
-
-void Token::resetUserPassword(std::string_view officerPassword, std::string_view newPassword, int& triesLeft) {
-  triesLeft = static_cast<int>(tries().securityOfficer);
-  requireGoodPassword(newPassword);
-  require(!officerPassword.empty(), "the password is empty");
-  const FileLock alone(lockFile_);
-  const MasterKey masterKey = unlockAlone(Role::securityOfficer, officerPassword, triesLeft);
-  TokenState next = *state();
-  next.user = makePasswordLock(newPassword, masterKey, next.serial, Role::user);
-  storeAlone(std::move(next));
+  if (authority == Role::user) {
+    remember(*state(), newPassword, masterKey);
+    return;
+  }
   // Last: a kill before this line leaves the user locked, and this call to be repeated.
   Tries left = tries();
   left.user = mostTries;

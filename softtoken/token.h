@@ -38,9 +38,9 @@ class Token {
   // The same for the user, but a password that was right before is recognised without deriving a key from it.
   MasterKey unlockForUser(std::string_view password);
 
-  void changeUserPassword(std::string_view oldPassword, std::string_view newPassword, int& triesLeft);
-  // Sets a new user password and gives the user all tries, on the security officer's authority.
-  void resetUserPassword(std::string_view officerPassword, std::string_view newPassword, int& triesLeft);
+  // Sets a new user password on the authority of the user's old password or of the security officer's, which gives the
+  // user all tries again. The tries left are those of the authority.
+  void setUserPassword(Role authority, std::string_view password, std::string_view newPassword, int& triesLeft);
 
   // Applies `edit` to the newest state and stores the result, alone among all processes. What throws changes nothing.
   void change(const std::function<void(TokenState&)>& edit);

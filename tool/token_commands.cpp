@@ -150,7 +150,7 @@ void unlock(const Options& options) {
   const auto newPassword = readNewPassword({"user password", options.newPinFile, "TAVRIN_NEW_PIN"});
   int triesLeft = 0;
   try {
-    token.resetUserPassword(textIn(soPassword), textIn(newPassword), triesLeft);
+    token.setUserPassword(softtoken::Role::securityOfficer, textIn(soPassword), textIn(newPassword), triesLeft);
   } catch (const Failure& failure) {
     if (failure.status() != Status::wrongPassword) throw;
     throw Failure(failure.status(), "the security officer password is wrong; tries left: " + std::to_string(triesLeft));

@@ -84,8 +84,8 @@ TEST_F(SoftTokenTest, WrongPasswordsCountUntilTheRightOneOrTheLock) {
   EXPECT_EQ(tries, 10);
   EXPECT_EQ(login(soPin, 3), badArgument);
   softtoken::Token other = otherProcess();
-  EXPECT_THROW(other.resetUserPassword("wrong", "second", tries), softtoken::Failure);
-  other.resetUserPassword(soPin, "second", tries);
+  EXPECT_THROW(other.setUserPassword(softtoken::Role::securityOfficer, "wrong", "second", tries), softtoken::Failure);
+  other.setUserPassword(softtoken::Role::securityOfficer, soPin, "second", tries);
   EXPECT_EQ(login(pin), wrongPassword);
   EXPECT_EQ(sign(key, pattern(32), false, "second").status, ok) << "the keys outlive the password";
 }
@@ -103,7 +103,7 @@ TEST_F(SoftTokenTest, APasswordChangeEndsTheOldPasswordEverywhere) {
   EXPECT_EQ(sign(key, pattern(32)).status, wrongPassword);
   EXPECT_EQ(sign(key, pattern(32), false, "second").status, ok);
 
-  otherProcess().changeUserPassword("second", "third", tries);
+  otherProcess().setUserPassword(softtoken::Role::user, "second", "third", tries);
   EXPECT_EQ(sign(key, pattern(32), false, "second").status, wrongPassword);
   EXPECT_EQ(sign(key, pattern(32), false, "third").status, ok);
 }
