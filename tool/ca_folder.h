@@ -6,9 +6,6 @@
 
 namespace tool {
 
-// What follows the first "CN=" of a name text; the whole text when there is none.
-std::string commonName(const std::string& name);
-
 class CaFolder {
  public:
   // Below $TAVRIN_HOME, else below the first of the usual install folders that exists, else beside this program: the

@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "log/log.h"
+#include "objects/ca_installation.h"
 #include "softtoken/platform.h"
 #include "tool/ca_folder.h"
 #include "tool/command_line.h"
@@ -63,7 +64,8 @@ void judgeCertificate(const CertificateStatus& certificate, const std::string& t
     status.warnings.push_back("the certificate \"" + certificate.label + "\" on " + tokenName + " is unreadable");
     return;
   }
-  const std::string name = "the certificate of \"" + commonName(certificate.facts->subject) + "\" on " + tokenName;
+  const std::string name =
+      "the certificate of \"" + extractCommonName(certificate.facts->subject) + "\" on " + tokenName;
   judgeValidity(certificate, name, status);
   if (certificate.hasKey && certificate.chain == Chain::incomplete) {
     status.warnings.push_back(name + " has no complete chain: its issuer \"" + certificate.missingIssuer +

@@ -1,6 +1,6 @@
 #include "tool/status_report.h"
 
-#include "tool/ca_folder.h"
+#include "objects/ca_installation.h"
 #include "tool/json.h"
 #include "tool/log_commands.h"
 #include "tool/text.h"
@@ -84,7 +84,8 @@ std::string chainText(const CertificateStatus& certificate) {
 void writeCertificate(TextReport& report, std::size_t depth, const CertificateStatus& certificate) {
   if (!certificate.facts) return report.line(depth, "certificate", quoted(certificate.label) + ", UNREADABLE");
   const CertificateFacts& facts = *certificate.facts;
-  report.line(depth, "certificate", commonName(facts.subject) + ", issued by " + commonName(facts.issuer));
+  report.line(depth, "certificate",
+              extractCommonName(facts.subject) + ", issued by " + extractCommonName(facts.issuer));
   report.line(depth + 1, "valid", validityText(facts));
   report.line(depth + 1, "chain", chainText(certificate));
 }

@@ -4,12 +4,10 @@
 #include <map>
 
 #include "log/log.h"
+#include "objects/ca_installation.h"
 #include "platform/platform.h"
 
 namespace {
-
-constexpr const char* installFolders[] = {"C:/Program Files (x86)/Quorvane Telemantix/Tavrin",
-                                          "C:/Program Files/Quorvane Telemantix/Tavrin"};
 
 std::string programFolder() {
   const std::string path = platform::programPath();
@@ -77,16 +75,6 @@ std::string caFolder() {
   return baseFolder() + separator + "TavrinDSC" + separator + "Certificates";
 }
 
-std::string extractCommonName(std::string_view name) {
-  static constexpr std::string_view tag = "CN=";
-  for (auto start = name.find(tag); start != std::string_view::npos; start = name.find(tag, start + 1)) {
-    const std::string_view rest = name.substr(start + tag.size());
-    const std::string_view commonName = rest.substr(0, rest.find_first_of(",\n\r"));
-    if (!commonName.empty()) return std::string(commonName);
-  }
-  return std::string(name);
-}
-
 TavrinCertificate certificateRecord(std::string_view label, Bytes id, Bytes der) {
   TavrinCertificate record{};
   // Shorter than the field: the token takes labels of 128 bytes.
@@ -99,7 +87,7 @@ TavrinCertificate certificateRecord(std::string_view label, Bytes id, Bytes der)
 std::vector<TavrinCertificate> findChain(const TavrinCertificate& certificate, const std::string& issuerName) {
   const std::string folder = caFolder();
   logDebug("CA Folder: ", folder);
-  const auto files = tavrin_getFilesWithExtensionsAndConvertDER(folder, {".cer", ".der", ".pem", ".crt"}, nullptr);
+  const auto files = tavrin_getFilesWithExtensionsAndConvertDER(folder, caFileExtensions(), nullptr);
   if (files.empty()) return {};
   const CaTable table = readCaFiles(files);
   std::vector<std::string> issuers;

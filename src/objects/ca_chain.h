@@ -12,10 +12,6 @@
 // that exists, else below the folder of the running program.
 std::string caFolder();
 
-// The common name in a name text: what follows the first "CN=" up to a comma or the end of the line; the whole text
-// when there is none.
-std::string extractCommonName(std::string_view name);
-
 // A certificate as a record to import: its label and id cut to their fields, and the DER, which must fit.
 TavrinCertificate certificateRecord(std::string_view label, Bytes id, Bytes der);
 
