@@ -1,8 +1,10 @@
 #include "bench/bench_token.h"
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <thread>
 
 #include "softtoken/token_directory.h"
 
@@ -67,7 +69,7 @@ Surroundings::Surroundings() : folder_(fs::temp_directory_path() / "tavrin-bench
   std::string pattern = folder_.string();
   require(mkdtemp(pattern.data()) != nullptr, "making a temporary folder");
   folder_ = pattern;
-  for (const char* name : {"tokens", "temporary", "registry"}) fs::create_directory(folder_ / name);
+  for (const char* name : {"tokens", "temporary"}) fs::create_directory(folder_ / name);
   setenv("TAVRIN_SOFT_TOKENS", (folder_ / "tokens").c_str(), 1);
   setenv("TMPDIR", (folder_ / "temporary").c_str(), 1);
   setenv("TAVRIN_REGISTRY", (folder_ / "registry").c_str(), 1);
@@ -82,9 +84,10 @@ void Surroundings::setLogLevel(int level) const {
   const fs::path key = folder_ / "registry/Software/Quorvane Telemantix/Tavrin";
   fs::create_directories(key);
   std::ofstream(key / "logLevel") << level << '\n';
+  std::this_thread::sleep_for(std::chrono::milliseconds(2100));  // the module trusts no file that has just changed
 }
 
-void Surroundings::unsetLogLevel() const { fs::remove_all(folder_ / "registry/Software"); }
+void Surroundings::unsetLogLevel() const { fs::remove_all(folder_ / "registry"); }
 
 const Surroundings& surroundings() {
   static const Surroundings instance;

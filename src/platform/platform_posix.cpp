@@ -5,12 +5,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <mutex>
 
 #include "platform/platform.h"
 
@@ -29,6 +29,7 @@ class File {
   File& operator=(const File&) = delete;
 
   bool isOpen() const { return descriptor_ >= 0; }
+  bool describe(struct stat& status) const { return fstat(descriptor_, &status) == 0; }
   ssize_t read(void* buffer, std::size_t size) const { return ::read(descriptor_, buffer, size); }
   void write(std::string_view text) const {
     // A disk that is full cuts the line short; writing the rest later would tear other lines.
@@ -49,6 +50,58 @@ std::optional<std::uint32_t> decimalValue(const char* text) {
   if (*end != '\0') return std::nullopt;
   return static_cast<std::uint32_t>(value);
 }
+
+bool same(const timespec& left, const timespec& right) {
+  return left.tv_sec == right.tv_sec && left.tv_nsec == right.tv_nsec;
+}
+
+// The number in a small file. Asking the system about a file costs a third of opening, reading and closing it, and as
+// long as it tells the same of the file, the number that was read last stands there still.
+class NumberInFile {
+ public:
+  // Nothing when the file is missing, unreadable or no decimal text.
+  std::optional<std::uint32_t> read(const char* path) {
+    struct stat status;
+    if (stat(path, &status) != 0) return std::nullopt;
+    // Never waits: the holder may be a thread that a fork has left behind. Whoever comes second reads the file.
+    const std::unique_lock lock(mutex_, std::try_to_lock);
+    if (lock && known_ && isKnown(status)) return number_;
+
+    // A pipe in the place of the file must not hold the caller up.
+    const File file(path, O_RDONLY | O_NONBLOCK);
+    if (!file.isOpen() || !file.describe(status)) return std::nullopt;
+    const bool settled = isSettled(status);
+    char text[32];
+    const ssize_t count = file.read(text, sizeof text - 1);
+    if (count < 0) return std::nullopt;
+    text[count] = '\0';
+    const auto number = decimalValue(text);
+    if (lock) {
+      known_ = settled;
+      status_ = status;
+      number_ = number;
+    }
+    return number;
+  }
+
+ private:
+  bool isKnown(const struct stat& status) const {
+    return status.st_dev == status_.st_dev && status.st_ino == status_.st_ino && status.st_size == status_.st_size &&
+           same(status.st_ctim, status_.st_ctim) && same(status.st_mtim, status_.st_mtim);
+  }
+
+  // The clock of a file system may tick slowly: only after a while is a further change sure to show another time.
+  static bool isSettled(const struct stat& status) {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return S_ISREG(status.st_mode) && now.tv_sec - status.st_ctim.tv_sec >= 2;
+  }
+
+  std::mutex mutex_;  // guards everything below
+  bool known_ = false;
+  struct stat status_ {};
+  std::optional<std::uint32_t> number_;
+};
 
 // Put together by hand, since the level of the log is read for every line.
 bool registryPath(std::string_view root, std::string_view key, std::string_view name, char* path, std::size_t size) {
@@ -71,19 +124,8 @@ std::optional<std::size_t> readRegistryValue(const char* key, const char* name, 
   if (root == nullptr || *root == '\0') root = "/etc/tavrin/registry";
   char path[1024];
   if (!registryPath(root, key, name, path, sizeof path)) return std::nullopt;
-  // Most machines have no such file, and asking for it costs half of what a failing open does.
-  static std::atomic<bool> missedBefore = false;
-  struct stat status;
-  if (missedBefore.load(std::memory_order_relaxed) && stat(path, &status) != 0) return std::nullopt;
-  // A pipe in the place of the file must not hold the caller up.
-  const File file(path, O_RDONLY | O_NONBLOCK);
-  missedBefore.store(!file.isOpen(), std::memory_order_relaxed);
-  if (!file.isOpen()) return std::nullopt;
-  char text[32];
-  const ssize_t count = file.read(text, sizeof text - 1);
-  if (count < 0) return std::nullopt;
-  text[count] = '\0';
-  const auto value = decimalValue(text);
+  static constinit NumberInFile file;
+  const auto value = file.read(path);
   if (!value || size < sizeof *value) return std::nullopt;
   for (std::size_t i = 0; i < sizeof *value; ++i) buffer[i] = static_cast<std::uint8_t>(*value >> (8 * i));
   return sizeof *value;

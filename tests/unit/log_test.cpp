@@ -1,6 +1,8 @@
 // Where the log stands, how its lines look, and what the configured level lets through.
+#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "module_test.h"
 #include "test_platform.h"
@@ -60,6 +62,21 @@ TEST_F(LogTest, LevelIsTheFirstByteOfTheValueAndIsReadForEveryLine) {
   for (const testPlatform::OddLogLevel& odd : testPlatform::oddLogLevels()) {
     odd.set();
     expectLines(odd.name, odd.errorsLogged, odd.callsLogged);
+  }
+}
+
+TEST_F(LogTest, LevelThatHasLongBeenTheSameCountsAtOnceWhenItChanges) {
+  const CK_SESSION_HANDLE bad = 1;
+  const Lines silent{"= 0xB3"};
+  const Lines refused{"C_CloseSession: invalid hSession=1", "= 0xB3"};
+  testPlatform::setLogLevel(2);
+  std::this_thread::sleep_for(std::chrono::milliseconds(2100));
+  EXPECT_EQ(run(CALL(C_CloseSession, bad)), refused);
+  for (int i = 0; i < 100; ++i) {
+    testPlatform::setLogLevel(1);
+    ASSERT_EQ(run(CALL(C_CloseSession, bad)), silent) << i;
+    testPlatform::setLogLevel(2);
+    ASSERT_EQ(run(CALL(C_CloseSession, bad)), refused) << i;
   }
 }
 
