@@ -21,8 +21,9 @@ Bytes pattern(std::size_t count) {
 }
 
 Bytes rsaPublicKeyInfo() {
-  return fromHex(std::string("30819f300d06092a864886f70d010101050003818d0030818902818100") + vectors::modulus +
-                 "0203010001");
+  std::string der = "30819f300d06092a864886f70d010101050003818d0030818902818100";
+  der.append(vectors::modulus).append("0203010001");
+  return fromHex(der);
 }
 
 TavrinCertificate certificateRecord() {
