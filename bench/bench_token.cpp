@@ -70,24 +70,35 @@ Surroundings::Surroundings() : folder_(fs::temp_directory_path() / "tavrin-bench
   require(mkdtemp(pattern.data()) != nullptr, "making a temporary folder");
   folder_ = pattern;
   for (const char* name : {"tokens", "temporary"}) fs::create_directory(folder_ / name);
+  for (const int level : {2, 3}) {
+    const fs::path key = unusedRegistry(level) / "Software/Quorvane Telemantix/Tavrin";
+    fs::create_directories(key);
+    std::ofstream(key / "logLevel") << level << '\n';
+  }
   setenv("TAVRIN_SOFT_TOKENS", (folder_ / "tokens").c_str(), 1);
   setenv("TMPDIR", (folder_ / "temporary").c_str(), 1);
   setenv("TAVRIN_REGISTRY", (folder_ / "registry").c_str(), 1);
+  made_ = std::chrono::steady_clock::now();
 }
+
+fs::path Surroundings::unusedRegistry(int level) const { return folder_ / ("level-" + std::to_string(level)); }
 
 Surroundings::~Surroundings() {
   std::error_code ignored;
   fs::remove_all(folder_, ignored);
 }
 
-void Surroundings::setLogLevel(int level) const {
-  const fs::path key = folder_ / "registry/Software/Quorvane Telemantix/Tavrin";
-  fs::create_directories(key);
-  std::ofstream(key / "logLevel") << level << '\n';
-  std::this_thread::sleep_for(std::chrono::milliseconds(2100));  // the module trusts no file that has just changed
+LogLevel::LogLevel(const Surroundings& surroundings, int level)
+    : unused_(surroundings.unusedRegistry(level)), used_(surroundings.folder() / "registry") {
+  // The module trusts no file that is newer.
+  std::this_thread::sleep_until(surroundings.made() + std::chrono::milliseconds(2100));
+  fs::rename(unused_, used_);
 }
 
-void Surroundings::unsetLogLevel() const { fs::remove_all(folder_ / "registry"); }
+LogLevel::~LogLevel() {
+  std::error_code ignored;
+  fs::rename(used_, unused_, ignored);
+}
 
 const Surroundings& surroundings() {
   static const Surroundings instance;

@@ -1,6 +1,7 @@
 // A software token of its own for the benchmarks, and a logged-in session of the module on it.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <string>
@@ -16,7 +17,8 @@ inline constexpr const char* pin = "benchmark";
 // Ends the benchmark program when a call of the module or the device library fails: its times would mean nothing.
 void require(bool succeeded, const char* what);
 
-// Temporary folders for tokens, log and registry, named to the module by the environment; removed at the end.
+// Temporary folders for tokens, log and registry, named to the module by the environment; removed at the end. There is
+// no registry yet, as on a machine that nobody has configured: the log's level is 2.
 class Surroundings {
  public:
   Surroundings();
@@ -24,13 +26,27 @@ class Surroundings {
   Surroundings(const Surroundings&) = delete;
   Surroundings& operator=(const Surroundings&) = delete;
 
-  // Without a value, as on a machine that nobody has configured, the level is 2.
-  void setLogLevel(int level) const;
-  void unsetLogLevel() const;
   const std::filesystem::path& folder() const { return folder_; }
+  // A registry with that level, 2 or 3, in a place where nobody looks for it.
+  std::filesystem::path unusedRegistry(int level) const;
+  std::chrono::steady_clock::time_point made() const { return made_; }
 
  private:
   std::filesystem::path folder_;
+  std::chrono::steady_clock::time_point made_;
+};
+
+// Puts a registry with that level in its place for as long as this lives; one at a time.
+class LogLevel {
+ public:
+  LogLevel(const Surroundings& surroundings, int level);
+  ~LogLevel();
+  LogLevel(const LogLevel&) = delete;
+  LogLevel& operator=(const LogLevel&) = delete;
+
+ private:
+  std::filesystem::path unused_;
+  std::filesystem::path used_;
 };
 
 // The one token: an RSA 2048 and two P-256 key pairs and a certificate. Made before the module is initialised.

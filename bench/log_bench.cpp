@@ -1,6 +1,7 @@
 // What a log line costs, beside one plain append to a file.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
@@ -19,15 +20,13 @@ void debugLineLeftOut(State& state) {
 }
 
 void debugLineLeftOutByValue(State& state) {
-  surroundings().setLogLevel(2);
+  const LogLevel level(surroundings(), 2);
   debugLineLeftOut(state);
-  surroundings().unsetLogLevel();
 }
 
 void debugLineAlone(State& state) {
-  surroundings().setLogLevel(3);
+  const LogLevel level(surroundings(), 3);
   debugLineLeftOut(state);
-  surroundings().unsetLogLevel();
 }
 
 // The three lines of a call that fetches nothing more of a search: name, total and count.
@@ -37,9 +36,8 @@ void debugLineOfSeveral(State& state) {
   std::vector<CK_OBJECT_HANDLE> found(1000);
   CK_ULONG count = 0;
   C_FindObjects(session(), found.data(), static_cast<CK_ULONG>(found.size()), &count);
-  surroundings().setLogLevel(3);
+  const LogLevel level(surroundings(), 3);
   while (state.KeepRunningBatch(lines)) C_FindObjects(session(), found.data(), 1, &count);
-  surroundings().unsetLogLevel();
   C_FindObjectsFinal(session());
 }
 
@@ -59,12 +57,29 @@ void plainAppend(State& state) {
   }
 }
 
+// What the system takes to tell that no level is set, and what a token's file is like now: the greater part of all
+// calls that ask the token for no more than its records.
+void levelLookedFor(State& state) {
+  const std::string path = (surroundings().folder() / "registry/Software/Quorvane Telemantix/Tavrin/logLevel").string();
+  struct stat status;
+  for (auto _ : state) benchmark::DoNotOptimize(stat(path.c_str(), &status));
+}
+
+void tokenLookedAt(State& state) {
+  token();
+  const std::string path = (surroundings().folder() / "tokens/bench/token").string();
+  struct stat status;
+  for (auto _ : state) benchmark::DoNotOptimize(stat(path.c_str(), &status));
+}
+
 BENCHMARK(debugLineLeftOut)->Name("debug line left out, no level set");
 BENCHMARK(debugLineLeftOutByValue)->Name("debug line left out, level set to 2");
 BENCHMARK(debugLineAlone)->Name("debug line at level 3, one in a call");
 BENCHMARK(debugLineOfSeveral)->Name("debug line at level 3, of three in a call");
 BENCHMARK(plainAppend)->Name("open, append a line and close a file");
 BENCHMARK(errorLineWritten)->Name("error line at level 2");
+BENCHMARK(levelLookedFor)->Name("the system's answer: no level file");
+BENCHMARK(tokenLookedAt)->Name("the system's answer: state of the token's file");
 
 }  // namespace
 }  // namespace bench

@@ -3,7 +3,6 @@
 # Arguments go to Google Benchmark, for example --benchmark_filter=sign.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-build=build/bench
-cmake --preset linux -B "$build" -DTAVRIN_BUILD_BENCHMARKS=ON -DTAVRIN_BUILD_TESTS=OFF >/dev/null
-cmake --build "$build" --target module_bench -- -j"$(nproc)" >/dev/null
-exec "$build/bin/module_bench" "$@"
+cmake --preset linux -DTAVRIN_BUILD_BENCHMARKS=ON >/dev/null
+cmake --build --preset linux --parallel "$(nproc)" --target module_bench >/dev/null
+exec build/linux/bin/module_bench "$@"

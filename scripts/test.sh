@@ -1,7 +1,8 @@
 #!/bin/bash
 # Builds everything for every target and runs all tests: scripts/test.sh [STEP ...]
-# Steps: format, linux, linux-asan, linux-tsan, fuzz, windows, clients, tidy, reproducible; all by default, in this order.
-# The last line counts the tests of all targets, each of the other steps being one; the exit code is 0 if none failed.
+# Steps: format, linux, bench, linux-asan, linux-tsan, fuzz, windows, clients, tidy, reproducible; all by default, in this
+# order. The last line counts the tests of all targets, each of the other steps being one; the exit code is 0 if none
+# failed.
 set -euo pipefail
 exec </dev/null
 cd "$(dirname "$0")/.."
@@ -110,6 +111,12 @@ step() {
     linux | linux-asan)
       buildAndTest "$1"
       ;;
+    bench)
+      # Only to see that they run; scripts/bench.sh takes longer and is surer.
+      say "== bench: a short run of the benchmarks"
+      attempt "bench" bench.log scripts/bench.sh --benchmark_repetitions=3 --benchmark_min_time=0.02 &&
+        sed 's/^/   /' "$logs/bench.log"
+      ;;
     linux-tsan)
       # ThreadSanitizer needs addresses that some kernels randomise too widely; leave that off where it can be.
       if setarch -R true 2>/dev/null; then buildAndTest "$1" setarch -R; else buildAndTest "$1"; fi
@@ -135,7 +142,7 @@ step() {
       attempt "reproducible" reproducible.log checkReproducible
       ;;
     *)
-      say "unknown step '$1'; there are: format linux linux-asan linux-tsan fuzz windows clients tidy reproducible" >&2
+      say "unknown step '$1'; there are: format linux bench linux-asan linux-tsan fuzz windows clients tidy reproducible" >&2
       exit 2
       ;;
   esac
@@ -147,7 +154,7 @@ export ASAN_OPTIONS=detect_leaks=1:detect_stack_use_after_return=1:check_initial
 export UBSAN_OPTIONS=print_stacktrace=1
 export TSAN_OPTIONS=second_deadlock_stack=1
 steps=("$@")
-[[ $# -gt 0 ]] || steps=(format linux linux-asan linux-tsan fuzz windows clients tidy reproducible)
+[[ $# -gt 0 ]] || steps=(format linux bench linux-asan linux-tsan fuzz windows clients tidy reproducible)
 for name in "${steps[@]}"; do
   step "$name" || true
 done
