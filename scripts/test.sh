@@ -85,8 +85,12 @@ checkFormat() {
     xargs -0 clang-format --dry-run --Werror
 }
 
+# The module's sources are built for two ABIs; looking at them in that of Windows is enough.
 checkTidy() {
-  cmake --preset linux && run-clang-tidy -quiet -p build/linux -j "$jobs" "^$top/(src|softtoken|tool|examples)/"
+  cmake --preset linux && mkdir -p build/tidy &&
+    jq 'map(select(.command | contains("tavrin_module_native.dir") | not))' build/linux/compile_commands.json \
+      >build/tidy/compile_commands.json &&
+    run-clang-tidy -quiet -p build/tidy -j "$jobs" "^$top/(src|softtoken|tool|examples)/"
 }
 
 # Builds both libraries for Windows once more, from a copy that lies elsewhere, and compares the files.
