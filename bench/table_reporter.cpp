@@ -18,11 +18,13 @@ void TableReporter::ReportRuns(const std::vector<Run>& runs) {
     if (!run.run_name.args.empty()) name += " (N = " + run.run_name.args + ")";
     Row& row = rows_[{run.family_index, run.per_family_instance_index}];
     row.what = name;
-    const auto module = run.counters.find("module");
-    const bool compared = module != run.counters.end();
-    row.module =
-        compared ? module->second.value : run.real_accumulated_time / static_cast<double>(run.iterations) * 1e6;
-    row.direct = compared ? run.counters.at("direct").value : 0;
+    const auto direct = run.counters.find("direct");
+    if (direct == run.counters.end()) {
+      row.module = run.real_accumulated_time / static_cast<double>(run.iterations) * 1e6;
+    } else {
+      row.direct = direct->second.value;
+      row.module = row.direct + run.counters.at("longer").value;
+    }
   }
 }
 

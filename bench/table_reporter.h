@@ -11,7 +11,8 @@
 
 namespace bench {
 
-// A benchmark that compares gives the counters "module" and "direct", in microseconds; of any other the time is shown.
+// A benchmark that compares gives the counters "direct" and "longer", which the module's way takes more, in
+// microseconds; of any other the time is shown.
 class TableReporter : public benchmark::BenchmarkReporter {
  public:
   bool ReportContext(const Context& context) override;
