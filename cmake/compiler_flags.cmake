@@ -34,3 +34,12 @@ function(tavrin_compiler_flags target)
     target_link_options(${target} PRIVATE -fsanitize=${TAVRIN_SANITIZERS})
   endif()
 endfunction()
+
+# tavrin_precompile_in_tests(target): has sanitizer builds, which are there for the tests alone, read the standard
+# library once. The other builds do without, and so show when a source does not include what it uses.
+function(tavrin_precompile_in_tests target)
+  if(TAVRIN_SANITIZERS)
+    target_precompile_headers(${target} PRIVATE
+      <algorithm> <filesystem> <functional> <map> <memory> <mutex> <optional> <span> <string> <string_view> <vector>)
+  endif()
+endfunction()
