@@ -1,12 +1,10 @@
 // Each kind of call through the module beside the calls of the device library that do its work.
 #include <benchmark/benchmark.h>
 
-#include <algorithm>
 #include <array>
-#include <chrono>
-#include <vector>
 
 #include "bench/bench_token.h"
+#include "bench/compare.h"
 
 namespace bench {
 namespace {
@@ -48,36 +46,6 @@ void signDirectly(const TavrinKeyPair& key) {
   require(tavrin_signHash(token().serial.c_str(), key.recordId, pin, digest.data(), digestLength, signature.data(),
                           &length, false, token().instance, false) == 0,
           "signing directly");
-}
-
-double median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
-}
-
-// Times both ways in turn and reports the median of the direct way and that of what the module's way takes longer than
-// its neighbour: what else the machine does meets two neighbours alike.
-template <typename Module, typename Direct>
-void compare(State& state, Module throughModule, Direct directly) {
-  using Clock = std::chrono::steady_clock;
-  session();
-  const auto timed = [](const auto& work) {
-    const auto start = Clock::now();
-    work();
-    return std::chrono::duration<double, std::micro>(Clock::now() - start).count();
-  };
-  std::vector<double> direct;
-  std::vector<double> longer;
-  bool moduleFirst = false;
-  for (auto _ : state) {
-    moduleFirst = !moduleFirst;
-    const double before = moduleFirst ? timed(throughModule) : 0;
-    direct.push_back(timed(directly));
-    const double through = moduleFirst ? before : timed(throughModule);
-    longer.push_back(through - direct.back());
-  }
-  state.counters["direct"] = median(std::move(direct));
-  state.counters["longer"] = median(std::move(longer));
 }
 
 template <TavrinKeyPair BenchToken::*key, CK_MECHANISM_TYPE type>

@@ -7,6 +7,10 @@
 
 namespace {
 
+// What stands before the message; all tags have the same length.
+constexpr char lineHead[] = "00/00::00:00:00:000-> ->INFO  ::=>";
+constexpr std::size_t tagPlace = 24;
+
 const char* levelTag(int level) {
   switch (level) {
     case exceptionLevel:
@@ -33,17 +37,15 @@ void putNumber(char* place, int width, int number) {
   for (; width > 0; number /= 10) place[--width] = static_cast<char>('0' + number % 10);
 }
 
-std::string formatLine(const platform::LocalTime& now, int level, std::string_view message) {
-  char time[] = "00/00::00:00:00:000-> ->";
-  putNumber(time, 2, now.day);
-  putNumber(time + 3, 2, now.month);
-  putNumber(time + 7, 2, now.hour);
-  putNumber(time + 10, 2, now.minute);
-  putNumber(time + 13, 2, now.second);
-  putNumber(time + 16, 3, now.millisecond);
-  std::string line;
-  line.reserve(sizeof time + message.size() + 16);
-  return line.append(time, sizeof time - 1).append(levelTag(level)).append(message).append("\n");
+void putHead(char* head, const platform::LocalTime& now, int level) {
+  putNumber(head, 2, now.day);
+  putNumber(head + 3, 2, now.month);
+  putNumber(head + 7, 2, now.hour);
+  putNumber(head + 10, 2, now.minute);
+  putNumber(head + 13, 2, now.second);
+  putNumber(head + 16, 3, now.millisecond);
+  const std::string_view tag = levelTag(level);
+  tag.copy(head + tagPlace, tag.size());
 }
 
 struct ProcessName {
@@ -80,16 +82,27 @@ void appendFileName(std::string& path, const platform::LocalTime& today) {
   path += name;
 }
 
+}  // namespace
+
+namespace log_detail {
+
+std::string beginLine() {
+  std::string line;
+  line.reserve(160);  // most lines
+  return line.append(lineHead, sizeof lineHead - 1);
+}
+
 // The folders are looked at only when the file cannot be opened: that is at the first line of a program, and doing so
 // for each line would double its cost.
-void appendLine(int level, std::string_view message) {
+void writeLine(int level, std::string& line) {
   char baseFolder[logPathSize];
   const bool found = platform::temporaryFolder(baseFolder, sizeof baseFolder);
   const platform::LocalTime now = platform::localTime();
   std::string path = logFolder(found ? baseFolder : "");
   const std::size_t folderLength = path.size();
   appendFileName(path, now);
-  const std::string line = formatLine(now, level, message);
+  putHead(line.data(), now, level);
+  line += '\n';
   if (found && platform::appendToFile(path.c_str(), line)) return;
   if (!getLogBaseFolderPath(baseFolder)) {
     std::fputs("\nUnable to getLogBaseFolderPath", stdout);
@@ -98,10 +111,6 @@ void appendLine(int level, std::string_view message) {
   createFolders(path.substr(0, folderLength));
   if (!platform::appendToFile(path.c_str(), line)) std::fputs("\nUnable to write log", stdout);
 }
-
-}  // namespace
-
-namespace log_detail {
 
 void append(std::string& message, Hex hex) {
   static constexpr char digits[] = "0123456789ABCDEF";
@@ -145,7 +154,9 @@ bool getLogBaseFolderPath(char* buffer) noexcept {
 
 void writeLog(int level, std::string_view message) noexcept {
   try {
-    appendLine(level, message);
+    std::string line = log_detail::beginLine();
+    line += message;
+    log_detail::writeLine(level, line);
   } catch (const std::exception& exception) {
     log_detail::reportException("Exception in write log : ", exception.what());
   }

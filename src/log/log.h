@@ -51,12 +51,18 @@ void append(std::string& message, Number number) {
 
 void reportException(const char* where, const char* what) noexcept;
 
+// A line with room for its head, for the message to be appended to.
+std::string beginLine();
+
+// Fills in the head, ends the line and writes it.
+void writeLine(int level, std::string& line);
+
 template <typename... Parts>
 void compose(int level, const Parts&... parts) noexcept {
   try {
-    std::string message;
-    (append(message, parts), ...);
-    writeLog(level, message);
+    std::string line = beginLine();
+    (append(line, parts), ...);
+    writeLine(level, line);
   } catch (const std::exception& exception) {
     reportException("Exception in write log : ", exception.what());
   }
