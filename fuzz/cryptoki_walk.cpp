@@ -61,6 +61,8 @@ class RandomTemplate {
     for (std::size_t i = 0; i < count; ++i) {
       const CK_ATTRIBUTE_TYPE type = attributeTypes[input.below(std::size(attributeTypes))];
       std::string value = valueFor(type, input);
+      // A derived secret is as long as its caller wants, and stays: gigabytes would be right, but no finding.
+      if (type == CKA_VALUE_LEN && value.size() > 1) std::fill(value.begin() + 1, value.end(), '\0');
       const CK_ULONG length = lengthOf(value);
       if (type == CKA_LABEL) value += '\0';  // read up to its NUL by searches
       memory_.push_back(std::make_unique<char[]>(value.size()));
