@@ -51,10 +51,10 @@ void append(std::string& message, Number number) {
 
 void reportException(const char* where, const char* what) noexcept;
 
-// A line with room for its head, for the message to be appended to.
+// A line with room for its head, for the message to be appended to. Throws when memory runs out, as writeLine does.
 std::string beginLine();
 
-// Fills in the head, ends the line and writes it.
+// Fills in the head of a line that beginLine made, ends the line and writes it.
 void writeLine(int level, std::string& line);
 
 template <typename... Parts>
