@@ -5,7 +5,7 @@
 set -euo pipefail
 
 packages=(
-  cmake make g++ binutils                                            # the native build
+  cmake ninja-build ccache g++ binutils                              # the native build
   g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64               # the Windows build
   wine64                                                             # running it
   libgcrypt20-dev libksba-dev libgpg-error-dev                       # the software token
