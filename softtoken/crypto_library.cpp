@@ -146,6 +146,8 @@ Mpi mpiOf(ByteView bigEndian) {
 
 Mpi secretMpiOf(ByteView bigEndian) {
   Mpi number = mpiOf(bigEndian);
+  // libgcrypt ends the process when a zero, which has no memory, is to become a secret one.
+  if (gcry_mpi_cmp_ui(number.get(), 0) == 0) return newSecretMpi();
   gcry_mpi_set_flag(number.get(), GCRYMPI_FLAG_SECURE);
   return number;
 }

@@ -21,8 +21,16 @@ Sexp digestExpression(const Curve& curve, ByteView input) {
   return makeSexp("(data(flags raw)(value %m))", number.get());
 }
 
+CurveContext openCurve(const Curve& curve) {
+  readyCryptoLibrary();
+  gcry_ctx_t opened = nullptr;
+  check(gcry_mpi_ec_new(&opened, nullptr, curve.name), "opening a curve");
+  return CurveContext(opened);
+}
+
 // Throws badArgument for a point that is not on the curve.
 Point decodePoint(const Curve& curve, ByteView bytes, gcry_ctx_t context) {
+  require(looksLikePoint(curve, bytes), "no public point of this curve");
   const Mpi x = mpiOf(bytes.subspan(1, curve.length));
   const Mpi y = mpiOf(bytes.subspan(1 + curve.length));
   Point point(gcry_mpi_point_set(nullptr, x.get(), y.get(), GCRYMPI_CONST_ONE));
@@ -57,7 +65,7 @@ Bytes signEcdsa(const Curve& curve, const EcKey& key, ByteView input) {
 }
 
 void verifyEcdsa(const Curve& curve, ByteView point, ByteView input, ByteView signature) {
-  require(looksLikePoint(curve, point), "no public point of this curve");
+  decodePoint(curve, point, openCurve(curve).get());
   if (signature.size() != 2 * curve.length) throw Failure(Status::badSignature, "the signature has a wrong length");
   const Sexp data = digestExpression(curve, input);
   const Sexp publicKey =
@@ -76,16 +84,14 @@ SecretBytes deriveEcdh(const Curve& curve, ByteView scalar, ByteView peerPoint) 
     require(wrapped && rest.empty() && looksLikePoint(curve, wrapped->content), "no point of this curve");
     peerPoint = wrapped->content;
   }
-  readyCryptoLibrary();
-  gcry_ctx_t opened = nullptr;
-  check(gcry_mpi_ec_new(&opened, nullptr, curve.name), "opening a curve");
-  const CurveContext context(opened);
-  const Point peer = decodePoint(curve, peerPoint, opened);
+  const CurveContext context = openCurve(curve);
+  const Point peer = decodePoint(curve, peerPoint, context.get());
   const Point shared(gcry_mpi_point_new(0));
   const Mpi factor = secretMpiOf(scalar);
-  gcry_mpi_ec_mul(shared.get(), factor.get(), peer.get(), opened);
+  gcry_mpi_ec_mul(shared.get(), factor.get(), peer.get(), context.get());
   const Mpi x = newSecretMpi();
-  require(gcry_mpi_ec_get_affine(x.get(), nullptr, shared.get(), opened) == 0, "the shared point is at infinity");
+  require(gcry_mpi_ec_get_affine(x.get(), nullptr, shared.get(), context.get()) == 0,
+          "the shared point is at infinity");
   return fixedLength<SecretBytes>(x.get(), curve.length);
 }
 

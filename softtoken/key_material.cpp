@@ -69,8 +69,10 @@ KeyMaterial importRsaKeyMaterial(ByteView modulus, ByteView privateExponent, Byt
       std::ranges::find_if(keyKinds, [&](const KeyKind& row) { return row.rsaBits == number.size() * 8; });
   require(kind != std::end(keyKinds) && !kind->curve && (number[0] & 0x80) != 0,
           "the modulus has none of the lengths 1024, 2048, 3072 and 4096 bits");
-  require(privateExponent.size() <= modulus.size() && prime.size() <= modulus.size(), "the RSA key is too long");
-  return pack(kind->keyType, completeRsaKey(number, privateExponent, prime));
+  const ByteView exponent = withoutLeadingZeros(privateExponent);
+  const ByteView factor = withoutLeadingZeros(prime);
+  require(exponent.size() <= number.size() && factor.size() < number.size(), "the RSA key is too long");
+  return pack(kind->keyType, completeRsaKey(number, exponent, factor));
 }
 
 Bytes signWith(const KeyMaterial& key, ByteView input, bool pss) {

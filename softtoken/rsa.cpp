@@ -9,6 +9,8 @@ namespace {
 
 constexpr std::size_t smallestModulus = 1024 / 8;
 constexpr std::size_t largestModulus = 4096 / 8;
+// No standard allows longer ones, and the time that an operation takes grows with the exponent.
+constexpr std::size_t largestExponent = 256 / 8;
 
 const char* hashNameForLength(std::size_t length) {
   switch (length) {
@@ -47,13 +49,21 @@ Sexp publicExpression(ByteView modulus, ByteView exponent) {
   return makeSexp("(public-key(rsa(n %m)(e %m)))", n.get(), e.get());
 }
 
+bool isOdd(ByteView number) { return !number.empty() && (number.back() & 1) != 0; }
+
 Sexp publicExpression(const RsaPublicKey& key) {
-  require(key.modulus.size() >= smallestModulus && key.modulus.size() <= largestModulus && !key.exponent.empty(),
+  const bool exponentFits =
+      isOdd(key.exponent) && key.exponent.size() <= largestExponent && (key.exponent.size() > 1 || key.exponent[0] > 1);
+  require(key.modulus.size() >= smallestModulus && key.modulus.size() <= largestModulus && isOdd(key.modulus) &&
+              exponentFits,
           "no RSA public key");
   return publicExpression(key.modulus, key.exponent);
 }
 
 Sexp privateExpression(const RsaPrivateKey& key) {
+  // libgcrypt divides by them.
+  for (const SecretBytes* part : {&key.exponent, &key.prime1, &key.prime2, &key.coefficient})
+    if (withoutLeadingZeros(*part).empty()) throw Failure(Status::deviceFault, "a stored RSA key is damaged");
   const Mpi n = mpiOf(key.modulus);
   const Mpi e = mpiOf(rsaPublicExponent);
   const Mpi d = secretMpiOf(key.exponent);
@@ -141,11 +151,11 @@ Bytes signRsa(const RsaPrivateKey& key, ByteView input, bool pss) {
 void verifyRsa(const RsaPublicKey& key, ByteView input, ByteView signature, bool pss) {
   const Sexp publicKey = publicExpression(key);
   const Sexp data = signatureInput(input, pss, key.modulus.size());
+  if (signature.size() != key.modulus.size()) throw Failure(Status::badSignature, "the signature has a wrong length");
   const Mpi number = mpiOf(signature);
   const Mpi modulus = mpiOf(key.modulus);
   const Sexp expression = makeSexp("(sig-val(rsa(s %m)))", number.get());
-  if (signature.size() != key.modulus.size() || gcry_mpi_cmp(number.get(), modulus.get()) >= 0 ||
-      gcry_pk_verify(expression.get(), data.get(), publicKey.get()))
+  if (gcry_mpi_cmp(number.get(), modulus.get()) >= 0 || gcry_pk_verify(expression.get(), data.get(), publicKey.get()))
     throw Failure(Status::badSignature, "the signature is not valid");
 }
 
@@ -163,9 +173,11 @@ Bytes encryptRsa(const RsaPublicKey& key, ByteView message, bool oaep) {
 }
 
 SecretBytes decryptRsa(const RsaPrivateKey& key, ByteView ciphertext) {
+  require(ciphertext.size() == key.modulus.size(), "the ciphertext does not fit the key");
   const Mpi number = mpiOf(ciphertext);
   const Mpi modulus = mpiOf(key.modulus);
-  require(ciphertext.size() == key.modulus.size() && gcry_mpi_cmp(number.get(), modulus.get()) < 0,
+  // Zero and one stay what they are; no padded message becomes one of them.
+  require(gcry_mpi_cmp(number.get(), modulus.get()) < 0 && gcry_mpi_cmp_ui(number.get(), 1) > 0,
           "the ciphertext does not fit the key");
   const Sexp privateKey = privateExpression(key);
   // Decrypted once, without padding: a second attempt would tell by its time that the first padding did not fit.
