@@ -33,9 +33,13 @@ foreign() {
 [[ -z $(foreign "$library" $allowed) ]] || fail "the module needs $(foreign "$library" $allowed)"
 if [[ $E2E_SYSTEM == Windows ]]; then
   [[ -z $(foreign "$deviceLibrary") ]] || fail "the software token needs $(foreign "$deviceLibrary")"
-  texts=$(strings -n 3 -el "$library" | tr '\n' ' ')
-  for text in 'CompanyName Quorvane Telemantix' 'ProductName Tavrin PKCS11 Library' 'FileVersion 3.6' 'ProductVersion 3.6'; do
-    [[ $texts == *"$text "* ]] || fail "the version resource lacks $text"
+  for file in "$library" "$deviceLibrary" "$E2E_BIN"/{tavrin-tool,sign_file}.exe; do
+    texts=$(strings -n 3 -el "$file" | tr '\n' ' ')
+    product='Tavrin PKCS11 Library'
+    [[ $file != "$deviceLibrary" ]] || product='Tavrin Software Token' # by which the installer knows it
+    for text in 'CompanyName Quorvane Telemantix' "ProductName $product" 'FileVersion 3.6' 'ProductVersion 3.6'; do
+      [[ $texts == *"$text "* ]] || fail "the version resource of $(basename "$file") lacks $text"
+    done
   done
 fi
 echo "68 functions, 3 extra ones, and $(imports "$library" | tr '\n' ' ')"

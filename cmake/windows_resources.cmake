@@ -1,0 +1,22 @@
+# tavrin_version_resource(target description product [line ...]): gives a DLL or program its version resource, and
+# further lines of resource script. Does nothing on other systems.
+if(WIN32)
+  enable_language(RC)
+endif()
+
+function(tavrin_version_resource target description product)
+  if(NOT WIN32)
+    return()
+  endif()
+  get_target_property(type ${target} TYPE)
+  if(type STREQUAL "EXECUTABLE")
+    set(fileType VFT_APP)
+    set(extension exe)
+  else()
+    set(fileType VFT_DLL)
+    set(extension dll)
+  endif()
+  list(JOIN ARGN "\n" extra)
+  configure_file(${CMAKE_SOURCE_DIR}/src/platform/version.rc.in ${CMAKE_CURRENT_BINARY_DIR}/${target}.rc @ONLY)
+  target_sources(${target} PRIVATE ${CMAKE_CURRENT_BINARY_DIR}/${target}.rc)
+endfunction()
