@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "log/log.h"
 #include "objects/ca_chain.h"
 #include "softtoken/certificates.h"
 #include "softtoken/failure.h"
@@ -16,7 +15,7 @@ static void requireThat(bool fact) {
   if (!fact) std::abort();
 }
 
-// What the module asks of the device library, without a disk; nor is the log part of the matter.
+// What the module asks of the device library, without a disk.
 Files tavrin_getFilesWithExtensionsAndConvertDER(const std::string&, const std::vector<std::string>&, void*) {
   return files;
 }
@@ -35,15 +34,13 @@ int tavrin_getCertificateDetails(const std::uint8_t* der, int length, Certificat
   }
 }
 
-int getLogLevel() noexcept { return debugLevel; }
-std::string log_detail::beginLine() { return {}; }
-void log_detail::writeLine(int, std::string&) {}
-void log_detail::reportException(const char*, const char*) noexcept { std::abort(); }
-
 // libksba loses what it had read of a certificate when it meets an element that does not belong there.
 extern "C" const char* __lsan_default_suppressions() { return "leak:libksba\n"; }
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) { return setenv("TAVRIN_HOME", "/nowhere", 1); }
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  setenv("TAVRIN_REGISTRY", "/nowhere", 1);  // errors only are logged, and this search logs none
+  return setenv("TAVRIN_HOME", "/nowhere", 1);
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static constexpr std::uint8_t separator[] = {0xFF, 0xFE, 0xFD};
@@ -57,8 +54,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (files.empty() || files.back().second.size() > sizeof TavrinCertificate::certificate) return 0;
   const std::vector<std::uint8_t> leaf = files.back().second;
   if (tavrin_getCertificateDetails(leaf.data(), static_cast<int>(leaf.size()), &details, nullptr) != 0) return 0;
-  const auto chain = findChain(certificateRecord("leaf", {}, leaf), details.issuerName);
+  const auto chain = tavrin::findChain(tavrin::certificateRecord("leaf", {}, leaf), details.issuerName);
   requireThat(chain.size() <= files.size() + 1);
-  requireThat(chain.empty() || std::ranges::equal(certificate(chain.back()), leaf));
+  requireThat(chain.empty() || std::ranges::equal(tavrin::certificate(chain.back()), leaf));
   return 0;
 }

@@ -175,7 +175,7 @@ class Walk {
     const auto isIt = [&](const fake::Device& device) { return device.info.serialNumber == serial; };
     if (std::erase_if(fake::edit()->devices, isIt) == 0) plug(serial);
     if (!model_.initialized || input_.chance(64)) return;
-    logOutSessionsWithoutDevice(connected());
+    tavrin::logOutSessionsWithoutDevice(connected());
     model_.lookAtDevices(connected());
   }
 
@@ -441,7 +441,7 @@ class Walk {
   // The thread that looks at the devices would do so at moments of its own; here the walk decides.
   static CK_RV initialize() {
     const CK_RV code = C_Initialize(nullptr);
-    if (code == CKR_OK) stopDeviceMonitor();
+    if (code == CKR_OK) tavrin::stopDeviceMonitor();
     return code;
   }
 

@@ -64,7 +64,7 @@ void print(const std::vector<LogEntry>& entries, const Wish& wish, bool coloured
 void explainNothing(const Wish& wish) {
   std::cerr << "There is no log of " << (wish.day.empty() ? "today" : wish.day)
             << (wish.program.empty() ? "" : " by " + wish.program) << " in " << softtoken::textOf(logFolder())
-            << "; the log level is " << levelText(getLogLevel()) << '\n';
+            << "; the log level is " << levelText(tavrin::getLogLevel()) << '\n';
 }
 
 // The module cuts the program's file name there too.
@@ -96,11 +96,11 @@ int level(const std::vector<std::string>& words) {
   if (arguments.words.size() > 1) throw UsageError("log level takes one number");
   if (!arguments.words.empty()) {
     const std::string& wish = arguments.words[0];
-    if (wish.size() != 1 || wish[0] < '0' || wish[0] > '0' + debugLevel)
+    if (wish.size() != 1 || wish[0] < '0' || wish[0] > '0' + tavrin::debugLevel)
       throw UsageError("the log level is a number from 0 to 3, not " + wish);
     setLogLevel(wish[0] - '0');
   }
-  const int now = getLogLevel();
+  const int now = tavrin::getLogLevel();
   if (arguments.has("json")) {
     std::cout << Json(Json::Object{{"level", now}, {"meaning", levelMeaning(now)}}).text() << '\n';
   } else {
@@ -117,8 +117,8 @@ const char* const logUsage =
     "  tavrin-tool log level [0|1|2|3] [--json]\n";
 
 const char* levelMeaning(int level) {
-  if (level >= debugLevel) return "everything";
-  return level == errorLevel ? "errors" : "nothing";
+  if (level >= tavrin::debugLevel) return "everything";
+  return level == tavrin::errorLevel ? "errors" : "nothing";
 }
 
 std::string levelText(int level) { return std::to_string(level) + " (" + levelMeaning(level) + ")"; }

@@ -1,11 +1,10 @@
 #include "tool/log_files.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <fstream>
 #include <iterator>
 
-#include "log/log.h"
+#include "log/log_location.h"
 #include "platform/platform.h"
 #include "softtoken/platform.h"
 
@@ -68,18 +67,9 @@ void appendEntries(const LogFile& file, const std::vector<std::string>& lines, s
 
 }  // namespace
 
-fs::path logFolder() {
-  char base[logPathSize];
-  if (!getLogBaseFolderPath(base)) return {};
-  return (fs::path(base) / "Quorvane Telemantix").lexically_normal();
-}
+fs::path logFolder() { return fs::path(tavrin::logFolder()).lexically_normal(); }
 
-std::string today() {
-  const platform::LocalTime now = platform::localTime();
-  char day[32];
-  std::snprintf(day, sizeof day, "%04d-%02d-%02d", now.year, now.month, now.day);
-  return day;
-}
+std::string today() { return tavrin::logFileName(platform::localTime()).substr(0, 10); }
 
 std::vector<LogFile> logFilesOf(const std::string& day) {
   std::vector<LogFile> files;

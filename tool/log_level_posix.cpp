@@ -1,10 +1,11 @@
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
 
+#include "log/log_location.h"
+#include "platform/platform.h"
 #include "softtoken/failure.h"
 #include "tool/log_level.h"
 
@@ -12,12 +13,6 @@ namespace tool {
 namespace {
 
 namespace fs = std::filesystem;
-
-fs::path levelFile() {
-  const char* root = std::getenv("TAVRIN_REGISTRY");
-  if (!root || *root == '\0') root = "/etc/tavrin/registry";
-  return fs::path(root) / "Software/Quorvane Telemantix/Tavrin/logLevel";
-}
 
 // Programs read the file at any time, so it is replaced as a whole.
 bool replaceText(const fs::path& file, const std::string& text) {
@@ -40,7 +35,7 @@ bool replaceText(const fs::path& file, const std::string& text) {
 }  // namespace
 
 void setLogLevel(int level) {
-  const fs::path file = levelFile();
+  const fs::path file = platform::registryFile(tavrin::registryKey, tavrin::logLevelValue);
   if (!replaceText(file, std::to_string(level) + "\n")) {
     throw softtoken::Failure(softtoken::Status::badArgument,
                              "cannot write " + file.string() + "; the level is the administrator's to set");

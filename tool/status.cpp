@@ -65,7 +65,7 @@ void judgeCertificate(const CertificateStatus& certificate, const std::string& t
     return;
   }
   const std::string name =
-      "the certificate of \"" + extractCommonName(certificate.facts->subject) + "\" on " + tokenName;
+      "the certificate of \"" + tavrin::extractCommonName(certificate.facts->subject) + "\" on " + tokenName;
   judgeValidity(certificate, name, status);
   if (certificate.hasKey && certificate.chain == Chain::incomplete) {
     status.warnings.push_back(name + " has no complete chain: its issuer \"" + certificate.missingIssuer +
@@ -98,7 +98,7 @@ void gather(const std::filesystem::path& moduleFile, SystemStatus& status) {
   for (const ProbedToken& token : status.module.tokens) status.tokens.push_back(statusOf(token, caFolder));
   status.caFolder = caFolder.path();
   status.caCertificates = caFolder.certificateCount();
-  status.logLevel = getLogLevel();
+  status.logLevel = tavrin::getLogLevel();
   status.logFolder = softtoken::textOf(logFolder());
   status.logFiles = logFilesOf(today());
   judge(status);

@@ -85,7 +85,7 @@ void writeCertificate(TextReport& report, std::size_t depth, const CertificateSt
   if (!certificate.facts) return report.line(depth, "certificate", quoted(certificate.label) + ", UNREADABLE");
   const CertificateFacts& facts = *certificate.facts;
   report.line(depth, "certificate",
-              extractCommonName(facts.subject) + ", issued by " + extractCommonName(facts.issuer));
+              tavrin::extractCommonName(facts.subject) + ", issued by " + tavrin::extractCommonName(facts.issuer));
   report.line(depth + 1, "valid", validityText(facts));
   report.line(depth + 1, "chain", chainText(certificate));
 }

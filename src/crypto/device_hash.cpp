@@ -2,6 +2,8 @@
 
 #include "devlib/library_instance.h"
 
+namespace tavrin {
+
 int Digest::finish(void* context, int inLength) {
   int length = inLength;
   const int status = tavrin_finalHash(context, buffer_.data(), &length, libraryInstance);
@@ -28,3 +30,5 @@ HashFailure hashMessage(const Session& session, HashCode hash, const std::uint8_
   if (status != 0) return {HashFailure::final, status};
   return {HashFailure::none, 0};
 }
+
+}  // namespace tavrin

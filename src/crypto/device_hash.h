@@ -8,12 +8,14 @@
 #include "devlib/records.h"
 #include "sessions/session.h"
 
+namespace tavrin {
+
 // A digest as the device gave it; no device digest is longer than SHA-512's 64 bytes.
 class Digest {
  public:
   static constexpr int capacity = 64;
 
-  Bytes bytes() const { return Bytes(buffer_).first(length_); }
+  ByteView bytes() const { return ByteView(buffer_).first(length_); }
 
   // Ends the hash into this digest and returns the device's status. `inLength` is what the device is told of the
   // buffer's size; it ignores it.
@@ -37,3 +39,5 @@ struct HashFailure {
 // Hashes a whole message in a context of its own.
 HashFailure hashMessage(const Session& session, HashCode hash, const std::uint8_t* data, CK_ULONG length,
                         Digest& digest);
+
+}  // namespace tavrin

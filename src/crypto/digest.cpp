@@ -3,6 +3,7 @@
 #include "crypto/result_delivery.h"
 #include "sessions/session_call.h"
 
+namespace tavrin {
 namespace {
 
 // Ends the hash and keeps the digest in the session.
@@ -23,6 +24,9 @@ CK_RV deliverDigest(const Call& call, Session& session, CK_BYTE_PTR pDigest, CK_
 }
 
 }  // namespace
+}  // namespace tavrin
+
+using namespace tavrin;
 
 CK_RV C_DigestInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism) {
   return sessionCall("C_DigestInit", hSession, [&](const Call& call, Session& session) -> CK_RV {

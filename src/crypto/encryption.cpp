@@ -7,6 +7,7 @@
 #include "sessions/session_call.h"
 #include "sessions/user_password.h"
 
+namespace tavrin {
 namespace {
 
 // A ciphertext is as long as the key's modulus: 512 bytes for RSA 4096.
@@ -16,12 +17,12 @@ constexpr std::size_t ciphertextBufferSize = 1024;
 constexpr std::size_t longestPlaintext = 512;
 
 EncryptionType encryptionType(std::uint32_t keyType) {
-  switch (keyType) {
-    case 1:
+  switch (static_cast<KeyType>(keyType)) {
+    case KeyType::rsa1024:
       return EncryptionType::rsa1024;
-    case 3:
+    case KeyType::rsa3072:
       return EncryptionType::rsa3072;
-    case 4:
+    case KeyType::rsa4096:
       return EncryptionType::rsa4096;
     default:
       return EncryptionType::rsa2048;
@@ -140,6 +141,9 @@ CK_RV deliverResult(const Call& call, Session& session, CK_BYTE_PTR out, CK_ULON
 }
 
 }  // namespace
+}  // namespace tavrin
+
+using namespace tavrin;
 
 CK_RV C_EncryptInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hKey) {
   return sessionCall("C_EncryptInit", hSession, [&](const Call& call, Session& session) -> CK_RV {

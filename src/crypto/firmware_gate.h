@@ -3,5 +3,9 @@
 
 #include "sessions/session.h"
 
+namespace tavrin {
+
 // False when the firmware of the session's token is below 2.0.0.
 bool firmwareHasPssAndOaep(const Session& session);
+
+}  // namespace tavrin

@@ -10,6 +10,7 @@
 #include "sessions/session_table.h"
 #include "sessions/user_password.h"
 
+namespace tavrin {
 namespace {
 
 constexpr CK_OBJECT_HANDLE largestRecordNumber = 0xFFF;
@@ -21,11 +22,12 @@ constexpr std::size_t longestSharedSecret = 66;
 // that applications hold were made with these.
 struct KeyDerivationFunction {
   CK_EC_KDF_TYPE kdf;
-  int hashCode;
+  HashCode hash;
   int resultLength;
 };
 
-constexpr KeyDerivationFunction keyDerivationFunctions[] = {{CKD_SHA1_KDF, 1, 20}, {CKD_SHA256_KDF, 4, 32}};
+constexpr KeyDerivationFunction keyDerivationFunctions[] = {{CKD_SHA1_KDF, HashCode::sha1Alternative, 20},
+                                                            {CKD_SHA256_KDF, HashCode::sha384, 32}};
 
 // The mechanism's parameter, or false when there is none that can be used.
 bool readParameters(const CK_MECHANISM& mechanism, CK_ECDH1_DERIVE_PARAMS& parameters) {
@@ -39,7 +41,7 @@ SecretBytes hashSecret(const Session& session, const KeyDerivationFunction& func
   void* context = nullptr;
   SecretBytes digest(64);
   int length = function.resultLength;
-  tavrin_initHash(session.deviceId(), function.hashCode, &context, libraryInstance);
+  tavrin_initHash(session.deviceId(), static_cast<int>(function.hash), &context, libraryInstance);
   tavrin_updateHash(context, secret.data(), static_cast<int>(secret.size()), libraryInstance);
   tavrin_finalHash(context, digest.data(), &length, libraryInstance);
   digest.resize(returnedLength(length, digest.size()));
@@ -57,14 +59,14 @@ SecretBytes applyKdf(const Session& session, CK_EC_KDF_TYPE kdf, SecretBytes sec
 std::size_t wantedLength(CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulAttributeCount) {
   CK_ULONG length = 0;
   if (!pTemplate) return 0;
-  forEachGiven(pTemplate, ulAttributeCount, [&](CK_ATTRIBUTE_TYPE type, Bytes value) {
+  forEachGiven(pTemplate, ulAttributeCount, [&](CK_ATTRIBUTE_TYPE type, ByteView value) {
     if (type == CKA_VALUE_LEN) length = numberOf(value);
   });
   return static_cast<std::size_t>(length);
 }
 
 // The secret that the device and the peer share, or a refusal.
-CK_RV agreeOnSecret(const Call& call, const Session& session, const TavrinKeyPair& baseKey, Bytes peer,
+CK_RV agreeOnSecret(const Call& call, const Session& session, const TavrinKeyPair& baseKey, ByteView peer,
                     SecretBytes& secret) {
   std::uint8_t* shared = nullptr;
   int length = 0;
@@ -79,6 +81,9 @@ CK_RV agreeOnSecret(const Call& call, const Session& session, const TavrinKeyPai
 }
 
 }  // namespace
+}  // namespace tavrin
+
+using namespace tavrin;
 
 // What is wrong with the arguments is answered without an error line.
 CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hBaseKey,
@@ -93,7 +98,7 @@ CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OB
     if (!readParameters(*pMechanism, parameters)) return CKR_MECHANISM_PARAM_INVALID;
     if (hBaseKey < privateKeyBase || hBaseKey - privateKeyBase > largestRecordNumber) return CKR_KEY_HANDLE_INVALID;
 
-    const Bytes peer(parameters.pPublicData, static_cast<std::size_t>(parameters.ulPublicDataLen));
+    const ByteView peer(parameters.pPublicData, static_cast<std::size_t>(parameters.ulPublicDataLen));
     logDebug("key id :: ", hBaseKey - privateKeyBase);
     const TavrinKeyPair* baseKey = resolveKeyPair(*session, hBaseKey, privateKeyBase);
     if (!baseKey) return CKR_KEY_HANDLE_INVALID;

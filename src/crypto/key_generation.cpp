@@ -1,34 +1,26 @@
 // C_GenerateKeyPair.
 #include <algorithm>
+#include <iterator>
 
 #include "crypto/mechanisms.h"
 #include "devlib/device_statuses.h"
-#include "objects/attribute_table.h"
 #include "objects/object_store.h"
 #include "objects/template_reader.h"
 #include "sessions/session_call.h"
 #include "sessions/user_password.h"
 
+namespace tavrin {
 namespace {
-
-constexpr std::uint32_t maySign = 1;
-constexpr std::uint32_t mayDecrypt = 2;
-
-constexpr std::uint32_t rsa2048 = 2;
-constexpr std::uint32_t ecP256 = 5;
-
-// The record's label field is longer, but tokens take labels of 128 bytes.
-constexpr std::size_t maximumLabel = 128;
 
 // Label, id and usage come from the private template, and so does the kind of key: the mechanism is never asked.
 CK_KEY_TYPE readPrivateTemplate(CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount, TavrinKeyPair& request) {
   CK_KEY_TYPE keyType = CKK_RSA;
-  forEachGiven(pTemplate, ulCount, [&](CK_ATTRIBUTE_TYPE type, Bytes value) {
+  forEachGiven(pTemplate, ulCount, [&](CK_ATTRIBUTE_TYPE type, ByteView value) {
     const std::uint32_t set = value.front() != 0 ? ~0U : 0U;
     switch (type) {
       case CKA_LABEL:
         std::fill(std::begin(request.label), std::end(request.label), '\0');
-        std::copy_n(value.begin(), std::min(value.size(), maximumLabel), request.label);
+        std::copy_n(value.begin(), std::min(value.size(), maximumLabelLength), request.label);
         break;
       case CKA_KEY_TYPE:
         keyType = numberOf(value);
@@ -37,42 +29,51 @@ CK_KEY_TYPE readPrivateTemplate(CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount, Ta
         request.keyIdLength = copyToField(request.keyId, value);
         break;
       case CKA_DECRYPT:
-        request.usage |= set & mayDecrypt;
+        request.usage |= set & usageDecrypt;
         break;
       case CKA_SIGN:
-        request.usage |= set & maySign;
+        request.usage |= set & usageSign;
         break;
       default:
         break;
     }
   });
-  if (request.usage == 0) request.usage = keyType == CKK_EC ? maySign | mayDecrypt : maySign;
+  if (request.usage == 0) request.usage = keyType == CKK_EC ? usageSign | usageDecrypt : usageSign;
   logDebug("C_GenerateKeyPair - keytype : ", keyType);
   return keyType;
 }
 
-CK_RV readModulusBits(const Call& call, Bytes value, TavrinKeyPair& request) {
-  const CK_ULONG bits = numberOf(value);
-  logDebug("C_GenerateKeyPair - modulusBits : ", bits);
-  const bool offered = bits >= 1024 && bits <= 4096 && bits % 1024 == 0;
-  if (!offered) return call.refuse(CKR_MECHANISM_INVALID, "unsupported RSA modulusBits=", bits);
-  request.keyType = static_cast<std::uint32_t>(bits / 1024);
-  return CKR_OK;
+// Sets the key type of the table's row that fits; false when none does.
+template <typename Predicate>
+bool chooseKeyType(TavrinKeyPair& request, Predicate&& fits) {
+  const auto row = std::find_if(std::begin(keyTypes), std::end(keyTypes), fits);
+  if (row == std::end(keyTypes)) return false;
+  request.keyType = codeOf(row->type);
+  return true;
 }
 
-CK_RV readCurve(const Call& call, Bytes value, TavrinKeyPair& request) {
-  request.keyType = curveKeyType(value);
-  if (request.keyType != 0) return CKR_OK;
-  return call.refuse(CKR_MECHANISM_INVALID, "unknown EC param (len=", value.size(), ")");
+CK_RV readModulusBits(const Call& call, ByteView value, TavrinKeyPair& request) {
+  const CK_ULONG bits = numberOf(value);
+  logDebug("C_GenerateKeyPair - modulusBits : ", bits);
+  return chooseKeyType(request,
+                       [&](const KeyTypeInfo& row) { return row.algorithm == KeyAlgorithm::rsa && row.bits == bits; })
+             ? CKR_OK
+             : call.refuse(CKR_MECHANISM_INVALID, "unsupported RSA modulusBits=", bits);
+}
+
+CK_RV readCurve(const Call& call, ByteView value, TavrinKeyPair& request) {
+  return chooseKeyType(request, [&](const KeyTypeInfo& row) { return sameBytes(row.curve, value); })
+             ? CKR_OK
+             : call.refuse(CKR_MECHANISM_INVALID, "unknown EC param (len=", value.size(), ")");
 }
 
 // The public template gives the size of the key. For a key type that is neither RSA nor EC it is not read, and the
 // token makes an RSA 2048 key.
 CK_RV readPublicTemplate(const Call& call, CK_KEY_TYPE keyType, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount,
                          TavrinKeyPair& request) {
-  request.keyType = keyType == CKK_EC ? ecP256 : rsa2048;
+  request.keyType = codeOf(keyType == CKK_EC ? KeyType::ecP256 : KeyType::rsa2048);
   CK_RV refusal = CKR_OK;
-  forEachGiven(pTemplate, ulCount, [&](CK_ATTRIBUTE_TYPE type, Bytes value) {
+  forEachGiven(pTemplate, ulCount, [&](CK_ATTRIBUTE_TYPE type, ByteView value) {
     if (refusal != CKR_OK) return;
     if (keyType == CKK_RSA && type == CKA_MODULUS_BITS) refusal = readModulusBits(call, value, request);
     if (keyType == CKK_EC && type == CKA_EC_PARAMS) refusal = readCurve(call, value, request);
@@ -81,6 +82,9 @@ CK_RV readPublicTemplate(const Call& call, CK_KEY_TYPE keyType, CK_ATTRIBUTE_PTR
 }
 
 }  // namespace
+}  // namespace tavrin
+
+using namespace tavrin;
 
 CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_ATTRIBUTE_PTR pPublicKeyTemplate,
                         CK_ULONG ulPublicKeyAttributeCount, CK_ATTRIBUTE_PTR pPrivateKeyTemplate,

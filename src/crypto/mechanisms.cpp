@@ -6,6 +6,7 @@
 
 #include "devlib/library_instance.h"
 
+namespace tavrin {
 namespace {
 
 constexpr CK_FLAGS generates = CKF_GENERATE_KEY_PAIR;
@@ -52,6 +53,10 @@ const Mechanism* findMechanism(CK_MECHANISM_TYPE type, CK_FLAGS flags) {
 }
 
 // Neither call looks at the slot: the table is the same for every token.
+
+}  // namespace tavrin
+
+using namespace tavrin;
 
 CK_RV C_GetMechanismList(CK_SLOT_ID, CK_MECHANISM_TYPE_PTR pMechanismList, CK_ULONG_PTR pulCount) {
   return initializedCall("C_GetMechanismList", [&](const Call& call) -> CK_RV {

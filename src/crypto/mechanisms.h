@@ -3,10 +3,10 @@
 
 #include <cstdint>
 
+#include "devlib/device_constants.h"
 #include "pkcs11.h"
 
-// The library's hash codes. `none` marks a mechanism whose input goes to the device as the caller gives it.
-enum class HashCode : std::int32_t { none = 0, sha1 = 2, sha256 = 3, sha384 = 4, sha512 = 5 };
+namespace tavrin {
 
 struct Mechanism {
   CK_MECHANISM_TYPE type;
@@ -25,3 +25,5 @@ const Mechanism* findMechanism(CK_MECHANISM_TYPE type, CK_FLAGS flags = 0);
 inline bool hasParameter(const CK_MECHANISM& mechanism) {
   return mechanism.pParameter != nullptr || mechanism.ulParameterLen != 0;
 }
+
+}  // namespace tavrin

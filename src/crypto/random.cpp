@@ -3,6 +3,8 @@
 #include "devlib/records.h"
 #include "sessions/session_call.h"
 
+using namespace tavrin;
+
 CK_RV C_GenerateRandom(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pRandomData, CK_ULONG ulRandomLen) {
   return sessionCall("C_GenerateRandom", hSession, [&](const Call& call, const Session& session) -> CK_RV {
     if (!pRandomData) return call.refuse(CKR_ARGUMENTS_BAD, "RandomData is NULL");

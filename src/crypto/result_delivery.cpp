@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdint>
 
+namespace tavrin {
+
 Delivery deliver(const Call& call, SecretBytes& result, CK_BYTE_PTR out, CK_ULONG_PTR outLength) {
   const auto required = static_cast<std::uint64_t>(result.size());
   *outLength = static_cast<CK_ULONG>(required);
@@ -16,3 +18,5 @@ Delivery deliver(const Call& call, SecretBytes& result, CK_BYTE_PTR out, CK_ULON
   result = {};
   return Delivery::delivered;
 }
+
+}  // namespace tavrin

@@ -5,8 +5,12 @@
 #include "log/call.h"
 #include "platform/secret_memory.h"
 
+namespace tavrin {
+
 enum class Delivery { queried, tooSmall, delivered };
 
 // Delivers the result, and empties it when it was copied. The caller's length is not read: callers size the buffer by
 // a query first.
 Delivery deliver(const Call& call, SecretBytes& result, CK_BYTE_PTR out, CK_ULONG_PTR outLength);
+
+}  // namespace tavrin

@@ -2,6 +2,8 @@
 
 #include "crypto/device_hash.h"
 
+namespace tavrin {
+
 CK_RV refusePss(const Call& call, const Session& session) {
   return call.refuse(CKR_MECHANISM_INVALID, "CKM_RSA_PKCS_PSS not supported on firmware ",
                      session.device.firmwareVersion);
@@ -12,7 +14,7 @@ CK_RV endFailed(Session& session, CK_RV code) {
   return code;
 }
 
-CK_RV takePart(const Call& call, Session& session, HashCode hash, Bytes part) {
+CK_RV takePart(const Call& call, Session& session, HashCode hash, ByteView part) {
   if (hash == HashCode::none) {
     session.digestData.insert(session.digestData.end(), part.begin(), part.end());
     return CKR_OK;
@@ -36,3 +38,5 @@ CK_RV finishParts(const Call& call, Session& session) {
   session.digestData.assign(digest.bytes().begin(), digest.bytes().end());
   return CKR_OK;
 }
+
+}  // namespace tavrin

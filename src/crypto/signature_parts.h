@@ -7,6 +7,8 @@
 #include "log/call.h"
 #include "sessions/session.h"
 
+namespace tavrin {
+
 // The message names CKM_RSA_PKCS_PSS whichever PSS mechanism was asked for.
 CK_RV refusePss(const Call& call, const Session& session);
 
@@ -14,7 +16,9 @@ CK_RV refusePss(const Call& call, const Session& session);
 CK_RV endFailed(Session& session, CK_RV code);
 
 // Takes one part. A device failure ends the operation.
-CK_RV takePart(const Call& call, Session& session, HashCode hash, Bytes part);
+CK_RV takePart(const Call& call, Session& session, HashCode hash, ByteView part);
 
 // Ends the hash that runs over the parts and puts the digest in their place. A device failure ends the operation.
 CK_RV finishParts(const Call& call, Session& session);
+
+}  // namespace tavrin

@@ -9,12 +9,13 @@
 #include "sessions/session_call.h"
 #include "sessions/user_password.h"
 
+namespace tavrin {
 namespace {
 
 // A signature is as long as the key's modulus at the most: 512 bytes for RSA 4096.
 constexpr int signatureBufferSize = 1024;
 
-void logInput(const Session& session, bool passwordIsEmpty, Bytes input) {
+void logInput(const Session& session, bool passwordIsEmpty, ByteView input) {
   const DebugLines debug;
   debug("Sign: password empty=", passwordIsEmpty ? 1 : 0, " hashLen=", input.size(),
         " session state=", session.state.load());
@@ -26,7 +27,7 @@ void logInput(const Session& session, bool passwordIsEmpty, Bytes input) {
 }
 
 // Has the device sign the input and keeps the signature in the session; returns the device's status.
-int signInput(Session& session, const Pin& password, Bytes input) {
+int signInput(Session& session, const Pin& password, ByteView input) {
   std::uint8_t signature[signatureBufferSize] = {};
   int length = signatureBufferSize;
   const int status = tavrin_signHash(session.deviceId(), session.operationKey->recordId, password.text(), input.data(),
@@ -37,9 +38,9 @@ int signInput(Session& session, const Pin& password, Bytes input) {
 }
 
 // Hashes the message as the mechanism asks for and signs the digest, or signs the message as it is.
-CK_RV signMessage(const Call& call, Session& session, const Mechanism& mechanism, Bytes message) {
+CK_RV signMessage(const Call& call, Session& session, const Mechanism& mechanism, ByteView message) {
   Digest digest;
-  Bytes input = message;
+  ByteView input = message;
   if (mechanism.hash != HashCode::none) {
     static constexpr const char* failures[] = {"", "init hash failed ", "update hash failed ", "final hash failed "};
     const HashFailure failure =
@@ -87,6 +88,9 @@ CK_RV deliverSignature(const Call& call, Session& session, CK_BYTE_PTR pSignatur
 }
 
 }  // namespace
+}  // namespace tavrin
+
+using namespace tavrin;
 
 CK_RV C_SignInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hKey) {
   return sessionCall("C_SignInit", hSession, [&](const Call& call, Session& session) -> CK_RV {

@@ -8,10 +8,9 @@
 #include "objects/object_store.h"
 #include "sessions/session_call.h"
 
+namespace tavrin {
 namespace {
 
-constexpr std::uint32_t firstEcKeyType = 5;
-constexpr std::uint32_t lastEcKeyType = 7;
 constexpr std::uint8_t derSequence = 0x30;
 
 struct Signature {
@@ -21,8 +20,9 @@ struct Signature {
 
 // An EC point or a key that is DER already goes to the device as it is, a bare modulus in a SubjectPublicKeyInfo.
 std::vector<std::uint8_t> preparePublicKey(const TavrinKeyPair& keyPair) {
-  const Bytes key = publicKey(keyPair);
-  const bool isEc = keyPair.keyType >= firstEcKeyType && keyPair.keyType <= lastEcKeyType;
+  const ByteView key = publicKey(keyPair);
+  const KeyTypeInfo* type = findKeyType(keyPair.keyType);
+  const bool isEc = type && type->algorithm == KeyAlgorithm::ec;
   if (isEc || key.empty() || key.front() == derSequence) {
     logDebug("Public key passed as-is");
     return {key.begin(), key.end()};
@@ -32,7 +32,7 @@ std::vector<std::uint8_t> preparePublicKey(const TavrinKeyPair& keyPair) {
 }
 
 // Asks the device and ends the operation whatever it answers; returns its status, 0 for a valid signature.
-int verifyInput(Session& session, Bytes input, Bytes key, Signature signature, bool pss) {
+int verifyInput(Session& session, ByteView input, ByteView key, Signature signature, bool pss) {
   session.activeOperation = Operation::none;
   return tavrin_verifySignatureHash(session.operationKey->keyType, session.deviceId(), input.data(),
                                     deviceLength(static_cast<CK_ULONG>(input.size())), key.data(),
@@ -40,10 +40,10 @@ int verifyInput(Session& session, Bytes input, Bytes key, Signature signature, b
                                     libraryInstance, pss);
 }
 
-CK_RV verifyMessage(const Call& call, Session& session, const Mechanism& mechanism, Bytes message,
+CK_RV verifyMessage(const Call& call, Session& session, const Mechanism& mechanism, ByteView message,
                     Signature signature) {
   Digest digest;
-  Bytes input = message;
+  ByteView input = message;
   if (mechanism.hash != HashCode::none) {
     static constexpr const char* failures[] = {
         "", "initHash failed ret=", "updateHash failed ret=", "finalHash failed ret="};
@@ -67,6 +67,9 @@ HashCode hashOfParts(const Session& session) {
 }
 
 }  // namespace
+}  // namespace tavrin
+
+using namespace tavrin;
 
 CK_RV C_VerifyInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hKey) {
   return sessionCall("C_VerifyInit", hSession, [&](const Call& call, Session& session) -> CK_RV {

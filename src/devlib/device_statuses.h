@@ -1,11 +1,13 @@
-// The library's statuses that the module tells apart; every other one is a failure like any other.
 #pragma once
 
+#include "devlib/device_constants.h"
 #include "pkcs11.h"
 
-inline constexpr int deviceFault = 48;
+namespace tavrin {
 
-// The result of a store operation that the device refused: both statuses mean that the token is out of room.
+// The result of a store operation that the device refused with `status`.
 constexpr CK_RV storeFailure(int status) {
-  return status == 40 || status == 242 ? CKR_DEVICE_MEMORY : CKR_FUNCTION_FAILED;
+  return status == statusTokenFull || status == statusTokenFullLegacy ? CKR_DEVICE_MEMORY : CKR_FUNCTION_FAILED;
 }
+
+}  // namespace tavrin

@@ -5,6 +5,8 @@
 
 #include "log/call.h"
 
+namespace tavrin {
+
 // Made by C_Initialize, released by C_Finalize; non-null means initialised.
 extern std::atomic<void*>& libraryInstance;
 
@@ -16,3 +18,5 @@ CK_RV initializedCall(const char* name, Body&& body) noexcept {
     return body(call);
   });
 }
+
+}  // namespace tavrin

@@ -3,10 +3,11 @@
 #include <algorithm>
 #include <limits>
 
+namespace tavrin {
 namespace {
 
 template <std::size_t size>
-Bytes clamped(const std::uint8_t (&field)[size], std::uint32_t length) {
+ByteView clamped(const std::uint8_t (&field)[size], std::uint32_t length) {
   return {field, std::min<std::size_t>(length, size)};
 }
 
@@ -17,13 +18,13 @@ std::string_view clampedText(const char (&field)[size]) {
 
 }  // namespace
 
-Bytes publicKey(const TavrinKeyPair& keyPair) { return clamped(keyPair.publicKey, keyPair.publicKeyLength); }
-Bytes keyId(const TavrinKeyPair& keyPair) { return clamped(keyPair.keyId, keyPair.keyIdLength); }
+ByteView publicKey(const TavrinKeyPair& keyPair) { return clamped(keyPair.publicKey, keyPair.publicKeyLength); }
+ByteView keyId(const TavrinKeyPair& keyPair) { return clamped(keyPair.keyId, keyPair.keyIdLength); }
 std::string_view label(const TavrinKeyPair& keyPair) { return clampedText(keyPair.label); }
 bool deviceFlag(const TavrinKeyPair& keyPair) { return (keyPair.deviceFlag & 0xFF) != 0; }
 
-Bytes certificate(const TavrinCertificate& record) { return clamped(record.certificate, record.certificateLength); }
-Bytes certId(const TavrinCertificate& record) { return clamped(record.certId, record.certIdLength); }
+ByteView certificate(const TavrinCertificate& record) { return clamped(record.certificate, record.certificateLength); }
+ByteView certId(const TavrinCertificate& record) { return clamped(record.certId, record.certIdLength); }
 std::string_view label(const TavrinCertificate& record) { return clampedText(record.label); }
 
 std::size_t returnedLength(int length, std::size_t size) {
@@ -35,10 +36,14 @@ int deviceLength(CK_ULONG length) {
   return static_cast<int>(static_cast<std::uint32_t>(length));
 }
 
-std::uint32_t copyToField(std::span<std::uint8_t> field, Bytes bytes) {
-  const Bytes fitting = bytes.first(std::min(bytes.size(), field.size()));
+std::uint32_t copyToField(std::span<std::uint8_t> field, ByteView bytes) {
+  const ByteView fitting = bytes.first(std::min(bytes.size(), field.size()));
   std::copy(fitting.begin(), fitting.end(), field.begin());
   return static_cast<std::uint32_t>(fitting.size());
 }
 
-bool sameBytes(Bytes left, Bytes right) { return std::equal(left.begin(), left.end(), right.begin(), right.end()); }
+bool sameBytes(ByteView left, ByteView right) {
+  return std::equal(left.begin(), left.end(), right.begin(), right.end());
+}
+
+}  // namespace tavrin

@@ -7,23 +7,20 @@
 #include <span>
 #include <string_view>
 
+#include "devlib/byte_view.h"
 #include "devlib/device_library.h"
 #include "pkcs11.h"
 
-using Bytes = std::span<const std::uint8_t>;
+namespace tavrin {
 
-// The token's password, in bytes without its NUL.
-inline constexpr CK_ULONG minimumPinLength = 4;
-inline constexpr CK_ULONG maximumPinLength = 63;
-
-Bytes publicKey(const TavrinKeyPair& keyPair);
-Bytes keyId(const TavrinKeyPair& keyPair);
+ByteView publicKey(const TavrinKeyPair& keyPair);
+ByteView keyId(const TavrinKeyPair& keyPair);
 std::string_view label(const TavrinKeyPair& keyPair);
 // The flag that goes back to the library when the key decrypts or is deleted.
 bool deviceFlag(const TavrinKeyPair& keyPair);
 
-Bytes certificate(const TavrinCertificate& record);
-Bytes certId(const TavrinCertificate& record);
+ByteView certificate(const TavrinCertificate& record);
+ByteView certId(const TavrinCertificate& record);
 std::string_view label(const TavrinCertificate& record);
 
 // A length that the library returned for a buffer of `size` bytes.
@@ -34,6 +31,8 @@ std::size_t returnedLength(int length, std::size_t size);
 int deviceLength(CK_ULONG length);
 
 // Copies as many bytes as the field holds and returns how many that were.
-std::uint32_t copyToField(std::span<std::uint8_t> field, Bytes bytes);
+std::uint32_t copyToField(std::span<std::uint8_t> field, ByteView bytes);
 
-bool sameBytes(Bytes left, Bytes right);
+bool sameBytes(ByteView left, ByteView right);
+
+}  // namespace tavrin

@@ -7,6 +7,8 @@
 #include "log/log.h"
 #include "pkcs11.h"
 
+namespace tavrin {
+
 class Call {
  public:
   // Writes the debug line with the function's bare name.
@@ -50,3 +52,5 @@ CK_RV exportedCall(const char* name, Body&& body) noexcept {
     return call.refuse(CKR_GENERAL_ERROR, "unexpected failure");
   }
 }
+
+}  // namespace tavrin

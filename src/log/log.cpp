@@ -1,10 +1,13 @@
 #include "log/log.h"
 
 #include <cstdio>
+#include <cstring>
 
+#include "log/log_location.h"
 #include "log/utils.h"
 #include "platform/platform.h"
 
+namespace tavrin {
 namespace {
 
 // What stands before the message; all tags have the same length.
@@ -22,14 +25,6 @@ const char* levelTag(int level) {
     default:
       return "INFO  ::=>";
   }
-}
-
-// Makes every folder along the path. Only "/" separates levels: what the system reports is there already.
-void createFolders(const std::string& path) {
-  for (auto end = path.find('/', 1); end != std::string::npos; end = path.find('/', end + 1)) {
-    platform::createFolder(path.substr(0, end).c_str());
-  }
-  platform::createFolder(path.c_str());
 }
 
 // Overwrites the digits that stand at `place`, `width` of them, with the number.
@@ -67,21 +62,6 @@ std::string_view processName() noexcept {
   }
 }
 
-// Where the lines of this program belong, with the closing separator.
-std::string logFolder(std::string_view baseFolder) {
-  std::string folder;
-  folder.reserve(logPathSize);
-  return folder.append(baseFolder).append("/Quorvane Telemantix/").append(processName()).append("/");
-}
-
-void appendFileName(std::string& path, const platform::LocalTime& today) {
-  char name[] = "0000-00-00.LOG";
-  putNumber(name, 4, today.year);
-  putNumber(name + 5, 2, today.month);
-  putNumber(name + 8, 2, today.day);
-  path += name;
-}
-
 }  // namespace
 
 namespace log_detail {
@@ -92,24 +72,21 @@ std::string beginLine() {
   return line.append(lineHead, sizeof lineHead - 1);
 }
 
-// The folders are looked at only when the file cannot be opened: that is at the first line of a program, and doing so
-// for each line would double its cost.
 void writeLine(int level, std::string& line) {
-  char baseFolder[logPathSize];
-  const bool found = platform::temporaryFolder(baseFolder, sizeof baseFolder);
+  char baseFolder[logPathSize] = {};
+  const bool found = platform::temporaryFolder(logFolderName, baseFolder, sizeof baseFolder);
   const platform::LocalTime now = platform::localTime();
-  std::string path = logFolder(found ? baseFolder : "");
-  const std::size_t folderLength = path.size();
-  appendFileName(path, now);
   putHead(line.data(), now, level);
   line += '\n';
-  if (found && platform::appendToFile(path.c_str(), line)) return;
-  if (!getLogBaseFolderPath(baseFolder)) {
-    std::fputs("\nUnable to getLogBaseFolderPath", stdout);
-    return;
+  if (found) {
+    std::string path;
+    path.reserve(256);
+    path.append(baseFolder).append("/").append(logFolderName).append("/").append(processName()).append("/");
+    path += logFileName(now);
+    if (platform::appendToFile(path.c_str(), std::strlen(baseFolder), line)) return;
   }
-  createFolders(path.substr(0, folderLength));
-  if (!platform::appendToFile(path.c_str(), line)) std::fputs("\nUnable to write log", stdout);
+  const bool isFolder = getLogBaseFolderPath(baseFolder);
+  std::fputs(isFolder ? "\nUnable to write log" : "\nUnable to getLogBaseFolderPath", stdout);
 }
 
 void append(std::string& message, Hex hex) {
@@ -127,8 +104,7 @@ void reportException(const char* where, const char* what) noexcept { std::printf
 
 int getLogLevel() noexcept {
   std::uint8_t data[32];
-  const auto length =
-      platform::readRegistryValue("Software\\Quorvane Telemantix\\Tavrin", "logLevel", data, sizeof data);
+  const auto length = platform::readRegistryValue(registryKey, logLevelValue, data, sizeof data);
   if (!length) return errorLevel;
   // Only the first byte counts, whatever the value's type: administrators have set the level as a number and as text.
   const auto level = static_cast<std::int8_t>(*length > 0 ? data[0] : 0);
@@ -145,7 +121,7 @@ std::string getProcessName() noexcept {
 
 bool getLogBaseFolderPath(char* buffer) noexcept {
   try {
-    return platform::temporaryFolder(buffer, logPathSize) && platform::isFolder(buffer);
+    return platform::temporaryFolder(logFolderName, buffer, logPathSize) && platform::isFolder(buffer);
   } catch (const std::exception& exception) {
     log_detail::reportException("Exception in getLogBaseFolderPath(): ", exception.what());
     return false;
@@ -161,3 +137,5 @@ void writeLog(int level, std::string_view message) noexcept {
     log_detail::reportException("Exception in write log : ", exception.what());
   }
 }
+
+}  // namespace tavrin

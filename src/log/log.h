@@ -14,6 +14,8 @@
 #include <string>
 #include <string_view>
 
+namespace tavrin {
+
 inline constexpr int exceptionLevel = 1;
 inline constexpr int errorLevel = 2;
 inline constexpr int debugLevel = 3;
@@ -99,3 +101,5 @@ class DebugLines {
  private:
   bool wanted_;
 };
+
+}  // namespace tavrin

@@ -1,6 +1,18 @@
 #include "log/utils.h"
 
+#include <new>
+
 #include "platform/platform.h"
+
+namespace tavrin {
+namespace {
+
+// Never destroyed: lines are logged until the process is gone.
+alignas(Utils) std::byte storage[sizeof(Utils)];
+
+}  // namespace
+
+Utils& utils = *::new (storage) Utils;
 
 std::vector<std::string> Utils::split(std::string_view text, std::string_view delimiter) const {
   std::vector<std::string> pieces;
@@ -15,3 +27,5 @@ std::vector<std::string> Utils::split(std::string_view text, std::string_view de
 }
 
 void Utils::sleep(unsigned milliseconds) const { platform::sleepMilliseconds(milliseconds); }
+
+}  // namespace tavrin

@@ -5,6 +5,8 @@
 #include <string_view>
 #include <vector>
 
+namespace tavrin {
+
 class Utils {
  public:
   virtual ~Utils() = default;
@@ -18,3 +20,5 @@ class Utils {
 };
 
 extern Utils& utils;
+
+}  // namespace tavrin

@@ -9,6 +9,7 @@
 #include "slots/device_monitor.h"
 #include "slots/slot_table.h"
 
+namespace tavrin {
 namespace {
 
 #define ENTRY(name, parameters) .name = (name),
@@ -50,6 +51,9 @@ void start() {
 }
 
 }  // namespace
+}  // namespace tavrin
+
+using namespace tavrin;
 
 CK_RV C_Initialize(CK_VOID_PTR) {
   return exportedCall("C_Initialize", [](const Call& call) -> CK_RV {

@@ -6,7 +6,6 @@
 #include <new>
 
 #include "devlib/library_instance.h"
-#include "log/utils.h"
 #include "objects/derived_keys.h"
 #include "objects/object_store.h"
 #include "platform/platform.h"
@@ -15,11 +14,10 @@
 #include "slots/device_monitor.h"
 #include "slots/slot_table.h"
 
+namespace tavrin {
 namespace {
 
 struct ModuleState {
-  // Stateless; any thread.
-  Utils utils;
   // Set and cleared by C_Initialize and C_Finalize, read by every call and by the monitor.
   std::atomic<void*> libraryInstance = nullptr;
   // Rebuilt by C_GetSlotList, emptied by C_Finalize, read by the calls that name a slot; any application thread.
@@ -59,11 +57,12 @@ void unlockAll() {
   state.slotTable.mutex().unlock();
 }
 
-// Gives the child of a fork a module that was never initialised. The monitor exists in the parent only.
+// Gives the child of a fork a module that is not initialised and has no session. It keeps the slots: libraries that
+// know a slot ID from before the fork use it after C_Initialize without asking for the list. The monitor exists in the
+// parent only.
 void startAfresh() {
   unlockAll();
   if (state.libraryInstance != nullptr) inheritedInstance = state.libraryInstance.exchange(nullptr);
-  state.slotTable.clear();
   state.sessionTable.clear();
   state.userPassword.clear();
   state.derivedKeyTable.clear();
@@ -79,7 +78,6 @@ struct LoadAndUnload {
 
 }  // namespace
 
-Utils& utils = state.utils;
 std::atomic<void*>& libraryInstance = state.libraryInstance;
 SlotTable& slotTable = state.slotTable;
 SessionTable& sessionTable = state.sessionTable;
@@ -87,3 +85,5 @@ UserPassword& userPassword = state.userPassword;
 DerivedKeyTable& derivedKeyTable = state.derivedKeyTable;
 ResolutionBuffers& resolutionBuffers = state.resolutionBuffers;
 DeviceMonitor& deviceMonitor = state.deviceMonitor;
+
+}  // namespace tavrin

@@ -2,6 +2,7 @@
 #include "log/call.h"
 #include "module/vendor_extensions.h"
 
+namespace tavrin {
 namespace {
 
 CK_RV unsupported(const char* name) noexcept {
@@ -9,6 +10,9 @@ CK_RV unsupported(const char* name) noexcept {
 }
 
 }  // namespace
+}  // namespace tavrin
+
+using namespace tavrin;
 
 // clang-format off
 CK_RV C_InitToken(CK_SLOT_ID, CK_UTF8CHAR_PTR, CK_ULONG, CK_UTF8CHAR_PTR) { return unsupported("C_InitToken"); }

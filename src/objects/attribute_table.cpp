@@ -5,30 +5,13 @@
 #include <iterator>
 #include <utility>
 
+#include "devlib/device_constants.h"
 #include "objects/object_store.h"
 
+namespace tavrin {
 namespace {
 
-constexpr std::uint8_t prime256v1[] = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
-constexpr std::uint8_t secp384r1[] = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x22};
-constexpr std::uint8_t secp521r1[] = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x23};
-
-constexpr std::uint32_t rsa2048 = 2;
-constexpr std::uint32_t firstKeyType = 1;
-
-// By key type code, from firstKeyType on.
-constexpr KeyTypeProfile keyTypeProfiles[] = {
-    {CKK_RSA, 1024, CKM_RSA_PKCS_KEY_PAIR_GEN, {}}, {CKK_RSA, 2048, CKM_RSA_PKCS_KEY_PAIR_GEN, {}},
-    {CKK_RSA, 3072, CKM_RSA_PKCS_KEY_PAIR_GEN, {}}, {CKK_RSA, 4096, CKM_RSA_PKCS_KEY_PAIR_GEN, {}},
-    {CKK_EC, 256, CKM_EC_KEY_PAIR_GEN, prime256v1}, {CKK_EC, 384, CKM_EC_KEY_PAIR_GEN, secp384r1},
-    {CKK_EC, 521, CKM_EC_KEY_PAIR_GEN, secp521r1}};
-
-constexpr std::uint8_t publicExponent[] = {0x01, 0x00, 0x01};
-
-constexpr std::uint32_t mayEncryptAndDecrypt = 1;  // bits of a key pair's usage
-constexpr std::uint32_t maySignAndVerify = 0;
-
-Bytes asBytes(std::string_view text) { return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}; }
+ByteView asBytes(std::string_view text) { return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}; }
 
 // The ways in which an attribute gets its value; the rows of the table below name them.
 using Reader = void (*)(const ObjectView& object, AttributeValue& value);
@@ -43,7 +26,7 @@ void constant(const ObjectView&, AttributeValue& value) {
 }
 
 void ownHandle(const ObjectView& object, AttributeValue& value) { value.setNumber(object.handle); }
-void exponent65537(const ObjectView&, AttributeValue& value) { value.view(publicExponent); }
+void exponent65537(const ObjectView&, AttributeValue& value) { value.view(rsaPublicExponentBytes); }
 
 void certificateDer(const ObjectView& object, AttributeValue& value) { value.view(certificate(*object.certificate)); }
 void certificateLabel(const ObjectView& object, AttributeValue& value) {
@@ -54,7 +37,7 @@ void certificateId(const ObjectView& object, AttributeValue& value) { value.view
 // Asks the device library, which answers with nothing for bytes that it cannot read.
 template <std::vector<std::uint8_t> (*operation)(const std::uint8_t*, int, void*)>
 void partOfCertificate(const ObjectView& object, AttributeValue& value) {
-  const Bytes der = certificate(*object.certificate);
+  const ByteView der = certificate(*object.certificate);
   value.setMade(operation(der.data(), static_cast<int>(der.size()), nullptr));
 }
 
@@ -62,27 +45,31 @@ void keyBytes(const ObjectView& object, AttributeValue& value) { value.view(publ
 void keyLabel(const ObjectView& object, AttributeValue& value) { value.view(asBytes(label(*object.keyPair))); }
 void keyIdBytes(const ObjectView& object, AttributeValue& value) { value.view(keyId(*object.keyPair)); }
 
-template <std::uint32_t bit>
+template <std::uint32_t mask>
 void usage(const ObjectView& object, AttributeValue& value) {
-  value.setBoolean((object.keyPair->usage >> bit & 1) != 0);
+  value.setBoolean((object.keyPair->usage & mask) != 0);
+}
+
+// A code outside the table reads as RSA 2048.
+const KeyTypeInfo& keyTypeOf(const ObjectView& object) {
+  const KeyTypeInfo* info = findKeyType(object.keyPair->keyType);
+  return info ? *info : *findKeyType(codeOf(KeyType::rsa2048));
 }
 
 void keyType(const ObjectView& object, AttributeValue& value) {
-  value.setNumber(keyTypeProfile(object.keyPair->keyType).keyType);
-}
-void modulusBits(const ObjectView& object, AttributeValue& value) {
-  value.setNumber(keyTypeProfile(object.keyPair->keyType).modulusBits);
+  value.setNumber(keyTypeOf(object).algorithm == KeyAlgorithm::ec ? CKK_EC : CKK_RSA);
 }
 void keyGenMechanism(const ObjectView& object, AttributeValue& value) {
-  value.setNumber(keyTypeProfile(object.keyPair->keyType).keyGenMechanism);
+  const bool isEc = keyTypeOf(object).algorithm == KeyAlgorithm::ec;
+  value.setNumber(isEc ? CKM_EC_KEY_PAIR_GEN : CKM_RSA_PKCS_KEY_PAIR_GEN);
 }
-void ecParams(const ObjectView& object, AttributeValue& value) {
-  value.view(keyTypeProfile(object.keyPair->keyType).ecParams);
-}
+// The size of the curve for EC keys.
+void modulusBits(const ObjectView& object, AttributeValue& value) { value.setNumber(keyTypeOf(object).bits); }
+void ecParams(const ObjectView& object, AttributeValue& value) { value.view(keyTypeOf(object).curve); }
 
 // A DER OCTET STRING around the public key, with a length of one byte whatever the key's size.
 void ecPoint(const ObjectView& object, AttributeValue& value) {
-  const Bytes point = publicKey(*object.keyPair);
+  const ByteView point = publicKey(*object.keyPair);
   std::vector<std::uint8_t> der{0x04};
   if (point.size() >= 128) der.push_back(0x81);
   der.push_back(static_cast<std::uint8_t>(point.size()));
@@ -94,8 +81,8 @@ constexpr auto issuer = partOfCertificate<tavrin_getCertificateIssuer>;
 constexpr auto serialNumber = partOfCertificate<tavrin_getCertificateSerialDER>;
 constexpr auto subject = partOfCertificate<tavrin_getCertificateSubject>;
 
-constexpr auto signs = usage<maySignAndVerify>;
-constexpr auto decrypts = usage<mayEncryptAndDecrypt>;
+constexpr auto signs = usage<usageSign>;
+constexpr auto decrypts = usage<usageDecrypt>;
 
 struct AttributeRow {
   CK_ATTRIBUTE_TYPE type;
@@ -146,21 +133,9 @@ Reader readerFor(const AttributeRow& row, const ObjectView& object) {
 
 }  // namespace
 
-const KeyTypeProfile& keyTypeProfile(std::uint32_t keyType) {
-  const bool known = keyType >= firstKeyType && keyType < firstKeyType + std::size(keyTypeProfiles);
-  return keyTypeProfiles[(known ? keyType : rsa2048) - firstKeyType];
-}
-
-std::uint32_t curveKeyType(Bytes ecParams) {
-  const auto found = std::find_if(std::begin(keyTypeProfiles), std::end(keyTypeProfiles),
-                                  [&](const KeyTypeProfile& row) { return sameBytes(row.ecParams, ecParams); });
-  const auto position = static_cast<std::uint32_t>(found - std::begin(keyTypeProfiles));
-  return found != std::end(keyTypeProfiles) && !ecParams.empty() ? firstKeyType + position : 0;
-}
-
 void AttributeValue::setBoolean(bool value) {
   small_[0] = value ? CK_TRUE : CK_FALSE;
-  bytes_ = Bytes(small_).first(sizeof(CK_BBOOL));
+  bytes_ = ByteView(small_).first(sizeof(CK_BBOOL));
 }
 
 void AttributeValue::setNumber(CK_ULONG value) {
@@ -178,3 +153,5 @@ void readAttribute(CK_ATTRIBUTE_TYPE type, const ObjectView& object, AttributeVa
                                 [type](const AttributeRow& candidate) { return candidate.type == type; });
   if (row != std::end(attributeTable)) readerFor(*row, object)(object, value);
 }
+
+}  // namespace tavrin

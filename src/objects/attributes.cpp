@@ -10,9 +10,10 @@
 #include "sessions/session_call.h"
 #include "sessions/user_password.h"
 
+namespace tavrin {
 namespace {
 
-void copyTo(CK_VOID_PTR out, Bytes bytes) { std::copy(bytes.begin(), bytes.end(), static_cast<std::uint8_t*>(out)); }
+void copyTo(CK_VOID_PTR out, ByteView bytes) { std::copy(bytes.begin(), bytes.end(), static_cast<std::uint8_t*>(out)); }
 
 // A derived secret has its value and nothing else; what it does not have reads as unavailable, not as an error.
 CK_RV readDerivedSecret(const Call& call, CK_OBJECT_HANDLE hObject, std::span<CK_ATTRIBUTE> entries) {
@@ -53,7 +54,7 @@ CK_RV readEntry(const Call& call, const ObjectView& object, std::size_t index, C
   logDebug("C_GetAttributeValue type : ", type);
   AttributeValue value;
   readAttribute(type, object, value);
-  const Bytes bytes = value.bytes();
+  const ByteView bytes = value.bytes();
   if (entry.pValue && provided < bytes.size()) {
     return call.refuse(CKR_BUFFER_TOO_SMALL, "buffer too small at index=", index, " type=", type,
                        " provided=", provided, " required=", bytes.size());
@@ -81,6 +82,9 @@ std::optional<std::size_t> certificateSize(const Session& session, CK_OBJECT_HAN
 }
 
 }  // namespace
+}  // namespace tavrin
+
+using namespace tavrin;
 
 CK_RV C_GetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_PTR pTemplate,
                           CK_ULONG ulCount) {
@@ -114,8 +118,8 @@ CK_RV C_SetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, 
     }
 
     std::string newLabel;
-    Bytes newId;
-    forEachGiven(pTemplate, ulCount, [&](CK_ATTRIBUTE_TYPE type, Bytes value) {
+    ByteView newId;
+    forEachGiven(pTemplate, ulCount, [&](CK_ATTRIBUTE_TYPE type, ByteView value) {
       logDebug("C_SetAttributeValue - attrip type : ", type);
       if (type == CKA_LABEL) newLabel.assign(value.begin(), value.end());
       if (type == CKA_ID) newId = value;

@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <map>
 
+#include "devlib/device_constants.h"
 #include "log/log.h"
 #include "objects/ca_installation.h"
 #include "platform/platform.h"
 
+namespace tavrin {
 namespace {
 
 std::string programFolder() {
@@ -75,10 +77,9 @@ std::string caFolder() {
   return baseFolder() + separator + "TavrinDSC" + separator + "Certificates";
 }
 
-TavrinCertificate certificateRecord(std::string_view label, Bytes id, Bytes der) {
+TavrinCertificate certificateRecord(std::string_view label, ByteView id, ByteView der) {
   TavrinCertificate record{};
-  // Shorter than the field: the token takes labels of 128 bytes.
-  std::copy_n(label.begin(), std::min<std::size_t>(label.size(), 128), record.label);
+  std::copy_n(label.begin(), std::min(label.size(), maximumLabelLength), record.label);
   record.certIdLength = copyToField(record.certId, id);
   record.certificateLength = copyToField(record.certificate, der);
   return record;
@@ -99,3 +100,5 @@ std::vector<TavrinCertificate> findChain(const TavrinCertificate& certificate, c
   chain.push_back(certificate);
   return chain;
 }
+
+}  // namespace tavrin

@@ -1,5 +1,7 @@
 #include "objects/ca_installation.h"
 
+namespace tavrin {
+
 std::string extractCommonName(std::string_view name) {
   static constexpr std::string_view tag = "CN=";
   for (auto start = name.find(tag); start != std::string_view::npos; start = name.find(tag, start + 1)) {
@@ -9,3 +11,5 @@ std::string extractCommonName(std::string_view name) {
   }
   return std::string(name);
 }
+
+}  // namespace tavrin

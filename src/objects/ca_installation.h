@@ -6,6 +6,8 @@
 #include <string_view>
 #include <vector>
 
+namespace tavrin {
+
 // Where a folder TavrinDSC/Certificates may be found when $TAVRIN_HOME names no place.
 inline constexpr const char* installFolders[] = {"C:/Program Files (x86)/Quorvane Telemantix/Tavrin",
                                                  "C:/Program Files/Quorvane Telemantix/Tavrin"};
@@ -15,3 +17,5 @@ inline std::vector<std::string> caFileExtensions() { return {".cer", ".der", ".p
 // The common name in a name text: what follows the first "CN=" up to a comma or the end of the line; the whole text
 // when there is none.
 std::string extractCommonName(std::string_view name);
+
+}  // namespace tavrin

@@ -8,6 +8,7 @@
 #include "sessions/session_call.h"
 #include "sessions/user_password.h"
 
+namespace tavrin {
 namespace {
 
 // What the import request is told of the kind of key.
@@ -18,14 +19,14 @@ struct NewObject {
   CK_OBJECT_CLASS objectClass = CKO_CERTIFICATE;
   CK_KEY_TYPE keyType = CKK_RSA;
   std::string_view label;
-  Bytes value;
-  Bytes id;
-  Bytes modulus;
-  Bytes privateExponent;
-  Bytes prime1;
+  ByteView value;
+  ByteView id;
+  ByteView modulus;
+  ByteView privateExponent;
+  ByteView prime1;
 };
 
-void takeAttribute(CK_ATTRIBUTE_TYPE type, Bytes value, NewObject& object) {
+void takeAttribute(CK_ATTRIBUTE_TYPE type, ByteView value, NewObject& object) {
   switch (type) {
     case CKA_CLASS:
       object.objectClass = numberOf(value);
@@ -59,14 +60,14 @@ void takeAttribute(CK_ATTRIBUTE_TYPE type, Bytes value, NewObject& object) {
 
 NewObject readNewObject(CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount) {
   NewObject object;
-  forEachGiven(pTemplate, ulCount, [&](CK_ATTRIBUTE_TYPE type, Bytes value) {
+  forEachGiven(pTemplate, ulCount, [&](CK_ATTRIBUTE_TYPE type, ByteView value) {
     logDebug("C_CreateObject - attrip type : ", type);
     takeAttribute(type, value, object);
   });
   return object;
 }
 
-std::vector<std::uint8_t> copyOf(Bytes bytes) { return {bytes.begin(), bytes.end()}; }
+std::vector<std::uint8_t> copyOf(ByteView bytes) { return {bytes.begin(), bytes.end()}; }
 
 // The import request of a private key; its secret parts are wiped when it goes.
 class PrivateKeyImport {
@@ -165,6 +166,9 @@ CK_RV createCertificate(const Call& call, const Session& session, const NewObjec
 }
 
 }  // namespace
+}  // namespace tavrin
+
+using namespace tavrin;
 
 CK_RV C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount,
                      CK_OBJECT_HANDLE_PTR phObject) {

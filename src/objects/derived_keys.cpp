@@ -1,5 +1,7 @@
 #include "objects/derived_keys.h"
 
+namespace tavrin {
+
 CK_OBJECT_HANDLE DerivedKeyTable::insert(SecretBytes secret) {
   const std::lock_guard lock(mutex_);
   secrets_.emplace(nextDerivedHandle_, std::move(secret));
@@ -22,3 +24,5 @@ void DerivedKeyTable::clearUnlessBusy() {
   const std::unique_lock lock(mutex_, std::try_to_lock);
   if (lock.owns_lock()) secrets_.clear();
 }
+
+}  // namespace tavrin

@@ -9,6 +9,8 @@
 #include "objects/object_store.h"
 #include "platform/secret_memory.h"
 
+namespace tavrin {
+
 // Safe from any thread.
 class DerivedKeyTable {
  public:
@@ -31,3 +33,5 @@ class DerivedKeyTable {
 };
 
 extern DerivedKeyTable& derivedKeyTable;
+
+}  // namespace tavrin

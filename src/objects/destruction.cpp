@@ -4,6 +4,7 @@
 #include "sessions/session_call.h"
 #include "sessions/user_password.h"
 
+namespace tavrin {
 namespace {
 
 CK_RV destroyKeyPair(const Call& call, const Session& session, const TavrinKeyPair& keyPair) {
@@ -21,6 +22,9 @@ CK_RV destroyCertificate(const Call& call, const Session& session, const TavrinC
 }
 
 }  // namespace
+}  // namespace tavrin
+
+using namespace tavrin;
 
 CK_RV C_DestroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject) {
   return initializedCall("C_DestroyObject", [&](const Call& call) -> CK_RV {

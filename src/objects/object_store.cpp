@@ -7,6 +7,7 @@
 
 #include "devlib/library_instance.h"
 
+namespace tavrin {
 namespace {
 
 // The lists belong to the library and change under the module's hands: each use works on a copy of its own.
@@ -60,3 +61,5 @@ CK_OBJECT_HANDLE findKeyPairHandle(const Session& session, const std::uint8_t (&
 CK_OBJECT_HANDLE findCertificateHandle(const Session& session, const std::uint8_t (&recordId)[16]) {
   return findHandle(certificates(session), recordId, certificateBase);
 }
+
+}  // namespace tavrin

@@ -10,6 +10,8 @@
 #include "pkcs11.h"
 #include "sessions/session.h"
 
+namespace tavrin {
+
 inline constexpr CK_OBJECT_HANDLE privateKeyBase = 0x70000000;
 inline constexpr CK_OBJECT_HANDLE publicKeyBase = 0x70001000;
 inline constexpr CK_OBJECT_HANDLE certificateBase = 0x70002000;
@@ -40,3 +42,5 @@ const TavrinKeyPair* resolveEitherHalf(const Session& session, CK_OBJECT_HANDLE 
 // is not there.
 CK_OBJECT_HANDLE findKeyPairHandle(const Session& session, const std::uint8_t (&recordId)[16]);
 CK_OBJECT_HANDLE findCertificateHandle(const Session& session, const std::uint8_t (&recordId)[16]);
+
+}  // namespace tavrin

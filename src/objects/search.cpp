@@ -11,6 +11,7 @@
 #include "objects/template_reader.h"
 #include "sessions/session_call.h"
 
+namespace tavrin {
 namespace {
 
 // Stands for a template without a class.
@@ -20,13 +21,13 @@ constexpr CK_OBJECT_CLASS anyClass = 0x80000000;
 struct Criteria {
   CK_OBJECT_CLASS objectClass = anyClass;
   std::string_view label;  // empty: no criterion
-  std::optional<Bytes> value;
-  std::optional<Bytes> subject;
-  std::optional<Bytes> id;
-  std::optional<Bytes> modulus;
+  std::optional<ByteView> value;
+  std::optional<ByteView> subject;
+  std::optional<ByteView> id;
+  std::optional<ByteView> modulus;
 };
 
-void takeCriterion(const Call& call, CK_ATTRIBUTE_TYPE type, Bytes value, Criteria& criteria) {
+void takeCriterion(const Call& call, CK_ATTRIBUTE_TYPE type, ByteView value, Criteria& criteria) {
   switch (type) {
     case CKA_CLASS:
       criteria.objectClass = numberOf(value);
@@ -57,7 +58,7 @@ void takeCriterion(const Call& call, CK_ATTRIBUTE_TYPE type, Bytes value, Criter
 CK_RV readCriteria(const Call& call, std::span<const CK_ATTRIBUTE> entries, Criteria& criteria) {
   for (std::size_t i = 0; i < entries.size(); ++i) {
     const CK_ATTRIBUTE_TYPE type = entries[i].type;
-    const Bytes value = valueOf(entries[i]);
+    const ByteView value = valueOf(entries[i]);
     if (!value.data()) {
       return call.refuse(CKR_ATTRIBUTE_VALUE_INVALID, "pValue is NULL at attribute index=", i, " type=", type);
     }
@@ -100,7 +101,7 @@ bool matches(const TavrinCertificate& record, const Criteria& criteria) {
   if (criteria.value) return sameBytes(certificate(record), *criteria.value);
   if (criteria.id) return sameBytes(certId(record), *criteria.id);
   if (criteria.subject) {
-    const Bytes der = certificate(record);
+    const ByteView der = certificate(record);
     return sameBytes(tavrin_getCertificateSubject(der.data(), static_cast<int>(der.size()), nullptr),
                      *criteria.subject);
   }
@@ -169,6 +170,9 @@ class SearchResults {
 };
 
 }  // namespace
+}  // namespace tavrin
+
+using namespace tavrin;
 
 CK_RV C_FindObjectsInit(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount) {
   return sessionCall("C_FindObjectsInit", hSession, [&](const Call& call, Session& session) -> CK_RV {

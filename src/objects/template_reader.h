@@ -8,16 +8,18 @@
 #include "devlib/records.h"
 #include "pkcs11.h"
 
+namespace tavrin {
+
 inline std::span<CK_ATTRIBUTE> templateEntries(CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount) {
   return {pTemplate, static_cast<std::size_t>(ulCount)};
 }
 
-inline Bytes valueOf(const CK_ATTRIBUTE& attribute) {
+inline ByteView valueOf(const CK_ATTRIBUTE& attribute) {
   return {static_cast<const std::uint8_t*>(attribute.pValue), static_cast<std::size_t>(attribute.ulValueLen)};
 }
 
 // A number given with fewer bytes than it has is read as what is there, the rest zero; surplus bytes are not read.
-inline CK_ULONG numberOf(Bytes value) {
+inline CK_ULONG numberOf(ByteView value) {
   CK_ULONG number = 0;
   std::memcpy(&number, value.data(), std::min(value.size(), sizeof number));
   return number;
@@ -28,7 +30,9 @@ inline CK_ULONG numberOf(Bytes value) {
 template <typename Visitor>
 void forEachGiven(CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount, Visitor&& visit) {
   for (const CK_ATTRIBUTE& attribute : templateEntries(pTemplate, ulCount)) {
-    const Bytes value = valueOf(attribute);
+    const ByteView value = valueOf(attribute);
     if (value.data() != nullptr && !value.empty()) visit(CK_ATTRIBUTE_TYPE{attribute.type}, value);
   }
 }
+
+}  // namespace tavrin

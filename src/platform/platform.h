@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
+#include <thread>
 
 namespace platform {
 
@@ -26,38 +26,62 @@ struct LocalTime {
 extern const char pathSeparator;
 
 // Reads a value of the machine-wide registry into `buffer` and returns the number of bytes, or nothing when the value
-// is missing, unreadable or longer than the buffer. On POSIX the value is the file $TAVRIN_REGISTRY/KEY/NAME (default
-// root /etc/tavrin/registry, "/" for the "\" of the key), a decimal text that stands for a 32-bit value.
+// is missing, unreadable or longer than the buffer. On POSIX the value is the decimal text in registryFile(); it counts
+// as a 32-bit value.
 std::optional<std::size_t> readRegistryValue(const char* key, const char* name, std::uint8_t* buffer, std::size_t size);
 
-// Writes the folder for temporary files, with its closing separator; false when there is none or it does not fit.
-bool temporaryFolder(char* buffer, std::size_t size);
+// On POSIX the file that holds a registry value: $TAVRIN_REGISTRY/KEY/NAME (default root /etc/tavrin/registry, "/" for
+// each "\" of the key). Empty on Windows.
+std::string registryFile(const char* key, const char* name);
+
+// Writes the folder for temporary files in which this user keeps the folder `name`, with a closing separator; false
+// when there is none or it does not fit. On POSIX that is $TMPDIR unless the folder `name` in it belongs to another
+// user, else /tmp/tavrin-UID, which is made when it is first written to.
+bool temporaryFolder(const char* name, char* buffer, std::size_t size);
 
 bool isFolder(const char* path);
 
-// An existing folder is no error; neither is any other failure, which the next use of the folder meets again.
-void createFolder(const char* path);
+// Appends the text with one write, so that lines of several threads and processes never tear each other. The first
+// `baseLength` characters of the path name an existing folder; the folders after it are separated by "/", and they and
+// the file are created when they are missing. False when the file cannot be opened; a write that fails is not reported.
+// On POSIX the folders after the first one and the file are private to this user: they are created so, and refused when
+// they belong to another user, are links or anything else than folders and a regular file with one name.
+bool appendToFile(const char* path, std::size_t baseLength, std::string_view text);
 
-// Appends the text with one write, so that lines of several threads and processes never tear each other. False when
-// the file cannot be opened; a write that fails goes unnoticed.
-bool appendToFile(const char* path, std::string_view text);
-
-// The file of the running program: with its folders, and its name alone. Empty when the system does not tell.
+// The file of the running program: with its folders, and its name only. Empty when the system does not report it.
 std::string programPath();
 std::string programName();
 
-// The variable's value, or an empty text when it is not set.
+// The variable's value. Empty when it is not set, and on POSIX in a program that runs with other rights than its
+// caller's (set-user-ID), where the environment is not trusted.
 std::string environmentVariable(const char* name);
 
 LocalTime localTime();
+
+// Starts a thread. On POSIX the thread receives none of the signals that the application handles or waits for. Throws
+// std::system_error when there can be no thread.
+std::thread startThread(void (*run)());
+
+// Defers cancellation of the calling thread (pthread_cancel) while this object exists: unwinding by a cancellation must
+// not cross a frame that stops exceptions. Does nothing on Windows.
+class CancellationDeferral {
+ public:
+  CancellationDeferral() noexcept;
+  ~CancellationDeferral();
+  CancellationDeferral(const CancellationDeferral&) = delete;
+  CancellationDeferral& operator=(const CancellationDeferral&) = delete;
+
+ private:
+  int previous_ = 0;
+};
 
 void sleepMilliseconds(unsigned milliseconds);
 
 // Overwrites memory with zeros in a way that the compiler does not drop.
 void wipe(void* memory, std::size_t size);
 
-// Keeps this module loaded, whatever the application unloads, until the pin is released: for as long as a thread of
-// ours runs its code. Never waits for anything. A pin may be null (nothing to hold); releasing null does nothing.
+// Keeps this module loaded, whatever the application unloads, until the pin is released: while a thread of ours runs
+// its code. Does not wait. A pin may be null (nothing to hold); releasing null does nothing.
 void* pinModule();
 void releaseModule(void* pin);
 
@@ -65,8 +89,8 @@ void releaseModule(void* pin);
 // Windows it is never called: the system has ended all other threads before it tells a library of the end.
 void atProcessExit(void (*handler)());
 
-// Calls the three handlers around every fork of the process, as pthread_atfork does; does nothing where there is no
-// fork.
+// Calls the three handlers around every fork of the process, as pthread_atfork does, and keeps other threads out of
+// localTime() during the fork, whose lock the child would otherwise find taken. Does nothing where there is no fork.
 void aroundFork(void (*prepare)(), void (*parent)(), void (*child)());
 
 }  // namespace platform

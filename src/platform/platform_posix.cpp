@@ -1,6 +1,8 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,6 +13,7 @@
 #include <cstring>
 #include <ctime>
 #include <mutex>
+#include <utility>
 
 #include "platform/platform.h"
 
@@ -18,27 +21,100 @@ namespace platform {
 
 namespace {
 
-// Closes its descriptor when it goes.
+// An open file or folder; closes its descriptor.
 class File {
  public:
-  File(const char* path, int flags, mode_t mode = 0) : descriptor_(open(path, flags | O_CLOEXEC, mode)) {}
+  File() = default;
+  File(const char* path, int flags) : File(AT_FDCWD, path, flags) {}
+  File(int folder, const char* name, int flags, mode_t mode = 0)
+      : descriptor_(openat(folder, name, flags | O_CLOEXEC, mode)) {}
   ~File() {
     if (isOpen()) close(descriptor_);
   }
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
+  File(File&& other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
+  File& operator=(File&& other) noexcept {
+    std::swap(descriptor_, other.descriptor_);
+    return *this;
+  }
 
+  int descriptor() const { return descriptor_; }
   bool isOpen() const { return descriptor_ >= 0; }
   bool describe(struct stat& status) const { return fstat(descriptor_, &status) == 0; }
   ssize_t read(void* buffer, std::size_t size) const { return ::read(descriptor_, buffer, size); }
-  void write(std::string_view text) const {
-    // A disk that is full cuts the line short; writing the rest later would tear other lines.
-    [[maybe_unused]] const ssize_t count = ::write(descriptor_, text.data(), text.size());
-  }
+  // A disk that is full cuts the text short; writing the rest later would tear other lines.
+  ssize_t write(std::string_view text) const { return ::write(descriptor_, text.data(), text.size()); }
 
  private:
-  int descriptor_;
+  int descriptor_ = -1;
 };
+
+// The variable's value; null when it is not set or empty, or not to be trusted.
+const char* variable(const char* name) {
+  const char* value = secure_getenv(name);
+  return value != nullptr && *value != '\0' ? value : nullptr;
+}
+
+bool isOfThisUser(const struct stat& status) { return status.st_uid == geteuid(); }
+
+bool belongsToAnother(const char* path) {
+  struct stat status;
+  return lstat(path, &status) == 0 && !isOfThisUser(status);
+}
+
+constexpr char sharedTemporaryFolder[] = "/tmp/";
+
+// This user's own folder in the shared one, for use without $TMPDIR.
+bool ownTemporaryFolder(char* buffer, std::size_t size) {
+  const int length =
+      std::snprintf(buffer, size, "%stavrin-%lu/", sharedTemporaryFolder, static_cast<unsigned long>(geteuid()));
+  return static_cast<std::size_t>(length) < size;
+}
+
+// Opens a folder of this user, and creates it if it is missing. Not open when it is another user's, or a link.
+File openPrivateFolder(int parent, const char* name) {
+  constexpr int flags = O_PATH | O_DIRECTORY | O_NOFOLLOW;
+  File folder(parent, name, flags);
+  if (!folder.isOpen() && errno == ENOENT && (mkdirat(parent, name, 0700) == 0 || errno == EEXIST)) {
+    folder = File(parent, name, flags);
+  }
+  struct stat status;
+  return folder.isOpen() && folder.describe(status) && isOfThisUser(status) ? std::move(folder) : File();
+}
+
+// Opens a regular file of this user that has one name only, and creates it if it is missing.
+File openPrivateFile(int folder, const char* name) {
+  // A pipe in the place of the file must not block the caller.
+  constexpr int flags = O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK;
+  File file(folder, name, flags, 0600);
+  struct stat status;
+  const bool usable =
+      file.isOpen() && file.describe(status) && S_ISREG(status.st_mode) && isOfThisUser(status) && status.st_nlink == 1;
+  return usable ? std::move(file) : File();
+}
+
+// Writes where the process may have a limit on the size of files. Beyond the limit the system sends a signal that would
+// end the process; it is sent to the writing thread, which takes it back.
+void writeWithinLimit(const File& file, std::string_view text) {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur == RLIM_INFINITY) {
+    file.write(text);
+    return;
+  }
+  sigset_t exceeded;
+  sigset_t before;
+  sigset_t pending;
+  sigemptyset(&exceeded);
+  sigaddset(&exceeded, SIGXFSZ);
+  pthread_sigmask(SIG_BLOCK, &exceeded, &before);
+  sigpending(&pending);
+  const bool isOurs = file.write(text) < 0 && errno == EFBIG && sigismember(&pending, SIGXFSZ) == 0;
+  const timespec now{};
+  if (isOurs) sigtimedwait(&exceeded, nullptr, &now);
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+// Guards localtime_r, which takes a lock of the C library that a forked child would find taken for ever.
+constinit std::mutex timeMutex;
 
 // The value of a decimal text, with blanks around it allowed; nothing when it is anything else.
 std::optional<std::uint32_t> decimalValue(const char* text) {
@@ -55,15 +131,15 @@ bool same(const timespec& left, const timespec& right) {
   return left.tv_sec == right.tv_sec && left.tv_nsec == right.tv_nsec;
 }
 
-// The number in a small file. Asking the system about a file costs a third of opening, reading and closing it, and as
-// long as it tells the same of the file, the number that was read last stands there still.
+// The number in a small file. The file is read again only when its status has changed: asking for the status costs a
+// third of opening, reading and closing the file.
 class NumberInFile {
  public:
   // Nothing when the file is missing, unreadable or no decimal text.
   std::optional<std::uint32_t> read(const char* path) {
     struct stat status;
     if (stat(path, &status) != 0) return std::nullopt;
-    // Never waits: the holder may be a thread that a fork has left behind. Whoever comes second reads the file.
+    // Does not wait: the holder may be a thread that does not exist after a fork. The second caller reads the file.
     const std::unique_lock lock(mutex_, std::try_to_lock);
     if (lock && known_ && isKnown(status)) return number_;
 
@@ -90,7 +166,7 @@ class NumberInFile {
            same(status.st_ctim, status_.st_ctim) && same(status.st_mtim, status_.st_mtim);
   }
 
-  // The clock of a file system may tick slowly: only after a while is a further change sure to show another time.
+  // A file system's clock may be coarse: a further change is sure to get another time only after a while.
   static bool isSettled(const struct stat& status) {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
@@ -103,8 +179,10 @@ class NumberInFile {
   std::optional<std::uint32_t> number_;
 };
 
-// Put together by hand, since the level of the log is read for every line.
-bool registryPath(std::string_view root, std::string_view key, std::string_view name, char* path, std::size_t size) {
+// Composed in place, since the level of the log is read for every line.
+bool registryPath(std::string_view key, std::string_view name, char* path, std::size_t size) {
+  const char* variableValue = variable("TAVRIN_REGISTRY");
+  const std::string_view root = variableValue != nullptr ? variableValue : "/etc/tavrin/registry";
   if (root.size() + key.size() + name.size() + 3 > size) return false;
   char* end = std::copy(root.begin(), root.end(), path);
   *end++ = '/';
@@ -120,10 +198,8 @@ const char pathSeparator = '/';
 
 std::optional<std::size_t> readRegistryValue(const char* key, const char* name, std::uint8_t* buffer,
                                              std::size_t size) {
-  const char* root = std::getenv("TAVRIN_REGISTRY");
-  if (root == nullptr || *root == '\0') root = "/etc/tavrin/registry";
   char path[1024];
-  if (!registryPath(root, key, name, path, sizeof path)) return std::nullopt;
+  if (!registryPath(key, name, path, sizeof path)) return std::nullopt;
   static constinit NumberInFile file;
   const auto value = file.read(path);
   if (!value || size < sizeof *value) return std::nullopt;
@@ -131,14 +207,18 @@ std::optional<std::size_t> readRegistryValue(const char* key, const char* name, 
   return sizeof *value;
 }
 
-bool temporaryFolder(char* buffer, std::size_t size) {
-  const char* folder = std::getenv("TMPDIR");
-  if (folder == nullptr || *folder == '\0') folder = "/tmp";
-  const std::size_t length = std::strlen(folder);
-  if (length + 2 > size) return false;
-  std::memcpy(buffer, folder, length);
-  buffer[length] = '/';
-  buffer[length + 1] = '\0';
+std::string registryFile(const char* key, const char* name) {
+  char path[1024];
+  return registryPath(key, name, path, sizeof path) ? path : "";
+}
+
+bool temporaryFolder(const char* name, char* buffer, std::size_t size) {
+  const char* folder = variable("TMPDIR");
+  if (folder == nullptr) return ownTemporaryFolder(buffer, size);
+  const auto length = static_cast<std::size_t>(std::snprintf(buffer, size, "%s/%s", folder, name));
+  if (length >= size) return false;
+  if (belongsToAnother(buffer)) return ownTemporaryFolder(buffer, size);
+  buffer[length - std::strlen(name)] = '\0';
   return true;
 }
 
@@ -147,12 +227,27 @@ bool isFolder(const char* path) {
   return stat(path, &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-void createFolder(const char* path) { static_cast<void>(mkdir(path, 0777)); }
-
-bool appendToFile(const char* path, std::string_view text) {
-  const File file(path, O_WRONLY | O_APPEND | O_CREAT, 0666);
+bool appendToFile(const char* path, std::size_t baseLength, std::string_view text) {
+  char own[64];
+  if (ownTemporaryFolder(own, sizeof own) && std::string_view(path).starts_with(own)) {
+    baseLength = std::strlen(sharedTemporaryFolder);
+  }
+  std::string folders = path;
+  // Each step opens what the separator at `end` closes, first with the base in front, then inside the last folder.
+  std::size_t start = 0;
+  File folder;
+  int parent = AT_FDCWD;
+  for (auto end = folders.find('/', folders.find_first_not_of('/', baseLength)); end != std::string::npos;
+       end = folders.find('/', start)) {
+    folders[end] = '\0';
+    if (start == 0 || end > start) folder = openPrivateFolder(parent, folders.c_str() + start);
+    if (!folder.isOpen()) return false;
+    parent = folder.descriptor();
+    start = end + 1;
+  }
+  const File file = openPrivateFile(parent, folders.c_str() + start);
   if (!file.isOpen()) return false;
-  file.write(text);
+  writeWithinLimit(file, text);
   return true;
 }
 
@@ -168,7 +263,7 @@ std::string programName() {
 }
 
 std::string environmentVariable(const char* name) {
-  const char* value = std::getenv(name);
+  const char* value = variable(name);
   return value != nullptr ? value : "";
 }
 
@@ -176,7 +271,10 @@ LocalTime localTime() {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
   tm parts{};
-  localtime_r(&now.tv_sec, &parts);
+  {
+    const std::lock_guard lock(timeMutex);
+    localtime_r(&now.tv_sec, &parts);
+  }
   return {parts.tm_year + 1900,
           parts.tm_mon + 1,
           parts.tm_mday,
@@ -185,6 +283,23 @@ LocalTime localTime() {
           parts.tm_sec,
           static_cast<int>(now.tv_nsec / 1000000)};
 }
+
+std::thread startThread(void (*run)()) {
+  // The thread inherits the mask. Signals that a fault of its own raises stay deliverable.
+  sigset_t blocked;
+  sigset_t before;
+  sigfillset(&blocked);
+  for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS}) sigdelset(&blocked, fault);
+  pthread_sigmask(SIG_SETMASK, &blocked, &before);
+  const struct Restore {
+    const sigset_t& mask;
+    ~Restore() { pthread_sigmask(SIG_SETMASK, &mask, nullptr); }
+  } restore{before};
+  return std::thread(run);
+}
+
+CancellationDeferral::CancellationDeferral() noexcept { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous_); }
+CancellationDeferral::~CancellationDeferral() { pthread_setcancelstate(previous_, nullptr); }
 
 void sleepMilliseconds(unsigned milliseconds) {
   timespec left{static_cast<time_t>(milliseconds / 1000), static_cast<long>(milliseconds % 1000) * 1000000};
@@ -204,8 +319,8 @@ void releaseModule(void* pin) {
   if (pin != nullptr) dlclose(pin);
 }
 
-// By a static object, whose destruction goes with the library when that is unloaded; a handler given to std::atexit may
-// stay behind, where a sanitizer or another library has replaced that function.
+// By a static object, which is destroyed when the library is unloaded. A handler given to std::atexit may stay
+// registered after that, where a sanitizer or another library has replaced that function.
 void atProcessExit(void (*handler)()) {
   static const struct AtExit {
     void (*handler)();
@@ -214,6 +329,7 @@ void atProcessExit(void (*handler)()) {
 }
 
 void aroundFork(void (*prepare)(), void (*parent)(), void (*child)()) {
+  static_cast<void>(pthread_atfork([] { timeMutex.lock(); }, [] { timeMutex.unlock(); }, [] { timeMutex.unlock(); }));
   static_cast<void>(pthread_atfork(prepare, parent, child));
 }
 

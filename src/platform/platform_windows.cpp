@@ -25,6 +25,19 @@ std::string systemText(Query query) {
   }
 }
 
+HANDLE openForAppending(const char* path) {
+  return CreateFileA(path, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_ALWAYS,
+                     FILE_ATTRIBUTE_NORMAL, nullptr);
+}
+
+// Creates the folders of the path after its base. One that exists is no error; any other failure is met again when the
+// file is opened.
+void createFolders(const std::string& path, std::size_t baseLength) {
+  for (auto end = path.find('/', baseLength + 1); end != std::string::npos; end = path.find('/', end + 1)) {
+    CreateDirectoryA(path.substr(0, end).c_str(), nullptr);
+  }
+}
+
 }  // namespace
 
 const char pathSeparator = '\\';
@@ -38,7 +51,9 @@ std::optional<std::size_t> readRegistryValue(const char* key, const char* name, 
   return length;
 }
 
-bool temporaryFolder(char* buffer, std::size_t size) {
+std::string registryFile(const char*, const char*) { return {}; }
+
+bool temporaryFolder(const char*, char* buffer, std::size_t size) {
   const DWORD length = GetTempPathA(static_cast<DWORD>(size), buffer);
   return length > 0 && length < size;
 }
@@ -48,11 +63,13 @@ bool isFolder(const char* path) {
   return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
 }
 
-void createFolder(const char* path) { CreateDirectoryA(path, nullptr); }
-
-bool appendToFile(const char* path, std::string_view text) {
-  const HANDLE file = CreateFileA(path, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_ALWAYS,
-                                  FILE_ATTRIBUTE_NORMAL, nullptr);
+bool appendToFile(const char* path, std::size_t baseLength, std::string_view text) {
+  HANDLE file = openForAppending(path);
+  if (file == INVALID_HANDLE_VALUE) {
+    // Folders are created only now: looking for them before every line would double its cost.
+    createFolders(path, baseLength);
+    file = openForAppending(path);
+  }
   if (file == INVALID_HANDLE_VALUE) return false;
   DWORD written = 0;
   WriteFile(file, text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
@@ -79,6 +96,11 @@ LocalTime localTime() {
   GetLocalTime(&now);
   return {now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute, now.wSecond, now.wMilliseconds};
 }
+
+std::thread startThread(void (*run)()) { return std::thread(run); }
+
+CancellationDeferral::CancellationDeferral() noexcept = default;
+CancellationDeferral::~CancellationDeferral() = default;
 
 void sleepMilliseconds(unsigned milliseconds) { Sleep(milliseconds); }
 

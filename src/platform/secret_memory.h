@@ -8,6 +8,8 @@
 
 #include "platform/platform.h"
 
+namespace tavrin {
+
 template <typename T>
 struct WipingAllocator {
   using value_type = T;
@@ -25,3 +27,5 @@ struct WipingAllocator {
 };
 
 using SecretBytes = std::vector<std::uint8_t, WipingAllocator<std::uint8_t>>;
+
+}  // namespace tavrin

@@ -1,13 +1,10 @@
 // C_Login, C_Logout and C_SetPIN.
-#include "devlib/device_statuses.h"
+#include "devlib/device_constants.h"
 #include "sessions/session_call.h"
 #include "sessions/user_password.h"
 
+namespace tavrin {
 namespace {
-
-// The login kinds that the library knows.
-constexpr int userLoginKind = 1;
-constexpr int officerLoginKind = 2;
 
 // What a login does to one session of the token: its new state, and a refusal with the line to log, if any. One login
 // knows one such line.
@@ -35,12 +32,12 @@ constexpr LoginEffect officerLogin[] = {{CKS_RO_PUBLIC_SESSION, CKR_SESSION_READ
 // Asks the device for the password and maps its refusal.
 CK_RV validatePassword(const Call& call, const Session& session, CK_USER_TYPE userType, const Pin& pin) {
   int retryCounter = 0;
-  const int status =
-      tavrin_validatePassword(session.deviceId(), pin.text(), userType == CKU_USER ? userLoginKind : officerLoginKind,
-                              &retryCounter, libraryInstance);
+  const int status = tavrin_validatePassword(session.deviceId(), pin.text(),
+                                             userType == CKU_USER ? userPasswordKind : officerPasswordKind,
+                                             &retryCounter, libraryInstance);
   if (status == 0) return CKR_OK;
   logError("Token password validation failed : ", status);
-  if (status == deviceFault) return CKR_FUNCTION_FAILED;
+  if (status == statusDeviceFault) return CKR_FUNCTION_FAILED;
   return call.refuseBare(retryCounter != 0 ? CKR_PIN_INCORRECT : CKR_PIN_LOCKED,
                          "Token password validation failed, retry count : ", retryCounter);
 }
@@ -66,6 +63,9 @@ CK_RV raiseSessions(const Call& call, const Session& session, const LoginEffect 
 bool pinLengthIsBad(CK_ULONG length) { return length < minimumPinLength || length > maximumPinLength; }
 
 }  // namespace
+}  // namespace tavrin
+
+using namespace tavrin;
 
 CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR pPin, CK_ULONG ulPinLen) {
   return sessionCall("C_Login", hSession, [&](const Call& call, Session& session) -> CK_RV {

@@ -9,6 +9,8 @@
 #include "pkcs11.h"
 #include "platform/secret_memory.h"
 
+namespace tavrin {
+
 // What a session is busy with. The numbers are those that the log shows.
 enum class Operation : std::uint32_t {
   none = 0,
@@ -59,3 +61,5 @@ struct Session {
   const char* deviceId() const { return device.serialNumber.c_str(); }
   bool isUserSession() const { return state == CKS_RO_USER_FUNCTIONS || state == CKS_RW_USER_FUNCTIONS; }
 };
+
+}  // namespace tavrin

@@ -4,6 +4,8 @@
 #include "devlib/library_instance.h"
 #include "sessions/session_table.h"
 
+namespace tavrin {
+
 // An initialised call on an open session: runs `body(call, session)`.
 template <typename Body>
 CK_RV sessionCall(const char* name, CK_SESSION_HANDLE hSession, Body&& body) noexcept {
@@ -29,3 +31,5 @@ inline CK_RV refuseActive(const Call& call, const Session& session) {
 inline CK_RV refuseState(const Call& call, CK_STATE state) {
   return call.refuse(CKR_SESSION_HANDLE_INVALID, "invalid session state=", state);
 }
+
+}  // namespace tavrin

@@ -3,6 +3,7 @@
 #include "sessions/user_password.h"
 #include "slots/slot_call.h"
 
+namespace tavrin {
 namespace {
 
 // A user who is logged in on any token makes new sessions of every token user sessions.
@@ -18,6 +19,9 @@ CK_FLAGS sessionFlags(CK_STATE state) {
 }
 
 }  // namespace
+}  // namespace tavrin
+
+using namespace tavrin;
 
 CK_RV C_OpenSession(CK_SLOT_ID slotID, CK_FLAGS flags, CK_VOID_PTR, CK_NOTIFY, CK_SESSION_HANDLE_PTR phSession) {
   return slotCall("C_OpenSession", slotID, [&](const Call& call, const TokenInfo& token) -> CK_RV {

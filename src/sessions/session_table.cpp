@@ -8,6 +8,8 @@
 #include "sessions/user_password.h"
 #include "slots/token_sessions.h"
 
+namespace tavrin {
+
 std::shared_ptr<Session> SessionTable::find(CK_SESSION_HANDLE handle) const {
   const std::lock_guard lock(mutex_);
   const auto found = sessions_.find(handle);
@@ -58,3 +60,5 @@ void logOutSessionsWithoutDevice(const std::vector<std::string>& connectedDevice
   if (loggedOut > 0) userPassword.clear();
   for (; loggedOut > 0; --loggedOut) logDebug("Device disconnected, clearing userPassword");
 }
+
+}  // namespace tavrin

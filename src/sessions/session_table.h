@@ -8,6 +8,8 @@
 
 #include "sessions/session.h"
 
+namespace tavrin {
+
 inline constexpr CK_SESSION_HANDLE firstSessionHandle = 0x60000001;
 
 // Safe from any thread; the lock is held for the table's own work only. A session that is closed while another thread
@@ -46,3 +48,5 @@ class SessionTable {
 };
 
 extern SessionTable& sessionTable;
+
+}  // namespace tavrin

@@ -4,8 +4,10 @@
 
 #include "platform/platform.h"
 
+namespace tavrin {
+
 Pin::Pin(const CK_UTF8CHAR* bytes, CK_ULONG length)
-    : length_(static_cast<std::size_t>(std::min(length, maximumPinLength))) {
+    : length_(static_cast<std::size_t>(std::min<CK_ULONG>(length, maximumPinLength))) {
   std::copy_n(bytes, length_, text_.begin());
 }
 
@@ -50,3 +52,5 @@ void UserPassword::clear() {
   const std::lock_guard lock(mutex_);
   pin_.wipe();
 }
+
+}  // namespace tavrin

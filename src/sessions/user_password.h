@@ -4,7 +4,10 @@
 #include <array>
 #include <mutex>
 
-#include "devlib/records.h"
+#include "devlib/device_constants.h"
+#include "pkcs11.h"
+
+namespace tavrin {
 
 // One PIN in a buffer of its own, which is wiped when it goes.
 class Pin {
@@ -49,3 +52,5 @@ class UserPassword {
 };
 
 extern UserPassword& userPassword;
+
+}  // namespace tavrin

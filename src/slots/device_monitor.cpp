@@ -10,6 +10,7 @@
 #include "slots/slot_table.h"
 #include "slots/token_sessions.h"
 
+namespace tavrin {
 namespace {
 
 void raiseSlotEvent() {
@@ -72,7 +73,7 @@ void startDeviceMonitor() {
   deviceMonitor.monitorRunning = true;
   deviceMonitor.pin = platform::pinModule();
   try {
-    deviceMonitor.monitorThread = std::thread(runDeviceMonitor);
+    deviceMonitor.monitorThread = platform::startThread(runDeviceMonitor);
   } catch (...) {
     deviceMonitor.monitorRunning = false;
     platform::releaseModule(std::exchange(deviceMonitor.pin, nullptr));
@@ -95,3 +96,5 @@ void stopDeviceMonitor() {
   }
   deviceMonitor.monitorRunning = false;
 }
+
+}  // namespace tavrin

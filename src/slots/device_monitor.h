@@ -9,6 +9,8 @@
 
 #include "pkcs11.h"
 
+namespace tavrin {
+
 // How often the devices are listed, in milliseconds, and the longest sleep in between: a stop waits no longer.
 inline constexpr unsigned pollPeriod = 1000;
 inline constexpr unsigned sleepSlice = 50;
@@ -34,3 +36,5 @@ void startDeviceMonitor();
 // Wakes every waiter of C_WaitForSlotEvent, ends the thread and waits for it: for the library's current listing of
 // devices and at most one slice of sleep.
 void stopDeviceMonitor();
+
+}  // namespace tavrin

@@ -5,6 +5,7 @@
 
 #include "log/utils.h"
 
+namespace tavrin {
 namespace {
 
 std::int32_t leadingNumber(const std::string& text) {
@@ -40,3 +41,5 @@ CK_VERSION majorAndMinor(std::string_view version) {
   const auto numbers = versionNumbers(version);
   return {static_cast<CK_BYTE>(numberAt(numbers, 0)), static_cast<CK_BYTE>(numberAt(numbers, 1))};
 }
+
+}  // namespace tavrin

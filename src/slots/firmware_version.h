@@ -7,6 +7,8 @@
 
 #include "pkcs11.h"
 
+namespace tavrin {
+
 // The numbers of a version text: what stands at the head of each piece between points, read as atoi reads it; 0 for a
 // piece without a number.
 std::vector<std::int32_t> versionNumbers(std::string_view version);
@@ -16,3 +18,5 @@ int compareVersions(std::string_view left, std::string_view right);
 
 // The first two numbers, each cut to 8 bits.
 CK_VERSION majorAndMinor(std::string_view version);
+
+}  // namespace tavrin

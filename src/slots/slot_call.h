@@ -4,6 +4,8 @@
 #include "devlib/library_instance.h"
 #include "slots/slot_table.h"
 
+namespace tavrin {
+
 // An initialised call on an existing slot: runs `body(call, token)` with the slot's token record.
 template <typename Body>
 CK_RV slotCall(const char* name, CK_SLOT_ID slotID, Body&& body) noexcept {
@@ -13,3 +15,5 @@ CK_RV slotCall(const char* name, CK_SLOT_ID slotID, Body&& body) noexcept {
     return body(call, *token);
   });
 }
+
+}  // namespace tavrin

@@ -3,12 +3,13 @@
 #include <span>
 #include <string_view>
 
+#include "devlib/device_constants.h"
 #include "devlib/device_library.h"
-#include "devlib/records.h"
 #include "slots/firmware_version.h"
 #include "slots/slot_call.h"
 #include "slots/token_sessions.h"
 
+namespace tavrin {
 namespace {
 
 constexpr std::string_view manufacturer = "Quorvane Telemantix";
@@ -35,6 +36,9 @@ CK_FLAGS tokenFlags(std::int32_t remainingRetries) {
 }
 
 }  // namespace
+}  // namespace tavrin
+
+using namespace tavrin;
 
 CK_RV C_GetSlotList(CK_BBOOL, CK_SLOT_ID_PTR pSlotList, CK_ULONG_PTR pulCount) {
   return initializedCall("C_GetSlotList", [&](const Call& call) -> CK_RV {

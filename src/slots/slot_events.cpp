@@ -2,6 +2,7 @@
 #include "devlib/library_instance.h"
 #include "slots/device_monitor.h"
 
+namespace tavrin {
 namespace {
 
 CK_RV takePendingEvent(const Call& call, CK_SLOT_ID_PTR pSlot) {
@@ -13,13 +14,16 @@ CK_RV takePendingEvent(const Call& call, CK_SLOT_ID_PTR pSlot) {
   return CKR_OK;
 }
 
-// Sleeps until an event or a stop; true for an event, which is then taken. A stop wins over a pending event.
+// Sleeps until an event or a stop; true for an event, which is then collected. A stop wins over a pending event.
+// Another thread's non-blocking call may collect the same event at this moment: then both have seen it.
 bool waitForEvent(std::uint64_t stopsBefore) {
   DeviceMonitor& monitor = deviceMonitor;
   std::unique_lock lock(monitor.eventMutex);
   const auto stopped = [&] { return monitor.stopRequested || monitor.stops != stopsBefore; };
   monitor.eventCondition.wait(lock, [&] { return monitor.eventPending || stopped(); });
-  return !stopped() && monitor.eventPending.exchange(false);
+  if (stopped()) return false;
+  monitor.eventPending = false;
+  return true;
 }
 
 CK_RV awaitEvent(const Call& call, CK_SLOT_ID_PTR pSlot, std::uint64_t stopsBefore) {
@@ -32,6 +36,9 @@ CK_RV awaitEvent(const Call& call, CK_SLOT_ID_PTR pSlot, std::uint64_t stopsBefo
 }
 
 }  // namespace
+}  // namespace tavrin
+
+using namespace tavrin;
 
 CK_RV C_WaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR pSlot, CK_VOID_PTR) {
   // Before the initialised check, so that a stop and a new start between the check and the wait are not missed.

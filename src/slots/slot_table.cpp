@@ -2,6 +2,8 @@
 
 #include <iterator>
 
+namespace tavrin {
+
 SlotTable::Entry SlotTable::find(CK_SLOT_ID slotID) const {
   if (slotID < firstSlotId) return nullptr;
   const auto position = slotID - firstSlotId;
@@ -14,3 +16,5 @@ void SlotTable::replace(Entries entries) {
   const std::lock_guard lock(mutex_);
   entries_.swap(entries);
 }
+
+}  // namespace tavrin

@@ -10,6 +10,8 @@
 #include "devlib/device_library.h"
 #include "pkcs11.h"
 
+namespace tavrin {
+
 inline constexpr CK_SLOT_ID firstSlotId = 0x50000001;
 
 // Safe from any thread; the lock is held for the table's own work only.
@@ -32,3 +34,5 @@ class SlotTable {
 };
 
 extern SlotTable& slotTable;
+
+}  // namespace tavrin

@@ -6,6 +6,8 @@
 
 #include "pkcs11.h"
 
+namespace tavrin {
+
 struct PublicSessionCounts {
   CK_ULONG readOnly;
   CK_ULONG readWrite;
@@ -17,3 +19,5 @@ PublicSessionCounts countPublicSessions();
 // Lowers every user session whose device is not among the connected ones to its public state and forgets the user's
 // password if there was such a session.
 void logOutSessionsWithoutDevice(const std::vector<std::string>& connectedDevices);
+
+}  // namespace tavrin

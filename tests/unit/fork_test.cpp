@@ -12,11 +12,10 @@ class ForkTest : public ModuleTest {
   int useModuleInChild(CK_SESSION_HANDLE parentsSession) {
     CK_SESSION_INFO info;
     CK_SLOT_INFO slotInfo;
-    if (C_Initialize(nullptr) != CKR_OK) return 1;
+    if (C_GetSlotInfo(slot1, &slotInfo) != CKR_CRYPTOKI_NOT_INITIALIZED || C_Initialize(nullptr) != CKR_OK) return 1;
     if (C_GetSessionInfo(parentsSession, &info) != CKR_SESSION_HANDLE_INVALID) return 2;
-    if (C_GetSlotInfo(slot1, &slotInfo) != CKR_SLOT_ID_INVALID) return 3;
+    if (C_GetSlotInfo(slot1, &slotInfo) != CKR_OK) return 3;  // a slot ID from before the fork stays valid
     if (!waitForListings(1)) return 4;
-    if (listSlots() != CKR_OK) return 5;
     CK_SESSION_HANDLE session = 0;
     if (C_OpenSession(slot1, readWrite, nullptr, nullptr, &session) != CKR_OK || session != 0x60000001) return 6;
     if (state(session) != CKS_RW_PUBLIC_SESSION || login(session).make() != CKR_OK) return 7;

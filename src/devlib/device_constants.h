@@ -1,0 +1,88 @@
+// The numbers of the device library's interface: key types, usage bits, limits and statuses. The module, the software
+// token, tavrin-tool and the benchmarks take them from here. Constants only: everything may be used on any thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <iterator>
+
+#include "devlib/byte_view.h"
+
+namespace tavrin {
+
+// TavrinKeyPair::keyType.
+enum class KeyType : std::uint32_t {
+  rsa1024 = 1,
+  rsa2048 = 2,
+  rsa3072 = 3,
+  rsa4096 = 4,
+  ecP256 = 5,
+  ecP384 = 6,
+  ecP521 = 7
+};
+
+enum class KeyAlgorithm { rsa, ec };
+
+struct KeyTypeInfo {
+  KeyType type;
+  KeyAlgorithm algorithm;
+  std::uint32_t bits;  // of the RSA modulus, or of the curve
+  const char* name;    // for people
+  ByteView curve;      // the curve's object identifier in DER, with tag and length; empty for RSA
+};
+
+inline constexpr std::uint8_t oidP256[] = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
+inline constexpr std::uint8_t oidP384[] = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x22};
+inline constexpr std::uint8_t oidP521[] = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x23};
+
+// In the order of their codes, which begin with 1.
+inline constexpr KeyTypeInfo keyTypes[] = {{KeyType::rsa1024, KeyAlgorithm::rsa, 1024, "RSA 1024", {}},
+                                           {KeyType::rsa2048, KeyAlgorithm::rsa, 2048, "RSA 2048", {}},
+                                           {KeyType::rsa3072, KeyAlgorithm::rsa, 3072, "RSA 3072", {}},
+                                           {KeyType::rsa4096, KeyAlgorithm::rsa, 4096, "RSA 4096", {}},
+                                           {KeyType::ecP256, KeyAlgorithm::ec, 256, "P-256", oidP256},
+                                           {KeyType::ecP384, KeyAlgorithm::ec, 384, "P-384", oidP384},
+                                           {KeyType::ecP521, KeyAlgorithm::ec, 521, "P-521", oidP521}};
+
+constexpr std::uint32_t codeOf(KeyType type) { return static_cast<std::uint32_t>(type); }
+
+// The row of a record's key type code, or null for a code outside the table.
+constexpr const KeyTypeInfo* findKeyType(std::uint32_t code) {
+  return code >= 1 && code <= std::size(keyTypes) ? &keyTypes[code - 1] : nullptr;
+}
+
+// The bits of TavrinKeyPair::usage.
+inline constexpr std::uint32_t usageSign = 1U << 0;     // sign and verify
+inline constexpr std::uint32_t usageDecrypt = 1U << 1;  // encrypt and decrypt
+
+// The public exponent of every RSA key, 65537, big-endian.
+inline constexpr std::uint32_t rsaPublicExponent = 65537;
+inline constexpr std::uint8_t rsaPublicExponentBytes[] = {0x01, 0x00, 0x01};
+
+// The longest label that a token takes, in bytes. The records' fields are longer.
+inline constexpr std::size_t maximumLabelLength = 128;
+
+// The token's password, in bytes without its NUL.
+inline constexpr std::uint32_t minimumPinLength = 4;
+inline constexpr std::uint32_t maximumPinLength = 63;
+
+// Hash codes of tavrin_initHash. 1 is SHA-1 too; key derivation asks for it by that code.
+enum class HashCode : std::int32_t {
+  none = 0,  // not a code of the library: marks input that is not hashed
+  sha1Alternative = 1,
+  sha1 = 2,
+  sha256 = 3,
+  sha384 = 4,
+  sha512 = 5
+};
+
+// The kinds of password of tavrin_validatePassword.
+inline constexpr int userPasswordKind = 1;
+inline constexpr int officerPasswordKind = 2;
+
+// The statuses that the module treats specially. Every other status but 0 is a failure like any other.
+inline constexpr int statusTokenFull = 40;
+inline constexpr int statusDeviceFault = 48;       // the token is gone or damaged, or its storage failed
+inline constexpr int statusTokenFullLegacy = 242;  // of older firmware
+
+}  // namespace tavrin
