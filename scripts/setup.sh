@@ -11,6 +11,7 @@ packages=(
   libgcrypt20-dev libksba-dev libgpg-error-dev                       # the software token
   libgcrypt-mingw-w64-dev libksba-mingw-w64-dev libgpg-error-mingw-w64-dev
   googletest libbenchmark-dev                                        # the tests and the benchmarks
+  softhsm2                                                           # the token that proves the tables of tests/standard
   opensc gnutls-bin openssl jq                                       # independent clients and an independent check
   clang-14 libclang-rt-14-dev                                  # the fuzz targets
   clang-format clang-tidy git util-linux

@@ -11,8 +11,10 @@ native() {
 
 if [[ $E2E_SYSTEM == Windows ]]; then
   exe=.exe library=$E2E_BIN/TavrinPKCS11.dll deviceLibrary=$E2E_BIN/TavrinDSCLibrary.dll
+  standardLibrary=$E2E_BIN/TavrinPKCS11Standard.dll
 else
   exe='' library=$E2E_BIN/libtavrin-pkcs11.so deviceLibrary=$E2E_BIN/libTavrinDSCLibrary.so
+  standardLibrary=$E2E_BIN/libtavrin-pkcs11-standard.so
 fi
 
 fail() {

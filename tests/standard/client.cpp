@@ -1,0 +1,305 @@
+#include "client.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+
+#include "load_module.h"
+#include "softtoken/crypto_library.h"
+
+CK_FUNCTION_LIST* f = nullptr;
+const char* const operationNames[] = {"digest", "sign", "verify", "encrypt", "decrypt"};
+const std::string p256{"\x06\x08\x2A\x86\x48\xCE\x3D\x03\x01\x07"}, p384{"\x06\x05\x2B\x81\x04\x00\x22", 7},
+    p521{"\x06\x05\x2B\x81\x04\x00\x23", 7};
+
+namespace {
+
+CK_SLOT_ID slots[2];
+
+std::string setting(const char* name) {
+  const char* value = std::getenv(name);
+  return value ? value : "";
+}
+
+std::string code(CK_RV value) {
+  char text[24];
+  std::snprintf(text, sizeof text, "0x%lX", static_cast<unsigned long>(value));
+  return text;
+}
+
+int algorithmOf(std::size_t hashLength) {
+  return hashLength == 20   ? GCRY_MD_SHA1
+         : hashLength == 32 ? GCRY_MD_SHA256
+         : hashLength == 48 ? GCRY_MD_SHA384
+                            : GCRY_MD_SHA512;
+}
+
+}  // namespace
+
+bool isSoftHsm() { return !setting("STANDARD_PEER").empty(); }
+
+Expected differs(Expected standard, CK_RV softHsm, const char* why) {
+  if (isSoftHsm()) standard.codes = {softHsm};
+  standard.why = why;
+  return standard;
+}
+
+Expected noSuchKey() {
+  return differs(CKR_KEY_HANDLE_INVALID, CKR_OBJECT_HANDLE_INVALID, "its code for objects that are no keys, too");
+}
+
+bool is(CK_RV got, const Expected& expected, const std::string& note, int line, const char* file) {
+  if (std::find(expected.codes.begin(), expected.codes.end(), got) != expected.codes.end()) return true;
+  std::string wanted;
+  for (const CK_RV one : expected.codes) wanted += ' ' + code(one);
+  ADD_FAILURE_AT(file, line) << "got " << code(got) << ", expected" << wanted << "; " << note << "; " << expected.why;
+  return false;
+}
+
+Template Template::with(std::initializer_list<Attribute> more) const {
+  Template result = *this;
+  for (const Attribute& one : more) {
+    result = result.without(one.type);
+    result.values_.push_back(one);
+  }
+  return result;
+}
+
+Template Template::without(CK_ATTRIBUTE_TYPE type) const {
+  Template result = *this;
+  std::erase_if(result.values_, [type](const Attribute& one) { return one.type == type; });
+  return result;
+}
+
+CK_ATTRIBUTE* Template::data() {
+  attributes_.clear();
+  attributes_.reserve(1);  // not even an empty template is a null pointer
+  for (Attribute& one : values_) attributes_.push_back({one.type, one.value.data(), lengthOf(one.value)});
+  return attributes_.data();
+}
+
+Mechanism pss(CK_MECHANISM_TYPE type, CK_MECHANISM_TYPE hash, CK_RSA_PKCS_MGF_TYPE mgf, CK_ULONG salt) {
+  return {type, CK_RSA_PKCS_PSS_PARAMS{hash, mgf, salt}};
+}
+Mechanism oaep(CK_MECHANISM_TYPE hash, CK_RSA_PKCS_MGF_TYPE mgf) {
+  return {CKM_RSA_PKCS_OAEP, CK_RSA_PKCS_OAEP_PARAMS{hash, mgf, CKZ_DATA_SPECIFIED, nullptr, 0}};
+}
+
+CK_BYTE* bytesOf(const std::string& text) { return reinterpret_cast<CK_BYTE*>(const_cast<char*>(text.data())); }
+CK_ULONG lengthOf(const std::string& text) { return static_cast<CK_ULONG>(text.size()); }
+CK_SLOT_ID slotOf(int token) { return slots[token]; }
+
+std::string fileNamed(const char* name) {
+  std::ifstream file(name, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+std::string Session::pinOf(CK_USER_TYPE user) {
+  std::ifstream file(user == CKU_SO ? "so-pin" : "pin");
+  std::string pin;
+  std::getline(file, pin);
+  return pin;
+}
+
+Session::Session(CK_FLAGS flags, int token) {
+  is(f->C_OpenSession(slots[token], CKF_SERIAL_SESSION | flags, nullptr, nullptr, &handle), CKR_OK);
+}
+
+CK_RV Session::login(CK_USER_TYPE user, const std::string& pin) const {
+  return f->C_Login(handle, user, bytesOf(pin), lengthOf(pin));
+}
+
+CK_STATE Session::state() const {
+  CK_SESSION_INFO info{};
+  is(f->C_GetSessionInfo(handle, &info), CKR_OK);
+  return info.state;
+}
+
+template <class Call>
+CK_RV Session::into(CK_ULONG room, Call call) {
+  constexpr char untouched = '\x5A';
+  if (room == query) return call(nullptr, &(length = query));
+  std::string memory(room + 16, untouched);
+  const CK_RV result = call(bytesOf(memory), &(length = room));
+  EXPECT_EQ(memory.substr(room), std::string(16, untouched)) << "memory beyond the buffer was written";
+  if (result == CKR_OK) out = memory.substr(0, length);
+  return result;
+}
+
+CK_RV Session::init(Operation operation, Mechanism mechanism, CK_OBJECT_HANDLE key) const {
+  CK_MECHANISM given = mechanism.get();
+  if (operation == digest) return f->C_DigestInit(handle, &given);
+  const CK_C_SignInit inits[] = {nullptr, f->C_SignInit, f->C_VerifyInit, f->C_EncryptInit, f->C_DecryptInit};
+  return inits[operation](handle, &given, key);
+}
+
+CK_RV Session::once(Operation operation, const std::string& data, CK_ULONG room) {
+  const CK_C_Sign calls[] = {f->C_Digest, f->C_Sign, nullptr, f->C_Encrypt, f->C_Decrypt};
+  return into(room, [&](CK_BYTE* to, CK_ULONG* size) {
+    return calls[operation](handle, bytesOf(data), lengthOf(data), to, size);
+  });
+}
+
+CK_RV Session::check(const std::string& data, const std::string& signature) const {
+  return f->C_Verify(handle, bytesOf(data), lengthOf(data), bytesOf(signature), lengthOf(signature));
+}
+
+CK_RV Session::update(Operation operation, const std::string& data, CK_ULONG room) {
+  if (operation >= encrypt) {
+    const auto call = operation == encrypt ? f->C_EncryptUpdate : f->C_DecryptUpdate;
+    return into(room,
+                [&](CK_BYTE* to, CK_ULONG* size) { return call(handle, bytesOf(data), lengthOf(data), to, size); });
+  }
+  const CK_C_SignUpdate calls[] = {f->C_DigestUpdate, f->C_SignUpdate, f->C_VerifyUpdate};
+  return calls[operation](handle, bytesOf(data), lengthOf(data));
+}
+
+CK_RV Session::final(Operation operation, CK_ULONG room) {
+  if (operation == verify) return f->C_VerifyFinal(handle, bytesOf(out), lengthOf(out));
+  const CK_C_SignFinal calls[] = {f->C_DigestFinal, f->C_SignFinal, nullptr, f->C_EncryptFinal, f->C_DecryptFinal};
+  return into(room, [&](CK_BYTE* to, CK_ULONG* size) { return calls[operation](handle, to, size); });
+}
+
+bool Session::isActive(Operation operation) {
+  const std::string rubbish(256, '\1');
+  const CK_RV code = operation == verify ? check(rubbish, rubbish) : once(operation, rubbish);
+  return code != CKR_OPERATION_NOT_INITIALIZED;
+}
+
+std::vector<CK_OBJECT_HANDLE> Session::find(Template wanted) const {
+  std::vector<CK_OBJECT_HANDLE> found(100);
+  CK_ULONG count = 0;
+  is(f->C_FindObjectsInit(handle, wanted.data(), wanted.size()), CKR_OK);
+  is(f->C_FindObjects(handle, found.data(), 100, &count), CKR_OK);
+  is(f->C_FindObjectsFinal(handle), CKR_OK);
+  found.resize(count);
+  return found;
+}
+
+CK_RV Session::get(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type, CK_ULONG room) {
+  return into(room, [&](CK_BYTE* to, CK_ULONG* size) {
+    CK_ATTRIBUTE attribute{type, to, *size};
+    const CK_RV result = f->C_GetAttributeValue(handle, object, &attribute, 1);
+    *size = attribute.ulValueLen;
+    return result;
+  });
+}
+
+std::string Session::value(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) {
+  return get(object, type) == CKR_OK ? out : "";
+}
+
+CK_RV Session::set(CK_OBJECT_HANDLE object, Template changed) const {
+  return f->C_SetAttributeValue(handle, object, changed.data(), changed.size());
+}
+
+CK_RV Session::create(Template object) { return f->C_CreateObject(handle, object.data(), object.size(), &(made = 0)); }
+
+CK_RV Session::copy(CK_OBJECT_HANDLE object, Template changed) {
+  return f->C_CopyObject(handle, object, changed.data(), changed.size(), &(made = 0));
+}
+
+CK_RV Session::generate(Mechanism mechanism, Template publicKey, Template privateKey) {
+  CK_MECHANISM given = mechanism.get();
+  return f->C_GenerateKeyPair(handle, &given, publicKey.data(), publicKey.size(), privateKey.data(), privateKey.size(),
+                              &(madePublic = 0), &(made = 0));
+}
+
+CK_RV Session::derive(CK_OBJECT_HANDLE key, Mechanism mechanism, Template secret) {
+  CK_MECHANISM given = mechanism.get();
+  return f->C_DeriveKey(handle, &given, key, secret.data(), secret.size(), &(made = 0));
+}
+
+std::string hashed(CK_MECHANISM_TYPE hash, const std::string& data) {
+  const std::size_t length = hash == CKM_SHA_1 ? 20 : hash == CKM_SHA256 ? 32 : hash == CKM_SHA384 ? 48 : 64;
+  std::string result(length, '\0');
+  softtoken::readyCryptoLibrary();
+  gcry_md_hash_buffer(algorithmOf(length), result.data(), data.data(), data.size());
+  return result;
+}
+
+bool rsaVerifies(const std::string& modulus, const std::string& exponent, const std::string& hash,
+                 const std::string& signature, int salt) {
+  const auto size = [](const std::string& text) { return static_cast<int>(text.size()); };
+  const std::string positive = '\0' + modulus;
+  const auto key = softtoken::makeSexp("(public-key(rsa(n%b)(e%b)))", size(positive), positive.data(), size(exponent),
+                                       exponent.data());
+  const char* name = gcry_md_algo_name(algorithmOf(hash.size()));
+  const auto data = salt < 0 ? softtoken::makeSexp("(data(flags pkcs1)(hash %s %b))", name, size(hash), hash.data())
+                             : softtoken::makeSexp("(data(flags pss)(salt-length %d)(hash %s %b))", salt, name,
+                                                   size(hash), hash.data());
+  const auto value = softtoken::makeSexp("(sig-val(rsa(s%b)))", size(signature), signature.data());
+  return gcry_pk_verify(value.get(), data.get(), key.get()) == 0;
+}
+
+bool ecdsaVerifies(const std::string& parameters, const std::string& point, const std::string& hash,
+                   const std::string& signature) {
+  const char* curve = parameters == p256 ? "NIST P-256" : parameters == p384 ? "NIST P-384" : "NIST P-521";
+  const std::size_t half = parameters == p256 ? 32 : parameters == p384 ? 48 : 66;
+  if (signature.size() != 2 * half || point.size() < 2 * half + 1) return false;
+  const int length = static_cast<int>(half);
+  const std::string bare = point.substr(point.size() - 2 * half - 1);  // after the octet string's header
+  const auto key = softtoken::makeSexp("(public-key(ecc(curve %s)(q%b)))", curve, 2 * length + 1, bare.data());
+  const auto data = softtoken::makeSexp(
+      "(data(flags raw)(value %m))",
+      softtoken::mpiOf({reinterpret_cast<const std::uint8_t*>(hash.data()), std::min(hash.size(), half)}).get());
+  const auto number = [](const char* first, std::size_t size) {
+    return softtoken::mpiOf({reinterpret_cast<const std::uint8_t*>(first), size});
+  };
+  const auto value = softtoken::makeSexp("(sig-val(ecdsa(r%m)(s%m)))", number(signature.data(), half).get(),
+                                         number(signature.data() + half, half).get());
+  return gcry_pk_verify(value.get(), data.get(), key.get()) == 0;
+}
+
+void StandardTest::SetUp() {
+  ASSERT_TRUE(is(f->C_Initialize(nullptr), CKR_OK));
+  CK_SLOT_ID found[8];
+  CK_ULONG count = 8;
+  ASSERT_TRUE(is(f->C_GetSlotList(CK_TRUE, found, &count), CKR_OK));
+  for (CK_ULONG i = 0; i < count; ++i) {
+    CK_TOKEN_INFO info;
+    ASSERT_TRUE(is(f->C_GetTokenInfo(found[i], &info), CKR_OK));
+    if (std::memcmp(info.label, "first ", 6) == 0) slots[0] = found[i];
+    if (std::memcmp(info.label, "second ", 7) == 0) slots[1] = found[i];
+  }
+}
+
+void StandardTest::TearDown() { is(f->C_Finalize(nullptr), CKR_OK); }
+
+void KeysTest::SetUp() {
+  StandardTest::SetUp();
+  owner_.emplace();
+  ASSERT_TRUE(is(owner_->login(), CKR_OK));
+  const auto ready = [&](const char* label, Mechanism mechanism, const Template& publicPart,
+                         const Template& privatePart, CK_OBJECT_HANDLE& privateKey, CK_OBJECT_HANDLE& publicKey) {
+    const Template common{{CKA_TOKEN, true}, {CKA_LABEL, label}, {CKA_ID, label}};
+    if (owner_->find(common).empty()) {
+      is(owner_->generate(mechanism, publicPart.with({{CKA_TOKEN, true}, {CKA_LABEL, label}, {CKA_ID, label}}),
+                          privatePart.with({{CKA_TOKEN, true}, {CKA_LABEL, label}, {CKA_ID, label}})),
+         CKR_OK);
+    }
+    const auto privates = owner_->find(common.with({{CKA_CLASS, CKO_PRIVATE_KEY}}));
+    const auto publics = owner_->find(common.with({{CKA_CLASS, CKO_PUBLIC_KEY}}));
+    ASSERT_TRUE(privates.size() == 1 && publics.size() == 1) << label;
+    privateKey = privates[0];
+    publicKey = publics[0];
+  };
+  ready("rsa", CKM_RSA_PKCS_KEY_PAIR_GEN,
+        {{CKA_MODULUS_BITS, 2048},
+         {CKA_PUBLIC_EXPONENT, std::string("\1\0\1", 3)},
+         {CKA_VERIFY, true},
+         {CKA_ENCRYPT, true}},
+        {{CKA_SIGN, true}, {CKA_DECRYPT, true}, {CKA_DERIVE, false}, {CKA_SENSITIVE, true}}, rsa_, rsaPublic_);
+  ready("ec", CKM_EC_KEY_PAIR_GEN, {{CKA_EC_PARAMS, p256}, {CKA_VERIFY, true}},
+        {{CKA_SIGN, true}, {CKA_DERIVE, true}, {CKA_DECRYPT, false}, {CKA_SENSITIVE, true}}, ec_, ecPublic_);
+}
+
+int main(int argc, char** argv) {
+  testing::InitGoogleTest(&argc, argv);
+  void* library = openLibrary(setting("E2E_MODULE"));
+  const auto list = reinterpret_cast<CK_C_GetFunctionList>(findFunction(library, "C_GetFunctionList"));
+  if (!list || list(&f) != CKR_OK) return 2;
+  return RUN_ALL_TESTS();
+}

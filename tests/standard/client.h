@@ -1,0 +1,161 @@
+// The tables of tests/standard: each row is a call on the Cryptoki library under test and the code that PKCS#11 v2.40
+// demands. The same rows run on SoftHSM2, which proves them; where it answers otherwise the row says why.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "pkcs11.h"
+
+extern CK_FUNCTION_LIST* f;  // of the library that E2E_MODULE names
+bool isSoftHsm();            // whether that is SoftHSM2: STANDARD_PEER is set
+
+// The codes that a row may end with: more than one where the standard leaves the choice.
+struct Expected {
+  Expected(CK_RV code) : codes{code} {}
+  Expected(std::initializer_list<CK_RV> several) : codes(several) {}
+  std::vector<CK_RV> codes;
+  const char* why = "";
+};
+// SoftHSM2 ends with another code than the standard's; `why` says for what reason.
+Expected differs(Expected standard, CK_RV softHsm, const char* why);
+// The same for what SoftHSM2 can do and the token cannot.
+inline Expected cannot(Expected token, CK_RV softHsm, const char* why) { return differs(token, softHsm, why); }
+
+// Reasons that many rows have.
+inline constexpr char byOpenSsl[] = "its code for all that OpenSSL refuses", unlooked[] = "it does not look";
+Expected noSuchKey();  // at Init calls
+
+// One row. False, and the test fails, when the code is another one.
+bool is(CK_RV code, const Expected& expected, const std::string& note = "", int line = __builtin_LINE(),
+        const char* file = __builtin_FILE());
+
+// A boolean, a number or bytes, by the type of the second argument.
+struct Attribute {
+  template <class T>
+  Attribute(CK_ATTRIBUTE_TYPE attributeType, const T& given) : type(attributeType) {
+    if constexpr (std::is_same_v<T, bool>) {
+      value.assign(1, given ? '\1' : '\0');
+    } else if constexpr (std::is_integral_v<T>) {
+      const auto number = static_cast<CK_ULONG>(given);
+      value.assign(reinterpret_cast<const char*>(&number), sizeof number);
+    } else {
+      value = given;
+    }
+  }
+  CK_ATTRIBUTE_TYPE type;
+  std::string value;
+};
+
+class Template {
+ public:
+  Template(std::initializer_list<Attribute> attributes) : values_(attributes) {}
+  // With these attributes too; those it has already get the new value.
+  Template with(std::initializer_list<Attribute> more) const;
+  Template without(CK_ATTRIBUTE_TYPE type) const;
+  CK_ATTRIBUTE* data();  // as long as this lives
+  CK_ULONG size() const { return static_cast<CK_ULONG>(values_.size()); }
+
+ private:
+  std::vector<Attribute> values_;
+  std::vector<CK_ATTRIBUTE> attributes_{};
+};
+
+// A mechanism with its parameter.
+struct Mechanism {
+  Mechanism(CK_MECHANISM_TYPE mechanismType) : type(mechanismType) {}
+  template <class Parameters>
+  Mechanism(CK_MECHANISM_TYPE mechanismType, const Parameters& parameters)
+      : type(mechanismType), parameter(reinterpret_cast<const char*>(&parameters), sizeof parameters) {}
+  CK_MECHANISM get() {
+    return {type, parameter.empty() ? nullptr : parameter.data(), static_cast<CK_ULONG>(parameter.size())};
+  }
+  CK_MECHANISM_TYPE type;
+  std::string parameter{};
+};
+Mechanism pss(CK_MECHANISM_TYPE type, CK_MECHANISM_TYPE hash, CK_RSA_PKCS_MGF_TYPE mgf, CK_ULONG salt);
+Mechanism oaep(CK_MECHANISM_TYPE hash, CK_RSA_PKCS_MGF_TYPE mgf);
+
+enum Operation { digest, sign, verify, encrypt, decrypt };
+inline constexpr Operation operations[] = {digest, sign, verify, encrypt, decrypt};
+extern const char* const operationNames[];
+
+constexpr CK_ULONG query = CK_UNAVAILABLE_INFORMATION;  // as room for a result: none, only its length is asked for
+
+// The calls of one session with their usual arguments. Nothing closes it; the fixture finalises the library.
+class Session {
+ public:
+  // Open on token 0 or 1.
+  explicit Session(CK_FLAGS flags = CKF_RW_SESSION, int token = 0);
+  operator CK_SESSION_HANDLE() const { return handle; }
+
+  CK_RV login(CK_USER_TYPE user = CKU_USER, const std::string& pin = pinOf(CKU_USER)) const;
+  CK_STATE state() const;
+
+  // Results of the calls below. Memory beyond `room` must stay as it was, or the test fails.
+  std::string out;
+  CK_ULONG length = 0;
+  CK_OBJECT_HANDLE made = 0, madePublic = 0;
+
+  CK_RV init(Operation operation, Mechanism mechanism, CK_OBJECT_HANDLE key = 0) const;
+  CK_RV once(Operation operation, const std::string& data, CK_ULONG room = 1024);  // not for verification
+  CK_RV check(const std::string& data, const std::string& signature) const;        // C_Verify
+  CK_RV update(Operation operation, const std::string& data, CK_ULONG room = 1024);
+  CK_RV final(Operation operation, CK_ULONG room = 1024);  // for verification `out` is the signature
+  // Whether the operation is active, found out by ending it.
+  bool isActive(Operation operation);
+
+  std::vector<CK_OBJECT_HANDLE> find(Template wanted) const;
+  CK_RV get(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type, CK_ULONG room = 1024);
+  std::string value(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type);  // empty when it cannot be read
+  CK_RV set(CK_OBJECT_HANDLE object, Template changed) const;
+  CK_RV create(Template object);
+  CK_RV copy(CK_OBJECT_HANDLE object, Template changed);
+  CK_RV destroy(CK_OBJECT_HANDLE object) const { return f->C_DestroyObject(handle, object); }
+  CK_RV generate(Mechanism mechanism, Template publicKey, Template privateKey);
+  CK_RV derive(CK_OBJECT_HANDLE key, Mechanism mechanism, Template secret);
+
+  static std::string pinOf(CK_USER_TYPE user);
+
+  CK_SESSION_HANDLE handle = 0;
+
+ private:
+  template <class Call>
+  CK_RV into(CK_ULONG room, Call call);
+};
+
+// The slots of the two tokens that the script made.
+CK_SLOT_ID slotOf(int token);
+std::string fileNamed(const char* name);
+CK_BYTE* bytesOf(const std::string& text);
+CK_ULONG lengthOf(const std::string& text);
+
+// Whether the signature is right by libgcrypt. `hash` is the bare digest of what was signed, its length tells the
+// algorithm; `salt` is the length of a PSS signature's salt, or -1 for PKCS#1 v1.5. For EC keys, the point as it is in
+// CKA_EC_POINT, and the digest cut as the curve wants it.
+bool rsaVerifies(const std::string& modulus, const std::string& exponent, const std::string& hash,
+                 const std::string& signature, int salt = -1);
+bool ecdsaVerifies(const std::string& parameters, const std::string& point, const std::string& hash,
+                   const std::string& signature);
+std::string hashed(CK_MECHANISM_TYPE hash, const std::string& data);
+
+extern const std::string p256, p384, p521;  // CKA_EC_PARAMS
+
+// The library initialised, and finalised in the end.
+class StandardTest : public testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+};
+
+// The same with a user's read-write session and two key pairs on the token, which are made when first needed.
+class KeysTest : public StandardTest {
+ protected:
+  void SetUp() override;
+  std::optional<Session> owner_;
+  CK_OBJECT_HANDLE rsa_ = 0, rsaPublic_ = 0, ec_ = 0, ecPublic_ = 0;
+};

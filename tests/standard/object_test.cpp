@@ -1,0 +1,443 @@
+// Searches, attributes, templates, key generation, and how long objects live.
+#include <algorithm>
+
+#include "client.h"
+
+namespace {
+
+using Handles = std::vector<CK_OBJECT_HANDLE>;
+
+const std::string exponent("\1\0\1", 3);
+// CN=Test
+const std::string testSubject("\x30\x0F\x31\x0D\x30\x0B\x06\x03\x55\x04\x03\x0C\x04Test", 17);
+const Expected noSuchObject = CKR_OBJECT_HANDLE_INVALID;
+const char oneRecord[] = "a pair is one record of the device, with one label and one ID";
+
+// What an RSA key in PKCS#1's DER has, as a template wants it.
+Template importedKey() {
+  const std::string der = fileNamed("imported.der");
+  std::vector<std::string> numbers;
+  for (std::size_t at = 4; at + 2 < der.size();) {
+    const auto byte = [&](std::size_t i) { return static_cast<std::size_t>(static_cast<unsigned char>(der[at + i])); };
+    const std::size_t header = byte(1) < 128 ? 2 : byte(1) - 128 + 2;
+    const std::size_t size = header == 2 ? byte(1) : header == 3 ? byte(2) : byte(2) * 256 + byte(3);
+    std::string number = der.substr(at + header, size);
+    numbers.push_back(number.size() > 1 && number[0] == '\0' ? number.substr(1) : number);
+    at += header + size;
+  }
+  numbers.resize(9);
+  return {{CKA_CLASS, CKO_PRIVATE_KEY},
+          {CKA_KEY_TYPE, CKK_RSA},
+          {CKA_LABEL, "imported"},
+          {CKA_ID, "number 7"},
+          {CKA_SIGN, true},
+          {CKA_DECRYPT, true},
+          {CKA_MODULUS, numbers[1]},
+          {CKA_PUBLIC_EXPONENT, numbers[2]},
+          {CKA_PRIVATE_EXPONENT, numbers[3]},
+          {CKA_PRIME_1, numbers[4]},
+          {CKA_PRIME_2, numbers[5]},
+          {CKA_EXPONENT_1, numbers[6]},
+          {CKA_EXPONENT_2, numbers[7]},
+          {CKA_COEFFICIENT, numbers[8]}};
+}
+
+Template certificate() {
+  return {{CKA_CLASS, CKO_CERTIFICATE}, {CKA_CERTIFICATE_TYPE, CKC_X_509},
+          {CKA_LABEL, "certificate"},   {CKA_ID, "rsa"},
+          {CKA_SUBJECT, testSubject},   {CKA_VALUE, fileNamed("certificate.der")}};
+}
+
+TEST_F(KeysTest, SearchesMatchEveryAttributeExactly) {
+  Session& s = *owner_;
+  const std::string modulus = s.value(rsa_, CKA_MODULUS), number = "\3";
+  const struct {
+    Template wanted;
+    Handles found;
+  } rows[] = {
+      {{}, {rsa_, rsaPublic_, ec_, ecPublic_}},
+      {{{CKA_CLASS, CKO_PRIVATE_KEY}}, {rsa_, ec_}},
+      {{{CKA_CLASS, CKO_PUBLIC_KEY}, {CKA_KEY_TYPE, CKK_EC}}, {ecPublic_}},
+      {{{CKA_KEY_TYPE, CKK_RSA}}, {rsa_, rsaPublic_}},
+      {{{CKA_LABEL, "rsa"}}, {rsa_, rsaPublic_}},
+      {{{CKA_LABEL, "rs"}}, {}},
+      {{{CKA_LABEL, std::string("rsa\0", 4)}}, {}},
+      {{{CKA_LABEL, ""}}, {}},
+      {{{CKA_ID, "ec"}, {CKA_LABEL, "ec"}, {CKA_TOKEN, true}}, {ec_, ecPublic_}},
+      {{{CKA_ID, "ec"}, {CKA_LABEL, "rsa"}}, {}},
+      {{{CKA_SIGN, true}}, {rsa_, ec_}},
+      {{{CKA_DECRYPT, true}, {CKA_CLASS, CKO_PRIVATE_KEY}}, {rsa_}},
+      {{{CKA_PRIVATE, true}}, {rsa_, ec_}},
+      {{{CKA_TOKEN, false}}, {}},
+      {{{CKA_MODULUS, modulus}}, {rsa_, rsaPublic_}},
+      {{{CKA_MODULUS, modulus.substr(1)}}, {}},
+      {{{CKA_MODULUS_BITS, 2048}}, {rsaPublic_}},
+      {{{CKA_EC_PARAMS, p256}, {CKA_CLASS, CKO_PUBLIC_KEY}}, {ecPublic_}},
+      {{{CKA_CLASS, number}}, {}},
+      {{{CKA_CLASS, CKO_SECRET_KEY}}, {}},
+      {{{CKA_VENDOR_DEFINED | 1, true}}, {}},
+  };
+  for (const auto& row : rows) {
+    Handles found = s.find(row.wanted), expected = row.found;
+    std::sort(found.begin(), found.end());
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(found, expected) << "row " << &row - rows;
+  }
+}
+
+TEST_F(KeysTest, SearchesAreSnapshots) {
+  Session& s = *owner_;
+  CK_OBJECT_HANDLE found[2];
+  CK_ULONG count = 7;
+  Template all{};
+  is(f->C_FindObjects(s, found, 1, &count), CKR_OPERATION_NOT_INITIALIZED);
+  is(f->C_FindObjectsFinal(s), CKR_OPERATION_NOT_INITIALIZED);
+  is(f->C_FindObjectsInit(s, nullptr, 1), CKR_ARGUMENTS_BAD);
+  is(f->C_FindObjectsInit(s, nullptr, 0), CKR_OK);
+  is(f->C_FindObjectsInit(s, nullptr, 0), CKR_OPERATION_ACTIVE);
+  is(f->C_FindObjects(s, nullptr, 1, &count), CKR_ARGUMENTS_BAD);
+  is(f->C_FindObjects(s, found, 1, nullptr), CKR_ARGUMENTS_BAD);
+  Session other;
+  is(other.create(certificate().with({{CKA_TOKEN, false}})), CKR_OK);
+  EXPECT_FALSE(s.value(rsa_, CKA_MODULUS).empty()) << "attributes can be read between";
+  std::size_t total = 0;
+  do {
+    is(f->C_FindObjects(s, found, 1, &count), CKR_OK);
+    total += count;
+  } while (count != 0 && total < 9);
+  EXPECT_EQ(total, 4U);
+  is(f->C_FindObjects(s, found, 2, &count), CKR_OK, "after the last");
+  EXPECT_EQ(count, 0U);
+  is(f->C_FindObjectsFinal(s), CKR_OK);
+}
+
+TEST_F(KeysTest, Attributes) {
+  Session& s = *owner_;
+  const auto number = [](CK_ULONG value) { return Attribute(CKA_CLASS, value).value; };
+  const std::string yes("\1"), no("\0", 1);
+  const Expected absent = CKR_ATTRIBUTE_TYPE_INVALID, secret = CKR_ATTRIBUTE_SENSITIVE;
+  const struct {
+    CK_OBJECT_HANDLE object;
+    CK_ATTRIBUTE_TYPE type;
+    Expected code;
+    std::string value;
+  } rows[] = {
+      {rsa_, CKA_CLASS, CKR_OK, number(CKO_PRIVATE_KEY)},
+      {rsa_, CKA_KEY_TYPE, CKR_OK, number(CKK_RSA)},
+      {rsa_, CKA_TOKEN, CKR_OK, yes},
+      {rsa_, CKA_PRIVATE, CKR_OK, yes},
+      {rsa_, CKA_LABEL, CKR_OK, "rsa"},
+      {rsa_, CKA_ID, CKR_OK, "rsa"},
+      {rsa_, CKA_SIGN, CKR_OK, yes},
+      {rsa_, CKA_DECRYPT, CKR_OK, yes},
+      {rsa_, CKA_DERIVE, CKR_OK, no},
+      {rsa_, CKA_SENSITIVE, CKR_OK, yes},
+      {rsa_, CKA_EXTRACTABLE, CKR_OK, no},
+      {rsa_, CKA_ALWAYS_AUTHENTICATE, CKR_OK, no},
+      {rsa_, CKA_PUBLIC_EXPONENT, CKR_OK, exponent},
+      {rsa_, CKA_PRIVATE_EXPONENT, secret, ""},
+      {rsa_, CKA_PRIME_1, secret, ""},
+      {rsa_, CKA_COEFFICIENT, secret, ""},
+      {rsa_, CKA_MODULUS_BITS, absent, ""},
+      {rsa_, CKA_VALUE, absent, ""},
+      {rsa_, CKA_EC_POINT, absent, ""},
+      {rsa_, CKA_VERIFY, absent, ""},
+      {rsaPublic_, CKA_PRIVATE, CKR_OK, no},
+      {rsaPublic_, CKA_MODULUS_BITS, CKR_OK, number(2048)},
+      {rsaPublic_, CKA_MODULUS, CKR_OK, s.value(rsa_, CKA_MODULUS)},
+      {rsaPublic_, CKA_VERIFY, CKR_OK, yes},
+      {rsaPublic_, CKA_ENCRYPT, CKR_OK, yes},
+      {rsaPublic_, CKA_TRUSTED, CKR_OK, no},
+      {rsaPublic_, CKA_PRIVATE_EXPONENT, absent, ""},
+      {rsaPublic_, CKA_SENSITIVE, absent, ""},
+      {ec_, CKA_KEY_TYPE, CKR_OK, number(CKK_EC)},
+      {ec_, CKA_EC_PARAMS, CKR_OK, p256},
+      {ec_, CKA_DERIVE, CKR_OK, yes},
+      {ec_, CKA_VALUE, secret, ""},
+      {ec_, CKA_EC_POINT, absent, ""},
+      {ec_, CKA_MODULUS, absent, ""},
+      {ecPublic_, CKA_EC_PARAMS, CKR_OK, p256},
+      {ecPublic_, CKA_VERIFY, CKR_OK, yes},
+      {ecPublic_, CKA_VALUE, absent, ""},
+      {ecPublic_, CKA_VENDOR_DEFINED | 1, absent, ""},
+      {0, CKA_CLASS, noSuchObject, ""},
+      {12345678, CKA_CLASS, noSuchObject, ""},
+  };
+  for (const auto& row : rows) {
+    const std::string name = "row " + std::to_string(&row - rows);
+    const CK_RV code = s.get(row.object, row.type);
+    if (is(code, row.code, name) && code == CKR_OK) {
+      EXPECT_EQ(s.out, row.value) << name;
+    }
+    if (row.object == rsa_ && code != CKR_OK) {
+      EXPECT_EQ(s.length, CK_UNAVAILABLE_INFORMATION) << name;
+    }
+  }
+  EXPECT_EQ(s.value(rsa_, CKA_MODULUS).size(), 256U);
+  EXPECT_EQ(s.value(ecPublic_, CKA_EC_POINT).substr(0, 3), "\x04\x41\x04");
+
+  // Every entry is processed, whatever happened to the others.
+  char label[8] = "-------", modulus[10];
+  CK_ULONG objectClass = 77, unused = 88;
+  CK_ATTRIBUTE several[] = {
+      {CKA_PRIVATE_EXPONENT, modulus, 10}, {CKA_LABEL, label, 8}, {CKA_VALUE, modulus, 10},
+      {CKA_MODULUS, modulus, 10},          {CKA_ID, nullptr, 99}, {CKA_CLASS, &objectClass, sizeof unused}};
+  is(f->C_GetAttributeValue(s, rsa_, several, 6),
+     {CKR_ATTRIBUTE_SENSITIVE, CKR_ATTRIBUTE_TYPE_INVALID, CKR_BUFFER_TOO_SMALL});
+  EXPECT_EQ(std::string(label), "rsa----");
+  EXPECT_EQ(objectClass, CKO_PRIVATE_KEY);
+  const CK_ULONG lengths[] = {query, 3, query, query, 3, sizeof unused};
+  for (std::size_t i = 0; i < 6; ++i) EXPECT_EQ(several[i].ulValueLen, lengths[i]) << i;
+  is(s.get(rsa_, CKA_MODULUS, 255), CKR_BUFFER_TOO_SMALL);
+  EXPECT_EQ(s.length, CK_UNAVAILABLE_INFORMATION);
+  is(f->C_GetAttributeValue(s, rsa_, nullptr, 1), CKR_ARGUMENTS_BAD);
+  CK_ULONG size = 0;
+  is(f->C_GetObjectSize(s, rsa_, &size), CKR_OK);
+  is(f->C_GetObjectSize(s, 12345678, &size), noSuchObject);
+  is(f->C_GetObjectSize(s, rsa_, nullptr), CKR_ARGUMENTS_BAD);
+}
+
+TEST_F(KeysTest, ChangingAttributes) {
+  Session& s = *owner_;
+  const Session reader(0);
+  const struct {
+    const Session& session;
+    CK_OBJECT_HANDLE object;
+    Template changed;
+    Expected code;
+  } rows[] = {
+      {reader, rsa_, {{CKA_LABEL, "new"}}, CKR_SESSION_READ_ONLY},
+      {s, 12345678, {{CKA_LABEL, "new"}}, noSuchObject},
+      {s, rsa_, {{CKA_CLASS, CKO_PUBLIC_KEY}}, CKR_ATTRIBUTE_READ_ONLY},
+      {s, rsa_, {{CKA_KEY_TYPE, CKK_EC}}, CKR_ATTRIBUTE_READ_ONLY},
+      {s, rsa_, {{CKA_TOKEN, false}}, CKR_ATTRIBUTE_READ_ONLY},
+      {s, rsa_, {{CKA_MODULUS, "modulus"}}, CKR_ATTRIBUTE_READ_ONLY},
+      {s, rsa_, {{CKA_SENSITIVE, false}}, CKR_ATTRIBUTE_READ_ONLY},
+      {s, rsa_, {{CKA_EXTRACTABLE, true}}, CKR_ATTRIBUTE_READ_ONLY},
+      {s, rsa_, {{CKA_LOCAL, true}}, CKR_ATTRIBUTE_READ_ONLY},
+      {s, rsa_, {{CKA_VENDOR_DEFINED | 1, true}}, CKR_ATTRIBUTE_TYPE_INVALID},
+      {s, rsa_, {{CKA_LABEL, "new"}, {CKA_MODULUS, "modulus"}}, CKR_ATTRIBUTE_READ_ONLY},
+  };
+  for (const auto& row : rows) {
+    is(row.session.set(row.object, row.changed), row.code, std::to_string(&row - rows));
+    if (!isSoftHsm()) {
+      EXPECT_EQ(s.value(rsa_, CKA_LABEL), "rsa") << "nothing changed in row " << &row - rows;
+    }
+  }
+  is(s.set(rsa_, {{CKA_LABEL, "another"}}), CKR_OK);
+  EXPECT_EQ(s.value(rsa_, CKA_LABEL), "another");
+  EXPECT_EQ(s.value(rsa_, CKA_ID), "rsa") << "the ID stays";
+  EXPECT_EQ(s.value(rsaPublic_, CKA_LABEL), isSoftHsm() ? "rsa" : "another") << oneRecord;
+  is(s.set(rsa_, {{CKA_ID, "other"}}), CKR_OK);
+  EXPECT_EQ(s.value(rsa_, CKA_LABEL), "another") << "the label stays";
+  EXPECT_EQ(s.find({{CKA_ID, "other"}, {CKA_CLASS, CKO_PRIVATE_KEY}}), Handles{rsa_}) << "the handle stays";
+  is(s.set(rsa_, {{CKA_ID, "rsa"}, {CKA_LABEL, "rsa"}}), CKR_OK);
+  is(f->C_SetAttributeValue(s, rsa_, nullptr, 1), CKR_ARGUMENTS_BAD);
+}
+
+TEST_F(KeysTest, CreatingObjects) {
+  const char noData[] = "the token stores keys and certificates only";
+  const std::string modulus = owner_->value(rsa_, CKA_MODULUS), point = owner_->value(ecPublic_, CKA_EC_POINT);
+  const Template publicKey{{CKA_CLASS, CKO_PUBLIC_KEY}, {CKA_KEY_TYPE, CKK_RSA},         {CKA_TOKEN, false},
+                           {CKA_MODULUS, modulus},      {CKA_PUBLIC_EXPONENT, exponent}, {CKA_LABEL, "data"}};
+  const Template ecKey{{CKA_CLASS, CKO_PUBLIC_KEY},
+                       {CKA_KEY_TYPE, CKK_EC},
+                       {CKA_TOKEN, false},
+                       {CKA_EC_PARAMS, p256},
+                       {CKA_EC_POINT, point}};
+  const Expected unable{CKR_ATTRIBUTE_VALUE_INVALID, CKR_TEMPLATE_INCONSISTENT, CKR_FUNCTION_NOT_SUPPORTED};
+  const Expected misfit{CKR_TEMPLATE_INCONSISTENT, CKR_ATTRIBUTE_TYPE_INVALID};
+  const struct {
+    Template object;
+    Expected code;
+  } rows[] = {
+      {{}, CKR_TEMPLATE_INCOMPLETE},
+      {publicKey, CKR_OK},
+      {ecKey, CKR_OK},
+      {certificate().with({{CKA_TOKEN, false}}), CKR_OK},
+      {publicKey.without(CKA_CLASS), CKR_TEMPLATE_INCOMPLETE},
+      {publicKey.without(CKA_KEY_TYPE), CKR_TEMPLATE_INCOMPLETE},
+      {publicKey.without(CKA_MODULUS), CKR_TEMPLATE_INCOMPLETE},
+      {publicKey.without(CKA_PUBLIC_EXPONENT), CKR_TEMPLATE_INCOMPLETE},
+      {ecKey.without(CKA_EC_POINT), CKR_TEMPLATE_INCOMPLETE},
+      {ecKey.without(CKA_EC_PARAMS), CKR_TEMPLATE_INCOMPLETE},
+      {certificate().without(CKA_VALUE), CKR_TEMPLATE_INCOMPLETE},
+      {certificate().without(CKA_SUBJECT), CKR_TEMPLATE_INCOMPLETE},
+      {certificate().without(CKA_CERTIFICATE_TYPE), CKR_TEMPLATE_INCOMPLETE},
+      {importedKey().without(CKA_MODULUS), CKR_TEMPLATE_INCOMPLETE},
+      {importedKey().without(CKA_PRIVATE_EXPONENT), CKR_TEMPLATE_INCOMPLETE},
+      {publicKey.with({{CKA_CLASS, 99}}), {CKR_ATTRIBUTE_VALUE_INVALID, CKR_TEMPLATE_INCONSISTENT}},
+      {publicKey.with({{CKA_CLASS, "x"}}), differs(CKR_ATTRIBUTE_VALUE_INVALID, CKR_TEMPLATE_INCOMPLETE, unlooked)},
+      {publicKey.with({{CKA_KEY_TYPE, 99}}), {CKR_ATTRIBUTE_VALUE_INVALID, CKR_TEMPLATE_INCONSISTENT}},
+      {publicKey.with({{CKA_TOKEN, 1}}), CKR_ATTRIBUTE_VALUE_INVALID},
+      {publicKey.with({{CKA_LOCAL, true}}), {CKR_ATTRIBUTE_READ_ONLY, CKR_TEMPLATE_INCONSISTENT}},
+      {publicKey.with({{CKA_EC_POINT, point}}), misfit},
+      {publicKey.with({{CKA_VENDOR_DEFINED | 1, true}}), misfit},
+      {{{CKA_CLASS, CKO_DATA}, {CKA_TOKEN, false}, {CKA_VALUE, "text"}}, cannot(unable, CKR_OK, noData)},
+      {{{CKA_CLASS, CKO_SECRET_KEY}, {CKA_KEY_TYPE, CKK_GENERIC_SECRET}, {CKA_TOKEN, false}, {CKA_VALUE, "text"}},
+       cannot({CKR_OK, CKR_ATTRIBUTE_VALUE_INVALID, CKR_TEMPLATE_INCONSISTENT}, CKR_OK, noData)},
+  };
+  for (const auto& row : rows) {
+    Session s;
+    is(s.create(row.object), row.code, std::to_string(&row - rows));
+    is(f->C_CloseSession(s), CKR_OK);
+  }
+  Session reader(0);
+  is(reader.create(publicKey), CKR_OK, "session objects are a reader's too");
+  is(reader.create(certificate().with({{CKA_TOKEN, true}})), CKR_SESSION_READ_ONLY);
+  is(reader.create(importedKey().with({{CKA_TOKEN, true}})), CKR_SESSION_READ_ONLY);
+  Template made = publicKey;
+  is(f->C_CreateObject(*owner_, made.data(), made.size(), nullptr), CKR_ARGUMENTS_BAD);
+  is(f->C_CreateObject(*owner_, nullptr, 1, &owner_->made), CKR_ARGUMENTS_BAD);
+  is(f->C_Logout(*owner_), CKR_OK);
+  is(owner_->create(importedKey().with({{CKA_TOKEN, true}, {CKA_PRIVATE, true}})), CKR_USER_NOT_LOGGED_IN);
+}
+
+TEST_F(KeysTest, ImportedKeysAndCertificates) {
+  Session& s = *owner_;
+  is(s.create(importedKey().with({{CKA_TOKEN, true}})), CKR_OK);
+  const CK_OBJECT_HANDLE key = s.made;
+  const Template wanted{{CKA_LABEL, "imported"}, {CKA_ID, "number 7"}, {CKA_CLASS, CKO_PRIVATE_KEY}};
+  EXPECT_EQ(s.find(wanted), Handles{key});
+  is(s.init(sign, CKM_SHA256_RSA_PKCS, key), CKR_OK);
+  is(s.once(sign, "text"), CKR_OK);
+  const std::string signature = s.out;
+  EXPECT_TRUE(rsaVerifies(s.value(key, CKA_MODULUS), exponent, hashed(CKM_SHA256, "text"), signature));
+  is(s.create(certificate().with({{CKA_TOKEN, true}})), CKR_OK);
+  const CK_OBJECT_HANDLE stored = s.made;
+  EXPECT_EQ(s.find({{CKA_CLASS, CKO_CERTIFICATE}, {CKA_ID, "rsa"}, {CKA_LABEL, "certificate"}}), Handles{stored});
+  EXPECT_EQ(s.value(stored, CKA_VALUE), fileNamed("certificate.der"));
+  EXPECT_EQ(s.value(stored, CKA_TRUSTED), std::string(1, '\0'));
+  EXPECT_EQ(s.value(stored, CKA_SUBJECT), testSubject);
+  is(s.get(stored, CKA_MODULUS), CKR_ATTRIBUTE_TYPE_INVALID);
+  const Session reader(0);
+  is(reader.destroy(stored), CKR_SESSION_READ_ONLY);
+  for (const CK_OBJECT_HANDLE object : s.find({{CKA_LABEL, "imported"}})) {
+    if (object != key) is(s.destroy(object), CKR_OK);
+  }
+  for (const CK_OBJECT_HANDLE object : {key, stored}) {
+    is(s.destroy(object), CKR_OK);
+    is(s.destroy(object), noSuchObject);
+    is(s.get(object, CKA_CLASS), noSuchObject);
+  }
+  is(s.init(sign, CKM_SHA256_RSA_PKCS, key), noSuchKey());
+  EXPECT_EQ(s.find({}).size(), 4U);
+}
+
+TEST_F(KeysTest, GeneratingKeys) {
+  const Template none{}, bits{{CKA_MODULUS_BITS, 2048}}, curve{{CKA_EC_PARAMS, p256}}, kept{{CKA_TOKEN, true}};
+  const Expected badValue{CKR_ATTRIBUTE_VALUE_INVALID, CKR_TEMPLATE_INCONSISTENT};
+  constexpr CK_RV curveNotSupported = 0x140;
+  const Expected badCurve = differs({CKR_ATTRIBUTE_VALUE_INVALID, CKR_DOMAIN_PARAMS_INVALID, curveNotSupported},
+                                    CKR_GENERAL_ERROR, byOpenSsl);
+  const Expected badSize{CKR_ATTRIBUTE_VALUE_INVALID, CKR_KEY_SIZE_RANGE};
+  const struct {
+    CK_MECHANISM_TYPE mechanism;
+    Template publicKey, privateKey;
+    Expected code;
+  } rows[] = {
+      {CKM_RSA_PKCS_KEY_PAIR_GEN, none, none, CKR_TEMPLATE_INCOMPLETE},
+      {CKM_EC_KEY_PAIR_GEN, none, none, CKR_TEMPLATE_INCOMPLETE},
+      {CKM_RSA_PKCS, bits, none, CKR_MECHANISM_INVALID},
+      {CKM_VENDOR_DEFINED | 1, bits, none, CKR_MECHANISM_INVALID},
+      {CKM_RSA_PKCS_KEY_PAIR_GEN, {{CKA_MODULUS_BITS, 1001}}, none, cannot(badSize, CKR_OK, "any size will do there")},
+      {CKM_RSA_PKCS_KEY_PAIR_GEN, {{CKA_MODULUS_BITS, 100000}}, none, differs(badSize, CKR_GENERAL_ERROR, byOpenSsl)},
+      {CKM_RSA_PKCS_KEY_PAIR_GEN, {{CKA_MODULUS_BITS, "x"}}, none, CKR_ATTRIBUTE_VALUE_INVALID},
+      {CKM_RSA_PKCS_KEY_PAIR_GEN, bits.with({{CKA_PUBLIC_EXPONENT, "\2"}}), none,
+       differs(CKR_ATTRIBUTE_VALUE_INVALID, CKR_GENERAL_ERROR, byOpenSsl)},
+      {CKM_RSA_PKCS_KEY_PAIR_GEN, bits.with({{CKA_KEY_TYPE, CKK_EC}}), none, badValue},
+      {CKM_RSA_PKCS_KEY_PAIR_GEN, bits, {{CKA_KEY_TYPE, CKK_EC}}, badValue},
+      {CKM_RSA_PKCS_KEY_PAIR_GEN, bits.with({{CKA_CLASS, CKO_PRIVATE_KEY}}), none, badValue},
+      {CKM_RSA_PKCS_KEY_PAIR_GEN, bits, {{CKA_CLASS, CKO_PUBLIC_KEY}}, badValue},
+      {CKM_EC_KEY_PAIR_GEN, {{CKA_EC_PARAMS, "x"}}, none, badCurve},
+      {CKM_EC_KEY_PAIR_GEN, {{CKA_EC_PARAMS, std::string("\x06\x05\x2B\x81\x04\x00\x7F", 7)}}, none, badCurve},
+      {CKM_EC_KEY_PAIR_GEN, curve, {{CKA_SIGN, "yes"}}, CKR_ATTRIBUTE_VALUE_INVALID},
+  };
+  for (const auto& row : rows) {
+    Session s;
+    is(s.generate(row.mechanism, row.publicKey, row.privateKey), row.code, std::to_string(&row - rows));
+    is(f->C_CloseSession(s), CKR_OK);
+  }
+  EXPECT_EQ(owner_->find({}).size(), 4U) << "refused templates leave no keys";
+
+  Session reader(0);
+  is(reader.generate(CKM_EC_KEY_PAIR_GEN, curve.with({{CKA_TOKEN, true}}), kept), CKR_SESSION_READ_ONLY);
+  is(reader.generate(CKM_EC_KEY_PAIR_GEN, curve, none), CKR_OK, "a reader's session keys");
+  is(f->C_Logout(reader), CKR_OK);
+  is(owner_->generate(CKM_EC_KEY_PAIR_GEN, curve, {{CKA_TOKEN, true}, {CKA_PRIVATE, true}}), CKR_USER_NOT_LOGGED_IN);
+  is(owner_->login(), CKR_OK);
+  is(f->C_CloseSession(reader), CKR_OK);
+
+  // Everything that the attributes of either template say.
+  Session& s = *owner_;
+  const Template names{{CKA_TOKEN, true}, {CKA_LABEL, "made"}, {CKA_ID, "42"}};
+  for (const std::string* parameters : {&p256, &p384, &p521}) {
+    is(s.generate(CKM_EC_KEY_PAIR_GEN, names.with({{CKA_EC_PARAMS, *parameters}}), names.with({{CKA_SIGN, true}})),
+       CKR_OK);
+    EXPECT_EQ(s.value(s.made, CKA_LABEL) + s.value(s.madePublic, CKA_ID), "made42");
+    EXPECT_EQ(s.value(s.madePublic, CKA_EC_PARAMS), *parameters);
+    is(s.init(sign, CKM_ECDSA, s.made), CKR_OK);
+    is(s.once(sign, std::string(20, 'h')), CKR_OK);
+    const std::string signature = s.out;
+    EXPECT_TRUE(ecdsaVerifies(*parameters, s.value(s.madePublic, CKA_EC_POINT), std::string(20, 'h'), signature));
+    const CK_OBJECT_HANDLE key = s.made;
+    is(s.destroy(s.madePublic), CKR_OK);
+    EXPECT_EQ(s.find({{CKA_ID, "42"}, {CKA_CLASS, CKO_PRIVATE_KEY}}), Handles{key}) << "a half can go by itself";
+    EXPECT_TRUE(s.find({{CKA_ID, "42"}, {CKA_CLASS, CKO_PUBLIC_KEY}}).empty());
+    is(s.destroy(key), CKR_OK);
+  }
+  EXPECT_EQ(s.find({}).size(), 4U);
+}
+
+TEST_F(KeysTest, SessionObjects) {
+  Session maker, other, last;
+  const Template curve{{CKA_EC_PARAMS, p256}, {CKA_TOKEN, false}};
+  const Template own{{CKA_TOKEN, false}, {CKA_LABEL, "passing"}, {CKA_SIGN, true}};
+  is(maker.generate(CKM_EC_KEY_PAIR_GEN, curve, own), CKR_OK);
+  const CK_OBJECT_HANDLE key = maker.made, publicKey = maker.madePublic;
+  EXPECT_EQ(other.value(key, CKA_TOKEN), std::string(1, '\0'));
+  EXPECT_EQ(other.find({{CKA_LABEL, "passing"}, {CKA_CLASS, CKO_PRIVATE_KEY}}), Handles{key});
+  is(other.init(sign, CKM_ECDSA, key), CKR_OK);
+  is(other.once(sign, std::string(32, 'h')), CKR_OK);
+
+  is(other.copy(12345678, {}), noSuchObject);
+  is(Session(0).copy(key, {{CKA_TOKEN, true}}), CKR_SESSION_READ_ONLY);
+  is(other.copy(key, {{CKA_KEY_TYPE, CKK_RSA}}), {CKR_ATTRIBUTE_READ_ONLY, CKR_TEMPLATE_INCONSISTENT});
+  is(other.copy(key, {{CKA_TOKEN, true}, {CKA_LABEL, "kept"}, {CKA_ID, "k"}}), CKR_OK);
+  const CK_OBJECT_HANDLE kept = other.made;
+  EXPECT_NE(kept, key);
+  is(f->C_CloseSession(maker), CKR_OK);
+  is(other.get(publicKey, CKA_CLASS), noSuchObject);
+  is(other.get(key, CKA_CLASS), noSuchObject);
+  EXPECT_EQ(other.find({{CKA_LABEL, "kept"}, {CKA_CLASS, CKO_PRIVATE_KEY}}), Handles{kept});
+  is(other.init(sign, CKM_ECDSA, kept), CKR_OK);
+  is(other.once(sign, std::string(32, 'h')), CKR_OK);
+  is(other.destroy(kept), CKR_OK);
+  for (const CK_OBJECT_HANDLE object : other.find({{CKA_LABEL, "kept"}})) is(other.destroy(object), CKR_OK);
+
+  is(other.generate(CKM_EC_KEY_PAIR_GEN, curve, own), CKR_OK);
+  is(other.create({{CKA_CLASS, CKO_PUBLIC_KEY},
+                   {CKA_KEY_TYPE, CKK_EC},
+                   {CKA_TOKEN, false},
+                   {CKA_PRIVATE, false},
+                   {CKA_EC_PARAMS, p256},
+                   {CKA_EC_POINT, last.value(ecPublic_, CKA_EC_POINT)}}),
+     CKR_OK);
+  const CK_OBJECT_HANDLE plain = other.made;
+  is(f->C_Logout(last), CKR_OK);
+  EXPECT_TRUE(last.find({{CKA_PRIVATE, true}}).empty()) << "private objects are hidden";
+  is(last.get(rsa_, CKA_CLASS), noSuchObject);
+  is(last.init(sign, CKM_RSA_PKCS, rsa_),
+     isSoftHsm() ? noSuchKey() : Expected{CKR_KEY_HANDLE_INVALID, CKR_USER_NOT_LOGGED_IN});
+  is(last.get(plain, CKA_CLASS), CKR_OK, "public session objects outlive the login");
+  is(last.login(), CKR_OK);
+  EXPECT_EQ(last.find({{CKA_PRIVATE, true}}).size(), 2U) << "private session objects ended with the login";
+  EXPECT_EQ(last.find({{CKA_LABEL, "rsa"}, {CKA_PRIVATE, true}}).size(), 1U);
+  if (!isSoftHsm()) {
+    EXPECT_EQ(last.value(rsa_, CKA_LABEL), "rsa") << "a handle is for the life of the process";
+  }
+  is(f->C_CloseAllSessions(slotOf(0)), CKR_OK);
+  EXPECT_EQ(Session(0).find({{CKA_TOKEN, false}}), Handles{});
+}
+
+}  // namespace

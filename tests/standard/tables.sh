@@ -1,0 +1,24 @@
+#!/bin/bash
+# The tables of calls and codes: first on SoftHSM2, which proves them, where there is one; then on our own library.
+source "$(dirname "$0")/../e2e/common.sh"
+
+openssl genrsa -out imported.key 2048 2>/dev/null
+openssl rsa -in imported.key -traditional -outform DER -out imported.der 2>/dev/null
+openssl req -newkey rsa:2048 -nodes -keyout certificate.key -utf8 -subj /CN=Test -x509 \
+  -outform DER -out certificate.der 2>/dev/null
+
+softHsm=/usr/lib/softhsm/libsofthsm2.so
+if [[ $E2E_SYSTEM != Windows && -z $E2E_SANITIZERS ]]; then
+  mkdir softhsm
+  printf 'directories.tokendir = %s/softhsm\nobjectstore.backend = file\nlog.level = ERROR\n' "$PWD" >softhsm.conf
+  export SOFTHSM2_CONF=$PWD/softhsm.conf
+  for token in first second; do
+    softhsm2-util --init-token --free --label $token --pin "$(<pin)" --so-pin "$(<so-pin)" >/dev/null
+  done
+  E2E_MODULE=$softHsm STANDARD_PEER=softhsm run standard_test "$@" || fail "the rows differ on SoftHSM2"
+fi
+
+[[ -f $standardLibrary ]] || exit 0
+createToken first
+createToken second
+E2E_MODULE=$(native "$standardLibrary") run standard_test "$@"
