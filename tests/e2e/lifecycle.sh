@@ -11,19 +11,27 @@ run sign_file "$E2E_MODULE" "file:$(native "$E2E_PIN_FILE")" key "$(native "$E2E
 
 milliseconds() { echo $((${EPOCHREALTIME/./} / 1000)); }
 
-for state in loaded initialised loggedIn signing waiting; do
-  for way in return exit _exit unload; do
-    { launch lifecycle_child $state $way 2>errors && echo 0 >code || echo $? >code; } | {
-      read -r line
-      [[ $line == leaving* ]] || fail "$state, $way: $line $(cat errors)"
-      milliseconds >left
-    }
-    code=$(cat code)
-    ended=$(milliseconds)
-    [[ $code == 42 ]] || fail "$state, $way: exit code $code $(cat errors)"
-    took=$((ended - $(cat left)))
-    [[ $way != unload ]] || took=$((took - 1200))
-    [[ $took -le 2000 ]] || fail "$state, $way: took $took ms"
-    echo "$state, $way: exit code $code after $took ms"
+# Windows does not fork, and ThreadSanitizer lets no forked process start threads.
+ways='return exit _exit unload'
+[[ $E2E_SYSTEM == Windows || $E2E_SANITIZERS == *thread* ]] || ways+=' fork'
+
+for tested in "$library" "$standardLibrary"; do
+  [[ -f $tested ]] || continue
+  name=$(basename "$tested")
+  for state in loaded initialised loggedIn signing waiting; do
+    for way in $ways; do
+      { E2E_MODULE=$(native "$tested") launch lifecycle_child $state $way 2>errors && echo 0 >code || echo $? >code; } | {
+        read -r line
+        [[ $line == leaving* ]] || fail "$name, $state, $way: $line $(cat errors)"
+        milliseconds >left
+      }
+      code=$(cat code)
+      ended=$(milliseconds)
+      [[ $code == 42 ]] || fail "$name, $state, $way: exit code $code $(cat errors)"
+      took=$((ended - $(cat left)))
+      [[ $way != unload ]] || took=$((took - 1200))
+      [[ $took -le 2000 ]] || fail "$name, $state, $way: took $took ms"
+      echo "$name, $state, $way: exit code $code after $took ms"
+    done
   done
 done

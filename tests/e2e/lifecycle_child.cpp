@@ -1,11 +1,13 @@
 // Brings the module into a state and then leaves in one of the ways in which processes end, with exit code 42 and
-// without finalising: lifecycle_child STATE WAY. It says "leaving" just before it does.
+// without finalising: lifecycle_child STATE WAY. It says "leaving" just before it does. With the way "fork" a child
+// process begins anew and finalises, and the parent goes on with what it had.
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <thread>
 
+#include "test_platform.h"
 #include "token_session.h"
 
 namespace {
@@ -29,14 +31,22 @@ void enter(const std::string& state, void* library) {
     check(functions->C_SignInit(token->handle, &mechanism, token->find(CKO_PRIVATE_KEY, "key")), "C_SignInit");
   }
   if (state == "waiting") {
-    CK_SLOT_ID slot = 0;
-    check(functions->C_WaitForSlotEvent(0, &slot, nullptr), "C_WaitForSlotEvent");
     std::thread([] {
-      CK_SLOT_ID other = 0;
-      functions->C_WaitForSlotEvent(0, &other, nullptr);
+      CK_SLOT_ID slot = 0;
+      while (functions->C_WaitForSlotEvent(0, &slot, nullptr) == CKR_OK) {
+      }
     }).detach();
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
+}
+
+// What the child of a fork does, whatever the parent was doing.
+int beginAnew() {
+  CK_ULONG count = 0;
+  if (functions->C_GetSlotList(CK_TRUE, nullptr, &count) != CKR_CRYPTOKI_NOT_INITIALIZED) return 1;
+  TokenSession token;
+  check(token.login(), "C_Login in the child");
+  return token.find(CKO_PRIVATE_KEY, "key") == CK_INVALID_HANDLE ? 2 : exitCode;
 }
 
 void leave(const std::string& way, void* library) {
@@ -44,6 +54,13 @@ void leave(const std::string& way, void* library) {
   std::fflush(stdout);
   if (way == "exit") std::exit(exitCode);
   if (way == "_exit") std::_Exit(exitCode);
+  if (way == "fork") {
+    CK_ULONG count = 0;
+    const int code = testPlatform::exitCodeOfFork(beginAnew);
+    const CK_RV result = functions->C_GetSlotList(CK_TRUE, nullptr, &count);
+    if (result != CKR_OK && result != CKR_CRYPTOKI_NOT_INITIALIZED) std::_Exit(3);
+    std::_Exit(code);
+  }
   if (way == "unload") {
     closeLibrary(library);
     // Longer than the monitor sleeps, so that it wakes in a module that the application has let go of.

@@ -43,6 +43,10 @@ std::string processState();
 // Runs `work` on a thread with a stack of 64 KiB, and waits for it. Sanitizers get four times as much.
 void onSmallStack(const std::function<void()>& work);
 
+// Does `work` in the child of a fork, and waits for it: what the work returned, or another code if it threw or crashed.
+// -1 where there is no fork.
+int exitCodeOfFork(int (*work)());
+
 // Starts this program once more, with other arguments, none of which has blanks or quotes.
 std::intptr_t startSelf(const std::vector<std::string>& arguments);
 // Ends it from outside, without any warning, and waits until it is gone. False when it had ended before.

@@ -94,6 +94,21 @@ void onSmallStack(const std::function<void()>& work) {
   pthread_attr_destroy(&attributes);
 }
 
+int exitCodeOfFork(int (*work)()) {
+  const pid_t child = fork();
+  if (child == 0) {
+    try {
+      std::_Exit(work());
+    } catch (const std::exception& error) {
+      std::fprintf(stderr, "in the child: %s\n", error.what());
+      std::_Exit(100);
+    }
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 101;
+}
+
 std::intptr_t startSelf(const std::vector<std::string>& arguments) {
   std::vector<char*> texts{const_cast<char*>("self")};
   for (const std::string& argument : arguments) texts.push_back(const_cast<char*>(argument.c_str()));
