@@ -254,7 +254,8 @@ bool ecdsaVerifies(const std::string& parameters, const std::string& point, cons
 }
 
 void StandardTest::SetUp() {
-  ASSERT_TRUE(is(f->C_Initialize(nullptr), CKR_OK));
+  CK_C_INITIALIZE_ARGS threads{nullptr, nullptr, nullptr, nullptr, CKF_OS_LOCKING_OK, nullptr};
+  ASSERT_TRUE(is(f->C_Initialize(&threads), CKR_OK));
   CK_SLOT_ID found[8];
   CK_ULONG count = 8;
   ASSERT_TRUE(is(f->C_GetSlotList(CK_TRUE, found, &count), CKR_OK));

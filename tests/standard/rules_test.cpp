@@ -277,29 +277,6 @@ TEST_F(StandardTest, Pins) {
   is(writer.login(), CKR_OK);
 }
 
-// Last, since the token is of no use afterwards.
-TEST_F(StandardTest, PinsThatAreLocked) {
-  if (isSoftHsm()) GTEST_SKIP() << "it never locks a PIN";
-  const Session session(0, 1);
-  CK_TOKEN_INFO info;
-  constexpr CK_FLAGS low = CKF_USER_PIN_COUNT_LOW, last = CKF_USER_PIN_FINAL_TRY, locked = CKF_USER_PIN_LOCKED;
-  CK_RV code = CKR_PIN_INCORRECT;
-  CK_FLAGS before = 0;
-  for (int tries = 0; tries < 20; ++tries) {
-    is(f->C_GetTokenInfo(slotOf(1), &info), CKR_OK);
-    const CK_FLAGS flags = info.flags & (low | last | locked);
-    EXPECT_GE(flags, before) << "the flags never grow weaker";
-    code = session.login(CKU_USER, "not the PIN");
-    is(code, (before & locked) != 0 ? Expected(CKR_PIN_LOCKED) : Expected{CKR_PIN_INCORRECT, CKR_PIN_LOCKED});
-    if (code == CKR_PIN_LOCKED) break;
-    before = flags;
-  }
-  EXPECT_NE(before & last, 0U) << "the last try is announced";
-  is(f->C_GetTokenInfo(slotOf(1), &info), CKR_OK);
-  EXPECT_NE(info.flags & locked, 0U);
-  is(session.login(), CKR_PIN_LOCKED);
-}
-
 TEST_F(StandardTest, WhatTheTokenCannot) {
   const Session session;
   is(session.login(), CKR_OK);

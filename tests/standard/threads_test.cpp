@@ -1,0 +1,178 @@
+// Many threads at once, each signature checked by libgcrypt against the key that was asked for. Under ThreadSanitizer
+// too.
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "client.h"
+
+namespace {
+
+struct Key {
+  CK_OBJECT_HANDLE handle;
+  std::string id, first, second;  // modulus and exponent, or parameters and point
+  bool ec;
+};
+
+class ThreadTest : public KeysTest {
+ protected:
+  // Eight keys, every other one for elliptic curves, with handles that any session may use.
+  std::vector<Key> keys() {
+    Session& s = *owner_;
+    std::vector<Key> result;
+    for (int i = 0; i < 8; ++i) {
+      const bool ec = i % 2 == 1;
+      const std::string id = "thread " + std::to_string(i);
+      const Template common{{CKA_TOKEN, true}, {CKA_LABEL, id}, {CKA_ID, id}};
+      const Template own = ec ? common.with({{CKA_EC_PARAMS, p256}}) : common.with({{CKA_MODULUS_BITS, 2048}});
+      is(s.generate(ec ? CKM_EC_KEY_PAIR_GEN : CKM_RSA_PKCS_KEY_PAIR_GEN, own, common.with({{CKA_SIGN, true}})),
+         CKR_OK);
+      result.push_back({s.made, id, s.value(s.madePublic, ec ? CKA_EC_PARAMS : CKA_MODULUS),
+                        s.value(s.madePublic, ec ? CKA_EC_POINT : CKA_PUBLIC_EXPONENT), ec});
+      publicKeys_.push_back(s.madePublic);
+    }
+    return result;
+  }
+  std::vector<CK_OBJECT_HANDLE> publicKeys_;
+};
+
+void signOften(const std::vector<Key>& keys, unsigned thread, unsigned rounds) {
+  Session session(thread % 3 == 0 ? 0 : CKF_RW_SESSION);
+  for (unsigned round = 0; round < rounds; ++round) {
+    const Key& key = keys[(thread + round) % keys.size()];
+    const std::string data = "thread " + std::to_string(thread) + ", round " + std::to_string(round);
+    const std::string hash = hashed(CKM_SHA256, data);
+    const bool raw = key.ec && (isSoftHsm() || round % 4 < 2);
+    is(session.init(sign, key.ec ? raw ? CKM_ECDSA : CKM_ECDSA_SHA256 : CKM_SHA256_RSA_PKCS, key.handle), CKR_OK);
+    if (raw || round % 2 == 0) {
+      is(session.once(sign, raw ? hash : data), CKR_OK);
+    } else {
+      is(session.update(sign, data.substr(0, 5)), CKR_OK);
+      std::this_thread::yield();
+      is(session.update(sign, data.substr(5)), CKR_OK);
+      is(session.final(sign), CKR_OK);
+    }
+    EXPECT_TRUE(key.ec ? ecdsaVerifies(key.first, key.second, hash, session.out)
+                       : rsaVerifies(key.first, key.second, hash, session.out))
+        << data;
+  }
+  is(f->C_CloseSession(session), CKR_OK);
+}
+
+TEST_F(ThreadTest, SixteenThreadsSignWithEightKeys) {
+  const std::vector<Key> keys = this->keys();
+  constexpr unsigned signers = 16, rounds = 12;
+  std::atomic<unsigned> signing = signers;
+  std::vector<std::thread> threads;
+  for (unsigned i = 0; i < signers; ++i) {
+    threads.emplace_back([&keys, &signing, i] {
+      signOften(keys, i, rounds);
+      --signing;
+    });
+  }
+  const auto meanwhile = [&](auto work) {
+    threads.emplace_back([&signing, work] {
+      for (unsigned round = 0; signing != 0; ++round) work(round);
+    });
+  };
+  Session searcher(0), reader(0), hasher(0), generator;
+  meanwhile([&](unsigned round) {
+    const Key& key = keys[round % keys.size()];
+    EXPECT_EQ(searcher.find({{CKA_CLASS, CKO_PRIVATE_KEY}, {CKA_ID, key.id}}), std::vector{key.handle});
+  });
+  meanwhile([&](unsigned round) {
+    const Key& key = keys[round % keys.size()];
+    EXPECT_EQ(reader.value(key.handle, CKA_LABEL), key.id);
+    EXPECT_EQ(reader.value(publicKeys_[round % keys.size()], key.ec ? CKA_EC_POINT : CKA_MODULUS),
+              key.ec ? key.second : key.first);
+  });
+  meanwhile([&](unsigned round) {
+    const std::string data(1000 + round % 100, 'h');
+    is(hasher.init(digest, CKM_SHA384), CKR_OK);
+    is(hasher.once(digest, data), CKR_OK);
+    EXPECT_EQ(hasher.out, hashed(CKM_SHA384, data));
+  });
+  meanwhile([&](unsigned) {
+    is(generator.generate(CKM_EC_KEY_PAIR_GEN, {{CKA_EC_PARAMS, p384}}, {{CKA_TOKEN, false}}), CKR_OK);
+    is(generator.destroy(generator.made), CKR_OK);
+    is(generator.destroy(generator.madePublic), CKR_OK);
+  });
+  // The login of one token is none of the other's business.
+  meanwhile([](unsigned) {
+    const Session other(0, 1);
+    is(other.login(), CKR_OK);
+    EXPECT_EQ(other.state(), CKS_RO_USER_FUNCTIONS);
+    is(f->C_CloseSession(other), CKR_OK);
+  });
+  std::thread waiter([] {
+    CK_SLOT_ID slot = 0;
+    is(f->C_WaitForSlotEvent(0, &slot, nullptr),
+       differs(CKR_CRYPTOKI_NOT_INITIALIZED, CKR_FUNCTION_NOT_SUPPORTED, "it cannot wait"));
+  });
+  for (std::thread& thread : threads) thread.join();
+  for (const Key& key : keys) is(owner_->destroy(key.handle), CKR_OK);
+  for (const CK_OBJECT_HANDLE key : publicKeys_) is(owner_->destroy(key), CKR_OK);
+  EXPECT_EQ(owner_->find({}).size(), 4U);
+  is(f->C_Finalize(nullptr), CKR_OK, "which wakes who waits");
+  waiter.join();
+  is(f->C_Initialize(nullptr), CKR_OK);
+}
+
+CK_RV closeAndWait() {
+  std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  return f->C_CloseAllSessions(slotOf(0));
+}
+
+// Threads whose sessions, logins and objects are taken away get the codes for that, and nothing crashes.
+TEST_F(ThreadTest, SessionsCloseUnderTheirUsers) {
+  if (isSoftHsm()) GTEST_SKIP() << "it crashes";
+  std::atomic<bool> over = false;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&] {
+      while (!over) {
+        Session s;
+        static_cast<void>(s.login());
+        const CK_RV code = s.init(sign, CKM_SHA256_RSA_PKCS, rsa_);
+        const Expected lost{CKR_OK,
+                            CKR_SESSION_HANDLE_INVALID,
+                            CKR_SESSION_CLOSED,
+                            CKR_KEY_HANDLE_INVALID,
+                            CKR_USER_NOT_LOGGED_IN,
+                            CKR_OPERATION_NOT_INITIALIZED,
+                            CKR_OBJECT_HANDLE_INVALID};
+        if (is(code, lost) && code == CKR_OK) is(s.once(sign, "data"), lost);
+      }
+    });
+  }
+  for (int i = 0; i < 100; ++i) is(closeAndWait(), CKR_OK);
+  over = true;
+  for (std::thread& thread : threads) thread.join();
+}
+
+class LastTest : public StandardTest {};
+
+// Last, since the token is of no use afterwards.
+TEST_F(LastTest, PinsThatAreLocked) {
+  if (isSoftHsm()) GTEST_SKIP() << "it never locks a PIN";
+  const Session session(0, 1);
+  CK_TOKEN_INFO info;
+  constexpr CK_FLAGS low = CKF_USER_PIN_COUNT_LOW, last = CKF_USER_PIN_FINAL_TRY, locked = CKF_USER_PIN_LOCKED;
+  CK_RV code = CKR_PIN_INCORRECT;
+  CK_FLAGS before = 0;
+  for (int tries = 0; tries < 20; ++tries) {
+    is(f->C_GetTokenInfo(slotOf(1), &info), CKR_OK);
+    const CK_FLAGS flags = info.flags & (low | last | locked);
+    EXPECT_GE(flags, before) << "the flags never grow weaker";
+    code = session.login(CKU_USER, "not the PIN");
+    is(code, (before & locked) != 0 ? Expected(CKR_PIN_LOCKED) : Expected{CKR_PIN_INCORRECT, CKR_PIN_LOCKED});
+    if (code == CKR_PIN_LOCKED) break;
+    before = flags;
+  }
+  EXPECT_NE(before & last, 0U) << "the last try is announced";
+  is(f->C_GetTokenInfo(slotOf(1), &info), CKR_OK);
+  EXPECT_NE(info.flags & locked, 0U);
+  is(session.login(), CKR_PIN_LOCKED);
+}
+
+}  // namespace
