@@ -228,9 +228,9 @@ class Walk {
   }
 
   std::string anyPin() {
-    static const std::string pins[] = {"1234", "12345", "123", std::string(63, 'x'), std::string(64, 'x')};
+    static const std::string pins[] = {"1234", "4321", "12345", "123", std::string(63, 'x'), std::string(64, 'x')};
     const std::size_t choice = input_.byte();
-    return pins[choice < 200 ? choice % 2 : choice % std::size(pins)];
+    return pins[choice < 200 ? choice % 3 : choice % std::size(pins)];
   }
   static bool isTooShortOrLong(const std::string& pin) { return pin.size() < 4 || pin.size() > 63; }
 

@@ -42,7 +42,7 @@ CK_RV C_DigestInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism) {
 
     const int status = initHash(session, mechanism->hash, &session.hashContext);
     if (status != 0) return call.refuseBare(CKR_FUNCTION_FAILED, "Init hash in diges init failed : ", status);
-    session.digestData = {};
+    wipeAndFree(session.digestData);
     session.activeOperation = Operation::digest;
     return CKR_OK;
   });

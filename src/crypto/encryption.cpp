@@ -13,9 +13,6 @@ namespace {
 // A ciphertext is as long as the key's modulus: 512 bytes for RSA 4096.
 constexpr std::size_t ciphertextBufferSize = 1024;
 
-// A plaintext is shorter than the largest modulus. Nothing else tells how large the library's buffer is.
-constexpr std::size_t longestPlaintext = 512;
-
 EncryptionType encryptionType(std::uint32_t keyType) {
   switch (static_cast<KeyType>(keyType)) {
     case KeyType::rsa1024:
@@ -40,7 +37,7 @@ bool mayBegin(const Session& session) {
 // Begins the operation, or the dead end that stands for one begun during a digest.
 void begin(Session& session, const TavrinKeyPair* keyPair, Operation operation, Operation duringDigest) {
   session.operationKey = keyPair;
-  session.operationData = {};
+  wipeAndFree(session.operationData);
   session.activeOperation = session.activeOperation == Operation::none ? operation : duringDigest;
 }
 
@@ -126,7 +123,8 @@ CK_RV decrypt(const Call& call, Session& session, CK_BYTE_PTR pEncryptedData, CK
       tavrin_decrypt(session.deviceId(), keyPair.recordId, userPassword.copy().text(), pEncryptedData,
                      deviceLength(ulEncryptedDataLen), &plaintext, &length, deviceFlag(keyPair), libraryInstance);
   if (status != 0) return call.refuseBare(CKR_FUNCTION_FAILED, "Dacrypt data failed : ", status);
-  if (plaintext) session.operationData.assign(plaintext, plaintext + returnedLength(length, longestPlaintext));
+  if (plaintext && isTooLong(length)) return call.refuse(CKR_FUNCTION_FAILED, "plaintext too long, length=", length);
+  if (plaintext && length > 0) session.operationData.assign(plaintext, plaintext + length);
   return CKR_OK;
 }
 

@@ -15,9 +15,6 @@ namespace {
 
 constexpr CK_OBJECT_HANDLE largestRecordNumber = 0xFFF;
 
-// A coordinate of P-521. Nothing else tells how large the library's buffer is.
-constexpr std::size_t longestSharedSecret = 66;
-
 // A key derivation function as the device is asked for it. The hash codes are not those of the digests: derived keys
 // that applications hold were made with these.
 struct KeyDerivationFunction {
@@ -76,8 +73,16 @@ CK_RV agreeOnSecret(const Call& call, const Session& session, const TavrinKeyPai
   if (status != 0 || !shared || length < 1) {
     return call.refuse(CKR_FUNCTION_FAILED, "tavrin_ecdhDerive failed: ", status);
   }
-  secret.assign(shared, shared + returnedLength(length, longestSharedSecret));
+  if (isTooLong(length)) return call.refuse(CKR_FUNCTION_FAILED, "shared secret too long, length=", length);
+  secret.assign(shared, shared + length);
   return CKR_OK;
+}
+
+// Leaves no copy of the bytes that are cut off.
+void cutOrPad(SecretBytes& secret, std::size_t length) {
+  SecretBytes result(length);
+  std::copy_n(secret.begin(), std::min(length, secret.size()), result.begin());
+  secret.swap(result);
 }
 
 }  // namespace
@@ -110,7 +115,7 @@ CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OB
     if (refusal != CKR_OK) return refusal;
     secret = applyKdf(*session, parameters.kdf, std::move(secret));
     const std::size_t length = wantedLength(pTemplate, ulAttributeCount);
-    if (length != 0) secret.resize(length);
+    if (length != 0) cutOrPad(secret, length);
 
     const std::size_t finalLength = secret.size();
     *phKey = derivedKeyTable.insert(std::move(secret));

@@ -113,8 +113,8 @@ CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
         tavrin_generateKeyPair(session.deviceId(), userPassword.copy().text(), &keyPair, libraryInstance);
     if (status != 0) return call.refuseBare(storeFailure(status), "Generate key pair failed : ", status);
 
-    *phPublicKey = publicKeyBase + keyPair.id;
-    *phPrivateKey = privateKeyBase + keyPair.id;
+    *phPublicKey = objectHandle(publicKeyBase, keyPair.id);
+    *phPrivateKey = objectHandle(privateKeyBase, keyPair.id);
     logDebug("C_GenerateKeyPair - exit");
     return CKR_OK;
   });

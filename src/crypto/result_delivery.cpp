@@ -15,7 +15,7 @@ Delivery deliver(const Call& call, SecretBytes& result, CK_BYTE_PTR out, CK_ULON
     return Delivery::tooSmall;
   }
   std::copy(result.begin(), result.end(), out);
-  result = {};
+  wipeAndFree(result);
   return Delivery::delivered;
 }
 

@@ -33,7 +33,7 @@ CK_RV finishParts(const Call& call, Session& session) {
   Digest digest;
   const int status = digest.finish(session.hashContext, Digest::capacity);
   session.hashContext = nullptr;
-  session.digestData = {};
+  wipeAndFree(session.digestData);
   if (status != 0) return endFailed(session, call.refuse(CKR_FUNCTION_FAILED, "finalHash failed ", status));
   session.digestData.assign(digest.bytes().begin(), digest.bytes().end());
   return CKR_OK;

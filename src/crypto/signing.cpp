@@ -116,7 +116,7 @@ CK_RV C_SignInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJ
     const TavrinKeyPair* keyPair = resolveKeyPair(session, hKey, privateKeyBase);
     if (!keyPair) return call.refuseBare(CKR_OBJECT_HANDLE_INVALID, "Invalid input handle in sign : ", hKey);
     session.operationKey = keyPair;
-    session.operationData = {};
+    wipeAndFree(session.operationData);
     session.activeOperation = Operation::signing;
     return CKR_OK;
   });

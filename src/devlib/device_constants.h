@@ -76,6 +76,10 @@ enum class HashCode : std::int32_t {
   sha512 = 5
 };
 
+// The most bytes that the module takes of a plaintext or a shared secret in the library's own buffer. Real results are
+// far shorter; the bound keeps a wrong length from reading beyond the buffer by more than that.
+inline constexpr std::size_t maximumResultLength = 4096;
+
 // The kinds of password of tavrin_validatePassword.
 inline constexpr int userPasswordKind = 1;
 inline constexpr int officerPasswordKind = 2;

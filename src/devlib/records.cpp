@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <limits>
 
+#include "devlib/device_constants.h"
+
 namespace tavrin {
 namespace {
 
@@ -30,6 +32,8 @@ std::string_view label(const TavrinCertificate& record) { return clampedText(rec
 std::size_t returnedLength(int length, std::size_t size) {
   return length < 0 ? 0 : std::min(static_cast<std::size_t>(length), size);
 }
+
+bool isTooLong(int length) { return length > static_cast<int>(maximumResultLength); }
 
 int deviceLength(CK_ULONG length) {
   if (length > std::numeric_limits<std::uint32_t>::max()) return -1;

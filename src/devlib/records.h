@@ -23,8 +23,12 @@ ByteView certificate(const TavrinCertificate& record);
 ByteView certId(const TavrinCertificate& record);
 std::string_view label(const TavrinCertificate& record);
 
-// A length that the library returned for a buffer of `size` bytes.
+// A length that the library returned for a buffer of the module's: 0 when it is negative, at most `size`, the buffer's
+// size in bytes.
 std::size_t returnedLength(int length, std::size_t size);
+
+// Whether a length that the library returned for a buffer of its own is more than the module accepts.
+bool isTooLong(int length);
 
 // A caller's length as the library takes it. Lengths beyond 32 bits become -1, which every library refuses, rather
 // than a shorter length that it would accept.

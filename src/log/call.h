@@ -6,6 +6,7 @@
 
 #include "log/log.h"
 #include "pkcs11.h"
+#include "platform/platform.h"
 
 namespace tavrin {
 
@@ -38,9 +39,10 @@ class Call {
 };
 
 // Runs `body(call)` as the exported function `name`. An exception ends the call with CKR_HOST_MEMORY when memory ran
-// out and with CKR_GENERAL_ERROR otherwise.
+// out and with CKR_GENERAL_ERROR otherwise. A thread that is cancelled during the call ends after it.
 template <typename Body>
 CK_RV exportedCall(const char* name, Body&& body) noexcept {
+  const platform::CancellationDeferral deferral;
   const Call call(name);
   try {
     return body(call);

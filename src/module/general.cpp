@@ -30,18 +30,26 @@ void createInstance() {
   libraryInstance = instance;
 }
 
+// The module counts as not initialised afterwards, even if the library throws.
 void releaseInstance() {
+  const struct Clear {
+    ~Clear() { libraryInstance = nullptr; }
+  } clear;
   if (libraryInstance != nullptr) tavrin_releaseInstance(libraryInstance);
-  libraryInstance = nullptr;
 }
 
-// Starts the monitor over a new instance. A monitor that a failed initialisation left behind ends first.
+void emptyTables() {
+  slotTable.clear();
+  sessionTable.clear();
+  userPassword.clear();
+}
+
+// Starts the monitor with a new instance. The monitor of an earlier initialisation that had no instance ends first; at
+// the end of the process its thread may have ended without being joined.
 void start() {
   createInstance();
-  if (deviceMonitor.monitorRunning) {
-    logDebug("Monitor already running. Stopping old thread.");
-    stopDeviceMonitor();
-  }
+  if (deviceMonitor.monitorRunning) logDebug("Monitor already running. Stopping old thread.");
+  if (deviceMonitor.monitorRunning || deviceMonitor.monitorThread.joinable()) stopDeviceMonitor();
   try {
     startDeviceMonitor();
   } catch (...) {
@@ -69,10 +77,13 @@ CK_RV C_Initialize(CK_VOID_PTR) {
 CK_RV C_Finalize(CK_VOID_PTR) {
   return initializedCall("C_Finalize", [](const Call&) -> CK_RV {
     stopDeviceMonitor();
-    releaseInstance();
-    slotTable.clear();
-    sessionTable.clear();
-    userPassword.clear();
+    try {
+      releaseInstance();
+    } catch (...) {
+      emptyTables();
+      throw;
+    }
+    emptyTables();
     logDebug("C_Finalize completed successfully.");
     return CKR_OK;
   });

@@ -37,7 +37,7 @@ CK_OBJECT_HANDLE findHandle(const std::vector<Record>& records, const std::uint8
   const auto found = std::find_if(records.begin(), records.end(), [&](const Record& record) {
     return std::equal(std::begin(recordId), std::end(recordId), std::begin(record.recordId));
   });
-  return found != records.end() ? base + found->id : 0;
+  return found != records.end() ? objectHandle(base, found->id) : 0;
 }
 
 }  // namespace

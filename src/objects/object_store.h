@@ -21,6 +21,11 @@ constexpr bool isPrivateKey(CK_OBJECT_HANDLE handle) { return handle >= privateK
 constexpr bool isPublicKey(CK_OBJECT_HANDLE handle) { return handle >= publicKeyBase && handle < certificateBase; }
 constexpr bool isKey(CK_OBJECT_HANDLE handle) { return isPrivateKey(handle) || isPublicKey(handle); }
 
+// The handle of the record `id`. Handles have 32 bits whatever the size of CK_ULONG; too large an id wraps.
+constexpr CK_OBJECT_HANDLE objectHandle(CK_OBJECT_HANDLE base, std::uint32_t id) {
+  return static_cast<std::uint32_t>(base + id);
+}
+
 // The one buffer of each kind that a resolution fills; the next resolution of the kind overwrites it, whatever session
 // asks. Callers on different sessions must not resolve at the same time.
 struct ResolutionBuffers {

@@ -14,12 +14,9 @@
 namespace tavrin {
 namespace {
 
-// Stands for a template without a class.
-constexpr CK_OBJECT_CLASS anyClass = 0x80000000;
-
 // The criteria of a template; they point into it.
 struct Criteria {
-  CK_OBJECT_CLASS objectClass = anyClass;
+  std::optional<CK_OBJECT_CLASS> objectClass;
   std::string_view label;  // empty: no criterion
   std::optional<ByteView> value;
   std::optional<ByteView> subject;
@@ -31,7 +28,7 @@ void takeCriterion(const Call& call, CK_ATTRIBUTE_TYPE type, ByteView value, Cri
   switch (type) {
     case CKA_CLASS:
       criteria.objectClass = numberOf(value);
-      call.debug("Find object class : ", criteria.objectClass);
+      call.debug("Find object class : ", *criteria.objectClass);
       break;
     case CKA_ID:
       criteria.id = value;
@@ -123,9 +120,9 @@ void keepMatches(std::vector<Record>& records, const Criteria& criteria) {
 
 // Keeps what the criteria leave and decides which halves of the key pairs are reported.
 void selectResults(Session& session, DeviceObjects objects, const Criteria& criteria) {
-  const CK_OBJECT_CLASS wanted = criteria.objectClass;
+  const auto wanted = criteria.objectClass;
   // Without a class everything is found, whatever else the template says: applications list a token in this way.
-  const bool all = wanted == anyClass;
+  const bool all = !wanted;
   if (all || wanted == CKO_CERTIFICATE) {
     if (!all) keepMatches(objects.certificates, criteria);
     session.findCertificates = std::move(objects.certificates);
@@ -157,10 +154,10 @@ class SearchResults {
   std::size_t size() const { return publicKeys_ + privateKeys_ + session_.findCertificates.size(); }
 
   CK_OBJECT_HANDLE operator[](std::size_t position) const {
-    if (position < publicKeys_) return publicKeyBase + session_.findKeyPairs[position].id;
+    if (position < publicKeys_) return objectHandle(publicKeyBase, session_.findKeyPairs[position].id);
     position -= publicKeys_;
-    if (position < privateKeys_) return privateKeyBase + session_.findKeyPairs[position].id;
-    return certificateBase + session_.findCertificates[position - privateKeys_].id;
+    if (position < privateKeys_) return objectHandle(privateKeyBase, session_.findKeyPairs[position].id);
+    return objectHandle(certificateBase, session_.findCertificates[position - privateKeys_].id);
   }
 
  private:

@@ -1,4 +1,4 @@
-// Memory for secrets: wiped whenever it is given back, on every way out of a function.
+// Memory for secrets. It is wiped whenever it is given back. Any thread may use it.
 #pragma once
 
 #include <cstddef>
@@ -27,5 +27,8 @@ struct WipingAllocator {
 };
 
 using SecretBytes = std::vector<std::uint8_t, WipingAllocator<std::uint8_t>>;
+
+// Empties the bytes and gives their memory back, wiped. Assigning {} or calling clear() would keep the memory as it is.
+inline void wipeAndFree(SecretBytes& bytes) { SecretBytes().swap(bytes); }
 
 }  // namespace tavrin

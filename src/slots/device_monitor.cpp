@@ -39,6 +39,9 @@ void sleepUntilNextPoll() {
     utils.sleep(sleepSlice);
 }
 
+// Set when the process ends: no thread is started after that.
+std::atomic<bool> processEnds;
+
 void runDeviceMonitor() {
   logDebug("Session monitor thread started.");
   std::size_t lastCount = 0;
@@ -55,10 +58,11 @@ void runDeviceMonitor() {
   deviceMonitor.monitorRunning = false;
 }
 
-// A process that ends without C_Finalize takes the device library's state away under the thread: let it end before,
-// but never hold up the exit for a device that does not answer. Waiters stay asleep, or they would run on in a process
-// that is being taken apart.
+// At the end of a process that does not call C_Finalize, the device library's state is destroyed while the thread uses
+// it. So the thread is asked to end before. The wait is short, since a device may not answer. Waiters of
+// C_WaitForSlotEvent are not woken: they would run in a process whose state is being destroyed.
 void endMonitorAtExit() {
+  processEnds = true;
   deviceMonitor.stopRequested = true;
   for (unsigned waited = 0; deviceMonitor.monitorRunning && waited < 10 * sleepSlice; ++waited) utils.sleep(1);
 }
@@ -70,6 +74,7 @@ void startDeviceMonitor() {
   std::call_once(once, [] { platform::atProcessExit(endMonitorAtExit); });
 
   deviceMonitor.stopRequested = false;
+  if (processEnds) return;
   deviceMonitor.monitorRunning = true;
   deviceMonitor.pin = platform::pinModule();
   try {

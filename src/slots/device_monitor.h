@@ -29,8 +29,8 @@ struct DeviceMonitor {
 
 extern DeviceMonitor& deviceMonitor;
 
-// Starts the thread, which needs `libraryInstance` set or null for good. Throws std::system_error, with nothing
-// started, when the thread cannot be made. No monitor may be running.
+// Starts the thread. `libraryInstance` must not change while it runs. Throws std::system_error, with nothing started,
+// when there can be no thread. No monitor may be running. Starts nothing while the process ends.
 void startDeviceMonitor();
 
 // Wakes every waiter of C_WaitForSlotEvent, ends the thread and waits for it: for the library's current listing of

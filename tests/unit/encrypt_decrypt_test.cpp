@@ -41,4 +41,18 @@ TEST_F(EncryptDecryptTest, DecryptionPassesTheKeysFlag) {
   }
 }
 
+TEST_F(EncryptDecryptTest, PlaintextIsAllThatTheDeviceReturns) {
+  const std::string asked = "> decrypt TK1 key-1 pin='1234' data='ab' flag=1 inst";
+  const Call call = CALL(C_Decrypt, session_, DATA("ab"), out_.data(), &out_.length);
+  ok(decryptInit(session_));
+  fake::fault("decrypt", fake::Fault::Kind::length, 4097);
+  fails(call, {asked, ": plaintext too long, length=4097"});
+  for (const int length : {513, 4096}) {
+    fake::fault("decrypt", fake::Fault::Kind::length, length);
+    does(call, {asked});
+    EXPECT_EQ(out_.length, static_cast<CK_ULONG>(length));
+    ok(decryptInit(session_));
+  }
+}
+
 }  // namespace

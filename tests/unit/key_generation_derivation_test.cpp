@@ -143,11 +143,18 @@ TEST_F(KeyDerivationTest, RefusalsAreSilent) {
   EXPECT_EQ(key_, 77u);
 }
 
-TEST_F(KeyDerivationTest, NoSecretIsAFailure) {
+TEST_F(KeyDerivationTest, NoSecretAndOneTooLongAreFailures) {
   using Kind = fake::Fault::Kind;
   for (const auto& [kind, length] : {std::pair{Kind::nothing, 0}, {Kind::length, 0}, {Kind::length, -1}}) {
     fake::fault("ecdhDerive", kind, length);
     fails(deriveKey(CKD_NULL), deviceAsked + Lines{": tavrin_ecdhDerive failed: 0"});
+  }
+  fake::fault("ecdhDerive", Kind::length, 4097);
+  fails(deriveKey(CKD_NULL), deviceAsked + Lines{": shared secret too long, length=4097"});
+  for (const int length : {67, 4096}) {
+    fake::fault("ecdhDerive", Kind::length, length);
+    ok(deriveKey(CKD_NULL));
+    EXPECT_EQ(secret().size(), static_cast<std::size_t>(length));
   }
 }
 

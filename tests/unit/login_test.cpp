@@ -63,7 +63,12 @@ TEST_F(LoginTest, LoginAsksTheDeviceAndRaisesTheSessionsOfTheToken) {
   does(CALL(C_Login, b, CKU_USER, bytes("12345678"), 4), askedUser("1234") + told("2"));
   expectStates({{a, 1}, {b, 3}, {other, 2}});
 
-  // The cached password opens another token unasked; any other is asked for.
+  // The cached password opens another token unasked; any other is asked for, also when it is as long.
+  fake::fail("validatePassword", 1);
+  fake::edit()->counter = 2;
+  expect(login(other, CKU_USER, "4321"), CKR_PIN_INCORRECT,
+         {"> validatePassword TK2 pin='4321' kind=1 counter=0 inst", "Token password validation failed : 1",
+          "Token password validation failed, retry count : 2"});
   does(login(other, CKU_USER, "12345"), Lines{"> validatePassword TK2 pin='12345' kind=1 counter=0 inst"} + told("2"));
   does(CALL(C_Logout, other), {"- C_Logout end"});
   expectStates({{a, 1}, {b, 3}, {other, 2}});

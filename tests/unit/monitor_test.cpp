@@ -4,6 +4,7 @@
 #include <thread>
 
 #include "module_test.h"
+#include "slots/device_monitor.h"
 
 namespace {
 
@@ -99,6 +100,33 @@ TEST_F(MonitorTest, FinalizeIsQuickAndWakesWhoeverWaits) {
   EXPECT_LT(fastest, std::chrono::milliseconds(100));
   EXPECT_GT(logged("ERROR ::=>C_WaitForSlotEvent: monitor stopped, returning CKR_CRYPTOKI_NOT_INITIALIZED\n"), 0);
   EXPECT_EQ(slot_, 77u);
+}
+
+TEST_F(MonitorTest, EventThatTwoCallsCollectAtOnceIsNoStop) {
+  logLevel(0);
+  fake::edit()->record = nullptr;
+  std::atomic<CK_RV> code{CKR_OK};
+  std::vector<std::thread> waiters;
+  for (int i = 0; i < 8; ++i) {
+    waiters.emplace_back([&] {
+      CK_SLOT_ID slot = 0;
+      for (CK_RV mine = CKR_OK; mine == CKR_OK;) mine = C_WaitForSlotEvent(0, &slot, nullptr);
+      code = CKR_CRYPTOKI_NOT_INITIALIZED;
+    });
+  }
+  // An event is raised and collected by a non-blocking call, as quickly as the two can follow each other.
+  tavrin::DeviceMonitor& monitor = tavrin::deviceMonitor;
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(1500);
+  while (code == CKR_OK && std::chrono::steady_clock::now() < end) {
+    monitor.eventCondition.notify_all();
+    for (int i = 0; i < 200; ++i) {
+      monitor.eventPending = true;
+      monitor.eventPending.exchange(false);
+    }
+  }
+  EXPECT_EQ(code, CKR_OK);
+  ok(C_Finalize(nullptr));
+  for (std::thread& waiter : waiters) waiter.join();
 }
 
 TEST_F(MonitorTest, FailuresOfTheListingEndNothing) {

@@ -100,7 +100,8 @@ TEST_F(ObjectSearchTest, FirstCriterionPresentDecides) {
                       {CKO_PUBLIC_KEY, {{CKA_SUBJECT, "no criterion here"}}, {rsaPublic, ecPublic, public3}},
                       {CKO_PRIVATE_KEY, {{CKA_ID, "id-3"}, {CKA_MODULUS, "ec-point"}}, {private3}},
                       {CKO_PRIVATE_KEY, {{CKA_ID, "id-3"}, {CKA_VALUE, "ec-point"}}, {ecPrivate}},
-                      {CKO_SECRET_KEY, {}, {}}};
+                      {CKO_SECRET_KEY, {}, {}},
+                      {CKO_VENDOR_DEFINED, {}, {}}};
   for (const Row& row : rows) {
     CK_OBJECT_CLASS objectClass = row.objectClass;
     std::vector<CK_ATTRIBUTE> attributes(row.more.data(), row.more.data() + row.more.size());

@@ -1,0 +1,327 @@
+// What only POSIX systems have: fork, signals, cancelled threads, limits, and other users who can write to /tmp.
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "module_test.h"
+#include "test_platform.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+constexpr uid_t nobody = 65534;
+
+std::string readFile(const fs::path& path) {
+  std::ostringstream text;
+  text << std::ifstream(path).rdbuf();
+  return text.str();
+}
+
+// The end of a child process: its exit code, or its signal as a negative number, or 1000 if it had to be killed.
+int endOf(pid_t child, std::chrono::seconds patience = 20s) {
+  int status = 0;
+  for (const auto end = std::chrono::steady_clock::now() + patience; waitpid(child, &status, WNOHANG) == 0;) {
+    if (std::chrono::steady_clock::now() > end) {
+      kill(child, SIGKILL);
+      waitpid(child, &status, 0);
+      return 1000;
+    }
+    std::this_thread::sleep_for(1ms);
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+template <typename Work>
+pid_t inChild(Work&& work) {
+  const pid_t child = fork();
+  if (child == 0) _exit(work());
+  return child;
+}
+
+// Runs when the process ends, after the module's own handler, which is registered at the first C_Initialize.
+void (*atTheVeryEnd)() = nullptr;
+class EndOfProcess : public ::testing::Environment {
+  void SetUp() override {
+    fake::reset();
+    static const struct Last {
+      ~Last() {
+        if (atTheVeryEnd) atTheVeryEnd();
+      }
+    } last;
+  }
+};
+auto* const endOfProcess = ::testing::AddGlobalTestEnvironment(new EndOfProcess);
+
+class ForkTest : public ModuleTest {
+ protected:
+  // What the child does; the number of the first step that went wrong, or 0.
+  int useModuleInChild(CK_SESSION_HANDLE parentsSession) {
+    CK_SESSION_INFO info;
+    CK_SLOT_INFO slotInfo;
+    if (C_GetSlotInfo(slot1, &slotInfo) != CKR_CRYPTOKI_NOT_INITIALIZED || C_Initialize(nullptr) != CKR_OK) return 1;
+    if (C_GetSessionInfo(parentsSession, &info) != CKR_SESSION_HANDLE_INVALID) return 2;
+    if (!waitForListings(1)) return 4;
+    CK_SESSION_HANDLE session = 0;  // a slot ID from before the fork stays valid
+    if (C_OpenSession(slot1, readWrite, nullptr, nullptr, &session) != CKR_OK || session != 0x60000001) return 6;
+    if (state(session) != CKS_RW_PUBLIC_SESSION || login(session).make() != CKR_OK) return 7;
+    if (C_Initialize(nullptr) != CKR_CRYPTOKI_ALREADY_INITIALIZED) return 8;
+    return C_Finalize(nullptr) == CKR_OK ? 0 : 9;
+  }
+};
+
+TEST_F(ForkTest, ChildThatInitializesHasAFreshModuleWithTheSameSlots) {
+  openLoggedIn(readOnly);
+  const CK_SESSION_HANDLE session = open();
+  ok(signInit(session, CKM_RSA_PKCS));
+  ASSERT_TRUE(waitForListings(1));
+  EXPECT_EQ(endOf(inChild([&] { return useModuleInChild(session); })), 0);
+
+  Output out;
+  EXPECT_EQ(state(session), CKS_RW_USER_FUNCTIONS);
+  ok(CALL(C_Sign, session, DATA("x"), out.data(), &out.length));
+  ASSERT_TRUE(waitForListings(1));
+}
+
+TEST_F(ForkTest, ChildLogsWhileOtherThreadsOfTheParentLog) {
+  fake::edit()->record = nullptr;
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 3; ++i) {
+    threads.emplace_back([&] {
+      while (!stop) C_CloseSession(1);
+    });
+  }
+  for (int i = 0; i < 300; ++i) {
+    const int end = endOf(inChild([] { return C_CloseSession(1) == CKR_CRYPTOKI_NOT_INITIALIZED ? 0 : 1; }));
+    EXPECT_EQ(end, 0) << i;
+    if (end != 0) break;
+  }
+  stop = true;
+  for (std::thread& thread : threads) thread.join();
+}
+
+TEST_F(ForkTest, StartAtTheEndOfTheProcessAfterAStartThatFailed) {
+  const pid_t child = fork();
+  if (child == 0) {
+    fake::edit()->record = nullptr;
+    fake::fault("createInstance", fake::Fault::Kind::nothing);
+    C_Initialize(nullptr);
+    atTheVeryEnd = [] { _exit(C_Initialize(nullptr) == CKR_OK && C_GetInfo(nullptr) == CKR_ARGUMENTS_BAD ? 0 : 1); };
+    std::exit(2);
+  }
+  EXPECT_EQ(endOf(child), 0);
+}
+
+using ThreadsTest = ModuleTest;
+
+TEST_F(ThreadsTest, MonitorTakesNoSignalThatTheApplicationWaitsFor) {
+  ASSERT_TRUE(waitForListings(1));
+  sigset_t expected;
+  sigset_t before;
+  sigemptyset(&expected);
+  sigaddset(&expected, SIGTERM);
+  sigaddset(&expected, SIGRTMIN);
+  pthread_sigmask(SIG_BLOCK, &expected, &before);
+  for (const int number : {SIGTERM, SIGRTMIN}) {
+    kill(getpid(), number);
+    const timespec patience{5, 0};
+    EXPECT_EQ(sigtimedwait(&expected, nullptr, &patience), number);
+  }
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+TEST_F(ThreadsTest, CancelledThreadsEndAfterTheirCall) {
+  static std::atomic<int> calls;
+  calls = 0;
+  pthread_t busy{};
+  pthread_t waiting{};
+  pthread_create(
+      &busy, nullptr,
+      [](void*) -> void* {
+        for (;; ++calls) {
+          C_CloseSession(1);
+          pthread_testcancel();
+        }
+      },
+      nullptr);
+  pthread_create(
+      &waiting, nullptr,
+      [](void*) -> void* {
+        CK_SLOT_ID slot = 0;
+        while (C_WaitForSlotEvent(0, &slot, nullptr) == CKR_OK) ++calls;
+        pthread_testcancel();
+        return nullptr;
+      },
+      nullptr);
+  while (calls < 100) std::this_thread::sleep_for(1ms);
+  pthread_cancel(busy);
+  pthread_cancel(waiting);
+  void* result = nullptr;
+  pthread_join(busy, &result);
+  EXPECT_EQ(result, PTHREAD_CANCELED);
+  ok(C_Finalize(nullptr));  // wakes the one that waits
+  pthread_join(waiting, &result);
+  EXPECT_EQ(result, PTHREAD_CANCELED);
+}
+
+class PrivateLogTest : public ModuleTest {
+ protected:
+  void SetUp() override {
+    ModuleTest::SetUp();
+    C_Finalize(nullptr);  // the monitor would log too
+    logLevel(2);
+    usual_ = fs::path(logFolder()).parent_path();
+    folder_ = usual_ / "private";
+    fs::remove_all(folder_);
+    fs::create_directories(folder_);
+    program_ = folder_ / "Quorvane Telemantix/unit_tests";
+    file_ = program_ / logFileToday();
+  }
+  static std::string logFileToday() {
+    char day[32];
+    const std::time_t now = std::time(nullptr);
+    std::strftime(day, sizeof day, "%Y-%m-%d.LOG", std::localtime(&now));
+    return day;
+  }
+  // What the process prints while it logs one line that holds `number`.
+  std::string printed(CK_SESSION_HANDLE number = 1) {
+    ::testing::internal::CaptureStdout();
+    testPlatform::setEnvironment("TMPDIR", folder_.c_str());
+    ok(C_Initialize(nullptr));
+    C_CloseSession(number);
+    C_Finalize(nullptr);
+    testPlatform::useTemporaryFolder(usual_.string());
+    std::fflush(stdout);
+    return ::testing::internal::GetCapturedStdout();
+  }
+
+  fs::path usual_;
+  fs::path folder_;
+  fs::path program_;
+  fs::path file_;
+};
+
+TEST_F(PrivateLogTest, NothingButTheUsersOwnFilesIsWrittenTo) {
+  const fs::path target = folder_ / "target";
+  struct Row {
+    const char* name;
+    std::function<void()> prepare;
+    bool asRoot = false;
+  };
+  const Row rows[] = {{"symbolic link", [&] { fs::create_symlink(target, file_); }},
+                      {"second name", [&] { fs::create_hard_link(target, file_); }},
+                      {"pipe", [&] { mkfifo(file_.c_str(), 0666); }},
+                      {"folder", [&] { fs::create_directory(file_); }},
+                      {"link to a folder",
+                       [&] {
+                         fs::remove(program_);
+                         fs::create_directory_symlink(folder_, program_);
+                       }},
+                      {"another's file",
+                       [&] {
+                         std::ofstream(file_) << "x";
+                         if (chown(file_.c_str(), nobody, nobody) != 0) throw std::runtime_error("chown");
+                       },
+                       true},
+                      {"another's folder", [&] { ASSERT_EQ(chown(program_.c_str(), nobody, nobody), 0); }, true}};
+  for (const Row& row : rows) {
+    if (row.asRoot && geteuid() != 0) continue;
+    fs::remove_all(folder_);
+    fs::create_directories(program_);
+    std::ofstream(target) << "target";
+    row.prepare();
+    EXPECT_EQ(printed(), "\nUnable to write log") << row.name;
+    EXPECT_EQ(readFile(target), "target") << row.name;
+    EXPECT_FALSE(fs::exists(folder_ / logFileToday())) << row.name;
+  }
+}
+
+TEST_F(PrivateLogTest, FoldersAndFilesAreForTheUserAlone) {
+  const mode_t before = umask(0);
+  EXPECT_EQ(printed(), "");
+  umask(before);
+  EXPECT_EQ(fs::status(program_.parent_path()).permissions(), fs::perms::owner_all);
+  EXPECT_EQ(fs::status(program_).permissions(), fs::perms::owner_all);
+  EXPECT_EQ(fs::status(file_).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+}
+
+TEST_F(PrivateLogTest, WithoutAFolderOfItsOwnTheUserLogsToOneBelowTmp) {
+  const fs::path own = "/tmp/tavrin-" + std::to_string(geteuid()) + "/Quorvane Telemantix/unit_tests/" + logFileToday();
+  const auto expectOwn = [&](CK_SESSION_HANDLE number) {
+    EXPECT_EQ(printed(number), "");
+    EXPECT_NE(readFile(own).find("invalid hSession=" + std::to_string(number) + "\n"), std::string::npos);
+  };
+  fs::create_directories(program_);
+  if (geteuid() == 0) {
+    ASSERT_EQ(chown(program_.parent_path().c_str(), nobody, nobody), 0);
+    expectOwn(static_cast<CK_ULONG>(getpid()) + 10000000);
+  }
+  folder_.clear();  // no $TMPDIR
+  expectOwn(static_cast<CK_ULONG>(getpid()) + 20000000);
+}
+
+TEST_F(PrivateLogTest, LimitOnTheSizeOfFilesDoesNotEndTheProcess) {
+  ASSERT_EQ(printed(), "");
+  const auto size = fs::file_size(file_);
+  const auto logBeyondTheLimit = [&] {
+    signal(SIGXFSZ, SIG_DFL);
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    limit.rlim_cur = size;
+    if (setrlimit(RLIMIT_FSIZE, &limit) != 0) return 1;
+    testPlatform::setEnvironment("TMPDIR", folder_.c_str());
+    C_CloseSession(1);
+    sigset_t pending;
+    sigpending(&pending);
+    return sigismember(&pending, SIGXFSZ) == 0 ? 0 : 2;
+  };
+  EXPECT_EQ(endOf(inChild(logBeyondTheLimit)), 0);
+  EXPECT_EQ(fs::file_size(file_), size);
+}
+
+// Run by the test below, as another program.
+TEST(SetUserIdProgram, DISABLED_LogsALine) { C_CloseSession(1); }
+
+TEST_F(PrivateLogTest, SetUserIdProgramsDoNotTrustTheEnvironment) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can make such a program";
+  const fs::path program = usual_ / ("setuid_" + std::to_string(getpid()));
+  const fs::path logs = "/tmp/tavrin-" + std::to_string(nobody) + "/Quorvane Telemantix/" + program.filename().string();
+  fs::copy_file("/proc/self/exe", program);
+  ASSERT_EQ(chown(program.c_str(), nobody, nobody), 0);
+  ASSERT_EQ(chmod(program.c_str(), 04755), 0);
+  fs::permissions(usual_, fs::perms::others_all, fs::perm_options::add);
+  fs::permissions(folder_, fs::perms::others_all, fs::perm_options::add);
+  logLevel(0);  // in the registry that it must not read
+  testPlatform::setEnvironment("TMPDIR", folder_.c_str());
+  std::string name = program.string();
+  std::string filter = "--gtest_filter=SetUserIdProgram.*";
+  std::string disabled = "--gtest_also_run_disabled_tests";
+  char* arguments[] = {name.data(), filter.data(), disabled.data(), nullptr};
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+  pid_t child = -1;
+  ASSERT_EQ(posix_spawn(&child, name.c_str(), &actions, nullptr, arguments, environ), 0);
+  posix_spawn_file_actions_destroy(&actions);
+  EXPECT_EQ(endOf(child), 0);
+  testPlatform::useTemporaryFolder(usual_.string());
+  EXPECT_NE(readFile(logs / logFileToday()).find("C_CloseSession: not initialized\n"), std::string::npos);
+  EXPECT_FALSE(fs::exists(folder_ / "Quorvane Telemantix"));
+  fs::remove_all(logs);
+}
+
+}  // namespace
