@@ -9,6 +9,7 @@ packages=(
   g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64               # the Windows build
   wine64                                                             # running it
   libgcrypt20-dev libksba-dev libgpg-error-dev                       # the software token
+  libcli11-dev nlohmann-json3-dev                                    # tavrin-tool
   libgcrypt-mingw-w64-dev libksba-mingw-w64-dev libgpg-error-mingw-w64-dev
   googletest libbenchmark-dev                                        # the tests and the benchmarks
   softhsm2                                                           # the token that proves the tables of tests/standard

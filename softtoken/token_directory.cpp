@@ -35,6 +35,16 @@ bool isControl(char character) {
   return byte < 0x20 || byte == 0x7F;
 }
 
+// Windows opens a device for such a name, with or without an extension.
+bool isDeviceName(const std::string& name) {
+  std::string stem = name.substr(0, name.find('.'));
+  stem.erase(stem.find_last_not_of(' ') + 1);
+  std::ranges::transform(stem, stem.begin(),
+                         [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 32) : c; });
+  if (stem.size() == 4 && (stem.starts_with("COM") || stem.starts_with("LPT"))) return stem[3] >= '0' && stem[3] <= '9';
+  return stem == "CON" || stem == "PRN" || stem == "AUX" || stem == "NUL" || stem == "CONIN$" || stem == "CONOUT$";
+}
+
 // Fit for the file systems of both platforms.
 void requireGoodName(const std::string& name) {
   require(!name.empty() && name.size() <= longestName, "a token's name has 1 to 64 bytes");
@@ -42,6 +52,7 @@ void requireGoodName(const std::string& name) {
           "a token's name does not begin with a dot or blank, nor end with one");
   require(name.find_first_of("/\\:*?\"<>|") == std::string::npos && std::ranges::none_of(name, isControl),
           "a token's name holds none of / \\ : * ? \" < > | and no control character");
+  require(!isDeviceName(name), "a token's name is none that Windows reserves, such as CON, NUL or COM1");
 }
 
 std::string makeSerial() {
@@ -78,9 +89,9 @@ void summarise(const fs::path& root, bool plugged, std::vector<TokenSummary>& su
   for (const fs::path& folder : tokenFolders(root)) {
     try {
       Token token(folder);
-      summaries.push_back({textOf(folder.filename()), plugged, token.state(), token.tries()});
-    } catch (const Failure&) {
-      continue;
+      summaries.push_back({textOf(folder.filename()), plugged, token.state(), token.tries(), {}});
+    } catch (const Failure& failure) {
+      summaries.push_back({textOf(folder.filename()), plugged, nullptr, {}, failure.what()});
     }
   }
 }
@@ -176,6 +187,9 @@ void createToken(const NewToken& token, std::string_view userPassword, std::stri
 }
 
 std::vector<TokenSummary> allTokens() {
+  std::error_code error;
+  if (const fs::directory_iterator entries(tokenRoot(), error); error && error != std::errc::no_such_file_or_directory)
+    throw Failure(Status::deviceFault, "cannot read the folder " + textOf(tokenRoot()) + ": " + error.message());
   std::vector<TokenSummary> summaries;
   summarise(tokenRoot(), true, summaries);
   summarise(tokenRoot() / unpluggedFolder, false, summaries);
@@ -188,6 +202,11 @@ fs::path folderOfToken(const std::string& name) {
   for (const fs::path& folder : {pluggedPath(name), unpluggedPath(name)})
     if (fs::is_directory(folder)) return folder;
   throw Failure(Status::notFound, "there is no token named " + name);
+}
+
+bool tokenExists(const std::string& name) {
+  requireGoodName(name);
+  return fs::is_directory(pluggedPath(name)) || fs::is_directory(unpluggedPath(name));
 }
 
 bool isPlugged(const std::string& name) { return folderOfToken(name) == pluggedPath(name); }

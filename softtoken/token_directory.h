@@ -50,16 +50,19 @@ void createToken(const NewToken& token, std::string_view userPassword, std::stri
 struct TokenSummary {
   std::string name;
   bool plugged;
-  std::shared_ptr<const TokenState> state;
+  std::shared_ptr<const TokenState> state;  // null when it cannot be read
   Tries tries;
+  std::string problem;  // why it cannot be read
 };
 
-// Connected and unplugged tokens by name; damaged ones are left out.
+// Connected and unplugged tokens by name, unreadable ones too. Throws deviceFault when the folder of all tokens exists
+// and cannot be listed.
 std::vector<TokenSummary> allTokens();
 
 // The folder of a token, connected or not; throws notFound when there is no such folder. Throws badArgument for what
 // cannot be a token's name.
 std::filesystem::path folderOfToken(const std::string& name);
+bool tokenExists(const std::string& name);
 bool isPlugged(const std::string& name);
 
 // An unplugged token keeps everything but its place among the devices. Both throw badArgument when there is nothing to

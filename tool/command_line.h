@@ -1,35 +1,30 @@
-// The words of a command: options with and without a value, and the plain words between them.
+// The command line. One description of commands and options serves the parser, --help, the manual page and the
+// completion of words.
 #pragma once
 
-#include <map>
-#include <span>
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace tool {
 
-// A command line that means nothing; the text says why.
+// The command line is wrong; the text says why.
 class UsageError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-struct OptionRow {
-  const char* name;  // without its dashes
-  bool takesValue;
-};
+// What the parsed words ask for; returns the exit code.
+using Action = std::function<int()>;
 
-struct Arguments {
-  std::map<std::string, std::string, std::less<>> options;  // those that were given; the last of two counts
-  std::vector<std::string> words;
+// All commands. Parsing stores the chosen command's action in `action`, which must outlive the result.
+std::unique_ptr<CLI::App> makeCommandLine(Action& action);
 
-  bool has(std::string_view option) const { return options.find(option) != options.end(); }
-  // Empty when the option was not given.
-  std::string value(std::string_view option) const;
-};
-
-// Throws UsageError, naming the command, for an option that is not in the list or lacks its value. Not for two threads.
-Arguments parseArguments(const std::string& command, std::vector<std::string> words, std::span<const OptionRow> rows);
+// Parses the words after the program's name and carries them out. Returns the exit code. Throws UsageError, or
+// softtoken::Failure with what went wrong.
+int runCommandLine(const std::vector<std::string>& words);
 
 }  // namespace tool

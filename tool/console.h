@@ -1,5 +1,5 @@
-// The terminal and the process's surroundings. console_posix.cpp and console_windows.cpp hold the same functions in the
-// same order. All text is UTF-8.
+// The terminal and the environment of the process. console_posix.cpp and console_windows.cpp hold the same functions in
+// the same order. All text is UTF-8.
 #pragma once
 
 #include <optional>
@@ -10,8 +10,17 @@
 
 namespace tool {
 
-// Prepares the terminal for output.
-void prepareConsole();
+// Prepares the terminal for UTF-8 output, and restores it when destroyed.
+class ConsoleOutput {
+ public:
+  ConsoleOutput();
+  ~ConsoleOutput();
+  ConsoleOutput(const ConsoleOutput&) = delete;
+  ConsoleOutput& operator=(const ConsoleOutput&) = delete;
+
+ private:
+  unsigned before_ = 0;  // the code page, on Windows
+};
 
 // The words of the command line, the program's name first.
 std::vector<std::string> commandLine(int argc, char** argv);
@@ -19,12 +28,15 @@ std::vector<std::string> commandLine(int argc, char** argv);
 // Nothing when the variable is not set.
 std::optional<softtoken::SecretBytes> secretVariable(const char* name);
 
-// Asks on the terminal, even when the standard streams lead elsewhere, and reads a line without showing it. Throws
-// Failure when there is no terminal or the user breaks off.
+// Asks on the terminal, even when the standard streams are redirected, and reads a line without showing it. Throws
+// Failure when there is no terminal or the user cancels. A signal that ends the process restores the terminal first.
 softtoken::SecretBytes askSecret(const std::string& question);
 
-// Whether a person sits at the standard input.
+// Whether the standard input is a terminal.
 bool inputIsTerminal();
+
+// Whether the standard output is a terminal.
+bool outputIsTerminal();
 
 // Whether the standard output is a terminal that shows colours and whose user has not declined them by NO_COLOR.
 bool outputTakesColour();

@@ -1,7 +1,11 @@
 #include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <array>
+#include <csignal>
 #include <cstdlib>
 
 #include "softtoken/failure.h"
@@ -16,7 +20,49 @@ using softtoken::Status;
 
 constexpr std::uint8_t interrupt = 3;
 
-// The terminal with its echo off, and with the interrupt key as a plain end of line: a signal would leave the echo off.
+volatile std::sig_atomic_t caughtSignal = 0;
+
+void noteSignal(int signal) { caughtSignal = signal; }
+
+// Holds back the signals that end the process. They arrive only during waitForInput, which then returns false, and once
+// more when this object is destroyed.
+class DelayedSignals {
+ public:
+  DelayedSignals() {
+    sigset_t delayed;
+    ::sigemptyset(&delayed);
+    for (const int signal : signals) ::sigaddset(&delayed, signal);
+    ::pthread_sigmask(SIG_BLOCK, &delayed, &maskBefore_);
+    caughtSignal = 0;
+    for (std::size_t i = 0; i < signals.size(); ++i) {
+      struct sigaction action {};
+      action.sa_handler = noteSignal;
+      ::sigaction(signals[i], nullptr, &before_[i]);
+      if (before_[i].sa_handler != SIG_IGN) ::sigaction(signals[i], &action, nullptr);
+    }
+  }
+  ~DelayedSignals() {
+    for (std::size_t i = 0; i < signals.size(); ++i) ::sigaction(signals[i], &before_[i], nullptr);
+    if (caughtSignal != 0) ::raise(caughtSignal);
+    ::pthread_sigmask(SIG_SETMASK, &maskBefore_, nullptr);
+  }
+  DelayedSignals(const DelayedSignals&) = delete;
+  DelayedSignals& operator=(const DelayedSignals&) = delete;
+
+  bool waitForInput(int descriptor) const {
+    pollfd wanted{descriptor, POLLIN, 0};
+    while (::ppoll(&wanted, 1, nullptr, &maskBefore_) < 0)
+      if (caughtSignal != 0) return false;
+    return true;
+  }
+
+ private:
+  static constexpr std::array<int, 4> signals{SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+  std::array<struct sigaction, signals.size()> before_{};
+  sigset_t maskBefore_{};
+};
+
+// The terminal without echo. The interrupt key is read as an end of line.
 class SilentTerminal {
  public:
   SilentTerminal() : descriptor_(::open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY)) {
@@ -42,21 +88,24 @@ class SilentTerminal {
   SecretBytes readLine() const {
     SecretBytes line;
     std::uint8_t byte = 0;
-    while (::read(descriptor_, &byte, 1) == 1 && byte != '\n') {
+    while (signals_.waitForInput(descriptor_) && ::read(descriptor_, &byte, 1) == 1 && byte != '\n') {
       if (byte == interrupt) throw Failure(Status::badArgument, "interrupted");
       line.push_back(byte);
     }
+    if (caughtSignal != 0) throw Failure(Status::badArgument, "interrupted");
     return line;
   }
 
  private:
+  const DelayedSignals signals_;  // destroyed last, when the terminal is restored
   int descriptor_;
   termios before_{};
 };
 
 }  // namespace
 
-void prepareConsole() {}
+ConsoleOutput::ConsoleOutput() = default;
+ConsoleOutput::~ConsoleOutput() = default;
 
 std::vector<std::string> commandLine(int argc, char** argv) { return {argv, argv + argc}; }
 
@@ -77,12 +126,14 @@ SecretBytes askSecret(const std::string& question) {
 
 bool inputIsTerminal() { return ::isatty(STDIN_FILENO) == 1; }
 
+bool outputIsTerminal() { return ::isatty(STDOUT_FILENO) == 1; }
+
 bool outputTakesColour() {
   const auto variable = [](const char* name) {
     const char* value = std::getenv(name);
     return std::string(value ? value : "");
   };
-  return ::isatty(STDOUT_FILENO) == 1 && variable("NO_COLOR").empty() && variable("TERM") != "dumb";
+  return outputIsTerminal() && variable("NO_COLOR").empty() && variable("TERM") != "dumb";
 }
 
 }  // namespace tool

@@ -30,15 +30,29 @@ std::string utf8Text(const wchar_t* text, std::size_t length) {
   return {bytes.begin(), bytes.end()};
 }
 
-// The console with its echo off. An interrupt may end the process there, as shells set the console's mode anew.
+HANDLE promptInput = nullptr;  // set while a prompt has changed the mode
+DWORD promptMode = 0;
+
+// Runs on a thread of the system before Ctrl+C, Ctrl+Break or closing the window ends the process.
+BOOL WINAPI restoreMode(DWORD) {
+  if (promptInput) ::SetConsoleMode(promptInput, promptMode);
+  return FALSE;
+}
+
+// The console without echo.
 class SilentTerminal {
  public:
   SilentTerminal() : input_(open(L"CONIN$")), output_(open(L"CONOUT$")) {
     if (!::GetConsoleMode(input_, &before_))
       throw Failure(Status::badArgument, "there is no terminal to ask for a password");
+    promptMode = before_;
+    promptInput = input_;
+    ::SetConsoleCtrlHandler(restoreMode, TRUE);
     ::SetConsoleMode(input_, ENABLE_LINE_INPUT | ENABLE_PROCESSED_INPUT);
   }
   ~SilentTerminal() {
+    ::SetConsoleCtrlHandler(restoreMode, FALSE);
+    promptInput = nullptr;
     if (before_ != 0) ::SetConsoleMode(input_, before_);
     ::CloseHandle(input_);
     ::CloseHandle(output_);
@@ -74,7 +88,11 @@ class SilentTerminal {
 
 }  // namespace
 
-void prepareConsole() { ::SetConsoleOutputCP(CP_UTF8); }
+ConsoleOutput::ConsoleOutput() : before_(::GetConsoleOutputCP()) { ::SetConsoleOutputCP(CP_UTF8); }
+
+ConsoleOutput::~ConsoleOutput() {
+  if (before_ != 0) ::SetConsoleOutputCP(before_);
+}
 
 std::vector<std::string> commandLine(int argc, char** argv) {
   int count = 0;
@@ -105,6 +123,11 @@ SecretBytes askSecret(const std::string& question) {
 bool inputIsTerminal() {
   DWORD mode = 0;
   return ::GetConsoleMode(::GetStdHandle(STD_INPUT_HANDLE), &mode) != 0;
+}
+
+bool outputIsTerminal() {
+  DWORD mode = 0;
+  return ::GetConsoleMode(::GetStdHandle(STD_OUTPUT_HANDLE), &mode) != 0;
 }
 
 bool outputTakesColour() {

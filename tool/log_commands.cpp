@@ -7,7 +7,6 @@
 
 #include "log/log.h"
 #include "softtoken/platform.h"
-#include "tool/command_line.h"
 #include "tool/console.h"
 #include "tool/json.h"
 #include "tool/log_files.h"
@@ -19,31 +18,35 @@ namespace {
 
 constexpr auto pollInterval = std::chrono::milliseconds(200);
 
-struct Wish {
-  std::string day;  // empty: today, whatever day that has become
+struct Options {
+  std::string day;  // empty: today, also after midnight
   std::string program;
   std::string text;
   bool errorsOnly = false;
+  bool follow = false;
+  int level = -1;
+  bool json = false;
 };
 
-std::string checkedDay(const std::string& day) {
+// A message when the text is no day, as CLI11 wants it.
+std::string checkDay(const std::string& day) {
   constexpr std::string_view pattern = "0000-00-00";
   const bool fits = std::ranges::equal(day, pattern, [](char letter, char expected) {
     return expected == '0' ? letter >= '0' && letter <= '9' : letter == expected;
   });
-  if (!day.empty() && !fits) throw UsageError("--day takes a day as YYYY-MM-DD, not " + day);
-  return day;
+  return fits ? std::string() : "takes a day as YYYY-MM-DD, not " + day;
 }
 
-std::vector<LogFile> wantedFiles(const Wish& wish) {
-  std::vector<LogFile> files = logFilesOf(wish.day.empty() ? today() : wish.day);
-  if (!wish.program.empty()) std::erase_if(files, [&](const LogFile& file) { return file.program != wish.program; });
+std::vector<LogFile> wantedFiles(const Options& options) {
+  std::vector<LogFile> files = logFilesOf(options.day.empty() ? today() : options.day);
+  if (!options.program.empty())
+    std::erase_if(files, [&](const LogFile& file) { return file.program != options.program; });
   return files;
 }
 
-bool wanted(const LogEntry& entry, const Wish& wish) {
-  if (wish.errorsOnly && entry.kind != LineKind::error) return false;
-  return entry.text.find(wish.text) != std::string::npos;
+bool wanted(const LogEntry& entry, const Options& options) {
+  if (options.errorsOnly && entry.kind != LineKind::error) return false;
+  return entry.text.find(options.text) != std::string::npos;
 }
 
 const char* colourOf(LineKind kind) {
@@ -51,70 +54,60 @@ const char* colourOf(LineKind kind) {
   return kind == LineKind::debug ? "\x1B[2m" : "";
 }
 
-void print(const std::vector<LogEntry>& entries, const Wish& wish, bool coloured) {
-  for (const LogEntry& entry : entries) {
-    if (!wanted(entry, wish)) continue;
-    const std::string line = printable((wish.program.empty() ? entry.program + " | " : "") + entry.text);
-    const char* colour = coloured ? colourOf(entry.kind) : "";
-    std::cout << colour << line << (*colour != '\0' ? "\x1B[0m" : "") << '\n';
-  }
-  std::cout.flush();
+void print(const LogEntry& entry, const Options& options, bool coloured) {
+  if (!wanted(entry, options)) return;
+  const char* colour = coloured ? colourOf(entry.kind) : "";
+  std::cout << colour << printable(options.program.empty() ? entry.program + " | " + entry.text : entry.text)
+            << (*colour != '\0' ? "\x1B[0m" : "") << '\n';
 }
 
-void explainNothing(const Wish& wish) {
-  std::cerr << "There is no log of " << (wish.day.empty() ? "today" : wish.day)
-            << (wish.program.empty() ? "" : " by " + wish.program) << " in " << softtoken::textOf(logFolder())
-            << "; the log level is " << levelText(tavrin::getLogLevel()) << '\n';
+void explainNothing(const Options& options) {
+  const std::string text = "There is no log of " + (options.day.empty() ? "today" : options.day) +
+                           (options.program.empty() ? "" : " by " + options.program) + " in " +
+                           softtoken::textOf(logFolder()) + "; the log level is " + levelText(tavrin::getLogLevel());
+  std::cerr << printable(text) << '\n';
 }
 
 // The module cuts the program's file name there too.
 std::string untilPoint(const std::string& name) { return name.substr(0, name.find('.')); }
 
-int show(const std::vector<std::string>& words) {
-  constexpr OptionRow options[] = {
-      {"follow", false}, {"errors", false}, {"grep", true}, {"program", true}, {"day", true}};
-  const Arguments arguments = parseArguments("log show", words, options);
-  if (!arguments.words.empty()) throw UsageError("there is no command log " + arguments.words[0]);
-  const Wish wish{checkedDay(arguments.value("day")), untilPoint(arguments.value("program")), arguments.value("grep"),
-                  arguments.has("errors")};
+int show(Options& options) {
+  options.program = untilPoint(options.program);
   const bool coloured = outputTakesColour();
-  const bool follow = arguments.has("follow");
+  const auto printOne = [&](const LogEntry& entry) { print(entry, options, coloured); };
   LogReader reader;
-  const std::vector<LogFile> files = wantedFiles(wish);
-  if (files.empty()) explainNothing(wish);
-  print(reader.newEntries(files), wish, coloured);
-  while (follow && std::cout) {
+  const std::vector<LogFile> files = wantedFiles(options);
+  if (files.empty()) explainNothing(options);
+  reader.read(files, printOne);
+  while (options.follow && std::cout.flush()) {
     std::this_thread::sleep_for(pollInterval);
-    print(reader.newEntries(wantedFiles(wish)), wish, coloured);
+    reader.read(wantedFiles(options), printOne);
   }
   return 0;
 }
 
-int level(const std::vector<std::string>& words) {
-  constexpr OptionRow options[] = {{"json", false}};
-  const Arguments arguments = parseArguments("log level", words, options);
-  if (arguments.words.size() > 1) throw UsageError("log level takes one number");
-  if (!arguments.words.empty()) {
-    const std::string& wish = arguments.words[0];
-    if (wish.size() != 1 || wish[0] < '0' || wish[0] > '0' + tavrin::debugLevel)
-      throw UsageError("the log level is a number from 0 to 3, not " + wish);
-    setLogLevel(wish[0] - '0');
-  }
+int level(const Options& options) {
+  if (options.level >= 0) setLogLevel(options.level);
   const int now = tavrin::getLogLevel();
-  if (arguments.has("json")) {
-    std::cout << Json(Json::Object{{"level", now}, {"meaning", levelMeaning(now)}}).text() << '\n';
+  if (options.json) {
+    std::cout << jsonText({{"level", now}, {"meaning", levelMeaning(now)}}) << '\n';
   } else {
     std::cout << "The log level is " << levelText(now) << '\n';
   }
   return 0;
 }
 
-}  // namespace
+void addShowOptions(CLI::App& command, Options& options) {
+  command.add_flag("--follow,-f", options.follow, "Wait for new lines and show them");
+  command.add_flag("--errors,-e", options.errorsOnly, "Show refusals and failures only");
+  command.add_option("--grep", options.text, "Show lines with this text only")->type_name("TEXT");
+  command.add_option("--program,-p", options.program, "Show one program's lines only")->type_name("PROGRAM");
+  command.add_option("--day", options.day, "The day to show, YYYY-MM-DD; default: today")
+      ->type_name("DAY")
+      ->check(checkDay);
+}
 
-const char* const logUsage =
-    "  tavrin-tool log [show] [--follow] [--errors] [--grep TEXT] [--program NAME]\n"
-    "                         [--day YYYY-MM-DD]\n"
-    "  tavrin-tool log level [0|1|2|3] [--json]\n";
+}  // namespace
 
 const char* levelMeaning(int level) {
   if (level >= tavrin::debugLevel) return "everything";
@@ -123,10 +116,26 @@ const char* levelMeaning(int level) {
 
 std::string levelText(int level) { return std::to_string(level) + " (" + levelMeaning(level) + ")"; }
 
-int runLogCommand(const std::vector<std::string>& words) {
-  const std::vector<std::string> rest(words.begin() + (words.empty() ? 0 : 1), words.end());
-  if (!words.empty() && words[0] == "level") return level(rest);
-  return show(!words.empty() && words[0] == "show" ? rest : words);
+void addLogCommands(CLI::App& app, Action& action) {
+  const auto options = std::make_shared<Options>();
+  CLI::App& log = *app.add_subcommand("log", "Shows the module's log, and sets the log level.");
+  log.require_subcommand(0, 1);
+  addShowOptions(log, *options);
+  // Called for the subcommands too, after theirs.
+  log.callback([&log, options, &action] {
+    if (log.get_subcommands().empty()) action = [options] { return show(*options); };
+  });
+
+  CLI::App& shown = *log.add_subcommand("show", "Shows the log; the same as log alone.");
+  addShowOptions(shown, *options);
+  shown.callback([options, &action] { action = [options] { return show(*options); }; });
+
+  CLI::App& levels = *log.add_subcommand("level", "Shows or sets the log level of this machine.");
+  levels.add_option("LEVEL", options->level, "0 and 1: nothing, 2: errors, 3: everything")
+      ->type_name("")
+      ->check(CLI::Range(0, tavrin::debugLevel));
+  levels.add_flag("--json", options->json, "Print JSON");
+  levels.callback([options, &action] { action = [options] { return level(*options); }; });
 }
 
 }  // namespace tool

@@ -2,19 +2,17 @@
 #pragma once
 
 #include <string>
-#include <vector>
+
+#include "tool/command_line.h"
 
 namespace tool {
 
-extern const char* const logUsage;
-
-// What a level writes to the log, in a word.
+// What the module writes at a level, in a word.
 const char* levelMeaning(int level);
 
 // The level and its meaning.
 std::string levelText(int level);
 
-// Carries out the words behind "log". Throws UsageError, or softtoken::Failure with what went wrong.
-int runLogCommand(const std::vector<std::string>& words);
+void addLogCommands(CLI::App& app, Action& action);
 
 }  // namespace tool

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <fstream>
-#include <iterator>
+#include <memory>
 
 #include "log/log_location.h"
 #include "platform/platform.h"
@@ -30,40 +30,66 @@ LineKind kindOf(std::string_view line) {
   return tag.starts_with("->DEBUG") ? LineKind::debug : LineKind::other;
 }
 
-struct TimedEntry {
-  std::string time;  // of the day, so that texts compare as times do
-  LogEntry entry;
-};
-
-// Whole lines behind the position, which moves past them. A file that was replaced by a shorter one is read anew.
-std::vector<std::string> newLines(const LogFile& file, std::streamoff& position) {
-  std::ifstream stream(file.path, std::ios::binary | std::ios::ate);
-  if (!stream) return {};
-  if (position > stream.tellg()) position = 0;
-  stream.seekg(position);
-  std::string content(std::istreambuf_iterator<char>(stream), {});
-  content.resize(content.rfind('\n') + 1);
-  position += static_cast<std::streamoff>(content.size());
-  std::vector<std::string> lines;
-  for (std::size_t at = 0; at < content.size();) {
-    const std::size_t end = content.find('\n', at);
-    lines.push_back(content.substr(at, end - at));
-    at = end + 1;
+// The entries of one file after a position.
+class EntryStream {
+ public:
+  EntryStream(const LogFile& file, std::streamoff& position)
+      : stream_(file.path, std::ios::binary | std::ios::ate), position_(position), entry_{file.program, {}, {}, {}} {
+    if (!stream_) return;
+    if (position_ > stream_.tellg()) position_ = 0;
+    stream_.seekg(position_);
+    advance();
   }
-  return lines;
-}
 
-void appendEntries(const LogFile& file, const std::vector<std::string>& lines, std::vector<TimedEntry>& entries) {
-  std::string time;
-  LineKind kind = LineKind::other;
-  for (const std::string& line : lines) {
-    if (startsMessage(line)) {
-      time = line.substr(0, timeLength);
-      kind = kindOf(line);
+  bool atEnd() const { return atEnd_; }
+  const LogEntry& entry() const { return entry_; }
+
+  void advance() {
+    entry_.text.clear();
+    atEnd_ = !readLine();
+    if (atEnd_) return;
+    if (startsMessage(entry_.text)) {
+      entry_.time = entry_.text.substr(0, timeLength);
+      entry_.kind = kindOf(entry_.text);
     }
-    entries.push_back({time, {file.program, line, kind}});
   }
-}
+
+ private:
+  // A line, or a part of one that is longer than any message. False for a line that has no end yet.
+  bool readLine() {
+    while (entry_.text.size() < longestLine) {
+      if (at_ == buffer_.size() && !refill()) return false;
+      const std::size_t end = buffer_.find('\n', at_);
+      const std::size_t part = std::min(std::min(end, buffer_.size()) - at_, longestLine - entry_.text.size());
+      entry_.text.append(buffer_, at_, part);
+      at_ += part;
+      if (at_ != end) continue;
+      ++at_;
+      position_ += static_cast<std::streamoff>(entry_.text.size()) + 1;
+      if (entry_.text.ends_with('\r')) entry_.text.pop_back();
+      return true;
+    }
+    position_ += static_cast<std::streamoff>(entry_.text.size());
+    return true;
+  }
+
+  bool refill() {
+    buffer_.resize(longestLine);
+    stream_.read(buffer_.data(), static_cast<std::streamsize>(buffer_.size()));
+    buffer_.resize(static_cast<std::size_t>(stream_.gcount()));
+    at_ = 0;
+    return !buffer_.empty();
+  }
+
+  static constexpr std::size_t longestLine = 65536;
+
+  std::ifstream stream_;
+  std::streamoff& position_;
+  std::string buffer_;
+  std::size_t at_ = 0;
+  LogEntry entry_;
+  bool atEnd_ = true;
+};
 
 }  // namespace
 
@@ -84,14 +110,23 @@ std::vector<LogFile> logFilesOf(const std::string& day) {
   return files;
 }
 
-std::vector<LogEntry> LogReader::newEntries(const std::vector<LogFile>& files) {
-  std::vector<TimedEntry> timed;
-  for (const LogFile& file : files) appendEntries(file, newLines(file, positions_[file.path]), timed);
-  std::ranges::stable_sort(timed, {}, &TimedEntry::time);
-  std::vector<LogEntry> entries;
-  entries.reserve(timed.size());
-  for (TimedEntry& entry : timed) entries.push_back(std::move(entry.entry));
-  return entries;
+std::string_view messageIn(std::string_view line) {
+  if (!startsMessage(line)) return line;
+  const std::size_t end = line.find("::=>", timePattern.size());
+  return end == std::string_view::npos ? line : line.substr(end + 4);
+}
+
+void LogReader::read(const std::vector<LogFile>& files, const std::function<void(const LogEntry&)>& take) {
+  std::vector<std::unique_ptr<EntryStream>> streams;
+  for (const LogFile& file : files) streams.push_back(std::make_unique<EntryStream>(file, positions_[file.path]));
+  for (;;) {
+    std::erase_if(streams, [](const auto& stream) { return stream->atEnd(); });
+    if (streams.empty()) return;
+    EntryStream& earliest = **std::ranges::min_element(
+        streams, {}, [](const auto& stream) -> const std::string& { return stream->entry().time; });
+    take(earliest.entry());
+    earliest.advance();
+  }
 }
 
 }  // namespace tool

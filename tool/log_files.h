@@ -3,8 +3,10 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace tool {
@@ -30,14 +32,18 @@ struct LogEntry {
   std::string program;
   std::string text;  // without its line end
   LineKind kind;
+  std::string time;  // DD/MM::HH:MM:SS:mmm, so that texts of one day compare as times do
 };
 
-// Reads log files as they grow.
+// The part of a message's line after its time and level; the whole line when it has none.
+std::string_view messageIn(std::string_view line);
+
+// Reads log files as they grow. Memory does not depend on the files' sizes.
 class LogReader {
  public:
-  // What has been written since the last call: whole lines, of several programs in the order of their times. Lines that
-  // continue a message stay behind its first one.
-  std::vector<LogEntry> newEntries(const std::vector<LogFile>& files);
+  // Passes on what has been written since the last call: whole lines, of several programs in the order of their times.
+  // Lines that continue a message stay after its first one. A file that became shorter is read from its beginning.
+  void read(const std::vector<LogFile>& files, const std::function<void(const LogEntry&)>& take);
 
  private:
   std::map<std::filesystem::path, std::streamoff> positions_;

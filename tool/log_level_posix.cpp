@@ -14,18 +14,23 @@ namespace {
 
 namespace fs = std::filesystem;
 
+// Every user's programs read the level, whatever the administrator's umask. Folders that exist keep their permissions.
+void makeReadableFolder(const fs::path& folder) {
+  std::error_code error;
+  if (folder.empty() || fs::exists(folder, error)) return;
+  makeReadableFolder(folder.parent_path());
+  if (fs::create_directory(folder, error)) fs::permissions(folder, fs::perms(0755), error);
+}
+
 // Programs read the file at any time, so it is replaced as a whole.
 bool replaceText(const fs::path& file, const std::string& text) {
   const fs::path next = file.string() + "." + std::to_string(::getpid()) + ".new";
   std::error_code error;
-  fs::create_directories(file.parent_path(), error);
+  makeReadableFolder(file.parent_path());
   std::ofstream stream(next);
   stream << text;
   stream.close();
-  // Every user's programs read it, whatever the administrator's umask.
-  const auto everyonesToRead =
-      fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read | fs::perms::others_read;
-  if (stream) fs::permissions(next, everyonesToRead, error);
+  if (stream) fs::permissions(next, fs::perms(0644), error);
   if (stream && !error) fs::rename(next, file, error);
   if (stream && !error) return true;
   fs::remove(next, error);
@@ -38,7 +43,7 @@ void setLogLevel(int level) {
   const fs::path file = platform::registryFile(tavrin::registryKey, tavrin::logLevelValue);
   if (!replaceText(file, std::to_string(level) + "\n")) {
     throw softtoken::Failure(softtoken::Status::badArgument,
-                             "cannot write " + file.string() + "; the level is the administrator's to set");
+                             "cannot write " + file.string() + "; only an administrator can set the level");
   }
 }
 

@@ -158,6 +158,7 @@ void readToken(CK_FUNCTION_LIST* functions, CK_SLOT_ID slot, ProbedToken& token)
 // Cryptoki tells no more than "few"; a software token's files hold the number.
 void addExactTries(std::vector<ProbedToken>& tokens) try {
   for (const softtoken::TokenSummary& known : softtoken::allTokens()) {
+    if (!known.state) continue;
     const auto token = std::ranges::find(tokens, known.state->serial, &ProbedToken::serial);
     if (token != tokens.end() && known.plugged) token->exactTries = known.tries.user;
   }

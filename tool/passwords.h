@@ -10,14 +10,14 @@ namespace tool {
 
 struct PasswordSource {
   const char* name;      // for questions and messages, such as "user password"
-  std::string file;      // its first line; empty: not given
+  std::string file;      // its first line: UTF-8, or UTF-16 with a byte order mark; empty: not given
   const char* variable;  // the environment variable that is read next
 };
 
-// One that exists already. Throws Failure when there is no source, or it gives nothing.
+// Reads an existing password. Throws Failure when there is no source, or the password is empty.
 softtoken::SecretBytes readPassword(const PasswordSource& source);
 
-// One that is being set: it must have 4 to 63 bytes, and is asked for twice.
+// Reads a new password of 4 to 63 bytes. On the terminal it is asked for twice, and again when the entries differ.
 softtoken::SecretBytes readNewPassword(const PasswordSource& source);
 
 inline std::string_view textIn(const softtoken::SecretBytes& password) {

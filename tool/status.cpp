@@ -7,7 +7,6 @@
 #include "objects/ca_installation.h"
 #include "softtoken/platform.h"
 #include "tool/ca_folder.h"
-#include "tool/command_line.h"
 #include "tool/status_report.h"
 
 namespace tool {
@@ -106,17 +105,24 @@ void gather(const std::filesystem::path& moduleFile, SystemStatus& status) {
 
 }  // namespace
 
-const char* const statusUsage = "  tavrin-tool status [--module FILE] [--json]\n";
-
-int runStatusCommand(const std::vector<std::string>& words) {
-  constexpr OptionRow options[] = {{"module", true}, {"json", false}};
-  const Arguments arguments = parseArguments("status", words, options);
-  if (!arguments.words.empty()) throw UsageError("status takes no names");
-  const std::string module = arguments.value("module");
-  SystemStatus status;
-  gather(module.empty() ? defaultModule() : softtoken::pathOf(module), status);
-  std::cout << (arguments.has("json") ? jsonReport(status) : textReport(status));
-  return status.exitCode();
+void addStatusCommand(CLI::App& app, Action& action) {
+  struct Options {
+    std::string module;
+    bool json = false;
+  };
+  const auto options = std::make_shared<Options>();
+  CLI::App& command = *app.add_subcommand("status", "Shows what applications would find, and what is wrong.");
+  command.add_option("--module", options->module, "The module to load; default: the installed one")->type_name("FILE");
+  command.add_flag("--json", options->json, "Print JSON");
+  command.footer("It needs no password and costs no password try.\n");
+  command.callback([options, &action] {
+    action = [options] {
+      SystemStatus status;
+      gather(options->module.empty() ? defaultModule() : softtoken::pathOf(options->module), status);
+      std::cout << (options->json ? jsonReport(status) : textReport(status));
+      return status.exitCode();
+    };
+  });
 }
 
 }  // namespace tool

@@ -1,10 +1,11 @@
-// tavrin-tool status: whether the module, the tokens and their certificates are fit for use, and where to look if not.
+// tavrin-tool status: whether applications can use the module, the tokens and their certificates, and if not, why.
 #pragma once
 
 #include <string>
 #include <vector>
 
 #include "tool/certificate_facts.h"
+#include "tool/command_line.h"
 #include "tool/log_files.h"
 #include "tool/module_probe.h"
 
@@ -51,9 +52,6 @@ struct SystemStatus {
   int exitCode() const { return !problems.empty() ? 1 : !warnings.empty() ? 3 : 0; }
 };
 
-extern const char* const statusUsage;
-
-// Carries out the words behind "status" and returns the exit code. Throws UsageError.
-int runStatusCommand(const std::vector<std::string>& words);
+void addStatusCommand(CLI::App& app, Action& action);
 
 }  // namespace tool

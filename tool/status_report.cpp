@@ -142,59 +142,55 @@ const char* chainWord(Chain chain) {
   return words[static_cast<std::size_t>(chain)];
 }
 
-Json jsonOf(const LoadedFile& file) { return Json::Object{{"path", file.path}, {"fileVersion", file.version}}; }
+Json jsonOf(const LoadedFile& file) { return Json{{"path", file.path}, {"fileVersion", file.version}}; }
 
 Json jsonOf(const CertificateStatus& certificate) {
   const CertificateFacts facts = certificate.facts.value_or(CertificateFacts{});
-  return Json::Object{{"label", certificate.label},
-                      {"readable", certificate.facts.has_value()},
-                      {"subject", facts.subject},
-                      {"issuer", facts.issuer},
-                      {"notBefore", facts.notBefore},
-                      {"notAfter", facts.notAfter},
-                      {"daysLeft", facts.daysLeft},
-                      {"validity", validityWord(facts.validity)},
-                      {"chain", chainWord(certificate.chain)},
-                      {"missingIssuer", certificate.missingIssuer}};
+  return Json{{"label", certificate.label},
+              {"readable", certificate.facts.has_value()},
+              {"subject", facts.subject},
+              {"issuer", facts.issuer},
+              {"notBefore", facts.notBefore},
+              {"notAfter", facts.notAfter},
+              {"daysLeft", facts.daysLeft},
+              {"validity", validityWord(facts.validity)},
+              {"chain", chainWord(certificate.chain)},
+              {"missingIssuer", certificate.missingIssuer}};
 }
 
 Json jsonOf(const TokenStatus& status, const KeyStatus& key) {
-  Json::Array certificates;
-  for (const std::size_t i : key.certificates) certificates.emplace_back(jsonOf(status.certificates[i]));
-  return Json::Object{{"type", key.key->type},
-                      {"label", key.key->label},
-                      {"id", hexOf(key.key->id)},
-                      {"certificates", std::move(certificates)}};
+  Json certificates = Json::array();
+  for (const std::size_t i : key.certificates) certificates.push_back(jsonOf(status.certificates[i]));
+  return Json{{"type", key.key->type},
+              {"label", key.key->label},
+              {"id", hexOf(key.key->id)},
+              {"certificates", std::move(certificates)}};
 }
 
 Json jsonOf(const TokenStatus& status) {
   const ProbedToken& token = *status.token;
-  Json::Array keys;
-  for (const KeyStatus& key : status.keys) keys.emplace_back(jsonOf(status, key));
-  Json::Array others;
+  Json keys = Json::array();
+  for (const KeyStatus& key : status.keys) keys.push_back(jsonOf(status, key));
+  Json others = Json::array();
   for (const CertificateStatus& certificate : status.certificates)
-    if (!certificate.hasKey) others.emplace_back(jsonOf(certificate));
-  return Json::Object{{"label", token.label},
-                      {"serial", token.serial},
-                      {"firmware", token.firmware},
-                      {"triesLeft", triesWord(token.tries)},
-                      {"triesLeftExactly", token.exactTries ? static_cast<int>(*token.exactTries) : -1},
-                      {"problem", token.problem},
-                      {"keys", std::move(keys)},
-                      {"otherCertificates", std::move(others)}};
+    if (!certificate.hasKey) others.push_back(jsonOf(certificate));
+  return Json{{"label", token.label},
+              {"serial", token.serial},
+              {"firmware", token.firmware},
+              {"triesLeft", triesWord(token.tries)},
+              {"triesLeftExactly", token.exactTries ? static_cast<int>(*token.exactTries) : -1},
+              {"problem", token.problem},
+              {"keys", std::move(keys)},
+              {"otherCertificates", std::move(others)}};
 }
 
 Json jsonOfLog(const SystemStatus& status) {
-  Json::Array files;
+  Json files = Json::array();
   for (const LogFile& file : status.logFiles) {
-    files.emplace_back(Json::Object{{"program", file.program},
-                                    {"path", softtoken::textOf(file.path)},
-                                    {"size", static_cast<std::int64_t>(file.size)}});
+    files.push_back({{"program", file.program}, {"path", softtoken::textOf(file.path)}, {"size", file.size}});
   }
-  return Json::Object{{"level", status.logLevel}, {"folder", status.logFolder}, {"today", std::move(files)}};
+  return Json{{"level", status.logLevel}, {"folder", status.logFolder}, {"today", std::move(files)}};
 }
-
-Json jsonOf(const std::vector<std::string>& texts) { return Json::Array(texts.begin(), texts.end()); }
 
 }  // namespace
 
@@ -218,21 +214,19 @@ std::string textReport(const SystemStatus& status) {
 }
 
 std::string jsonReport(const SystemStatus& status) {
-  Json::Array tokens;
-  for (const TokenStatus& token : status.tokens) tokens.emplace_back(jsonOf(token));
-  const Json report = Json::Object{
-      {"module", jsonOf(status.module.module)},
-      {"moduleVersion", status.module.libraryVersion},
-      {"cryptokiVersion", status.module.cryptokiVersion},
-      {"deviceLibrary", jsonOf(status.module.deviceLibrary)},
-      {"tokens", std::move(tokens)},
-      {"caFolder",
-       Json::Object{{"path", status.caFolder}, {"certificates", static_cast<std::int64_t>(status.caCertificates)}}},
-      {"log", jsonOfLog(status)},
-      {"problems", jsonOf(status.problems)},
-      {"warnings", jsonOf(status.warnings)},
-      {"exitCode", status.exitCode()}};
-  return report.text() + '\n';
+  Json tokens = Json::array();
+  for (const TokenStatus& token : status.tokens) tokens.push_back(jsonOf(token));
+  const Json report{{"module", jsonOf(status.module.module)},
+                    {"moduleVersion", status.module.libraryVersion},
+                    {"cryptokiVersion", status.module.cryptokiVersion},
+                    {"deviceLibrary", jsonOf(status.module.deviceLibrary)},
+                    {"tokens", std::move(tokens)},
+                    {"caFolder", Json{{"path", status.caFolder}, {"certificates", status.caCertificates}}},
+                    {"log", jsonOfLog(status)},
+                    {"problems", status.problems},
+                    {"warnings", status.warnings},
+                    {"exitCode", status.exitCode()}};
+  return jsonText(report) + '\n';
 }
 
 }  // namespace tool

@@ -58,6 +58,7 @@ std::string hexOf(softtoken::ByteView bytes) {
 
 std::string validUtf8(std::string_view text) {
   std::string result;
+  result.reserve(text.size());
   while (!text.empty()) {
     const std::size_t length = characterLength(text);
     result += length == 0 ? replacement : text.substr(0, length);
@@ -67,8 +68,11 @@ std::string validUtf8(std::string_view text) {
 }
 
 std::string printable(std::string_view text) {
+  // Most texts are plain ASCII.
+  if (std::ranges::all_of(text, [](char letter) { return letter >= 0x20 && letter < 0x7F; })) return std::string(text);
   const std::string valid = validUtf8(text);
   std::string result;
+  result.reserve(valid.size());
   for (std::string_view rest = valid; !rest.empty();) {
     const std::string_view character = rest.substr(0, characterLength(rest));
     if (character == "\t") {
@@ -83,9 +87,13 @@ std::string printable(std::string_view text) {
 
 void printTable(const std::vector<std::vector<std::string>>& rows) {
   std::vector<std::size_t> widths(rows.front().size());
-  for (const auto& row : rows)
-    for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], widthOf(row[i]));
-  for (const auto& row : rows) {
+  std::vector<std::vector<std::string>> shown = rows;
+  for (auto& row : shown)
+    for (std::size_t i = 0; i < row.size(); ++i) {
+      row[i] = printable(row[i]);
+      widths[i] = std::max(widths[i], widthOf(row[i]));
+    }
+  for (const auto& row : shown) {
     std::string line;
     for (std::size_t i = 0; i < row.size(); ++i) line += row[i] + std::string(widths[i] - widthOf(row[i]) + 2, ' ');
     line.erase(line.find_last_not_of(' ') + 1);

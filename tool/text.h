@@ -15,10 +15,10 @@ std::string hexOf(softtoken::ByteView bytes);
 // Every byte that is no part of well-formed UTF-8 becomes a replacement character.
 std::string validUtf8(std::string_view text);
 
-// One line for a terminal: valid UTF-8 in which no control character is left to act.
+// One line for a terminal: valid UTF-8 without control characters (C0, C1 and DEL).
 std::string printable(std::string_view text);
 
-// To the standard output, in columns. All rows have as many cells as the first.
+// Prints a table in columns, its cells made printable. All rows have as many cells as the first.
 void printTable(const std::vector<std::vector<std::string>>& rows);
 
 }  // namespace tool

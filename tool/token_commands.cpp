@@ -1,151 +1,110 @@
 #include "tool/token_commands.h"
 
-#include <algorithm>
-#include <charconv>
 #include <iostream>
 
-#include "softtoken/certificates.h"
 #include "softtoken/token_directory.h"
-#include "tool/command_line.h"
 #include "tool/console.h"
 #include "tool/passwords.h"
 #include "tool/text.h"
+#include "tool/token_listing.h"
 
 namespace tool {
 namespace {
 
-using softtoken::ByteView;
 using softtoken::Failure;
 using softtoken::Status;
-using softtoken::TokenState;
-using softtoken::TokenSummary;
+
+constexpr const char* passwordFooter =
+    "Passwords have 4 to 63 bytes. They are read from the first line of the given file,\n"
+    "else from the environment variables TAVRIN_PIN (user), TAVRIN_SO_PIN (security officer)\n"
+    "and TAVRIN_NEW_PIN (unlock), else from the terminal; never from the command line, where\n"
+    "other users could see them.\n";
+
+constexpr std::size_t tokenInfoLabel = 32;  // bytes of the label that Cryptoki shows
 
 struct Options {
-  std::string name;
-  std::string label;
+  softtoken::NewToken token;
   std::string pinFile;
   std::string soPinFile;
   std::string newPinFile;
-  std::string firmware;
-  std::string capacity;
+  bool ifAbsent = false;
   bool yes = false;
+  bool json = false;
 };
-
-struct OptionField {
-  const char* name;
-  std::string Options::*text;  // null for --yes
-};
-
-constexpr OptionField optionFields[] = {
-    {"label", &Options::label},
-    {"pin-file", &Options::pinFile},
-    {"so-pin-file", &Options::soPinFile},
-    {"new-pin-file", &Options::newPinFile},
-    {"firmware", &Options::firmware},
-    {"capacity", &Options::capacity},
-    {"yes", nullptr},
-};
-
-struct Command {
-  const char* name;
-  bool takesName;
-  std::vector<std::string_view> options;
-  const char* usage;
-  void (*run)(const Options&);
-};
-
-constexpr const char* keyTypeNames[] = {"RSA 1024", "RSA 2048", "RSA 3072", "RSA 4096", "P-256", "P-384", "P-521"};
 
 PasswordSource officerPassword(const Options& options) {
   return {"security officer password", options.soPinFile, "TAVRIN_SO_PIN"};
 }
 
-std::uint32_t capacityIn(const std::string& text) {
-  std::uint32_t capacity = 0;
-  const char* end = text.data() + text.size();
-  if (const auto parsed = std::from_chars(text.data(), end, capacity); parsed.ec != std::errc{} || parsed.ptr != end)
-    throw UsageError("--capacity takes a number, not " + text);
-  return capacity;
+PasswordSource userPassword(const Options& options) { return {"user password", options.pinFile, "TAVRIN_PIN"}; }
+
+void warnOfLabel(const softtoken::NewToken& token) {
+  if (token.label.size() > tokenInfoLabel)
+    std::cerr << "tavrin-tool: warning: applications see only the first 32 bytes of the label\n";
+  for (const softtoken::TokenSummary& other : softtoken::allTokens()) {
+    if (!other.state || other.name == token.name || other.state->label != token.label) continue;
+    std::cerr << "tavrin-tool: warning: token " << printable(other.name)
+              << " has the same label; applications that choose by label cannot tell them apart\n";
+  }
 }
 
-TokenSummary summaryOf(const std::string& name) {
-  softtoken::Token token(softtoken::folderOfToken(name));
-  return {name, softtoken::isPlugged(name), token.state(), token.tries()};
-}
-
-void create(const Options& options) {
-  softtoken::NewToken token;
-  token.name = options.name;
-  token.label = options.label.empty() ? options.name : options.label;
-  if (!options.firmware.empty()) token.firmware = options.firmware;
-  if (!options.capacity.empty()) token.capacity = capacityIn(options.capacity);
+void checkNewToken(const softtoken::NewToken& token) {
   softtoken::requireGood(token);
-  const auto userPassword = readNewPassword({"user password", options.pinFile, "TAVRIN_PIN"});
-  const auto soPassword = readNewPassword(officerPassword(options));
-  softtoken::createToken(token, textIn(userPassword), textIn(soPassword));
-  std::cout << "created " << options.name << ", serial " << summaryOf(options.name).state->serial << '\n';
+  if (printable(token.label) != token.label)
+    throw Failure(Status::badArgument, "a label is UTF-8 text without control characters");
 }
 
-void list(const Options&) {
-  const std::vector<TokenSummary> tokens = softtoken::allTokens();
-  if (tokens.empty()) {
-    std::cout << "There are no tokens in " << softtoken::textOf(softtoken::tokenRoot()) << '\n';
-    return;
+void makeToken(const Options& options) {
+  const auto user = readNewPassword(userPassword(options));
+  const auto officer = readNewPassword(officerPassword(options));
+  if (softtoken::tokenExists(options.token.name)) softtoken::removeToken(options.token.name);
+  softtoken::createToken(options.token, textIn(user), textIn(officer));
+}
+
+int create(Options& options) {
+  softtoken::NewToken& token = options.token;
+  if (token.label.empty()) token.label = token.name;
+  checkNewToken(token);
+  if (softtoken::tokenExists(token.name)) {
+    if (!options.ifAbsent) throw Failure(Status::badArgument, "there is a token named " + token.name + " already");
+    std::cout << token.name << " exists, serial " << serialOf(token.name) << '\n';
+    return 0;
   }
-  std::vector<std::vector<std::string>> rows{{"NAME", "SERIAL", "LABEL", "PLUGGED", "TRIES LEFT", "OBJECTS"}};
-  for (const TokenSummary& token : tokens) {
-    rows.push_back({token.name, token.state->serial, token.state->label, token.plugged ? "yes" : "no",
-                    token.tries.user == 0 ? "locked" : std::to_string(token.tries.user),
-                    std::to_string(token.state->objectCount()) + " of " + std::to_string(token.state->capacity)});
-  }
-  printTable(rows);
+  warnOfLabel(token);
+  makeToken(options);
+  std::cout << "created " << token.name << ", serial " << serialOf(token.name) << '\n';
+  return 0;
 }
 
-std::string subjectOf(const TavrinCertificate& certificate) {
-  try {
-    return softtoken::parseCertificate(ByteView(certificate.certificate).first(certificate.certificateLength))
-        .subjectText;
-  } catch (const Failure&) {
-    return "(unreadable)";
-  }
+// Asks before keys are destroyed.
+void confirm(const Options& options, const std::string& action) {
+  const std::string& name = options.token.name;
+  const std::string folder = softtoken::textOf(softtoken::folderOfToken(name));
+  if (options.yes) return;
+  if (!inputIsTerminal())
+    throw Failure(Status::badArgument, "cannot ask whether to " + action + " " + name + "; use --yes");
+  std::cout << "Destroy all keys of " << name << " (" << printable(folder) << ")? [y/N] " << std::flush;
+  std::string answer;
+  std::getline(std::cin, answer);
+  if (answer != "y" && answer != "Y" && answer != "yes") throw Failure(Status::badArgument, "nothing was changed");
 }
 
-void show(const Options& options) {
-  const TokenSummary token = summaryOf(options.name);
-  const TokenState& state = *token.state;
-  printTable({{"name", token.name},
-              {"folder", softtoken::textOf(softtoken::folderOfToken(token.name))},
-              {"serial", state.serial},
-              {"label", state.label},
-              {"firmware", state.firmware},
-              {"plugged", token.plugged ? "yes" : "no"},
-              {"user tries left", std::to_string(token.tries.user)},
-              {"security officer tries left", std::to_string(token.tries.securityOfficer)},
-              {"objects", std::to_string(state.objectCount()) + " of " + std::to_string(state.capacity)}});
-  std::vector<std::vector<std::string>> rows;
-  for (const TavrinKeyPair& pair : state.keyPairs) {
-    rows.push_back({"key pair " + std::to_string(pair.id), keyTypeNames[pair.keyType - 1], pair.label,
-                    hexOf(ByteView(pair.keyId).first(pair.keyIdLength))});
-  }
-  for (const TavrinCertificate& certificate : state.certificates) {
-    rows.push_back({"certificate " + std::to_string(certificate.id), subjectOf(certificate), certificate.label,
-                    hexOf(ByteView(certificate.certId).first(certificate.certIdLength))});
-  }
-  if (!rows.empty()) printTable(rows);
+int reset(Options& options) {
+  const auto state = softtoken::Token(softtoken::folderOfToken(options.token.name)).state();
+  const bool plugged = softtoken::isPlugged(options.token.name);
+  confirm(options, "reset");
+  options.token.label = state->label;
+  options.token.firmware = state->firmware;
+  options.token.capacity = state->capacity;
+  makeToken(options);
+  if (!plugged) softtoken::unplugToken(options.token.name);
+  std::cout << "reset " << options.token.name << ", serial " << serialOf(options.token.name) << '\n';
+  return 0;
 }
 
-void plug(const Options& options) {
-  softtoken::plugToken(options.name);
-  std::cout << "plugged in " << options.name << '\n';
-}
-
-void unplug(const Options& options) {
-  softtoken::unplugToken(options.name);
-  std::cout << "unplugged " << options.name << '\n';
-}
-
-void unlock(const Options& options) {
-  softtoken::Token token(softtoken::folderOfToken(options.name));
+int unlock(const Options& options) {
+  const std::string& name = options.token.name;
+  softtoken::Token token(softtoken::folderOfToken(name));
   const auto soPassword = readPassword(officerPassword(options));
   const auto newPassword = readNewPassword({"user password", options.newPinFile, "TAVRIN_NEW_PIN"});
   int triesLeft = 0;
@@ -155,76 +114,93 @@ void unlock(const Options& options) {
     if (failure.status() != Status::wrongPassword) throw;
     throw Failure(failure.status(), "the security officer password is wrong; tries left: " + std::to_string(triesLeft));
   }
-  std::cout << "unlocked " << options.name << " and set its new user password\n";
+  std::cout << "unlocked " << name << " and set its new user password\n";
+  return 0;
 }
 
-void remove(const Options& options) {
-  const std::string folder = softtoken::textOf(softtoken::folderOfToken(options.name));
-  if (!options.yes) {
-    if (!inputIsTerminal())
-      throw Failure(Status::badArgument, "there is nobody to ask whether to remove " + options.name + "; use --yes");
-    std::cout << "Remove " << options.name << " with all its keys (" << folder << ")? [y/N] " << std::flush;
-    std::string answer;
-    std::getline(std::cin, answer);
-    if (answer != "y" && answer != "Y" && answer != "yes") throw Failure(Status::badArgument, "nothing was removed");
+int plug(const Options& options) {
+  softtoken::plugToken(options.token.name);
+  std::cout << "plugged in " << options.token.name << '\n';
+  return 0;
+}
+
+int unplug(const Options& options) {
+  softtoken::unplugToken(options.token.name);
+  std::cout << "unplugged " << options.token.name << '\n';
+  return 0;
+}
+
+int remove(const Options& options) {
+  confirm(options, "remove");
+  softtoken::removeToken(options.token.name);
+  std::cout << "removed " << options.token.name << '\n';
+  return 0;
+}
+
+class TokenCommands {
+ public:
+  TokenCommands(CLI::App& app, Action& action)
+      : group_(*app.add_subcommand("token", "Manages software tokens.")), action_(action) {
+    group_.require_subcommand(1);
+    addMaking();
+    addLooking();
+    addHandling();
+    group_.footer("Tokens are folders below $TAVRIN_SOFT_TOKENS, by default below the user's\napplication data.\n");
   }
-  softtoken::removeToken(options.name);
-  std::cout << "removed " << options.name << '\n';
-}
 
-const std::vector<Command>& commands() {
-  static const std::vector<Command> table{
-      {"create",
-       true,
-       {"label", "pin-file", "so-pin-file", "firmware", "capacity"},
-       "create NAME [--label TEXT] [--pin-file FILE] [--so-pin-file FILE]\n"
-       "                           [--firmware VERSION] [--capacity OBJECTS]",
-       create},
-      {"list", false, {}, "list", list},
-      {"show", true, {}, "show NAME", show},
-      {"plug", true, {}, "plug NAME", plug},
-      {"unplug", true, {}, "unplug NAME", unplug},
-      {"unlock",
-       true,
-       {"so-pin-file", "new-pin-file"},
-       "unlock NAME [--so-pin-file FILE] [--new-pin-file FILE]",
-       unlock},
-      {"remove", true, {"yes"}, "remove NAME [--yes]", remove},
-  };
-  return table;
-}
-
-Options parseOptions(const Command& command, const std::vector<std::string>& words) {
-  std::vector<OptionRow> accepted;
-  for (const OptionField& field : optionFields) {
-    if (std::ranges::find(command.options, field.name) != command.options.end())
-      accepted.push_back({field.name, field.text != nullptr});
+ private:
+  CLI::App& add(const char* name, const char* description, bool takesName, int (*run)(Options&)) {
+    CLI::App& command = *group_.add_subcommand(name, description);
+    if (takesName) command.add_option("NAME", options_->token.name, "The token's name")->required()->type_name("");
+    command.callback(
+        [options = options_, run, &action = action_] { action = [options, run] { return run(*options); }; });
+    return command;
   }
-  const Arguments arguments = parseArguments("token " + std::string(command.name), words, accepted);
-  if (arguments.words.size() != (command.takesName ? 1 : 0))
-    throw UsageError(command.takesName ? "give one token's name" : "this command takes no name");
-  Options options;
-  if (command.takesName) options.name = arguments.words[0];
-  options.yes = arguments.has("yes");
-  for (const OptionField& field : optionFields)
-    if (field.text) options.*field.text = arguments.value(field.name);
-  return options;
-}
+  void addFile(CLI::App& command, const char* name, std::string Options::*field, const char* description) {
+    command.footer(passwordFooter);
+    command.add_option(name, (*options_).*field, description)->type_name("FILE");
+  }
+  void addYes(CLI::App& command) { command.add_flag("--yes", options_->yes, "Do not ask for confirmation"); }
+
+  void addMaking() {
+    CLI::App& made = add("create", "Creates a token and plugs it in.", true, create);
+    made.add_option("--label", options_->token.label, "The label to show; default: the name")->type_name("TEXT");
+    addFile(made, "--pin-file", &Options::pinFile, "File with the user password");
+    addFile(made, "--so-pin-file", &Options::soPinFile, "File with the security officer password");
+    made.add_option("--firmware", options_->token.firmware, "The firmware version to report")->type_name("VERSION");
+    made.add_option("--capacity", options_->token.capacity, "Most key pairs and certificates to hold")
+        ->type_name("NUMBER");
+    made.add_flag("--if-absent", options_->ifAbsent, "Succeed when the token exists already");
+    CLI::App& again = add("reset", "Makes a token anew: empty, new passwords and serial.", true, reset);
+    addFile(again, "--pin-file", &Options::pinFile, "File with the new user password");
+    addFile(again, "--so-pin-file", &Options::soPinFile, "File with the new security officer password");
+    addYes(again);
+  }
+
+  void addLooking() {
+    const auto list = [](Options& options) { return printTokens(options.json), 0; };
+    const auto show = [](Options& options) { return printToken(options.token.name, options.json), 0; };
+    add("list", "Lists all software tokens.", false, list).add_flag("--json", options_->json, "Print JSON");
+    add("show", "Shows a token and its objects.", true, show).add_flag("--json", options_->json, "Print JSON");
+  }
+
+  void addHandling() {
+    add("plug", "Plugs a token in.", true, [](Options& options) { return plug(options); });
+    add("unplug", "Unplugs a token; it keeps its objects.", true, [](Options& options) { return unplug(options); });
+    CLI::App& unlocked = add("unlock", "Sets a new user password by the security officer's.", true,
+                             [](Options& options) { return unlock(options); });
+    addFile(unlocked, "--so-pin-file", &Options::soPinFile, "File with the security officer password");
+    addFile(unlocked, "--new-pin-file", &Options::newPinFile, "File with the new user password");
+    addYes(add("remove", "Deletes a token with all its keys.", true, [](Options& options) { return remove(options); }));
+  }
+
+  CLI::App& group_;
+  Action& action_;
+  std::shared_ptr<Options> options_ = std::make_shared<Options>();
+};
 
 }  // namespace
 
-std::string tokenUsage() {
-  std::string text;
-  for (const Command& command : commands()) text += "  tavrin-tool token " + std::string(command.usage) + "\n";
-  return text;
-}
-
-int runTokenCommand(const std::vector<std::string>& words) {
-  if (words.empty()) throw UsageError("say what to do with tokens");
-  const auto command = std::ranges::find(commands(), words[0], &Command::name);
-  if (command == commands().end()) throw UsageError("there is no command token " + words[0]);
-  command->run(parseOptions(*command, {words.begin() + 1, words.end()}));
-  return 0;
-}
+void addTokenCommands(CLI::App& app, Action& action) { TokenCommands(app, action); }
 
 }  // namespace tool

@@ -1,15 +1,10 @@
 // tavrin-tool token ...
 #pragma once
 
-#include <string>
-#include <vector>
+#include "tool/command_line.h"
 
 namespace tool {
 
-// One line for each command, for the help text.
-std::string tokenUsage();
-
-// Carries out the words behind "token". Throws UsageError, or softtoken::Failure with what went wrong.
-int runTokenCommand(const std::vector<std::string>& words);
+void addTokenCommands(CLI::App& app, Action& action);
 
 }  // namespace tool

@@ -27,15 +27,33 @@ while IFS='|' read -r words reason; do
   tool 2 $words
   says err "$reason"
 done <<'END'
-nonsense|no command nonsense
-status --jsno|no option --jsno
-status name|takes no names
-log level 4|from 0 to 3
+nonsense|there is no command nonsense; see
+token crate x|token has no command crate; did you mean create?
+token|say what to do with token
+status --jsno|status has no option --jsno; did you mean --json?
+status name|status takes no word name
+log level 4|not in range 0 to 3
 log --day 1.2.2026|YYYY-MM-DD
-log --grep|needs a value
-token create|one token's name
-token list --label x|no option --label
-token create x --capacity many|takes a number
+log --grep|--grep
+token create|NAME is required
+token list --label x|token list has no option --label
+token create x --capacity many|--capacity = many
+token create x --pin=1234|no option --pin; did you mean --pin-file?
+END
+! grep -q 1234 err || fail "a password is repeated: $(cat err)"
+tool 0 token create --help
+says out '--pin-file FILE' 'TAVRIN_SO_PIN'
+
+# What is refused before passwords are asked for, which would fail here for want of a terminal.
+while IFS='|' read -r words reason; do
+  tool 1 token create $words
+  says err "$reason"
+done <<END
+con|Windows reserves
+Com7.old|Windows reserves
+x --label a$(printf '\x1b')b|control character
+x --label a$(printf '\xc2\x9b')b|control characters
+x --capacity 0|capacity
 END
 
 # Without a token, and without a module; created, unplugged, plugged.
@@ -44,7 +62,34 @@ says out 'no token is connected' 'Cryptoki 2.20' "${library##*/}" "${deviceLibra
 tool 1 status --json --module "$(native "$E2E_FOLDER/none")"
 json '.exitCode, .module.path, (.problems | length)' '1,"",1'
 createToken anna >/dev/null
-tool 1 token create anna --pin-file "$pin" --so-pin-file "$soPin"
+tool 1 token create anna
+says err 'there is a token named anna already'
+tool 0 token create anna --if-absent
+tool 0 token create other --label anna --pin-file "$pin" --so-pin-file "$soPin"
+says err 'token anna has the same label'
+rm tokens/other/tries
+tool 0 token list
+says out 'other' 'unreadable: '
+tool 0 token list --json
+json '.[] | .name, (.problem | length > 0)' '"anna",false,"other",true'
+rm -r tokens/other
+
+# Password files as editors and shells write them; the password is the same in all of them.
+tool 0 token create files --pin-file "$pin" --so-pin-file "$soPin"
+word=$(cat so-pin)
+printf '%s\r\nsecond line' "$word" >file1
+printf '\xef\xbb\xbf%s' "$word" >file2
+{ printf '\xff\xfe' && printf '%s\r\n' "$word" | iconv -t UTF-16LE; } >file3
+{ printf '\xfe\xff' && printf '%s\n' "$word" | iconv -t UTF-16BE; } >file4
+for i in 1 2 3 4; do tool 0 token unlock files --so-pin-file "$(native "$E2E_FOLDER/file$i")" --new-pin-file "$pin"; done
+printf 'Gr\xc3\xbc\xc3\x9f \xf0\x9f\x94\x91' | tee utf8 | { printf '\xff\xfe' && iconv -f UTF-8 -t UTF-16LE; } >utf16
+tool 0 token reset files --yes --pin-file "$(native "$E2E_FOLDER/utf8")" --so-pin-file "$(native "$E2E_FOLDER/utf16")"
+tool 0 token unlock files --so-pin-file "$(native "$E2E_FOLDER/utf8")" --new-pin-file "$pin"
+endless=/dev/zero
+[[ $E2E_SYSTEM == Linux ]] || { head -c 100000000 /dev/zero >zeros && endless=$(native "$E2E_FOLDER/zeros"); }
+tool 1 token unlock files --so-pin-file "$endless" --new-pin-file "$pin"
+says err 'is too long'
+tool 0 token remove files --yes
 tool 0 token unplug anna
 tool 1 token unplug anna
 tool 0 token list
@@ -83,6 +128,21 @@ json '.tokens[0].keys[].certificates | sort_by(.subject)[] | .validity, .chain' 
 json '.tokens[0].otherCertificates[] | .subject, .chain' '"CN=Root,C=IN","self-signed"'
 json '.tokens[0].triesLeftExactly, (.warnings | length)' '10,3'
 
+# Not valid yet; a CA file that the module passes over because it fits on no token; a label that acts on terminals.
+printf 'cn = "Future"\nactivation_date = "2098-03-04 00:00:00 UTC"\nexpiration_date = "2099-01-01 00:00:00 UTC"\n' >template
+certtool --generate-self-signed --load-privkey Root.key --template template --outder --outfile Future.der 2>/dev/null
+run $client "$(native "$E2E_FOLDER/Future.der")" "$(printf 'x\x1b[31m\x7f\xc2\x9b1my')"
+openssl req -x509 -newkey rsa:2048 -nodes -days 365 -keyout Large.key -subj "/CN=Large" -out Large.pem \
+  -addext "subjectAltName=$(printf 'DNS:name-%03d.example.org,' {1..150})DNS:last.example.org" 2>/dev/null
+cp Large.pem home/TavrinDSC/Certificates
+certify Below Large 200
+tool 3 status
+says out '"Future" on token "anna" is valid only from 2098-03-04' 'INCOMPLETE, no "Large"' 'certificates  1'
+for words in status 'status --json' 'token show anna' 'token show anna --json'; do
+  launch tavrin-tool $words >out || true
+  ! LC_ALL=C grep -qP '[\x00-\x08\x0b\x0c\x0e-\x1f\x7f]|\xc2[\x80-\x9f]' out || fail "control characters: $(cat -v out)"
+done
+
 # Looking costs no try, however few there are; the security officer gives them back.
 for left in {9..0}; do
   ! run sign_file "$E2E_MODULE" "file:$wrong" key "$pin" no &>/dev/null || fail "a wrong password was right"
@@ -106,6 +166,15 @@ before=$(wc -l <followed)
 ! run $client none &>/dev/null || fail "there should be no token"
 for ((i = 0; i < 100 && $(wc -l <followed) <= before; ++i)); do sleep 0.1; done
 [[ $(tail -n 1 followed | tr -d '\r') == *"ERROR ::=>No valid token found" ]] || fail "not followed: $(cat followed)"
+# A shorter file that takes the log's place is read from its beginning.
+launch tavrin-tool status --json >out || true
+logFile=$(jq -r ".log.today[] | select(.program == \"$client\") | .path" out)
+[[ $E2E_SYSTEM == Linux ]] || logFile=$("$E2E_RUNNER" winepath -u "$logFile" </dev/null | tr -d '\r')
+cp "$logFile" kept.LOG
+echo '01/01::00:00:00:000-> ->ERROR ::=>anew' >"$logFile"
+for ((i = 0; i < 100; ++i)); do [[ $(tail -n 1 followed) == *anew* ]] && break || sleep 0.1; done
+[[ $(tail -n 1 followed) == *anew* ]] || fail "the new file is not followed: $(tail -n 3 followed)"
+cp kept.LOG "$logFile"
 tool 0 log --errors --program $client.exe --grep 'valid token'
 [[ -s out && $(grep -vc 'ERROR ::=>No valid token' out) == 0 ]] || fail "not filtered: $(cat out)"
 tool 0 log show --day 2001-01-01
@@ -116,6 +185,12 @@ if [[ $E2E_SYSTEM == Windows ]]; then
 else
   [[ $(cat registry/Software/*/Tavrin/logLevel) == 2 ]] || fail "not in the registry"
   onTerminal() { env -u NO_COLOR TERM=xterm "$@" script -qec "'$E2E_BIN/tavrin-tool' log --errors" log </dev/null; }
+  (umask 077 && TAVRIN_REGISTRY=$E2E_FOLDER/closed launch tavrin-tool log level 3 >/dev/null)
+  [[ $(find closed ! -perm -o+r) == '' ]] || fail "others cannot read the level: $(ls -lR closed)"
+  # A signal at a password prompt leaves the terminal as it was.
+  script -qec "'$E2E_BIN/tavrin-tool' token create sig & sleep 1; kill -TERM \$!; wait \$!; echo code \$?; stty -a" \
+    terminal < <(sleep 3) >/dev/null || fail "no terminal"
+  says terminal 'new user password' 'code 143' ' echo '
   [[ $(onTerminal | head -n 1) == $'\e[31m'*$'\e[0m'* && $(onTerminal NO_COLOR=1) != *$'\e'* ]] || fail "wrong colours"
 fi
 echo "tavrin-tool did what it was told"

@@ -1,0 +1,138 @@
+#include "tool/token_listing.h"
+
+#include <iostream>
+
+#include "devlib/device_constants.h"
+#include "softtoken/certificates.h"
+#include "softtoken/token_directory.h"
+#include "tool/json.h"
+#include "tool/text.h"
+
+namespace tool {
+namespace {
+
+using softtoken::ByteView;
+using softtoken::Failure;
+using softtoken::TokenState;
+using softtoken::TokenSummary;
+
+std::string typeName(const TavrinKeyPair& pair) {
+  const tavrin::KeyTypeInfo* type = tavrin::findKeyType(pair.keyType);
+  return type ? type->name : "unknown type";
+}
+
+TokenSummary summaryOf(const std::string& name) {
+  softtoken::Token token(softtoken::folderOfToken(name));
+  return {name, softtoken::isPlugged(name), token.state(), token.tries(), {}};
+}
+
+std::string objectsOf(const TokenState& state) {
+  return std::to_string(state.objectCount()) + " of " + std::to_string(state.capacity);
+}
+
+template <std::size_t size>
+std::string labelIn(const char (&field)[size]) {
+  return {field, std::find(field, field + size, '\0')};
+}
+
+std::string subjectOf(const TavrinCertificate& certificate) {
+  try {
+    return softtoken::parseCertificate(ByteView(certificate.certificate).first(certificate.certificateLength))
+        .subjectText;
+  } catch (const Failure&) {
+    return "(unreadable)";
+  }
+}
+
+Json jsonOf(const TokenSummary& token) {
+  Json json{{"name", token.name}, {"plugged", token.plugged}, {"problem", token.problem}};
+  if (!token.state) return json;
+  json["serial"] = token.state->serial;
+  json["label"] = token.state->label;
+  json["firmware"] = token.state->firmware;
+  json["triesLeft"] = token.tries.user;
+  json["securityOfficerTriesLeft"] = token.tries.securityOfficer;
+  json["objects"] = token.state->objectCount();
+  json["capacity"] = token.state->capacity;
+  return json;
+}
+
+Json jsonOfObjects(const TokenSummary& token) {
+  Json json = jsonOf(token);
+  json["folder"] = softtoken::textOf(softtoken::folderOfToken(token.name));
+  json["keyPairs"] = Json::array();
+  for (const TavrinKeyPair& pair : token.state->keyPairs) {
+    json["keyPairs"].push_back({{"type", typeName(pair)},
+                                {"label", labelIn(pair.label)},
+                                {"id", hexOf(ByteView(pair.keyId).first(pair.keyIdLength))}});
+  }
+  json["certificates"] = Json::array();
+  for (const TavrinCertificate& certificate : token.state->certificates) {
+    json["certificates"].push_back({{"subject", subjectOf(certificate)},
+                                    {"label", labelIn(certificate.label)},
+                                    {"id", hexOf(ByteView(certificate.certId).first(certificate.certIdLength))}});
+  }
+  return json;
+}
+
+std::vector<std::string> rowOf(const TokenSummary& token) {
+  const std::string plugged = token.plugged ? "yes" : "no";
+  if (!token.state) return {token.name, "-", "unreadable: " + token.problem, plugged, "-", "-"};
+  return {token.name,
+          token.state->serial,
+          token.state->label,
+          plugged,
+          token.tries.user == 0 ? "locked" : std::to_string(token.tries.user),
+          objectsOf(*token.state)};
+}
+
+}  // namespace
+
+void printTokens(bool json) {
+  const std::vector<TokenSummary> tokens = softtoken::allTokens();
+  if (json) {
+    Json list = Json::array();
+    for (const TokenSummary& token : tokens) list.push_back(jsonOf(token));
+    std::cout << jsonText(list) << '\n';
+    return;
+  }
+  if (tokens.empty()) {
+    std::cout << "There are no tokens in " << printable(softtoken::textOf(softtoken::tokenRoot())) << '\n';
+    return;
+  }
+  std::vector<std::vector<std::string>> rows{{"NAME", "SERIAL", "LABEL", "PLUGGED", "TRIES LEFT", "OBJECTS"}};
+  for (const TokenSummary& token : tokens) rows.push_back(rowOf(token));
+  printTable(rows);
+}
+
+void printToken(const std::string& name, bool json) {
+  const TokenSummary token = summaryOf(name);
+  if (json) {
+    std::cout << jsonText(jsonOfObjects(token)) << '\n';
+    return;
+  }
+  const TokenState& state = *token.state;
+  printTable({{"name", token.name},
+              {"folder", softtoken::textOf(softtoken::folderOfToken(token.name))},
+              {"serial", state.serial},
+              {"label", state.label},
+              {"firmware", state.firmware},
+              {"plugged", token.plugged ? "yes" : "no"},
+              {"user tries left", std::to_string(token.tries.user)},
+              {"security officer tries left", std::to_string(token.tries.securityOfficer)},
+              {"objects", objectsOf(state)}});
+  std::vector<std::vector<std::string>> rows;
+  for (const TavrinKeyPair& pair : state.keyPairs) {
+    rows.push_back({"key pair " + std::to_string(pair.id), typeName(pair), labelIn(pair.label),
+                    hexOf(ByteView(pair.keyId).first(pair.keyIdLength))});
+  }
+  for (const TavrinCertificate& certificate : state.certificates) {
+    rows.push_back({"certificate " + std::to_string(certificate.id), subjectOf(certificate), labelIn(certificate.label),
+                    hexOf(ByteView(certificate.certId).first(certificate.certIdLength))});
+  }
+  if (!rows.empty()) printTable(rows);
+}
+
+std::string serialOf(const std::string& name) { return summaryOf(name).state->serial; }
+
+}  // namespace tool
