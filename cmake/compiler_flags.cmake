@@ -13,7 +13,11 @@ function(tavrin_compiler_flags target)
   endif()
   target_link_libraries(${target} PUBLIC Threads::Threads)
   if(MSVC)
-    target_compile_options(${target} PRIVATE /W4 /WX /permissive- /utf-8)
+    # Warnings are no errors here, as each version of the compiler has others. /Brepro leaves times out of the files.
+    target_compile_options(${target} PRIVATE /W4 /permissive- /utf-8 /guard:cf /Brepro)
+    target_link_options(${target} PRIVATE /guard:cf /CETCOMPAT /Brepro)
+    # With the constexpr constructor of std::mutex, a host's msvcp140.dll of an older version crashes at the first lock.
+    target_compile_definitions(${target} PRIVATE _DISABLE_CONSTEXPR_MUTEX_CONSTRUCTOR)
     return()
   endif()
   target_compile_options(${target} PRIVATE

@@ -85,7 +85,11 @@ struct ImportPFXDetails {
 enum class EncryptionType : std::int32_t { rsa1024 = 7, rsa2048 = 8, rsa3072 = 9, rsa4096 = 10 };
 enum class PaddingMode : std::int32_t { pkcs1 = 1, oaep = 4 };
 
+#ifdef _MSC_VER
+static_assert(sizeof(TokenInfo) == 336, "a Debug build has another std::string than the maker's library");
+#else
 static_assert(sizeof(std::string) != 32 || sizeof(TokenInfo) == 336);
+#endif
 static_assert(sizeof(TavrinKeyPair) == 1324 && offsetof(TavrinKeyPair, deviceFlag) == 1320);
 static_assert(sizeof(TavrinCertificate) == 3380 && offsetof(TavrinCertificate, label) == 3228);
 
