@@ -1,6 +1,6 @@
 #!/bin/bash
 # Builds everything for every target and runs all tests: scripts/test.sh [STEP ...]
-# Steps: format, linux, bench, linux-asan, linux-tsan, fuzz, windows, clients, tidy, reproducible; all by default, in this
+# Steps: format, linux, bench, linux-asan, linux-tsan, fuzz, windows, clients, desktop, tidy, reproducible; all by default, in this
 # order. The last line counts the tests of all targets, each of the other steps being one; the exit code is 0 if none
 # failed.
 set -euo pipefail
@@ -69,10 +69,11 @@ buildAndTest() {
   attempt "build" "$1-build.log" build "$1" && runTests "$@"
 }
 
-# Real clients, the packages and the guides; needs the builds for linux and windows.
+# runClients GROUP: "clients" needs the builds for linux and windows, "desktop" that for linux.
 runClients() {
-  local log=$logs/clients.log start=$SECONDS good=0 bad=0
-  tests/clients/run.sh build/linux build/windows >"$log" 2>&1 || true
+  local log=$logs/$1.log start=$SECONDS good=0 bad=0
+  mkdir -p build/windows
+  tests/clients/run.sh build/linux build/windows "$1" >"$log" 2>&1 || true
   sed 's/^/   /' "$log"
   read -r good bad < <(sed -nE '$s/^([0-9]+) passed, ([0-9]+) failed$/\1 \2/p' "$log") || bad=1
   passed=$((passed + good))
@@ -135,7 +136,11 @@ step() {
       ;;
     clients)
       say "== clients: real clients, the packages, and the commands of the guides"
-      runClients
+      runClients clients
+      ;;
+    desktop)
+      say "== desktop: browsers and other programs of a user's desktop"
+      runClients desktop
       ;;
     tidy)
       say "== tidy: clang-tidy has nothing to say"
@@ -146,7 +151,7 @@ step() {
       attempt "reproducible" reproducible.log checkReproducible
       ;;
     *)
-      say "unknown step '$1'; there are: format linux bench linux-asan linux-tsan fuzz windows clients tidy reproducible" >&2
+      say "unknown step '$1'; there are: format linux bench linux-asan linux-tsan fuzz windows clients desktop tidy reproducible" >&2
       exit 2
       ;;
   esac
@@ -158,7 +163,7 @@ export ASAN_OPTIONS=detect_leaks=1:detect_stack_use_after_return=1:check_initial
 export UBSAN_OPTIONS=print_stacktrace=1
 export TSAN_OPTIONS=second_deadlock_stack=1
 steps=("$@")
-[[ $# -gt 0 ]] || steps=(format linux bench linux-asan linux-tsan fuzz windows clients tidy reproducible)
+[[ $# -gt 0 ]] || steps=(format linux bench linux-asan linux-tsan fuzz windows clients desktop tidy reproducible)
 for name in "${steps[@]}"; do
   step "$name" || true
 done

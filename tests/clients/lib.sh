@@ -9,12 +9,17 @@ linux=$(cd "${1:?the folder of the Linux build is missing}" && pwd)
 windows=$(cd "${2:?the folder of the Windows build is missing}" && pwd)
 tool=$linux/bin/tavrin-tool
 module=$linux/bin/libtavrin-pkcs11.so
+standard=$linux/bin/libtavrin-pkcs11-standard.so
 work=$(mktemp -d /tmp/tavrin-client.XXXXXX)
 servers=()
 
 cleanup() {
-  [[ ${#servers[@]} == 0 ]] || kill "${servers[@]}" 2>/dev/null || true
-  rm -rf "$work"
+  [[ $? == 0 ]] || sed 's/^/    /' "$work/output" || true
+  if [[ ${#servers[@]} != 0 ]]; then
+    kill "${servers[@]}" 2>/dev/null || true
+    wait || true
+  fi
+  rm -rf "$work" || { sleep 1 && rm -rf "$work"; } # a browser's processes end after it
 }
 trap cleanup EXIT
 trap 'exit 1' INT TERM
@@ -105,6 +110,42 @@ createTokenWithKeys() {
   createToken
   generate 01 rsa rsa:2048
   generate 02 ec EC:prime256v1
+}
+
+# A certificate authority in ca.crt, and certificates that it issues: issue PUBLIC-KEY CERTIFICATE SUBJECT [EXTENSION...]
+certificateAuthority() {
+  openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.crt -subj "/CN=Test authority" -days 30 2>/dev/null
+}
+issue() {
+  printf '%s\n' "${@:4}" >extensions
+  openssl req -new -key ca.key -subj "$3" -out request
+  quietly openssl x509 -req -in request -force_pubkey "$1" -CA ca.crt -CAkey ca.key -CAcreateserial -days 30 \
+    -extfile extensions -out "$2"
+}
+# clientCertificate LABEL ID: a certificate for TLS clients and signers in LABEL.crt and on the token.
+clientCertificate() {
+  issue "$1.pem" "$1.crt" "/CN=User $1" extendedKeyUsage=clientAuth,emailProtection keyUsage=digitalSignature
+  openssl x509 -in "$1.crt" -outform DER -out "$1.der"
+  quietly loggedIn --write-object "$1.der" --type cert --label "$1" --id "$2"
+}
+
+# The programs are set up with the standard module.
+useStandard() { [[ ! -f $standard ]] || module=$standard; }
+
+# recipe HEADING: runs the commands of docs/clients.md below that heading, as a user would.
+recipe() {
+  awk -v heading="## $1" '/^## / {on = $0 == heading} /^```/ {code = on && $0 == "```sh"; next} code' \
+    "$here/../../docs/clients.md" >"recipe-$1"
+  [[ -s recipe-$1 ]] || quietly false "docs/clients.md has no commands for $1"
+  # shellcheck disable=SC1090
+  source "recipe-$1" >"$work/output" 2>&1
+  passed "the recipe for $1"
+}
+
+# nginx with the configuration that the script wrote into nginx.conf.
+startNginx() {
+  background "$(PATH=$PATH:/usr/sbin command -v nginx)" -p "$work" -e "$work/nginx.log" -c "$work/nginx.conf"
+  check "the server starts" eventually test -s nginx.pid
 }
 
 # The configuration by which OpenSSL's engine finds the module, and the URIs of the keys with their PIN's file.

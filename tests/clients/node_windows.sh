@@ -52,3 +52,5 @@ number() { od -An -v -tx1 -j "$1" -N 32 ec.raw | tr -d ' \n'; }
 printf 'asn1=SEQUENCE:s\n[s]\nr=INTEGER:0x%s\ns=INTEGER:0x%s\n' "$(number 0)" "$(number 32)" >sequence
 quietly openssl asn1parse -genconf sequence -noout -out ec.sig
 check "openssl verifies the EC signature" verifySignature ec.pem ec.sig -sha256
+# The same token serves both systems.
+TAVRIN_SOFT_TOKENS=$work/tokens shows "the Linux module shows the key" 'label: *node rsa' loggedIn --list-objects --type privkey

@@ -1,17 +1,22 @@
 #!/bin/bash
-# Tests the module with real clients, and its packages: tests/clients/run.sh BUILD_DIR_LINUX BUILD_DIR_WINDOWS [SCRIPT ...]
-# One line for each client, with its checks; what failed is shown. The last line counts all checks.
+# Tests the libraries with real clients: tests/clients/run.sh BUILD_DIR_LINUX BUILD_DIR_WINDOWS desktop|clients|SCRIPT ...
+# "desktop" means the programs of a user's desktop, "clients" all others and the packages. One line for each client, with its
+# checks; what failed is shown. The last line counts all checks.
 set -euo pipefail
 folder=$(cd "$(dirname "$0")" && pwd)
 builds=("${1:?the folder of the Linux build is missing}" "${2:?the folder of the Windows build is missing}")
 shift 2
-scripts=("$@")
-if [[ $# == 0 ]]; then
-  for client in pkcs11_tool gnutls openssl_engine nss java openssh osslsigncode p11_kit sign_file_windows node_windows documents; do
-    scripts+=("$folder/$client.sh")
-  done
-  scripts+=("$folder/../../packaging/windows/test_package.sh")
-fi
+scripts=()
+for name in "$@"; do
+  case $name in
+    clients)
+      scripts+=("$folder"/{pkcs11_tool,gnutls,openssl_engine,nss,java,openssh,osslsigncode,p11_kit}.sh)
+      scripts+=("$folder"/{node_windows,documents}.sh "$folder/../../packaging/windows/test_package.sh")
+      ;;
+    desktop) scripts+=("$folder"/{browsers,pdfsig,openvpn,git,gpgsm}.sh) ;;
+    *) scripts+=("$name") ;;
+  esac
+done
 
 output=$(mktemp)
 trap 'rm -f "$output"' EXIT

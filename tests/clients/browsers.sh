@@ -1,0 +1,91 @@
+#!/bin/bash
+# Firefox and Chromium log in to a TLS server with a key of the token. They run on a virtual screen, and xdotool types the
+# addresses and the PIN. The server's log says who came.
+source "$(dirname "$0")/lib.sh"
+useStandard
+unset TAVRIN_HOME
+
+createTokenWithKeys
+certificateAuthority
+openssl genrsa -out server.key 2>/dev/null
+openssl rsa -in server.key -pubout -out server.pem 2>/dev/null
+issue server.pem server.crt /CN=localhost subjectAltName=DNS:localhost
+clientCertificate rsa 01
+port=$(port)
+cat >nginx.conf <<END
+daemon off;
+user $(id -un);
+pid $work/nginx.pid;
+events {}
+http {
+  log_format visit '\$uri \$ssl_client_verify \$ssl_client_s_dn';
+  access_log $work/visits visit;
+  client_body_temp_path $work/body;
+  ssl_session_cache off;
+  ssl_session_tickets off;
+  keepalive_timeout 0;
+  server {
+    listen 127.0.0.1:$port ssl;
+    ssl_certificate $work/server.crt;
+    ssl_certificate_key $work/server.key;
+    ssl_client_certificate $work/ca.crt;
+    ssl_verify_client optional;
+    location / { default_type text/plain; return 200 "Hello"; }
+  }
+}
+END
+startNginx
+Xvfb -displayfd 3 -screen 0 1200x900x24 3>display 2>/dev/null &
+servers+=($!)
+quietly eventually test -s display
+DISPLAY=:$(cat display)
+export DISPLAY
+
+# typeInto WINDOW-TITLE KEY... TEXT: presses the keys, types the text, presses Return.
+typeInto() {
+  local window
+  window=$(eventually xdotool search --onlyvisible --name "$1" | tail -1)
+  xdotool windowfocus --sync "$window"
+  sleep 0.5
+  for key in "${@:2:$#-2}"; do xdotool key "$key"; done
+  xdotool type --delay 20 "${!#}"
+  xdotool key Return
+}
+visit() { typeInto "$browser" ctrl+l "https://localhost:$port/$1"; }
+visited() { eventually grep -x "/$1 $2" visits; }
+
+browser='Mozilla Firefox'
+profile=$work/profile
+mkdir "$profile"
+recipe Firefox
+cat >"$profile/user.js" <<END
+user_pref("security.default_personal_cert", "Select Automatically");
+user_pref("datareporting.policy.dataSubmissionEnabled", false);
+user_pref("browser.aboutwelcome.enabled", false);
+END
+background firefox-esr --profile "$profile" --no-remote about:blank
+visit first
+typeInto 'Password Required' "$PIN"
+check "Firefox logs in" visited first 'SUCCESS CN=User rsa'
+if [[ $module == "$standard" ]]; then
+  quietly "$tool" token unplug client
+  sleep 2
+  visit pulled
+  check "without the token it does not" visited pulled 'NONE -'
+  quietly "$tool" token plug client
+  sleep 2
+  visit again
+  typeInto 'Password Required' "$PIN"
+  check "with the token back it does" visited again 'SUCCESS CN=User rsa'
+fi
+
+browser=Chromium
+recipe Chromium
+options=()
+[[ $EUID != 0 ]] || options=(--no-sandbox) # which root cannot have
+background chromium "${options[@]}" --no-first-run --user-data-dir="$work/chromium" about:blank
+visit chromium
+typeInto 'Unlock Security Device' "$PIN"
+# The list of certificates appears in the browser's window, with the only one selected.
+answered() { xdotool key Return && visited chromium 'SUCCESS CN=User rsa'; }
+check "Chromium logs in" eventually answered

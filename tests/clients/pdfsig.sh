@@ -1,0 +1,29 @@
+#!/bin/bash
+# pdfsig, which signs as PDF readers built on Poppler do: with a key and a certificate of an NSS database.
+source "$(dirname "$0")/lib.sh"
+useStandard
+
+createTokenWithKeys
+certificateAuthority
+clientCertificate rsa 01
+{
+  printf '%%PDF-1.4\n' && offsets=()
+  for object in '/Type/Catalog/Pages 2 0 R' '/Type/Pages/Kids[3 0 R]/Count 1' '/Type/Page/Parent 2 0 R/MediaBox[0 0 300 300]'; do
+    offsets+=("$(stat -c %s letter.pdf)")
+    printf '%d 0 obj<<%s>>endobj\n' ${#offsets[@]} "$object"
+  done
+  table=$(stat -c %s letter.pdf)
+  printf 'xref\n0 4\n0000000000 65535 f \n'
+  printf '%010d 00000 n \n' "${offsets[@]}"
+  printf 'trailer<</Root 1 0 R/Size 4>>\nstartxref\n%d\n%%%%EOF\n' "$table"
+} >letter.pdf
+
+database=$work/db
+mkdir "$database"
+recipe PDF
+shows "pdfsig verifies" 'Signature is Valid' pdfsig -nssdir "sql:$database" signed.pdf
+quietly pdfsig -nssdir "sql:$database" -dump signed.pdf
+# The signature is in the middle of what it signs.
+read -r start end length rest < <(LC_ALL=C grep -ao '/ByteRange *\[[0-9 ]*' signed.pdf | tail -1 | sed 's/.*\[ *//')
+{ head -c $((start + end)) signed.pdf; tail -c +$((length + 1)) signed.pdf | head -c "$rest"; } >content
+check "openssl verifies" openssl cms -verify -binary -inform DER -in signed.pdf.sig0 -content content -CAfile ca.crt -purpose any -out verified
