@@ -45,6 +45,9 @@ for alias in loose jrsa jec; do
     -CAfile $alias.crt -purpose any -out verified"
 done
 
+# The keys of running operations change places otherwise.
+shows "four threads with a lock from initSign to sign" '^200 of 200' java "$here/programs/Threads.java" java.cfg lock
+
 openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.crt -subj /CN=CA -days 30 2>/dev/null
 openssl x509 -req -in jrsa.csr -CA ca.crt -CAkey ca.key -CAcreateserial -days 30 -out reply.crt 2>/dev/null
 cat ca.crt >>reply.crt

@@ -10,7 +10,7 @@ scripts=()
 for name in "$@"; do
   case $name in
     clients)
-      scripts+=("$folder"/{pkcs11_tool,gnutls,openssl_engine,nss,java,openssh,osslsigncode,p11_kit}.sh)
+      scripts+=("$folder"/{pkcs11_tool,gnutls,openssl_engine,nginx,nss,java,openssh,osslsigncode,p11_kit}.sh)
       scripts+=("$folder"/{node_windows,documents}.sh "$folder/../../packaging/windows/test_package.sh")
       ;;
     desktop) scripts+=("$folder"/{browsers,pdfsig,openvpn,git,gpgsm}.sh) ;;
