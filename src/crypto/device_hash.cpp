@@ -15,16 +15,15 @@ int initHash(const Session& session, HashCode hash, void** context) {
   return tavrin_initHash(session.deviceId(), static_cast<int>(hash), context, libraryInstance);
 }
 
-int updateHash(void* context, const std::uint8_t* data, CK_ULONG length) {
-  return tavrin_updateHash(context, data, deviceLength(length), libraryInstance);
+int updateHash(void* context, ByteView data) {
+  return tavrin_updateHash(context, data.data(), deviceLength(data.size()), libraryInstance);
 }
 
-HashFailure hashMessage(const Session& session, HashCode hash, const std::uint8_t* data, CK_ULONG length,
-                        Digest& digest) {
+HashFailure hashMessage(const Session& session, HashCode hash, ByteView message, Digest& digest) {
   void* context = nullptr;
   int status = initHash(session, hash, &context);
   if (status != 0) return {HashFailure::init, status};
-  status = updateHash(context, data, length);
+  status = updateHash(context, message);
   if (status != 0) return {HashFailure::update, status};
   status = digest.finish(context, Digest::capacity);
   if (status != 0) return {HashFailure::final, status};

@@ -1,4 +1,5 @@
-// Hashing through the device library.
+// Hashing with the device library. The statuses are the library's: 0 for success. The library owns the hash contexts;
+// the module has no operation to free them, and the library limits how many it keeps.
 #pragma once
 
 #include <array>
@@ -10,15 +11,15 @@
 
 namespace tavrin {
 
-// A digest as the device gave it; no device digest is longer than SHA-512's 64 bytes.
+// A digest as the device returned it. No digest of a device is longer than the 64 bytes of SHA-512.
 class Digest {
  public:
   static constexpr int capacity = 64;
 
   ByteView bytes() const { return ByteView(buffer_).first(length_); }
 
-  // Ends the hash into this digest and returns the device's status. `inLength` is what the device is told of the
-  // buffer's size; it ignores it.
+  // Ends the hash of `context` and stores its digest here, also if the status is an error. The context must not be used
+  // again. `inLength` is the length that the library receives; it ignores it. Returns the device's status.
   int finish(void* context, int inLength);
 
  private:
@@ -26,18 +27,19 @@ class Digest {
   std::size_t length_ = 0;
 };
 
-// Begins a hash on the session's device; `context` receives the library's own object.
+// Begins a hash on the session's device and stores its context in `context`. Returns the device's status.
 int initHash(const Session& session, HashCode hash, void** context);
-int updateHash(void* context, const std::uint8_t* data, CK_ULONG length);
 
-// The step of a whole hash that failed, with the device's status.
+// Returns the device's status.
+int updateHash(void* context, ByteView data);
+
+// The step in which a hash failed, and the device's status.
 struct HashFailure {
   enum Step { none, init, update, final } step;
   int status;
 };
 
-// Hashes a whole message in a context of its own.
-HashFailure hashMessage(const Session& session, HashCode hash, const std::uint8_t* data, CK_ULONG length,
-                        Digest& digest);
+// Hashes a whole message in a new context.
+HashFailure hashMessage(const Session& session, HashCode hash, ByteView message, Digest& digest);
 
 }  // namespace tavrin

@@ -1,7 +1,7 @@
 // C_DigestInit, C_Digest, C_DigestUpdate and C_DigestFinal.
 #include "crypto/device_hash.h"
 #include "crypto/result_delivery.h"
-#include "sessions/session_call.h"
+#include "sessions/refusals.h"
 
 namespace tavrin {
 namespace {
@@ -9,14 +9,14 @@ namespace {
 // Ends the hash and keeps the digest in the session.
 CK_RV finishDigest(const Call& call, Session& session) {
   Digest digest;
-  const int status = digest.finish(session.hashContext, 0);
+  const int status = digest.finish(session.parts.hashContext, 0);
   if (status != 0) return call.refuseBare(CKR_FUNCTION_FAILED, "Final hash data in diget failed : ", status);
-  session.digestData.assign(digest.bytes().begin(), digest.bytes().end());
+  session.parts.data.assign(digest.bytes().begin(), digest.bytes().end());
   return CKR_OK;
 }
 
 CK_RV deliverDigest(const Call& call, Session& session, CK_BYTE_PTR pDigest, CK_ULONG_PTR pulDigestLen) {
-  if (deliver(call, session.digestData, pDigest, pulDigestLen) == Delivery::delivered) {
+  if (deliver(call, session.parts.data, pDigest, pulDigestLen) == Delivery::delivered) {
     session.activeOperation = Operation::none;
   }
   logDebug(call.name(), " Success");
@@ -40,9 +40,9 @@ CK_RV C_DigestInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism) {
     const Mechanism* mechanism = findMechanism(pMechanism->mechanism, CKF_DIGEST);
     if (!mechanism) return call.refuseBare(CKR_MECHANISM_INVALID, "C_DigestInit mechanism not supported");
 
-    const int status = initHash(session, mechanism->hash, &session.hashContext);
+    const int status = initHash(session, mechanism->hash, &session.parts.hashContext);
     if (status != 0) return call.refuseBare(CKR_FUNCTION_FAILED, "Init hash in diges init failed : ", status);
-    wipeAndFree(session.digestData);
+    wipeAndFree(session.parts.data);
     session.activeOperation = Operation::digest;
     return CKR_OK;
   });
@@ -58,8 +58,8 @@ CK_RV C_Digest(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen
     if (!pulDigestLen) return call.refuse(CKR_ARGUMENTS_BAD, "pulDigestLen is NULL");
 
     // A digest that a query has finished is handed out without looking at the data again.
-    if (session.digestData.empty()) {
-      const int status = updateHash(session.hashContext, pData, ulDataLen);
+    if (session.parts.data.empty()) {
+      const int status = updateHash(session.parts.hashContext, {pData, static_cast<std::size_t>(ulDataLen)});
       if (status != 0) return call.refuseBare(CKR_FUNCTION_FAILED, "Update hash data in diget failed : ", status);
       const CK_RV refusal = finishDigest(call, session);
       if (refusal != CKR_OK) return refusal;
@@ -75,7 +75,7 @@ CK_RV C_DigestUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulP
       return call.refuse(CKR_ARGUMENTS_BAD, "pPart is NULL or ulPartLen<=0, ulPartLen=", ulPartLen);
     }
 
-    const int status = updateHash(session.hashContext, pPart, ulPartLen);
+    const int status = updateHash(session.parts.hashContext, {pPart, static_cast<std::size_t>(ulPartLen)});
     if (status == 0) return CKR_OK;
     return call.refuseBare(CKR_FUNCTION_FAILED, "Update hash data in digest update failed : ", status);
   });
@@ -86,7 +86,7 @@ CK_RV C_DigestFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pDigest, CK_ULONG_PT
     if (session.activeOperation != Operation::digest) return refuseNotInitialized(call, session);
     if (!pulDigestLen) return call.refuse(CKR_ARGUMENTS_BAD, "pulDigestLen is NULL");
 
-    if (session.digestData.empty()) {
+    if (session.parts.data.empty()) {
       const CK_RV refusal = finishDigest(call, session);
       if (refusal != CKR_OK) return refusal;
     }

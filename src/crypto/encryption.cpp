@@ -3,14 +3,14 @@
 #include "crypto/firmware_gate.h"
 #include "crypto/mechanisms.h"
 #include "crypto/result_delivery.h"
-#include "objects/object_store.h"
-#include "sessions/session_call.h"
+#include "objects/object_handles.h"
+#include "sessions/refusals.h"
 #include "sessions/user_password.h"
 
 namespace tavrin {
 namespace {
 
-// A ciphertext is as long as the key's modulus: 512 bytes for RSA 4096.
+// The longest ciphertext is that of RSA 4096, with 512 bytes.
 constexpr std::size_t ciphertextBufferSize = 1024;
 
 EncryptionType encryptionType(std::uint32_t keyType) {
@@ -34,14 +34,14 @@ bool mayBegin(const Session& session) {
   return session.activeOperation == Operation::none || session.activeOperation == Operation::digest;
 }
 
-// Begins the operation, or the dead end that stands for one begun during a digest.
+// Begins the operation, or enters the state of one that was begun during a digest.
 void begin(Session& session, const TavrinKeyPair* keyPair, Operation operation, Operation duringDigest) {
   session.operationKey = keyPair;
-  wipeAndFree(session.operationData);
+  wipeAndFree(session.result);
   session.activeOperation = session.activeOperation == Operation::none ? operation : duringDigest;
 }
 
-// The key pair for an encryption with OAEP, which takes public keys alone, or the refusal.
+// The key pair for an encryption with OAEP, or the refusal. The handle must be a public key's.
 CK_RV findOaepEncryptionKey(const Call& call, const Session& session, CK_OBJECT_HANDLE hKey,
                             const TavrinKeyPair*& keyPair) {
   if (!firmwareHasPssAndOaep(session)) {
@@ -56,7 +56,7 @@ CK_RV findOaepEncryptionKey(const Call& call, const Session& session, CK_OBJECT_
   return call.refuse(CKR_OBJECT_HANDLE_INVALID, "invalid input handle for OAEP encrypt : ", hKey);
 }
 
-// The same for PKCS#1 v1.5, which takes either half's handle.
+// The same for PKCS#1 v1.5. The handle may be that of either half.
 CK_RV findPkcs1EncryptionKey(const Call& call, const Session& session, const CK_MECHANISM& mechanism,
                              CK_OBJECT_HANDLE hKey, const TavrinKeyPair*& keyPair) {
   if (hasParameter(mechanism)) {
@@ -96,25 +96,24 @@ CK_RV findPkcs1DecryptionKey(const Call& call, const Session& session, const CK_
   return call.refuseBare(CKR_OBJECT_HANDLE_INVALID, "Invalid input handle in decrypt : ", hKey);
 }
 
-// Has the device encrypt and keeps the ciphertext in the session. A failure ends the operation.
+// Encrypts and keeps the ciphertext in the session. A failure ends the operation.
 CK_RV encrypt(const Call& call, Session& session, CK_BYTE_PTR pData, CK_ULONG ulDataLen) {
   const TavrinKeyPair& keyPair = *session.operationKey;
   const auto key = rsaSubjectPublicKeyInfo(publicKey(keyPair));
   std::uint8_t ciphertext[ciphertextBufferSize] = {};
   int length = 0;
-  const int status = tavrin_encrypt(encryptionType(keyPair.keyType), paddingMode(session.cipherMechanism), pData,
+  const int status = tavrin_encrypt(encryptionType(keyPair.keyType), paddingMode(session.mechanism->type), pData,
                                     deviceLength(ulDataLen), ciphertext, &length, key.data(),
                                     static_cast<int>(key.size()), libraryInstance);
   if (status != 0) {
     session.activeOperation = Operation::none;
-    session.cipherMechanism = 0;
     return call.refuseBare(CKR_FUNCTION_FAILED, "Encrypt data failed : ", status);
   }
-  session.operationData.assign(ciphertext, ciphertext + returnedLength(length, sizeof ciphertext));
+  session.result.assign(ciphertext, ciphertext + returnedLength(length, sizeof ciphertext));
   return CKR_OK;
 }
 
-// Has the device decrypt and keeps the plaintext in the session. After a failure the caller may try again.
+// Decrypts and keeps the plaintext in the session. After a failure the caller may try again.
 CK_RV decrypt(const Call& call, Session& session, CK_BYTE_PTR pEncryptedData, CK_ULONG ulEncryptedDataLen) {
   const TavrinKeyPair& keyPair = *session.operationKey;
   std::uint8_t* plaintext = nullptr;
@@ -124,17 +123,14 @@ CK_RV decrypt(const Call& call, Session& session, CK_BYTE_PTR pEncryptedData, CK
                      deviceLength(ulEncryptedDataLen), &plaintext, &length, deviceFlag(keyPair), libraryInstance);
   if (status != 0) return call.refuseBare(CKR_FUNCTION_FAILED, "Dacrypt data failed : ", status);
   if (plaintext && isTooLong(length)) return call.refuse(CKR_FUNCTION_FAILED, "plaintext too long, length=", length);
-  if (plaintext && length > 0) session.operationData.assign(plaintext, plaintext + length);
+  if (plaintext && length > 0) session.result.assign(plaintext, plaintext + length);
   return CKR_OK;
 }
 
 CK_RV deliverResult(const Call& call, Session& session, CK_BYTE_PTR out, CK_ULONG_PTR outLength) {
-  const Delivery delivery = deliver(call, session.operationData, out, outLength);
+  const Delivery delivery = deliver(call, session.result, out, outLength);
   if (delivery == Delivery::tooSmall) return CKR_BUFFER_TOO_SMALL;
-  if (delivery == Delivery::delivered) {
-    if (session.activeOperation == Operation::encryption) session.cipherMechanism = 0;
-    session.activeOperation = Operation::none;
-  }
+  if (delivery == Delivery::delivered) session.activeOperation = Operation::none;
   return CKR_OK;
 }
 
@@ -148,13 +144,14 @@ CK_RV C_EncryptInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_
     if (!mayBegin(session)) return refuseActive(call, session);
     if (!pMechanism) return call.refuse(CKR_ARGUMENTS_BAD, "pMechanism is NULL");
     const CK_MECHANISM_TYPE type = pMechanism->mechanism;
-    if (!findMechanism(type, CKF_ENCRYPT)) return call.refuse(CKR_MECHANISM_INVALID, "unsupported mechanism=", type);
+    const Mechanism* mechanism = findMechanism(type, CKF_ENCRYPT);
+    if (!mechanism) return call.refuse(CKR_MECHANISM_INVALID, "unsupported mechanism=", type);
     const TavrinKeyPair* keyPair = nullptr;
     const CK_RV refusal = type == CKM_RSA_PKCS_OAEP ? findOaepEncryptionKey(call, session, hKey, keyPair)
                                                     : findPkcs1EncryptionKey(call, session, *pMechanism, hKey, keyPair);
     if (refusal != CKR_OK) return refusal;
 
-    session.cipherMechanism = type;
+    session.mechanism = mechanism;
     begin(session, keyPair, Operation::encryption, Operation::encryptionDuringDigest);
     return CKR_OK;
   });
@@ -169,7 +166,7 @@ CK_RV C_Encrypt(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLe
     }
     if (!pulEncryptedDataLen) return call.refuse(CKR_ARGUMENTS_BAD, "pulEncryptedDataLen is NULL");
 
-    if (session.operationData.empty()) {
+    if (session.result.empty()) {
       const CK_RV refusal = encrypt(call, session, pData, ulDataLen);
       if (refusal != CKR_OK) return refusal;
     }
@@ -190,7 +187,7 @@ CK_RV C_DecryptInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_
                                                     : findPkcs1DecryptionKey(call, session, *pMechanism, hKey, keyPair);
     if (refusal != CKR_OK) return refusal;
 
-    // The padding is not kept: the device finds out by itself.
+    // The padding is not kept: the device recognises it.
     begin(session, keyPair, Operation::decryption, Operation::decryptionDuringDigest);
     return CKR_OK;
   });
@@ -206,7 +203,7 @@ CK_RV C_Decrypt(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pEncryptedData, CK_ULONG
     }
     if (!pulDataLen) return call.refuse(CKR_ARGUMENTS_BAD, "pulDataLen is NULL");
 
-    if (session.operationData.empty()) {
+    if (session.result.empty()) {
       const CK_RV refusal = decrypt(call, session, pEncryptedData, ulEncryptedDataLen);
       if (refusal != CKR_OK) return refusal;
     }

@@ -2,12 +2,12 @@
 #include <algorithm>
 
 #include "crypto/mechanisms.h"
-#include "devlib/library_instance.h"
 #include "devlib/records.h"
+#include "frame/exported_call.h"
 #include "objects/derived_keys.h"
-#include "objects/object_store.h"
+#include "objects/object_handles.h"
 #include "objects/template_reader.h"
-#include "sessions/session_table.h"
+#include "sessions/session.h"
 #include "sessions/user_password.h"
 
 namespace tavrin {
@@ -90,13 +90,10 @@ void cutOrPad(SecretBytes& secret, std::size_t length) {
 
 using namespace tavrin;
 
-// What is wrong with the arguments is answered without an error line.
+// Refusals of arguments write no error line.
 CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hBaseKey,
                   CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulAttributeCount, CK_OBJECT_HANDLE_PTR phKey) {
-  return exportedCall("C_DeriveKey", [&](const Call& call) -> CK_RV {
-    if (libraryInstance == nullptr) return CKR_CRYPTOKI_NOT_INITIALIZED;
-    const auto session = sessionTable.find(hSession);
-    if (!session) return CKR_SESSION_HANDLE_INVALID;
+  const auto derive = [&](const Call& call, const Session& session) -> CK_RV {
     if (!pMechanism || !phKey) return CKR_ARGUMENTS_BAD;
     if (pMechanism->mechanism != CKM_ECDH1_DERIVE) return CKR_MECHANISM_INVALID;
     CK_ECDH1_DERIVE_PARAMS parameters{};
@@ -105,15 +102,15 @@ CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OB
 
     const ByteView peer(parameters.pPublicData, static_cast<std::size_t>(parameters.ulPublicDataLen));
     logDebug("key id :: ", hBaseKey - privateKeyBase);
-    const TavrinKeyPair* baseKey = resolveKeyPair(*session, hBaseKey, privateKeyBase);
+    const TavrinKeyPair* baseKey = resolveKeyPair(session, hBaseKey, privateKeyBase);
     if (!baseKey) return CKR_KEY_HANDLE_INVALID;
     logDebug("base key id :: ", Hex{baseKey->recordId});
     logDebug("public key :: ", Hex{peer});
 
     SecretBytes secret;
-    const CK_RV refusal = agreeOnSecret(call, *session, *baseKey, peer, secret);
+    const CK_RV refusal = agreeOnSecret(call, session, *baseKey, peer, secret);
     if (refusal != CKR_OK) return refusal;
-    secret = applyKdf(*session, parameters.kdf, std::move(secret));
+    secret = applyKdf(session, parameters.kdf, std::move(secret));
     const std::size_t length = wantedLength(pTemplate, ulAttributeCount);
     if (length != 0) cutOrPad(secret, length);
 
@@ -121,5 +118,6 @@ CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OB
     *phKey = derivedKeyTable.insert(std::move(secret));
     logDebug("C_DeriveKey: done, handle=", *phKey, " len=", finalLength);
     return CKR_OK;
-  });
+  };
+  return sessionCall("C_DeriveKey", hSession, derive, RefusalLines::none);
 }

@@ -4,9 +4,9 @@
 
 #include "crypto/mechanisms.h"
 #include "devlib/device_statuses.h"
-#include "objects/object_store.h"
+#include "objects/object_handles.h"
 #include "objects/template_reader.h"
-#include "sessions/session_call.h"
+#include "sessions/refusals.h"
 #include "sessions/user_password.h"
 
 namespace tavrin {
@@ -91,8 +91,7 @@ CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
                         CK_ULONG ulPrivateKeyAttributeCount, CK_OBJECT_HANDLE_PTR phPublicKey,
                         CK_OBJECT_HANDLE_PTR phPrivateKey) {
   return sessionCall("C_GenerateKeyPair", hSession, [&](const Call& call, const Session& session) -> CK_RV {
-    const CK_STATE state = session.state;
-    if (state == CKS_RO_PUBLIC_SESSION || state == CKS_RO_USER_FUNCTIONS) return refuseState(call, state);
+    if (session.isReadOnly()) return refuseState(call, session.state);
     if (!pMechanism) return call.refuse(CKR_ARGUMENTS_BAD, "pMechanism is NULL");
     if (hasParameter(*pMechanism)) {
       const CK_MECHANISM_TYPE type = pMechanism->mechanism;

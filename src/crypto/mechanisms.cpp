@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <iterator>
 
-#include "devlib/library_instance.h"
+#include "frame/exported_call.h"
 
 namespace tavrin {
 namespace {
@@ -81,12 +81,12 @@ CK_RV C_GetMechanismList(CK_SLOT_ID, CK_MECHANISM_TYPE_PTR pMechanismList, CK_UL
 CK_RV C_GetMechanismInfo(CK_SLOT_ID, CK_MECHANISM_TYPE type, CK_MECHANISM_INFO_PTR pInfo) {
   return initializedCall("C_GetMechanismInfo", [&](const Call& call) -> CK_RV {
     if (!pInfo) return call.refuse(CKR_ARGUMENTS_BAD, "pInfo is NULL");
-    call.debug("C_GetMechanismInfo -- type : ", type);
+    logDebug("C_GetMechanismInfo -- type : ", type);
     const Mechanism* mechanism = findMechanism(type);
     if (!mechanism) return call.refuse(CKR_MECHANISM_INVALID, "unsupported mechanism type=", type);
 
     *pInfo = {mechanism->minimumKeySize, mechanism->maximumKeySize, mechanism->flags};
-    call.debug("C_GetMechanismInfo -- exit");
+    logDebug("C_GetMechanismInfo -- exit");
     return CKR_OK;
   });
 }

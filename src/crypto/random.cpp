@@ -1,7 +1,7 @@
 // C_GenerateRandom.
 #include "devlib/device_library.h"
 #include "devlib/records.h"
-#include "sessions/session_call.h"
+#include "sessions/refusals.h"
 
 using namespace tavrin;
 

@@ -2,7 +2,7 @@
 // the result is kept; with one the whole result is copied and the operation is over.
 #pragma once
 
-#include "log/call.h"
+#include "frame/exported_call.h"
 #include "platform/secret_memory.h"
 
 namespace tavrin {

@@ -1,55 +1,44 @@
 // C_SignInit, C_Sign, C_SignUpdate and C_SignFinal.
-#include <utility>
-
-#include "crypto/device_hash.h"
 #include "crypto/firmware_gate.h"
 #include "crypto/result_delivery.h"
-#include "crypto/signature_parts.h"
-#include "objects/object_store.h"
-#include "sessions/session_call.h"
+#include "crypto/signature_input.h"
+#include "objects/object_handles.h"
+#include "sessions/refusals.h"
 #include "sessions/user_password.h"
 
 namespace tavrin {
 namespace {
 
-// A signature is as long as the key's modulus at the most: 512 bytes for RSA 4096.
+// The longest signature is that of RSA 4096, with 512 bytes.
 constexpr int signatureBufferSize = 1024;
 
 void logInput(const Session& session, bool passwordIsEmpty, ByteView input) {
-  const DebugLines debug;
-  debug("Sign: password empty=", passwordIsEmpty ? 1 : 0, " hashLen=", input.size(),
-        " session state=", session.state.load());
+  logDebug("Sign: password empty=", passwordIsEmpty ? 1 : 0, " hashLen=", input.size(),
+           " session state=", session.state.load());
   if (input.empty()) {
-    debug("Sign input hash : NULL or empty");
+    logDebug("Sign input hash : NULL or empty");
   } else {
-    debug("Sign input hash : ", Hex{input});
+    logDebug("Sign input hash : ", Hex{input});
   }
 }
 
-// Has the device sign the input and keeps the signature in the session; returns the device's status.
+// Signs the input and keeps the signature in the session. Returns the device's status.
 int signInput(Session& session, const Pin& password, ByteView input) {
   std::uint8_t signature[signatureBufferSize] = {};
   int length = signatureBufferSize;
-  const int status = tavrin_signHash(session.deviceId(), session.operationKey->recordId, password.text(), input.data(),
-                                     deviceLength(static_cast<CK_ULONG>(input.size())), signature, &length, false,
-                                     libraryInstance, session.operationFlag);
-  if (status == 0) session.operationData.assign(signature, signature + returnedLength(length, sizeof signature));
+  const int status =
+      tavrin_signHash(session.deviceId(), session.operationKey->recordId, password.text(), input.data(),
+                      deviceLength(input.size()), signature, &length, false, libraryInstance, session.mechanism->pss);
+  if (status == 0) session.result.assign(signature, signature + returnedLength(length, sizeof signature));
   return status;
 }
 
-// Hashes the message as the mechanism asks for and signs the digest, or signs the message as it is.
-CK_RV signMessage(const Call& call, Session& session, const Mechanism& mechanism, ByteView message) {
+CK_RV signMessage(const Call& call, Session& session, ByteView message) {
+  static constexpr HashErrorTexts texts{"init hash failed ", "update hash failed ", "final hash failed "};
   Digest digest;
-  ByteView input = message;
-  if (mechanism.hash != HashCode::none) {
-    static constexpr const char* failures[] = {"", "init hash failed ", "update hash failed ", "final hash failed "};
-    const HashFailure failure =
-        hashMessage(session, mechanism.hash, message.data(), static_cast<CK_ULONG>(message.size()), digest);
-    if (failure.step != HashFailure::none) {
-      return endFailed(session, call.refuseBare(CKR_FUNCTION_FAILED, failures[failure.step], failure.status));
-    }
-    input = digest.bytes();
-  }
+  ByteView input;
+  const CK_RV refusal = makeInput(session, message, texts, digest, input);
+  if (refusal != CKR_OK) return refusal;
   const Pin password = userPassword.copy();
   logInput(session, password.isEmpty(), input);
   const int status = signInput(session, password, input);
@@ -57,26 +46,17 @@ CK_RV signMessage(const Call& call, Session& session, const Mechanism& mechanism
   return endFailed(session, call.refuseBare(CKR_FUNCTION_FAILED, "Sign hash failed : ", status));
 }
 
-// The hash code of the signature under way; none for the raw mechanisms, whose parts are gathered instead.
-HashCode hashOf(const Session& session) {
-  const Mechanism* mechanism = findMechanism(session.mechanism, CKF_SIGN);
-  return mechanism ? mechanism->hash : HashCode::none;
-}
-
-// Signs what the parts have left in the session: their bytes, or their digest.
 CK_RV signParts(const Call& call, Session& session) {
-  if (hashOf(session) != HashCode::none) {
-    const CK_RV refusal = finishParts(call, session);
-    if (refusal != CKR_OK) return refusal;
-  }
-  const SecretBytes input = std::exchange(session.digestData, {});
+  SecretBytes input;
+  const CK_RV refusal = takeInput(call, session, session.mechanism->hash, input);
+  if (refusal != CKR_OK) return refusal;
   const int status = signInput(session, userPassword.copy(), input);
   if (status == 0) return CKR_OK;
   return endFailed(session, call.refuse(CKR_FUNCTION_FAILED, "signHash failed ", status));
 }
 
 CK_RV deliverSignature(const Call& call, Session& session, CK_BYTE_PTR pSignature, CK_ULONG_PTR pulSignatureLen) {
-  switch (deliver(call, session.operationData, pSignature, pulSignatureLen)) {
+  switch (deliver(call, session.result, pSignature, pulSignatureLen)) {
     case Delivery::tooSmall:
       return CKR_BUFFER_TOO_SMALL;
     case Delivery::delivered:
@@ -101,22 +81,21 @@ CK_RV C_SignInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJ
     const CK_MECHANISM_TYPE type = pMechanism->mechanism;
     const Mechanism* mechanism = findMechanism(type, CKF_SIGN);
     if (!mechanism) return call.refuse(CKR_MECHANISM_INVALID, "unsupported mechanism=", type);
-    // A PSS parameter is accepted whatever it says: the device has its own settings.
+    // A PSS parameter is not examined: the device has its own settings.
     if (!mechanism->pss && hasParameter(*pMechanism)) {
       return call.refuse(CKR_MECHANISM_PARAM_INVALID, "mechanism param invalid for mechanism=", type);
     }
     if (mechanism->pss) {
-      call.debug("firmware veriosn :: ", session.device.firmwareVersion);
+      logDebug("firmware veriosn :: ", session.device.firmwareVersion);
       if (!firmwareHasPssAndOaep(session)) return refusePss(call, session);
     }
-    session.mechanism = type;
-    session.operationFlag = mechanism->pss;
 
     if (hKey < privateKeyBase) return call.refuse(CKR_OBJECT_HANDLE_INVALID, "invalid hKey=", hKey);
     const TavrinKeyPair* keyPair = resolveKeyPair(session, hKey, privateKeyBase);
     if (!keyPair) return call.refuseBare(CKR_OBJECT_HANDLE_INVALID, "Invalid input handle in sign : ", hKey);
     session.operationKey = keyPair;
-    wipeAndFree(session.operationData);
+    session.mechanism = mechanism;
+    wipeAndFree(session.result);
     session.activeOperation = Operation::signing;
     return CKR_OK;
   });
@@ -129,13 +108,11 @@ CK_RV C_Sign(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen, 
     if (!pData) return call.refuse(CKR_ARGUMENTS_BAD, "pData is NULL");
     if (ulDataLen == 0) return call.refuse(CKR_ARGUMENTS_BAD, "ulDataLen<=0, ulDataLen=", ulDataLen);
     if (!pulSignatureLen) return call.refuse(CKR_ARGUMENTS_BAD, "pulSignatureLen is NULL");
-    call.debug("sign echanism : ", session.mechanism);
+    logDebug("sign echanism : ", session.mechanism->type);
 
-    // A signature that a query has made is handed out without looking at the data again.
-    if (session.operationData.empty()) {
-      const Mechanism* mechanism = findMechanism(session.mechanism, CKF_SIGN);
-      if (!mechanism) return call.refuse(CKR_MECHANISM_INVALID, "unsupported mechanism=", session.mechanism);
-      const CK_RV refusal = signMessage(call, session, *mechanism, {pData, static_cast<std::size_t>(ulDataLen)});
+    // A signature that a query has made is returned without looking at the data again.
+    if (session.result.empty()) {
+      const CK_RV refusal = signMessage(call, session, {pData, static_cast<std::size_t>(ulDataLen)});
       if (refusal != CKR_OK) return refusal;
     }
     return deliverSignature(call, session, pSignature, pulSignatureLen);
@@ -148,7 +125,7 @@ CK_RV C_SignUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPar
     if (!pPart || ulPartLen == 0) {
       return call.refuse(CKR_ARGUMENTS_BAD, "pPart is NULL or ulPartLen<=0, ulPartLen=", ulPartLen);
     }
-    return takePart(call, session, hashOf(session), {pPart, static_cast<std::size_t>(ulPartLen)});
+    return takePart(call, session, session.mechanism->hash, {pPart, static_cast<std::size_t>(ulPartLen)});
   });
 }
 
@@ -157,7 +134,7 @@ CK_RV C_SignFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature, CK_ULONG_P
     if (session.activeOperation != Operation::signing) return refuseNotInitialized(call, session);
     if (!pulSignatureLen) return call.refuse(CKR_ARGUMENTS_BAD, "pulSignatureLen is NULL");
 
-    if (session.operationData.empty()) {
+    if (session.result.empty()) {
       const CK_RV refusal = signParts(call, session);
       if (refusal != CKR_OK) return refusal;
     }

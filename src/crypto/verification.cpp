@@ -1,12 +1,9 @@
 // C_VerifyInit, C_Verify, C_VerifyUpdate and C_VerifyFinal.
-#include <utility>
-
 #include "crypto/der.h"
-#include "crypto/device_hash.h"
 #include "crypto/firmware_gate.h"
-#include "crypto/signature_parts.h"
-#include "objects/object_store.h"
-#include "sessions/session_call.h"
+#include "crypto/signature_input.h"
+#include "objects/object_handles.h"
+#include "sessions/refusals.h"
 
 namespace tavrin {
 namespace {
@@ -18,7 +15,8 @@ struct Signature {
   CK_ULONG length;
 };
 
-// An EC point or a key that is DER already goes to the device as it is, a bare modulus in a SubjectPublicKeyInfo.
+// The key as the device takes it: an EC point, or a key that is DER already, as it is; a modulus as
+// SubjectPublicKeyInfo.
 std::vector<std::uint8_t> preparePublicKey(const TavrinKeyPair& keyPair) {
   const ByteView key = publicKey(keyPair);
   const KeyTypeInfo* type = findKeyType(keyPair.keyType);
@@ -31,39 +29,24 @@ std::vector<std::uint8_t> preparePublicKey(const TavrinKeyPair& keyPair) {
   return rsaSubjectPublicKeyInfo(key);
 }
 
-// Asks the device and ends the operation whatever it answers; returns its status, 0 for a valid signature.
+// Ends the operation. Returns the device's status, 0 for a valid signature.
 int verifyInput(Session& session, ByteView input, ByteView key, Signature signature, bool pss) {
   session.activeOperation = Operation::none;
   return tavrin_verifySignatureHash(session.operationKey->keyType, session.deviceId(), input.data(),
-                                    deviceLength(static_cast<CK_ULONG>(input.size())), key.data(),
-                                    static_cast<int>(key.size()), signature.bytes, deviceLength(signature.length),
-                                    libraryInstance, pss);
+                                    deviceLength(input.size()), key.data(), static_cast<int>(key.size()),
+                                    signature.bytes, deviceLength(signature.length), libraryInstance, pss);
 }
 
-CK_RV verifyMessage(const Call& call, Session& session, const Mechanism& mechanism, ByteView message,
+CK_RV verifyMessage(const Call& call, Session& session, const HashErrorTexts& texts, ByteView message,
                     Signature signature) {
   Digest digest;
-  ByteView input = message;
-  if (mechanism.hash != HashCode::none) {
-    static constexpr const char* failures[] = {
-        "", "initHash failed ret=", "updateHash failed ret=", "finalHash failed ret="};
-    const HashFailure failure =
-        hashMessage(session, mechanism.hash, message.data(), static_cast<CK_ULONG>(message.size()), digest);
-    if (failure.step != HashFailure::none) {
-      return endFailed(session, call.refuse(CKR_FUNCTION_FAILED, failures[failure.step], failure.status));
-    }
-    input = digest.bytes();
-  }
+  ByteView input;
+  const CK_RV refusal = makeInput(session, message, texts, digest, input);
+  if (refusal != CKR_OK) return refusal;
   const auto key = preparePublicKey(*session.operationKey);
-  const int status = verifyInput(session, input, key, signature, session.operationFlag);
+  const int status = verifyInput(session, input, key, signature, session.mechanism->pss);
   if (status == 0) return CKR_OK;
   return call.refuseBare(CKR_SIGNATURE_INVALID, "Verify signature failed : ", status);
-}
-
-// The hash over the parts of the message, which is not always the one of C_Verify; none for parts that are gathered.
-HashCode hashOfParts(const Session& session) {
-  const Mechanism* mechanism = findMechanism(session.mechanism, CKF_VERIFY);
-  return mechanism ? mechanism->hashWhenVerifyingInParts : HashCode::none;
 }
 
 }  // namespace
@@ -86,8 +69,7 @@ CK_RV C_VerifyInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_O
     }
     if (mechanism->pss && !firmwareHasPssAndOaep(session)) return refusePss(call, session);
 
-    session.mechanism = type;
-    session.operationFlag = mechanism->pss;
+    session.mechanism = mechanism;
     session.activeOperation = Operation::verification;
     return CKR_OK;
   });
@@ -102,10 +84,10 @@ CK_RV C_Verify(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen
       return call.refuse(CKR_ARGUMENTS_BAD, "ulDataLen or ulSignatureLen <= 0, ulDataLen=", ulDataLen,
                          " ulSignatureLen=", ulSignatureLen);
     }
-    const Mechanism* mechanism = findMechanism(session.mechanism, CKF_VERIFY);
-    if (!mechanism) return endFailed(session, CKR_MECHANISM_INVALID);
 
-    return verifyMessage(call, session, *mechanism, {pData, static_cast<std::size_t>(ulDataLen)},
+    static constexpr HashErrorTexts texts{
+        "C_Verify: initHash failed ret=", "C_Verify: updateHash failed ret=", "C_Verify: finalHash failed ret="};
+    return verifyMessage(call, session, texts, {pData, static_cast<std::size_t>(ulDataLen)},
                          {pSignature, ulSignatureLen});
   });
 }
@@ -116,7 +98,8 @@ CK_RV C_VerifyUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulP
     if (!pPart || ulPartLen == 0) {
       return call.refuse(CKR_ARGUMENTS_BAD, "pPart is NULL or ulPartLen<=0, ulPartLen=", ulPartLen);
     }
-    return takePart(call, session, hashOfParts(session), {pPart, static_cast<std::size_t>(ulPartLen)});
+    return takePart(call, session, session.mechanism->hashWhenVerifyingInParts,
+                    {pPart, static_cast<std::size_t>(ulPartLen)});
   });
 }
 
@@ -127,12 +110,10 @@ CK_RV C_VerifyFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature, CK_ULONG
       return call.refuse(CKR_ARGUMENTS_BAD, "pSignature is NULL or ulSignatureLen<=0, ulSignatureLen=", ulSignatureLen);
     }
 
-    if (hashOfParts(session) != HashCode::none) {
-      const CK_RV refusal = finishParts(call, session);
-      if (refusal != CKR_OK) return refusal;
-    }
-    // In parts, the device gets the key as it is stored and no word of PSS: it has only ever been asked so.
-    const SecretBytes input = std::exchange(session.digestData, {});
+    SecretBytes input;
+    const CK_RV refusal = takeInput(call, session, session.mechanism->hashWhenVerifyingInParts, input);
+    if (refusal != CKR_OK) return refusal;
+    // For a message in parts the device has always received the key as it is stored, and never the PSS flag.
     const int status =
         verifyInput(session, input, publicKey(*session.operationKey), {pSignature, ulSignatureLen}, false);
     if (status == 0) return CKR_OK;

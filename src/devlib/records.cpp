@@ -35,7 +35,7 @@ std::size_t returnedLength(int length, std::size_t size) {
 
 bool isTooLong(int length) { return length > static_cast<int>(maximumResultLength); }
 
-int deviceLength(CK_ULONG length) {
+int deviceLength(std::size_t length) {
   if (length > std::numeric_limits<std::uint32_t>::max()) return -1;
   return static_cast<int>(static_cast<std::uint32_t>(length));
 }

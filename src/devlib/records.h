@@ -30,9 +30,9 @@ std::size_t returnedLength(int length, std::size_t size);
 // Whether a length that the library returned for a buffer of its own is more than the module accepts.
 bool isTooLong(int length);
 
-// A caller's length as the library takes it. Lengths beyond 32 bits become -1, which every library refuses, rather
-// than a shorter length that it would accept.
-int deviceLength(CK_ULONG length);
+// A length in bytes as the library takes it: its lower 32 bits as a signed number. A length of more than 32 bits
+// becomes -1, which every library refuses, and not a shorter length that it would accept.
+int deviceLength(std::size_t length);
 
 // Copies as many bytes as the field holds and returns how many that were.
 std::uint32_t copyToField(std::span<std::uint8_t> field, ByteView bytes);

@@ -84,22 +84,4 @@ void logDebug(const Parts&... parts) noexcept {
   if (getLogLevel() >= debugLevel) log_detail::compose(debugLevel, parts...);
 }
 
-// Debug lines of one moment, on the level as it is read when this is made. Nobody can tell that from a reading for each
-// line, as long as there is nothing but a little computing between them; after an operation of the device library, a
-// wait or a long list of lines, take a new one.
-class DebugLines {
- public:
-  DebugLines() noexcept : wanted_(getLogLevel() >= debugLevel) {}
-
-  bool wanted() const { return wanted_; }
-
-  template <typename... Parts>
-  void operator()(const Parts&... parts) const noexcept {
-    if (wanted_) log_detail::compose(debugLevel, parts...);
-  }
-
- private:
-  bool wanted_;
-};
-
 }  // namespace tavrin

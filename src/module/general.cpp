@@ -3,7 +3,7 @@
 #include <string_view>
 
 #include "devlib/device_library.h"
-#include "devlib/library_instance.h"
+#include "frame/exported_call.h"
 #include "sessions/session_table.h"
 #include "sessions/user_password.h"
 #include "slots/device_monitor.h"
@@ -97,7 +97,7 @@ CK_RV C_GetInfo(CK_INFO_PTR pInfo) {
     copyTerminated(pInfo->manufacturerID, "Quorvane Telemantix");
     pInfo->flags = 0;
     copyTerminated(pInfo->libraryDescription, "Tavrin PKCS11 Library");
-    pInfo->libraryVersion = {3, 6};
+    pInfo->libraryVersion = {TAVRIN_VERSION_MAJOR, TAVRIN_VERSION_MINOR};
     return CKR_OK;
   });
 }

@@ -7,7 +7,7 @@
 
 #include "devlib/library_instance.h"
 #include "objects/derived_keys.h"
-#include "objects/object_store.h"
+#include "objects/object_handles.h"
 #include "platform/platform.h"
 #include "sessions/session_table.h"
 #include "sessions/user_password.h"

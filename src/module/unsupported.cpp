@@ -1,5 +1,5 @@
 // The entry points that exist and are not supported: each writes its name and refuses, without looking at anything.
-#include "log/call.h"
+#include "frame/exported_call.h"
 #include "module/vendor_extensions.h"
 
 namespace tavrin {

@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "devlib/device_constants.h"
-#include "objects/object_store.h"
+#include "objects/object_handles.h"
 
 namespace tavrin {
 namespace {

@@ -5,9 +5,9 @@
 
 #include "objects/attribute_table.h"
 #include "objects/derived_keys.h"
-#include "objects/object_store.h"
+#include "objects/object_handles.h"
 #include "objects/template_reader.h"
-#include "sessions/session_call.h"
+#include "sessions/refusals.h"
 #include "sessions/user_password.h"
 
 namespace tavrin {
@@ -90,7 +90,7 @@ CK_RV C_GetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, 
                           CK_ULONG ulCount) {
   return sessionCall("C_GetAttributeValue", hSession, [&](const Call& call, const Session& session) -> CK_RV {
     if (!pTemplate) return call.refuseBare(CKR_ARGUMENTS_BAD, "C_GetAttributeValue template is null");
-    call.debug("C_GetAttributeValue count : ", ulCount);
+    logDebug("C_GetAttributeValue count : ", ulCount);
     if (ulCount == 0) return call.refuse(CKR_ARGUMENTS_BAD, "ulCount<=0");
 
     const auto entries = templateEntries(pTemplate, ulCount);

@@ -1,21 +1,36 @@
-// What an installation's CA certificate files are called, where they may lie, and by which name one finds another.
-// Needs no device library, so that tavrin-tool goes by it too.
+// The CA certificate files of an installation: where they are, what they are called, and how one names its issuer.
+// tavrin-tool uses this too. Needs no device library. Any thread may call the functions.
 #pragma once
 
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace tavrin {
 
-// Where a folder TavrinDSC/Certificates may be found when $TAVRIN_HOME names no place.
+// The folders in which TavrinDSC/Certificates may be when $TAVRIN_HOME is not set. The first that exists counts.
 inline constexpr const char* installFolders[] = {"C:/Program Files (x86)/Quorvane Telemantix/Tavrin",
                                                  "C:/Program Files/Quorvane Telemantix/Tavrin"};
 
 inline std::vector<std::string> caFileExtensions() { return {".cer", ".der", ".pem", ".crt"}; }
 
+// The installation's folder of CA certificates: below $TAVRIN_HOME, else below the first of the install folders that
+// exists, else below `programFolder`. It may not exist.
+std::string caFolder(const std::string& programFolder);
+
 // The common name in a name text: what follows the first "CN=" up to a comma or the end of the line; the whole text
 // when there is none.
 std::string extractCommonName(std::string_view name);
+
+// The issuers of a certificate among the CA files, by common name.
+struct IssuerChain {
+  std::vector<std::string> issuers;  // the certificate's own issuer first
+  std::string missing;               // the issuer that no file has or that is in the chain already; empty: complete
+};
+
+// Follows the issuers from the common name `issuer` up to a certificate that names itself. `issuerOf` holds the common
+// name of each CA certificate with that of its issuer. A certificate without an issuer's name needs no issuers.
+IssuerChain followIssuers(const std::map<std::string, std::string>& issuerOf, std::string issuer);
 
 }  // namespace tavrin

@@ -3,9 +3,9 @@
 
 #include "devlib/device_statuses.h"
 #include "objects/ca_chain.h"
-#include "objects/object_store.h"
+#include "objects/object_handles.h"
 #include "objects/template_reader.h"
-#include "sessions/session_call.h"
+#include "sessions/refusals.h"
 #include "sessions/user_password.h"
 
 namespace tavrin {

@@ -6,7 +6,7 @@
 #include <mutex>
 #include <optional>
 
-#include "objects/object_store.h"
+#include "objects/object_handles.h"
 #include "platform/secret_memory.h"
 
 namespace tavrin {

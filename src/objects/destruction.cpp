@@ -1,7 +1,8 @@
 // C_DestroyObject.
 #include "devlib/records.h"
-#include "objects/object_store.h"
-#include "sessions/session_call.h"
+#include "frame/exported_call.h"
+#include "objects/object_handles.h"
+#include "sessions/session.h"
 #include "sessions/user_password.h"
 
 namespace tavrin {
@@ -27,29 +28,24 @@ CK_RV destroyCertificate(const Call& call, const Session& session, const TavrinC
 using namespace tavrin;
 
 CK_RV C_DestroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject) {
-  return initializedCall("C_DestroyObject", [&](const Call& call) -> CK_RV {
-    const auto session = sessionTable.find(hSession);
-    if (!session) {
-      logDebug("Delete session state invalid");
-      return CKR_SESSION_HANDLE_INVALID;
-    }
-    const CK_STATE state = session->state;
-    if (state == CKS_RO_PUBLIC_SESSION || state == CKS_RO_USER_FUNCTIONS) {
-      logDebug("Delete session state invalid : ", state);
+  const auto destroy = [&](const Call& call, const Session& session) -> CK_RV {
+    if (session.isReadOnly()) {
+      logDebug("Delete session state invalid : ", session.state.load());
       return CKR_SESSION_READ_ONLY;
     }
 
     logDebug("Delete key pair id : ", hObject);
     if (isPrivateKey(hObject)) {
-      const TavrinKeyPair* keyPair = resolveKeyPair(*session, hObject, privateKeyBase);
-      if (keyPair) return destroyKeyPair(call, *session, *keyPair);
+      const TavrinKeyPair* keyPair = resolveKeyPair(session, hObject, privateKeyBase);
+      if (keyPair) return destroyKeyPair(call, session, *keyPair);
       logDebug("Input keypair not found in destroy : ", hObject);
     } else if (hObject >= certificateBase) {
-      const TavrinCertificate* record = resolveCertificate(*session, hObject, certificateBase);
-      if (record) return destroyCertificate(call, *session, *record);
+      const TavrinCertificate* record = resolveCertificate(session, hObject, certificateBase);
+      if (record) return destroyCertificate(call, session, *record);
       logDebug("Input certificate not found in destroy : ", hObject);
     }
-    // A public key goes with its private key, never by its own handle.
+    // A public key is destroyed with its private key, never by its own handle.
     return call.refuse(CKR_OBJECT_HANDLE_INVALID, "invalid hObject=", hObject);
-  });
+  };
+  return sessionCall("C_DestroyObject", hSession, destroy, RefusalLines::debugForUnknownSession);
 }

@@ -7,9 +7,9 @@
 
 #include "devlib/device_library.h"
 #include "devlib/records.h"
-#include "objects/object_store.h"
+#include "objects/object_handles.h"
 #include "objects/template_reader.h"
-#include "sessions/session_call.h"
+#include "sessions/refusals.h"
 
 namespace tavrin {
 namespace {
@@ -24,11 +24,11 @@ struct Criteria {
   std::optional<ByteView> modulus;
 };
 
-void takeCriterion(const Call& call, CK_ATTRIBUTE_TYPE type, ByteView value, Criteria& criteria) {
+void takeCriterion(CK_ATTRIBUTE_TYPE type, ByteView value, Criteria& criteria) {
   switch (type) {
     case CKA_CLASS:
       criteria.objectClass = numberOf(value);
-      call.debug("Find object class : ", *criteria.objectClass);
+      logDebug("Find object class : ", *criteria.objectClass);
       break;
     case CKA_ID:
       criteria.id = value;
@@ -44,7 +44,7 @@ void takeCriterion(const Call& call, CK_ATTRIBUTE_TYPE type, ByteView value, Cri
       criteria.value = value;
       break;
     case CKA_MODULUS:
-      call.debug("Modulus provided length : ", value.size());
+      logDebug("Modulus provided length : ", value.size());
       criteria.modulus = value;
       break;
     default:
@@ -62,12 +62,12 @@ CK_RV readCriteria(const Call& call, std::span<const CK_ATTRIBUTE> entries, Crit
     if (value.empty()) {
       return call.refuse(CKR_ATTRIBUTE_VALUE_INVALID, "ulValueLen<=0 at attribute index=", i, " type=", type);
     }
-    call.debug("Find object init type : ", type);
+    logDebug("Find object init type : ", type);
     if (type == CKA_CLASS && value.size() != sizeof(CK_OBJECT_CLASS)) {
       return call.refuse(CKR_ATTRIBUTE_VALUE_INVALID, "wrong size for CKA_CLASS at index=", i,
                          " ulValueLen=", value.size());
     }
-    takeCriterion(call, type, value, criteria);
+    takeCriterion(type, value, criteria);
   }
   return CKR_OK;
 }
@@ -125,22 +125,23 @@ void selectResults(Session& session, DeviceObjects objects, const Criteria& crit
   const bool all = !wanted;
   if (all || wanted == CKO_CERTIFICATE) {
     if (!all) keepMatches(objects.certificates, criteria);
-    session.findCertificates = std::move(objects.certificates);
+    session.search.certificates = std::move(objects.certificates);
   }
   if (all || wanted == CKO_PUBLIC_KEY || wanted == CKO_PRIVATE_KEY) {
     if (!all) keepMatches(objects.keyPairs, criteria);
-    session.findKeyPairs = std::move(objects.keyPairs);
-    session.findPublicKeys = !session.findKeyPairs.empty() && wanted != CKO_PRIVATE_KEY;
-    session.findPrivateKeys = !session.findKeyPairs.empty() && wanted != CKO_PUBLIC_KEY && session.isUserSession();
+    session.search.keyPairs = std::move(objects.keyPairs);
+    session.search.findsPublicKeys = !session.search.keyPairs.empty() && wanted != CKO_PRIVATE_KEY;
+    session.search.findsPrivateKeys =
+        !session.search.keyPairs.empty() && wanted != CKO_PUBLIC_KEY && session.isUserSession();
   }
 }
 
 void resetSearch(Session& session) {
-  session.findCursor = 0;
-  session.findPublicKeys = false;
-  session.findPrivateKeys = false;
-  session.findCertificates.clear();
-  session.findKeyPairs.clear();
+  session.search.cursor = 0;
+  session.search.findsPublicKeys = false;
+  session.search.findsPrivateKeys = false;
+  session.search.certificates.clear();
+  session.search.keyPairs.clear();
 }
 
 // All results as one sequence: the public keys, then the private keys, then the certificates.
@@ -148,16 +149,16 @@ class SearchResults {
  public:
   explicit SearchResults(const Session& session)
       : session_(session),
-        publicKeys_(session.findPublicKeys ? session.findKeyPairs.size() : 0),
-        privateKeys_(session.findPrivateKeys ? session.findKeyPairs.size() : 0) {}
+        publicKeys_(session.search.findsPublicKeys ? session.search.keyPairs.size() : 0),
+        privateKeys_(session.search.findsPrivateKeys ? session.search.keyPairs.size() : 0) {}
 
-  std::size_t size() const { return publicKeys_ + privateKeys_ + session_.findCertificates.size(); }
+  std::size_t size() const { return publicKeys_ + privateKeys_ + session_.search.certificates.size(); }
 
   CK_OBJECT_HANDLE operator[](std::size_t position) const {
-    if (position < publicKeys_) return objectHandle(publicKeyBase, session_.findKeyPairs[position].id);
+    if (position < publicKeys_) return objectHandle(publicKeyBase, session_.search.keyPairs[position].id);
     position -= publicKeys_;
-    if (position < privateKeys_) return objectHandle(privateKeyBase, session_.findKeyPairs[position].id);
-    return objectHandle(certificateBase, session_.findCertificates[position - privateKeys_].id);
+    if (position < privateKeys_) return objectHandle(privateKeyBase, session_.search.keyPairs[position].id);
+    return objectHandle(certificateBase, session_.search.certificates[position - privateKeys_].id);
   }
 
  private:
@@ -178,7 +179,7 @@ CK_RV C_FindObjectsInit(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, 
     }
 
     resetSearch(session);
-    call.debug("Find object init count : ", ulCount);
+    logDebug("Find object init count : ", ulCount);
     Criteria criteria;
     const CK_RV refusal = readCriteria(call, templateEntries(pTemplate, ulCount), criteria);
     if (refusal != CKR_OK) return refusal;
@@ -186,7 +187,7 @@ CK_RV C_FindObjectsInit(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, 
     DeviceObjects objects = listObjects(session);
     if (criteria.id) logDebug("Find init id : ", Hex{*criteria.id});
     selectResults(session, std::move(objects), criteria);
-    // Whatever went on before is replaced without a word.
+    // Any operation in progress is replaced silently.
     session.activeOperation = Operation::search;
     return CKR_OK;
   });
@@ -203,24 +204,23 @@ CK_RV C_FindObjects(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE_PTR phObject, C
 
     *pulObjectCount = 0;
     const SearchResults results(session);
-    call.debug("C_FindObjects find object count : ", results.size());
+    logDebug("C_FindObjects find object count : ", results.size());
     if (results.size() == 0) {
-      call.debug("C_FindObjects find object count 0");
+      logDebug("C_FindObjects find object count 0");
       return CKR_OK;
     }
-    if (ulMaxObjectCount == 0) call.debug("C_FindObjects find object max count is 0 : ", ulMaxObjectCount);
+    if (ulMaxObjectCount == 0) logDebug("C_FindObjects find object max count is 0 : ", ulMaxObjectCount);
 
     CK_ULONG count = 0;
-    for (; count < ulMaxObjectCount && session.findCursor + count < results.size(); ++count) {
-      phObject[count] = results[session.findCursor + count];
+    for (; count < ulMaxObjectCount && session.search.cursor + count < results.size(); ++count) {
+      phObject[count] = results[session.search.cursor + count];
     }
     *pulObjectCount = count;
-    session.findCursor += static_cast<std::uint32_t>(count);
-    // Thousands of lines take their time, so each is written on a reading of its own.
-    if (call.debug.wanted()) {
-      for (CK_ULONG i = 0; i < count; ++i) logDebug("Find object return : ", phObject[i]);
-      logDebug("C_FindObjects find object count return : ", count);
-    }
+    session.search.cursor += static_cast<std::uint32_t>(count);
+    // The level is read once for all handles when it leaves the lines out, since there may be thousands.
+    const CK_ULONG shown = getLogLevel() >= debugLevel ? count : 0;
+    for (CK_ULONG i = 0; i < shown; ++i) logDebug("Find object return : ", phObject[i]);
+    logDebug("C_FindObjects find object count return : ", count);
     return CKR_OK;
   });
 }
@@ -229,7 +229,7 @@ CK_RV C_FindObjectsFinal(CK_SESSION_HANDLE hSession) {
   return sessionCall("C_FindObjectsFinal", hSession, [](const Call& call, Session& session) -> CK_RV {
     if (session.activeOperation != Operation::search) return refuseNotInitialized(call, session);
     session.activeOperation = Operation::none;
-    session.findCursor = 0;
+    session.search.cursor = 0;
     return CKR_OK;
   });
 }

@@ -1,6 +1,7 @@
 // C_Login, C_Logout and C_SetPIN.
 #include "devlib/device_constants.h"
-#include "sessions/session_call.h"
+#include "frame/exported_call.h"
+#include "sessions/session_table.h"
 #include "sessions/user_password.h"
 
 namespace tavrin {
@@ -98,17 +99,11 @@ CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR
 
 CK_RV C_Logout(CK_SESSION_HANDLE hSession) {
   return sessionCall("C_Logout", hSession, [](const Call& call, Session& session) -> CK_RV {
-    const CK_STATE state = session.state;
-    if (state == CKS_RO_PUBLIC_SESSION || state == CKS_RW_PUBLIC_SESSION) {
-      return call.refuse(CKR_USER_NOT_LOGGED_IN, "user not logged in, session state=", state);
+    if (session.isPublicSession()) {
+      return call.refuse(CKR_USER_NOT_LOGGED_IN, "user not logged in, session state=", session.state.load());
     }
 
-    sessionTable.forEachOfDevice(session.device.serialNumber, [](Session& other) {
-      if (other.state == CKS_RO_USER_FUNCTIONS) other.state = CKS_RO_PUBLIC_SESSION;
-      if (other.state == CKS_RW_USER_FUNCTIONS || other.state == CKS_RW_SO_FUNCTIONS) {
-        other.state = CKS_RW_PUBLIC_SESSION;
-      }
-    });
+    sessionTable.forEachOfDevice(session.device.serialNumber, [](Session& other) { other.dropLogin(); });
     userPassword.clear();
     logDebug("C_Logout end");
     return CKR_OK;
@@ -118,9 +113,8 @@ CK_RV C_Logout(CK_SESSION_HANDLE hSession) {
 CK_RV C_SetPIN(CK_SESSION_HANDLE hSession, CK_UTF8CHAR_PTR pOldPin, CK_ULONG ulOldLen, CK_UTF8CHAR_PTR pNewPin,
                CK_ULONG ulNewLen) {
   return sessionCall("C_SetPIN", hSession, [&](const Call& call, const Session& session) -> CK_RV {
-    const CK_STATE state = session.state;
-    if (state == CKS_RO_PUBLIC_SESSION || state == CKS_RO_USER_FUNCTIONS) {
-      return call.refuse(CKR_SESSION_READ_ONLY, "session is read-only, state=", state);
+    if (session.isReadOnly()) {
+      return call.refuse(CKR_SESSION_READ_ONLY, "session is read-only, state=", session.state.load());
     }
     if (!pOldPin) return call.refuse(CKR_ARGUMENTS_BAD, "pOldPin is NULL");
     if (pinLengthIsBad(ulOldLen)) {

@@ -11,24 +11,44 @@
 
 namespace tavrin {
 
-// What a session is busy with. The numbers are those that the log shows.
+struct Mechanism;  // a row of the table in crypto/mechanisms.h
+
+// The operation in progress. The log shows these numbers.
 enum class Operation : std::uint32_t {
   none = 0,
-  search = 1,                  // begun by C_FindObjectsInit whatever went on before
+  search = 1,                  // C_FindObjectsInit, from any state
   encryption = 2,              // C_EncryptInit, from none
   decryption = 3,              // C_DecryptInit, from none
   digest = 4,                  // C_DigestInit, from none or again from digest
   signing = 5,                 // C_SignInit, from none
   verification = 7,            // C_VerifyInit, from none
-  encryptionDuringDigest = 9,  // C_EncryptInit, from digest: a dead end that only a search or closing leaves
-  decryptionDuringDigest = 10  // C_DecryptInit, from digest: the same
+  encryptionDuringDigest = 9,  // C_EncryptInit, from digest. Only a search or closing the session leaves this state.
+  decryptionDuringDigest = 10  // C_DecryptInit, from digest. The same.
 };
 
-// The number that the log shows, signed as applications have always seen it.
+// The number for the log, which has always shown it as a signed one.
 constexpr std::int32_t code(Operation operation) { return static_cast<std::int32_t>(operation); }
 
-// Used by one thread at a time, as Cryptoki asks of applications; only `state` is changed by other threads too (a
-// login or logout on another session of the token, the device monitor).
+// The results of the last search. They stay until the next one.
+struct Search {
+  std::vector<TavrinCertificate> certificates;
+  std::vector<TavrinKeyPair> keyPairs;
+  bool findsPublicKeys = false;   // reports the public keys of keyPairs
+  bool findsPrivateKeys = false;  // reports the private keys of keyPairs
+  std::uint32_t cursor = 0;       // results that were handed out
+};
+
+// Data that comes in parts: of a digest, or of a signature to make or to verify. Digests and signatures share it, and
+// neither C_SignInit nor C_VerifyInit empties it: an operation that was given up leaves its parts to the next one.
+struct Parts {
+  // The parts themselves for a mechanism without a hash, or a finished digest.
+  SecretBytes data;
+  // The running hash, an object of the device library; null when there is none.
+  void* hashContext = nullptr;
+};
+
+// One thread at a time may use a session, as Cryptoki asks of applications. Other threads read and change `state` only:
+// a login or logout on another session of the token, and the device monitor.
 struct Session {
   CK_SESSION_HANDLE handle = 0;
   std::atomic<CK_STATE> state = CKS_RO_PUBLIC_SESSION;
@@ -36,30 +56,34 @@ struct Session {
   TokenInfo device;  // as it was when the session was opened
 
   Operation activeOperation = Operation::none;
-
-  // The results of a search; they stay until the next one.
-  std::vector<TavrinCertificate> findCertificates;
-  std::vector<TavrinKeyPair> findKeyPairs;
-  bool findPublicKeys = false;   // the search reports the public keys of findKeyPairs
-  bool findPrivateKeys = false;  // the search reports their private keys
-  std::uint32_t findCursor = 0;  // results already handed out
-
-  // Points into the object store's one key-pair buffer, so that it shows whatever key pair was resolved last.
+  // The key of the operation. It points into the one buffer of key pairs (objects/object_handles.h), which the next
+  // resolution of any session overwrites.
   const TavrinKeyPair* operationKey = nullptr;
-  // A finished signature, ciphertext or plaintext between the query for its length and the call that fetches it.
-  SecretBytes operationData;
-  // The input of a raw signature in parts, or a finished digest. Only the digest calls and the final calls of
-  // signatures empty it: what an abandoned operation left here stays for the next one.
-  SecretBytes digestData;
-  // The running hash of a digest or of a signature in parts; left alone by SignInit and VerifyInit like digestData.
-  void* hashContext = nullptr;
-  CK_MECHANISM_TYPE mechanism = 0;        // of the signature
-  bool operationFlag = false;             // the signature is a PSS one
-  CK_MECHANISM_TYPE cipherMechanism = 0;  // of the encryption
+  // The mechanism of a signature, a verification or an encryption. Set while such an operation is in progress.
+  const Mechanism* mechanism = nullptr;
+  // A finished signature, ciphertext or plaintext, kept from the query for its length to the call that fetches it.
+  SecretBytes result;
+  Parts parts;
+  Search search;
 
   // The device's identifier, first argument of the library's operations.
   const char* deviceId() const { return device.serialNumber.c_str(); }
-  bool isUserSession() const { return state == CKS_RO_USER_FUNCTIONS || state == CKS_RW_USER_FUNCTIONS; }
+  bool isUserSession() const {
+    const CK_STATE now = state;
+    return now == CKS_RO_USER_FUNCTIONS || now == CKS_RW_USER_FUNCTIONS;
+  }
+  bool isPublicSession() const {
+    const CK_STATE now = state;
+    return now == CKS_RO_PUBLIC_SESSION || now == CKS_RW_PUBLIC_SESSION;
+  }
+  bool isReadOnly() const { return isReadOnlyState(state); }
+
+  // Sets the public state that follows a logout.
+  void dropLogin() { state = isReadOnly() ? CKS_RO_PUBLIC_SESSION : CKS_RW_PUBLIC_SESSION; }
+
+  static bool isReadOnlyState(CK_STATE state) {
+    return state == CKS_RO_PUBLIC_SESSION || state == CKS_RO_USER_FUNCTIONS;
+  }
 };
 
 }  // namespace tavrin

@@ -1,7 +1,7 @@
 // C_OpenSession, C_CloseSession, C_CloseAllSessions and C_GetSessionInfo.
-#include "sessions/session_call.h"
+#include "frame/exported_call.h"
+#include "sessions/session_table.h"
 #include "sessions/user_password.h"
-#include "slots/slot_call.h"
 
 namespace tavrin {
 namespace {
@@ -14,8 +14,7 @@ CK_STATE initialState(CK_FLAGS flags) {
 }
 
 CK_FLAGS sessionFlags(CK_STATE state) {
-  const bool readOnly = state == CKS_RO_PUBLIC_SESSION || state == CKS_RO_USER_FUNCTIONS;
-  return readOnly ? CKF_SERIAL_SESSION : CKF_SERIAL_SESSION | CKF_RW_SESSION;
+  return Session::isReadOnlyState(state) ? CKF_SERIAL_SESSION : CKF_SERIAL_SESSION | CKF_RW_SESSION;
 }
 
 }  // namespace

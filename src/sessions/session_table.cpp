@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <limits>
 
+#include "frame/exported_call.h"
 #include "log/log.h"
 #include "sessions/user_password.h"
 #include "slots/token_sessions.h"
@@ -15,6 +16,8 @@ std::shared_ptr<Session> SessionTable::find(CK_SESSION_HANDLE handle) const {
   const auto found = sessions_.find(handle);
   return found != sessions_.end() ? found->second : nullptr;
 }
+
+std::shared_ptr<Session> findSession(CK_SESSION_HANDLE handle) { return sessionTable.find(handle); }
 
 CK_SESSION_HANDLE SessionTable::insert(std::shared_ptr<Session> session) {
   const std::lock_guard lock(mutex_);
@@ -54,7 +57,7 @@ void logOutSessionsWithoutDevice(const std::vector<std::string>& connectedDevice
     const bool connected = std::find(connectedDevices.begin(), connectedDevices.end(), session.device.serialNumber) !=
                            connectedDevices.end();
     if (connected || !session.isUserSession()) return;
-    session.state = session.state == CKS_RW_USER_FUNCTIONS ? CKS_RW_PUBLIC_SESSION : CKS_RO_PUBLIC_SESSION;
+    session.dropLogin();
     ++loggedOut;
   });
   if (loggedOut > 0) userPassword.clear();

@@ -5,8 +5,9 @@
 
 #include "devlib/device_constants.h"
 #include "devlib/device_library.h"
+#include "frame/exported_call.h"
 #include "slots/firmware_version.h"
-#include "slots/slot_call.h"
+#include "slots/slot_table.h"
 #include "slots/token_sessions.h"
 
 namespace tavrin {
@@ -116,7 +117,7 @@ CK_RV C_GetTokenInfo(CK_SLOT_ID slotID, CK_TOKEN_INFO_PTR pInfo) {
     info.firmwareVersion = majorAndMinor(token.firmwareVersion);
     std::fill(std::begin(info.utcTime), std::end(info.utcTime), CK_CHAR{' '});
     *pInfo = info;
-    call.debug("C_GetTokenInfo -- exit");
+    logDebug("C_GetTokenInfo -- exit");
     return CKR_OK;
   });
 }

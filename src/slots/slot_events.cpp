@@ -1,5 +1,5 @@
 // C_WaitForSlotEvent.
-#include "devlib/library_instance.h"
+#include "frame/exported_call.h"
 #include "slots/device_monitor.h"
 
 namespace tavrin {

@@ -2,6 +2,8 @@
 
 #include <iterator>
 
+#include "frame/exported_call.h"
+
 namespace tavrin {
 
 SlotTable::Entry SlotTable::find(CK_SLOT_ID slotID) const {
@@ -11,6 +13,8 @@ SlotTable::Entry SlotTable::find(CK_SLOT_ID slotID) const {
   if (position >= entries_.size()) return nullptr;
   return std::next(entries_.begin(), static_cast<std::ptrdiff_t>(position))->second;
 }
+
+std::shared_ptr<const TokenInfo> findSlot(CK_SLOT_ID slotID) { return slotTable.find(slotID); }
 
 void SlotTable::replace(Entries entries) {
   const std::lock_guard lock(mutex_);

@@ -1,4 +1,4 @@
-#include "objects/object_store.h"
+#include "objects/object_handles.h"
 
 #include <algorithm>
 #include <iterator>
