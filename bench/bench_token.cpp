@@ -6,7 +6,7 @@
 #include <fstream>
 #include <thread>
 
-#include "softtoken/token_directory.h"
+#include "softtoken/token_folders.h"
 
 namespace bench {
 
@@ -27,11 +27,14 @@ TavrinKeyPair generate(const BenchToken& token, std::uint32_t keyType, std::uint
   return pair;
 }
 
-softtoken::Token storedToken() { return softtoken::Token(softtoken::folderOfToken("bench")); }
+void changeToken(const std::function<void(softtoken::TokenState&)>& edit) {
+  softtoken::Token token(softtoken::folderOfToken("bench"));
+  token.change(token.unlockForUser(pin), edit);
+}
 
 // A record as large as a common certificate; no benchmark reads into it.
 void addCertificate() {
-  storedToken().change([](softtoken::TokenState& state) {
+  changeToken([](softtoken::TokenState& state) {
     TavrinCertificate certificate{};
     certificate.id = 1;
     certificate.certificateLength = 1200;
@@ -113,14 +116,14 @@ const BenchToken& token() {
 
 namespace {
 softtoken::TokenState& ownKeyPairs() {
-  static softtoken::TokenState state = *storedToken().state();
+  static softtoken::TokenState state = *softtoken::Token(softtoken::folderOfToken("bench")).state();
   return state;
 }
 }  // namespace
 
 void setKeyPairCount(std::size_t count) {
   const softtoken::TokenState& own = ownKeyPairs();
-  storedToken().change([&](softtoken::TokenState& state) {
+  changeToken([&](softtoken::TokenState& state) {
     state.keyPairs.assign(count, own.keyPairs.back());
     state.privateKeys.assign(count, own.privateKeys.back());
     for (std::size_t i = 0; i < count; ++i) {
@@ -134,7 +137,7 @@ void setKeyPairCount(std::size_t count) {
 
 void restoreKeyPairs() {
   const softtoken::TokenState& own = ownKeyPairs();
-  storedToken().change([&](softtoken::TokenState& state) {
+  changeToken([&](softtoken::TokenState& state) {
     state.keyPairs = own.keyPairs;
     state.privateKeys = own.privateKeys;
   });

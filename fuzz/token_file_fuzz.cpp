@@ -48,8 +48,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   file.insert(file.end(), hash.begin(), hash.end());
   accepted([&] {
     TokenState state = decodeTokenState(file);
-    const Bytes written = encodeTokenState(state);
-    requireThat(encodeTokenState(decodeTokenState(written)) == written);
+    const Bytes key(secretKeySize, 1);
+    const Bytes written = encodeTokenState(state, key);
+    const TokenState again = decodeTokenState(written);
+    requireThat(isAuthentic(again, key) && !isAuthentic(state, key) && encodeTokenState(again, key) == written);
     use(state);
   });
   accepted([&] { requireThat(encodeTries(decodeTries(file)) == file); });

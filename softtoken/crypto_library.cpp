@@ -74,11 +74,6 @@ void check(gcry_error_t error, const char* action) {
   throw Failure(Status::deviceFault, std::string(action) + ": " + gcry_strerror(error));
 }
 
-void fillRandom(std::span<std::uint8_t> out) {
-  readyCryptoLibrary();
-  gcry_randomize(out.data(), out.size(), GCRY_STRONG_RANDOM);
-}
-
 Bytes randomBytes(std::size_t count) {
   Bytes result(count);
   fillRandom(result);

@@ -35,22 +35,24 @@ void readyCryptoLibrary();
 // Throws for everything but success.
 void check(gcry_error_t error, const char* action);
 
-void fillRandom(std::span<std::uint8_t> out);
 Bytes randomBytes(std::size_t count);
 
 Bytes hashOf(int algorithm, ByteView data);
 Digest256 hmacSha256(ByteView key, std::initializer_list<ByteView> parts);
 
-// AES-256-GCM under a random nonce; `context` is authenticated along with the content.
+// Encrypts with AES-256-GCM under a random nonce; `context` is authenticated too but not part of the result. The result
+// is nonce (12 bytes), ciphertext (as long as the content), tag (16 bytes).
 constexpr std::size_t sealOverhead = 12 + 16;
 Bytes seal(ByteView key, ByteView content, ByteView context);
-// Nothing when the key or the context is not the one that it was sealed with, or a byte has changed.
+// Empty when key or context differ from those of seal(), or a byte has changed.
 std::optional<SecretBytes> unseal(ByteView key, ByteView sealed, ByteView context);
 
-// What scrypt is to cost: memory of `cost` KiB (a power of two), `parallelism` times over.
+// What one derivation with scrypt costs: `parallelism` passes in a row, each over `cost` KiB of memory. The cost is a
+// power of two.
 struct ScryptCost {
-  std::uint32_t cost = 1u << 14;
+  std::uint32_t cost = 1u << 15;
   std::uint32_t parallelism = 1;
+  bool operator==(const ScryptCost&) const = default;
 };
 SecretBytes scrypt(ByteView password, ByteView salt, const ScryptCost& cost);
 

@@ -65,27 +65,29 @@ FoundToken findToken(LibraryState& library, const char* device) {
 }
 
 struct UnlockedToken {
-  Token& token;
-  std::shared_ptr<Token> owner;
-  MasterKey masterKey;
+  std::shared_ptr<Token> token;
+  UnlockedState unlocked;
+
+  const TokenState& state() const { return *unlocked.state; }
+  const MasterKey& masterKey() const { return unlocked.masterKey; }
+  void change(const std::function<void(TokenState&)>& edit) const { token->change(unlocked, edit); }
 };
 
 UnlockedToken unlockToken(LibraryState& library, const char* device, const char* password) {
   require(password != nullptr, "there is no password");
-  FoundToken found = findToken(library, device);
-  MasterKey masterKey = found.token->unlockForUser(password);
-  return {*found.token, found.token, std::move(masterKey)};
+  const FoundToken found = findToken(library, device);
+  return {found.token, found.token->unlockForUser(password)};
 }
 
 // Opens a key pair's private key, which the caller holds for one use.
 KeyMaterial openKey(LibraryState& library, const char* device, const std::uint8_t* recordId, const char* password) {
   require(recordId != nullptr, "no record is named");
-  const UnlockedToken unlocked = unlockToken(library, device, password);
-  const auto state = unlocked.token.state();
-  const std::size_t index = indexOfKeyPair(*state, recordId);
-  const TavrinKeyPair& pair = state->keyPairs[index];
+  const UnlockedToken token = unlockToken(library, device, password);
+  const TokenState& state = token.state();
+  const std::size_t index = indexOfKeyPair(state, recordId);
+  const TavrinKeyPair& pair = state.keyPairs[index];
   std::optional<SecretBytes> privateKey =
-      unseal(unlocked.masterKey, state->privateKeys[index], privateKeyContext(*state, pair));
+      unseal(token.masterKey(), state.privateKeys[index], privateKeyContext(state, pair));
   if (!privateKey) throw Failure(Status::deviceFault, "a private key is damaged");
   const ByteView publicKey = ByteView(pair.publicKey).first(pair.publicKeyLength);
   return {pair.keyType, {publicKey.begin(), publicKey.end()}, std::move(*privateKey)};
@@ -104,7 +106,7 @@ std::string labelIn(const char (&label)[size]) {
 }
 
 // Completes a new record, of which label, usage and perhaps key id are set, and stores it with its key.
-TavrinKeyPair storeKeyPair(const UnlockedToken& unlocked, TavrinKeyPair pair, const KeyMaterial& key) {
+TavrinKeyPair storeKeyPair(const UnlockedToken& token, TavrinKeyPair pair, const KeyMaterial& key) {
   pair.keyType = key.keyType;
   pair.deviceFlag = 0;
   fillRandom(pair.recordId);
@@ -112,8 +114,8 @@ TavrinKeyPair storeKeyPair(const UnlockedToken& unlocked, TavrinKeyPair pair, co
   std::ranges::copy(key.publicKey, pair.publicKey);
   pair.publicKeyLength = static_cast<std::uint32_t>(key.publicKey.size());
   if (pair.keyIdLength == 0) setKeyId(pair, hashOf(GCRY_MD_SHA1, key.publicKey));
-  unlocked.token.change([&](TokenState& state) {
-    addKeyPair(state, pair, seal(unlocked.masterKey, key.privateKey, privateKeyContext(state, pair)));
+  token.change([&](TokenState& state) {
+    addKeyPair(state, pair, seal(token.masterKey(), key.privateKey, privateKeyContext(state, pair)));
   });
   return pair;
 }
@@ -126,6 +128,17 @@ TokenInfo describe(const TokenState& state, Tries tries) {
   info.firmwareVersion = state.firmware;
   info.remainingRetries = static_cast<std::int32_t>(tries.user);
   return info;
+}
+
+// Callers take every failed login for a wrong password, except for a device fault.
+int loginStatusOf(int status) {
+  switch (static_cast<Status>(status)) {
+    case Status::outOfMemory:
+    case Status::full:
+      return static_cast<int>(Status::deviceFault);
+    default:
+      return status;
+  }
 }
 
 Role roleOf(int kind) {
@@ -183,11 +196,11 @@ int tavrin_initDevice(const char* device, bool, void*) {
 }
 
 int tavrin_validatePassword(const char* device, const char* password, int kind, int* retryCounter, void*) {
-  return statusOf([&](LibraryState& library) {
+  return loginStatusOf(statusOf([&](LibraryState& library) {
     require(password && retryCounter, "there is no password, or no room for the counter");
     const FoundToken found = findToken(library, device);
     found.token->unlock(roleOf(kind), password, *retryCounter);
-  });
+  }));
 }
 
 bool tavrin_changeUserPassword(const char* device, const char* oldPassword, const char* newPassword,
@@ -216,21 +229,21 @@ int tavrin_generateKeyPair(const char* device, const char* password, TavrinKeyPa
   return statusOf([&](LibraryState& library) {
     require(keyPair && isKnownKeyType(keyPair->keyType) && keyPair->keyIdLength <= sizeof keyPair->keyId,
             "no key pair, or one of an unknown type");
-    const UnlockedToken unlocked = unlockToken(library, device, password);
-    requireRoom(*unlocked.token.state());
+    const UnlockedToken token = unlockToken(library, device, password);
+    requireRoom(token.state());
     TavrinKeyPair made{};
     made.usage = keyPair->usage & 3;
     setLabel(made.label, labelIn(keyPair->label));
     setKeyId(made, ByteView(keyPair->keyId).first(keyPair->keyIdLength));
-    *keyPair = storeKeyPair(unlocked, made, generateKeyMaterial(keyPair->keyType));
+    *keyPair = storeKeyPair(token, made, generateKeyMaterial(keyPair->keyType));
   });
 }
 
 int tavrin_deleteKeyPair(const char* device, const std::uint8_t* recordId, const char* password, bool, void*) {
   return statusOf([&](LibraryState& library) {
     require(recordId != nullptr, "no record is named");
-    const UnlockedToken unlocked = unlockToken(library, device, password);
-    unlocked.token.change([&](TokenState& state) { removeKeyPair(state, recordId); });
+    const UnlockedToken token = unlockToken(library, device, password);
+    token.change([&](TokenState& state) { removeKeyPair(state, recordId); });
   });
 }
 
@@ -240,8 +253,8 @@ int tavrin_updateKeyPairDetails(const char* device, const std::uint8_t* recordId
     require(recordId != nullptr, "no record is named");
     const ByteView newId = bytesAt(keyId, keyIdLength);
     const std::string_view newLabel = label ? label : "";
-    const UnlockedToken unlocked = unlockToken(library, device, password);
-    unlocked.token.change([&](TokenState& state) {
+    const UnlockedToken token = unlockToken(library, device, password);
+    token.change([&](TokenState& state) {
       TavrinKeyPair& pair = state.keyPairs[indexOfKeyPair(state, recordId)];
       if (!newLabel.empty()) setLabel(pair.label, newLabel);
       if (!newId.empty()) setKeyId(pair, newId);
@@ -255,11 +268,11 @@ int tavrin_importCertificate(const char* device, const char* password, TavrinCer
                 certificate->certIdLength <= sizeof certificate->certId,
             "no certificate, or one that is too long");
     parseCertificate(ByteView(certificate->certificate).first(certificate->certificateLength));
-    const UnlockedToken unlocked = unlockToken(library, device, password);
+    const UnlockedToken token = unlockToken(library, device, password);
     TavrinCertificate stored = *certificate;
     setLabel(stored.label, labelIn(certificate->label));
     fillRandom(stored.recordId);
-    unlocked.token.change([&](TokenState& state) { addCertificate(state, stored); });
+    token.change([&](TokenState& state) { addCertificate(state, stored); });
     *certificate = stored;
   });
 }
@@ -267,21 +280,20 @@ int tavrin_importCertificate(const char* device, const char* password, TavrinCer
 int tavrin_deleteCertificate(const char* device, const std::uint8_t* recordId, const char* password, void*) {
   return statusOf([&](LibraryState& library) {
     require(recordId != nullptr, "no record is named");
-    const UnlockedToken unlocked = unlockToken(library, device, password);
-    unlocked.token.change([&](TokenState& state) { removeCertificate(state, recordId); });
+    const UnlockedToken token = unlockToken(library, device, password);
+    token.change([&](TokenState& state) { removeCertificate(state, recordId); });
   });
 }
 
 int tavrin_importPfx(const char* device, const char* password, ImportPFXDetails* details, void*) {
   return statusOf([&](LibraryState& library) {
     require(details != nullptr, "there is no key");
-    const UnlockedToken unlocked = unlockToken(library, device, password);
-    requireRoom(*unlocked.token.state());
+    const UnlockedToken token = unlockToken(library, device, password);
+    requireRoom(token.state());
     TavrinKeyPair pair{};
     pair.usage = 3;
     setLabel(pair.label, details->label);
-    pair =
-        storeKeyPair(unlocked, pair, importRsaKeyMaterial(details->modulus, details->privateExponent, details->prime1));
+    pair = storeKeyPair(token, pair, importRsaKeyMaterial(details->modulus, details->privateExponent, details->prime1));
     std::ranges::copy(pair.recordId, details->recordId);
   });
 }

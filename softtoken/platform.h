@@ -1,8 +1,9 @@
-// What the software token needs of the operating system. platform_posix.cpp and platform_windows.cpp hold the same
-// functions in the same order. Failures are thrown as Failure with Status::deviceFault, or Status::full when the disk
-// is.
+// What the software token needs from the operating system. platform_posix.cpp and platform_windows.cpp hold the same
+// functions in the same order. All of them may be called from any thread. A failure is thrown as Failure: Status::full
+// when the disk is full, else Status::deviceFault.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -14,13 +15,16 @@
 
 namespace softtoken {
 
-// Overwrites memory in a way that no compiler leaves out.
+// Overwrites memory; the compiler does not remove the call.
 void wipe(void* block, std::size_t size) noexcept;
 
-// The bytes usable in a block of malloc(), at least as many as were asked for.
+// The usable bytes of a block from malloc(), at least as many as were requested.
 std::size_t blockSize(void* block) noexcept;
 
-// Tells the contents that one file has had apart.
+// Fills the buffer from the system's random number generator.
+void fillRandom(std::span<std::uint8_t> out);
+
+// Distinguishes the contents that one file has had over time.
 struct FileStamp {
   std::int64_t time = 0;
   std::uint64_t size = 0;
@@ -28,27 +32,37 @@ struct FileStamp {
   bool operator==(const FileStamp&) const = default;
 };
 
-// Nothing when there is no such file.
+// Empty when there is no such file.
 std::optional<FileStamp> stampOf(const std::filesystem::path& file);
 
-// The whole file; nothing when it is absent, unreadable, no regular file or longer than `limit` bytes.
+// The whole file; empty when it is absent, unreadable, not a regular file or longer than `limit` bytes.
 std::optional<std::vector<std::uint8_t>> readFile(const std::filesystem::path& file, std::size_t limit);
 
-// Puts new content in the place of the old, durably and at once: whoever reads, and whatever is killed, sees the one or
-// the other. The stamp is a new one. For one writer at a time: the content passes through a file named <file>.new, and
-// one that a killed writer left behind there is overwritten.
-void replaceFile(const std::filesystem::path& file, std::span<const std::uint8_t> content);
+// Writes a file that nobody reads yet and syncs its content to the disk. Overwrites an existing file. On failure the
+// file is removed.
+void writeFile(const std::filesystem::path& file, std::span<const std::uint8_t> content);
 
-// Renames a file or folder, durably, to a name that is not taken.
+// Renames `fresh` to `file`, which it replaces atomically, gives it a stamp that `file` has not had, and syncs the
+// folder. A reader, or a process started after a crash, sees either the old or the new content. Needs no free disk
+// space. For one writer at a time. On failure `fresh` stays.
+void putInPlace(const std::filesystem::path& fresh, const std::filesystem::path& file);
+
+// Renames a file or folder and syncs the folders. Throws when `to` exists.
 void moveEntry(const std::filesystem::path& from, const std::filesystem::path& to);
 
-// Makes a folder, and those above it, that only this user can enter.
+// Makes a folder and those above it that are missing, and syncs the folder above each new one. On POSIX systems new
+// folders have mode 0700; on Windows they inherit the access rights of the folder above. An existing folder is left as
+// it is, whoever may enter it.
 void makePrivateFolder(const std::filesystem::path& folder);
 
-// Held by one thread of all processes at a time; the file is made when it is missing.
+// An exclusive lock on a file, held by one FileLock of all processes at a time. The system releases it when the process
+// dies. The file is made if it is missing, and stays.
 class FileLock {
  public:
-  explicit FileLock(const std::filesystem::path& file);
+  static constexpr std::chrono::milliseconds longestWait{30'000};
+
+  // Waits for the lock. Throws deviceFault when another holder keeps it for longer than `wait`.
+  explicit FileLock(const std::filesystem::path& file, std::chrono::milliseconds wait = longestWait);
   ~FileLock();
   FileLock(const FileLock&) = delete;
   FileLock& operator=(const FileLock&) = delete;
@@ -57,11 +71,13 @@ class FileLock {
   std::intptr_t handle_;
 };
 
-// The folder of the connected tokens: $TAVRIN_SOFT_TOKENS, else the user's own place for application data.
+// The folder of the connected tokens: $TAVRIN_SOFT_TOKENS, else a folder below the user's application data
+// (%LOCALAPPDATA%; $XDG_DATA_HOME or $HOME/.local/share). Throws when none of the variables is set. The values of
+// $XDG_DATA_HOME and $HOME count only if they are absolute paths. Programs with the set-user-ID bit use no variable.
 std::filesystem::path tokenRoot();
 
-// Held while an operation runs, never twice by one thread: a fork waits until none does, so that the child finds no
-// lock held and nothing half changed.
+// Held while an operation runs, at most once by a thread. fork() waits until no thread holds one, so that the child
+// finds no lock held and no data half changed.
 class OperationGate {
  public:
   OperationGate();
@@ -70,11 +86,11 @@ class OperationGate {
   OperationGate& operator=(const OperationGate&) = delete;
 };
 
-// To be called once. Keeps this library's code in memory until the process ends, for the hooks that it has handed out,
-// and has `inChild` called in the child of every fork.
+// Call once. Keeps this library's code in memory until the process ends, because other libraries call its hooks. Calls
+// `inChild` in the child of every fork.
 void keepLoaded(void (*inChild)());
 
-// Paths are UTF-8 wherever they are text.
+// Texts of paths are UTF-8.
 inline std::filesystem::path pathOf(std::string_view utf8) {
   return std::filesystem::path(std::u8string(utf8.begin(), utf8.end()));
 }

@@ -2,14 +2,17 @@
 #include <malloc.h>
 #include <pthread.h>
 #include <sys/file.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 #include "softtoken/failure.h"
@@ -21,8 +24,10 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::int64_t nanosecondsPerSecond = 1'000'000'000;
+constexpr std::chrono::microseconds shortestPause{200};
+constexpr std::chrono::microseconds longestPause{20'000};
 
-// A waiting fork goes first, or busy threads would hold it off for ever.
+// A waiting fork has priority; otherwise busy threads could delay it forever.
 pthread_rwlock_t gate = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
 void (*childHook)() = nullptr;
 
@@ -30,14 +35,6 @@ void (*childHook)() = nullptr;
   const int error = errno;
   const Status status = error == ENOSPC || error == EDQUOT ? Status::full : Status::deviceFault;
   throw Failure(status, std::string(action) + " " + textOf(path) + ": " + std::generic_category().message(error));
-}
-
-// What was begun would only take up room on a disk that is full.
-[[noreturn]] void dropAndFail(const fs::path& begun, const char* action, const fs::path& path) {
-  const int error = errno;
-  ::unlink(begun.c_str());
-  errno = error;
-  fail(action, path);
 }
 
 class Descriptor {
@@ -61,7 +58,7 @@ std::int64_t timeOf(const struct stat& info) {
   return static_cast<std::int64_t>(info.st_mtim.tv_sec) * nanosecondsPerSecond + info.st_mtim.tv_nsec;
 }
 
-// Later than the old content's time even when the clock has not moved on, or was set back.
+// Later than the time of the old content, even if the clock has not advanced or was set back.
 std::int64_t timeForNext(const fs::path& file) {
   timespec now{};
   ::clock_gettime(CLOCK_REALTIME, &now);
@@ -91,7 +88,7 @@ bool readAll(int descriptor, std::span<std::uint8_t> content) {
 }
 
 void flushFolder(const fs::path& folder) {
-  const Descriptor opened(folder, O_RDONLY | O_DIRECTORY);
+  const Descriptor opened(folder.empty() ? "." : folder, O_RDONLY | O_DIRECTORY);
   if (!opened || ::fsync(opened.number()) != 0) fail("cannot flush", folder);
 }
 
@@ -99,7 +96,7 @@ void closeGate() { ::pthread_rwlock_wrlock(&gate); }
 
 void openGate() { ::pthread_rwlock_unlock(&gate); }
 
-// The threads that waited at the gate are not in the child, but the lock still counts them.
+// The threads that waited at the gate do not exist in the child, but the lock still counts them.
 void openGateInChild() {
   gate = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
   childHook();
@@ -113,6 +110,15 @@ void wipe(void* block, std::size_t size) noexcept {
 
 std::size_t blockSize(void* block) noexcept { return ::malloc_usable_size(block); }
 
+void fillRandom(std::span<std::uint8_t> out) {
+  while (!out.empty()) {
+    const ssize_t count = ::getrandom(out.data(), out.size(), 0);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) throw Failure(Status::deviceFault, "the system gives no random numbers");
+    out = out.subspan(static_cast<std::size_t>(count));
+  }
+}
+
 std::optional<FileStamp> stampOf(const fs::path& file) {
   struct stat info {};
   if (::stat(file.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return std::nullopt;
@@ -120,7 +126,7 @@ std::optional<FileStamp> stampOf(const fs::path& file) {
 }
 
 std::optional<std::vector<std::uint8_t>> readFile(const fs::path& file, std::size_t limit) {
-  // A pipe in the place of a file must not hold the caller up.
+  // Opening a FIFO must not block the caller.
   const Descriptor opened(file, O_RDONLY | O_NONBLOCK);
   struct stat info {};
   if (!opened || ::fstat(opened.number(), &info) != 0 || !S_ISREG(info.st_mode)) return std::nullopt;
@@ -131,20 +137,24 @@ std::optional<std::vector<std::uint8_t>> readFile(const fs::path& file, std::siz
   return content;
 }
 
-void replaceFile(const fs::path& file, std::span<const std::uint8_t> content) {
-  fs::path fresh = file;
-  fresh += ".new";
+void writeFile(const fs::path& file, std::span<const std::uint8_t> content) {
+  const Descriptor out(file, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW);
+  if (!out) fail("cannot make", file);
+  if (writeAll(out.number(), content) && ::fsync(out.number()) == 0) return;
+  const int error = errno;
+  ::unlink(file.c_str());
+  errno = error;
+  fail("cannot write", file);
+}
+
+void putInPlace(const fs::path& fresh, const fs::path& file) {
   const std::int64_t time = timeForNext(file);
-  {
-    const Descriptor out(fresh, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW);
-    if (!out) fail("cannot make", fresh);
-    const timespec stamp{static_cast<time_t>(time / nanosecondsPerSecond),
-                         static_cast<long>(time % nanosecondsPerSecond)};
-    const timespec times[] = {stamp, stamp};
-    if (!writeAll(out.number(), content) || ::futimens(out.number(), times) != 0 || ::fsync(out.number()) != 0)
-      dropAndFail(fresh, "cannot write", fresh);
-  }
-  if (::rename(fresh.c_str(), file.c_str()) != 0) dropAndFail(fresh, "cannot replace", file);
+  const timespec stamp{static_cast<time_t>(time / nanosecondsPerSecond),
+                       static_cast<long>(time % nanosecondsPerSecond)};
+  const timespec times[] = {stamp, stamp};
+  if (::utimensat(AT_FDCWD, fresh.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0 ||
+      ::rename(fresh.c_str(), file.c_str()) != 0)
+    fail("cannot replace", file);
   flushFolder(file.parent_path());
 }
 
@@ -159,16 +169,27 @@ void moveEntry(const fs::path& from, const fs::path& to) {
 }
 
 void makePrivateFolder(const fs::path& folder) {
-  if (fs::is_directory(folder)) return;
+  std::error_code unknown;
+  if (fs::is_directory(folder, unknown)) return;
   if (folder.has_parent_path() && folder.parent_path() != folder) makePrivateFolder(folder.parent_path());
-  if (::mkdir(folder.c_str(), S_IRWXU) != 0 && errno != EEXIST) fail("cannot make", folder);
+  if (::mkdir(folder.c_str(), S_IRWXU) != 0) {
+    if (errno != EEXIST) fail("cannot make", folder);
+    return;
+  }
+  flushFolder(folder.parent_path());
 }
 
-FileLock::FileLock(const fs::path& file) {
+// flock() has no time limit, so the lock is polled.
+FileLock::FileLock(const fs::path& file, std::chrono::milliseconds wait) {
   Descriptor opened(file, O_RDWR | O_CREAT | O_NOFOLLOW);
   if (!opened) fail("cannot open", file);
-  while (::flock(opened.number(), LOCK_EX) != 0) {
-    if (errno != EINTR) fail("cannot lock", file);
+  const auto end = std::chrono::steady_clock::now() + wait;
+  std::chrono::microseconds pause = shortestPause;
+  while (::flock(opened.number(), LOCK_EX | LOCK_NB) != 0) {
+    if (errno == EINTR) continue;
+    if (errno != EWOULDBLOCK || std::chrono::steady_clock::now() >= end) fail("cannot lock", file);
+    std::this_thread::sleep_for(pause);
+    pause = std::min(2 * pause, longestPause);
   }
   handle_ = opened.release();
 }
@@ -177,13 +198,13 @@ FileLock::~FileLock() { ::close(static_cast<int>(handle_)); }
 
 fs::path tokenRoot() {
   const auto variable = [](const char* name) {
-    const char* value = std::getenv(name);
-    return std::string(value ? value : "");
+    const char* value = ::secure_getenv(name);
+    return fs::path(value ? value : "");
   };
-  if (const std::string root = variable("TAVRIN_SOFT_TOKENS"); !root.empty()) return root;
-  const std::string data = variable("XDG_DATA_HOME");
-  const fs::path base = data.empty() ? fs::path(variable("HOME")) / ".local/share" : fs::path(data);
-  return base / "tavrin/soft-tokens";
+  if (const fs::path root = variable("TAVRIN_SOFT_TOKENS"); !root.empty()) return root;
+  if (const fs::path data = variable("XDG_DATA_HOME"); data.is_absolute()) return data / "tavrin/soft-tokens";
+  if (const fs::path home = variable("HOME"); home.is_absolute()) return home / ".local/share/tavrin/soft-tokens";
+  throw Failure(Status::deviceFault, "no folder for tokens: set TAVRIN_SOFT_TOKENS or HOME");
 }
 
 OperationGate::OperationGate() { ::pthread_rwlock_rdlock(&gate); }

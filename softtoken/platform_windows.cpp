@@ -1,6 +1,9 @@
-#include <malloc.h>
 #include <windows.h>
+// After windows.h, whose types it uses.
+#include <bcrypt.h>
+#include <malloc.h>
 
+#include <algorithm>
 #include <chrono>
 #include <system_error>
 #include <thread>
@@ -14,13 +17,13 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Another process that reads a file at this moment, or scans it for viruses, holds off its replacement; one that
-// replaces it holds off its opening.
+// While another process reads or scans a file, it cannot be replaced; while another replaces it, it cannot be opened.
 bool isPassing(DWORD error) { return error == ERROR_ACCESS_DENIED || error == ERROR_SHARING_VIOLATION; }
 
 constexpr int replaceAttempts = 200;
 constexpr int openAttempts = 10;
 constexpr std::chrono::milliseconds retryPause{10};
+constexpr std::chrono::milliseconds lockPause{1};
 
 constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
@@ -30,14 +33,6 @@ constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELET
       error == ERROR_DISK_FULL || error == ERROR_HANDLE_DISK_FULL ? Status::full : Status::deviceFault;
   throw Failure(status, std::string(action) + " " + textOf(path) + ": " +
                             std::system_category().message(static_cast<int>(error)));
-}
-
-// What was begun would only take up room on a disk that is full. It may be open still: it goes when it is closed.
-[[noreturn]] void dropAndFail(const fs::path& begun, const char* action, const fs::path& path) {
-  const DWORD error = ::GetLastError();
-  ::DeleteFileW(begun.c_str());
-  ::SetLastError(error);
-  fail(action, path);
 }
 
 class Handle {
@@ -67,7 +62,7 @@ std::int64_t timeOf(const FILETIME& time) {
   return static_cast<std::int64_t>((static_cast<std::uint64_t>(time.dwHighDateTime) << 32) | time.dwLowDateTime);
 }
 
-// Later than the old content's time even when the clock has not moved on, or was set back.
+// Later than the time of the old content, even if the clock has not advanced or was set back.
 FILETIME timeForNext(const fs::path& file) {
   FILETIME now{};
   ::GetSystemTimeAsFileTime(&now);
@@ -80,8 +75,8 @@ FILETIME timeForNext(const fs::path& file) {
 template <class Transfer, class Content>
 bool transferAll(Transfer transfer, HANDLE handle, Content content) {
   while (!content.empty()) {
-    constexpr std::size_t most = 1u << 30;
-    const auto size = static_cast<DWORD>(content.size() < most ? content.size() : most);
+    constexpr std::size_t maxTransfer = 1u << 30;
+    const auto size = static_cast<DWORD>(std::min(content.size(), maxTransfer));
     DWORD done = 0;
     if (!transfer(handle, content.data(), size, &done, nullptr) || done == 0) return false;
     content = content.subspan(done);
@@ -114,6 +109,16 @@ void wipe(void* block, std::size_t size) noexcept {
 
 std::size_t blockSize(void* block) noexcept { return ::_msize(block); }
 
+void fillRandom(std::span<std::uint8_t> out) {
+  while (!out.empty()) {
+    constexpr std::size_t maxCount = 1u << 30;
+    const auto count = static_cast<ULONG>(std::min(out.size(), maxCount));
+    if (::BCryptGenRandom(nullptr, out.data(), count, BCRYPT_USE_SYSTEM_PREFERRED_RNG) != 0)
+      throw Failure(Status::deviceFault, "the system gives no random numbers");
+    out = out.subspan(count);
+  }
+}
+
 std::optional<FileStamp> stampOf(const fs::path& file) {
   WIN32_FILE_ATTRIBUTE_DATA info{};
   if (!::GetFileAttributesExW(file.c_str(), GetFileExInfoStandard, &info)) return std::nullopt;
@@ -133,18 +138,26 @@ std::optional<std::vector<std::uint8_t>> readFile(const fs::path& file, std::siz
   return content;
 }
 
-void replaceFile(const fs::path& file, std::span<const std::uint8_t> content) {
-  fs::path fresh = file;
-  fresh += ".new";
+void writeFile(const fs::path& file, std::span<const std::uint8_t> content) {
+  DWORD error = ERROR_SUCCESS;
+  {
+    const Handle out(file, GENERIC_WRITE, CREATE_ALWAYS);
+    if (!out) fail("cannot make", file);
+    if (transferAll(::WriteFile, out.get(), content) && ::FlushFileBuffers(out.get())) return;
+    error = ::GetLastError();
+  }
+  ::DeleteFileW(file.c_str());
+  ::SetLastError(error);
+  fail("cannot write", file);
+}
+
+void putInPlace(const fs::path& fresh, const fs::path& file) {
   const FILETIME time = timeForNext(file);
   {
-    const Handle out(fresh, GENERIC_WRITE, CREATE_ALWAYS);
-    if (!out) fail("cannot make", fresh);
-    if (!transferAll(::WriteFile, out.get(), content) || !::SetFileTime(out.get(), nullptr, nullptr, &time) ||
-        !::FlushFileBuffers(out.get()))
-      dropAndFail(fresh, "cannot write", fresh);
+    const Handle opened(fresh, FILE_WRITE_ATTRIBUTES, OPEN_EXISTING);
+    if (!opened || !::SetFileTime(opened.get(), nullptr, nullptr, &time)) fail("cannot replace", file);
   }
-  if (!moveWithRetries(fresh, file, MOVEFILE_REPLACE_EXISTING)) dropAndFail(fresh, "cannot replace", file);
+  if (!moveWithRetries(fresh, file, MOVEFILE_REPLACE_EXISTING)) fail("cannot replace", file);
 }
 
 void moveEntry(const fs::path& from, const fs::path& to) {
@@ -152,22 +165,28 @@ void moveEntry(const fs::path& from, const fs::path& to) {
 }
 
 void makePrivateFolder(const fs::path& folder) {
-  // A user's application data is private to the user already.
   std::error_code error;
   fs::create_directories(folder, error);
   if (error) throw Failure(Status::deviceFault, "cannot make " + textOf(folder) + ": " + error.message());
 }
 
-FileLock::FileLock(const fs::path& file) {
+// LockFileEx() has no time limit, so the lock is polled.
+FileLock::FileLock(const fs::path& file, std::chrono::milliseconds wait) {
   Handle opened(file, GENERIC_READ | GENERIC_WRITE, OPEN_ALWAYS);
   if (!opened) fail("cannot open", file);
+  const auto end = std::chrono::steady_clock::now() + wait;
   OVERLAPPED start{};
-  if (!::LockFileEx(opened.get(), LOCKFILE_EXCLUSIVE_LOCK, 0, 1, 0, &start)) fail("cannot lock", file);
+  while (!::LockFileEx(opened.get(), LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY, 0, 1, 0, &start)) {
+    const DWORD error = ::GetLastError();
+    const bool held = error == ERROR_LOCK_VIOLATION || error == ERROR_IO_PENDING;
+    if (!held || std::chrono::steady_clock::now() >= end) fail("cannot lock", file);
+    std::this_thread::sleep_for(lockPause);
+  }
   handle_ = reinterpret_cast<std::intptr_t>(opened.release());
 }
 
 FileLock::~FileLock() {
-  // Windows gives no promise when the lock of a closed handle ends.
+  // Windows does not say when it releases the lock of a closed handle.
   const auto handle = reinterpret_cast<HANDLE>(handle_);  // NOLINT(performance-no-int-to-ptr)
   OVERLAPPED start{};
   ::UnlockFileEx(handle, 0, 1, 0, &start);
@@ -175,8 +194,11 @@ FileLock::~FileLock() {
 }
 
 fs::path tokenRoot() {
-  if (const std::wstring root = variable(L"TAVRIN_SOFT_TOKENS"); !root.empty()) return root;
-  return fs::path(variable(L"LOCALAPPDATA")) / "Quorvane Telemantix" / "Tavrin" / "SoftTokens";
+  if (const fs::path root = variable(L"TAVRIN_SOFT_TOKENS"); !root.empty()) return root;
+  const fs::path data = variable(L"LOCALAPPDATA");
+  if (!data.is_absolute())
+    throw Failure(Status::deviceFault, "no folder for tokens: set TAVRIN_SOFT_TOKENS or LOCALAPPDATA");
+  return data / "Quorvane Telemantix" / "Tavrin" / "SoftTokens";
 }
 
 OperationGate::OperationGate() = default;

@@ -1,5 +1,10 @@
-// One token: a folder with the files `token` (TokenState), `tries` (Tries) and `lock`, shared by processes. Changes
-// take the lock; readers take none, as files are only ever replaced whole. Safe for any number of threads.
+// One token: a folder with the files `token` (TokenState), `tries` (Tries) and `lock`, shared by processes. A change
+// holds the lock. Readers hold no lock, because files are only replaced whole.
+//
+// Any number of threads may call a Token. Functions throw Failure: deviceFault when the token is gone, damaged or
+// replaced by another one, when its files cannot be read or written, or when the lock is not free within 30 s; full
+// when the disk is full; and what is said below. A function that changes a file has synced it, and the folder, to the
+// disk when it returns.
 #pragma once
 
 #include <functional>
@@ -9,75 +14,94 @@
 
 namespace softtoken {
 
-// A secret that one thread uses: the master key of a token, under which its private keys are sealed.
+// The secret under which a token's private keys are sealed and its file is authenticated. For use by one thread.
 using MasterKey = SecretBytes;
 
-// Seals a new master key under a password.
+// Seals a master key under a password.
 PasswordLock makePasswordLock(std::string_view password, const MasterKey& masterKey, std::string_view serial,
                               Role role);
 
-// The additional authenticated data of a private key: it opens only beside the record that it was stored with.
+// The context with which a private key is sealed: token, record, key type and public key.
 Bytes privateKeyContext(const TokenState& state, const TavrinKeyPair& pair);
+
+// A token's state, found authentic, with the master key that opens its private keys.
+struct UnlockedState {
+  std::shared_ptr<const TokenState> state;
+  MasterKey masterKey;
+  bool needsProof = false;  // a file without a proof is a forged one
+};
 
 class Token {
  public:
-  explicit Token(const std::filesystem::path& folder)
-      : folder_(folder), stateFile_(folder / "token"), triesFile_(folder / "tries"), lockFile_(folder / "lock") {}
+  explicit Token(const std::filesystem::path& folder);
 
   const std::filesystem::path& folder() const { return folder_; }
 
-  // As it is in the file now; the file is parsed again only when it has changed. Throws deviceFault, and forgets the
-  // password, when the token is gone or damaged.
+  // The state in the file now. The file is parsed again only when it has changed. When there is none, or that of
+  // another token than at first, the password is forgotten.
   std::shared_ptr<const TokenState> state();
 
   Tries tries();
 
-  // Checks a password, which costs a try unless it is right or empty. Throws wrongPassword or passwordLocked; the tries
-  // left are written down in any case.
-  MasterKey unlock(Role role, std::string_view password, int& triesLeft);
-  // The same for the user, but a password that was right before is recognised without deriving a key from it.
-  MasterKey unlockForUser(std::string_view password);
+  // A login. Checks the password, which costs a try until it is found right; then the role has all tries again. Throws
+  // wrongPassword, passwordLocked when no try is left, and badArgument for an empty password. `triesLeft` is set in any
+  // case.
+  UnlockedState unlock(Role role, std::string_view password, int& triesLeft);
 
-  // Sets a new user password on the authority of the user's old password or of the security officer's, which gives the
-  // user all tries again. The tries left are those of the authority.
+  // An operation of the user. A password that was right before is recognised without deriving a key from it, and one
+  // that was wrong before is refused without costing another try; both until the user's password changes. A password
+  // that was right until a change is checked without costing a try. Never increases the number of tries.
+  UnlockedState unlockForUser(std::string_view password);
+
+  // Sets a new user password by authority of the user's old password or of the security officer's, and gives the user
+  // all tries again. `triesLeft` are those of the authority. The master key stays the same.
   void setUserPassword(Role authority, std::string_view password, std::string_view newPassword, int& triesLeft);
 
-  // Applies `edit` to the newest state and stores the result, alone among all processes. What throws changes nothing.
-  void change(const std::function<void(TokenState&)>& edit);
+  // Applies `edit` to the newest state and stores the result; no other process changes the token meanwhile. When `edit`
+  // throws, nothing changes.
+  void change(const UnlockedState& unlocked, const std::function<void(TokenState&)>& edit);
 
-  // Wipes what a right password has left behind.
+  // Wipes the master key that a right password has left.
   void forgetPassword();
 
  private:
   struct KnownPassword {
     Digest256 mac;
     MasterKey masterKey;
+    bool needsProof;
   };
 
+  // ...InLock functions need mutex_, ...InFileLock functions the file lock.
   std::shared_ptr<const TokenState> stateInLock();
   void setStateInLock(std::shared_ptr<const TokenState> next, const FileStamp& stamp);
-  MasterKey unlockAlone(Role role, std::string_view password, int& triesLeft);
-  void storeAlone(TokenState next);
-  void storeTriesAlone(const Tries& tries);
-  Digest256 macOf(const TokenState& state, std::string_view password);
-  std::optional<MasterKey> recall(const TokenState& state, std::string_view password);
-  void remember(const TokenState& state, std::string_view password, const MasterKey& masterKey);
+  UnlockedState loginInFileLock(Role role, std::string_view password, int& triesLeft);
+  UnlockedState openInFileLock(Role role, std::string_view password);
+  void storeInFileLock(const TokenState& next, const MasterKey& masterKey);
+
+  Digest256 macOf(std::string_view password) const;
+  std::optional<UnlockedState> recall(std::string_view password);
+  bool wasRightBefore(std::string_view password);
+  void remember(const UnlockedState& unlocked, std::string_view password);
+  void rememberRefused(const TokenState& state, std::string_view password);
 
   const std::filesystem::path folder_;
   const std::filesystem::path stateFile_;
   const std::filesystem::path triesFile_;
   const std::filesystem::path lockFile_;
+  const SecretBytes macKey_;
 
-  std::mutex mutex_;  // guards everything below; not held over slow work
+  std::mutex mutex_;  // guards everything below; not held while keys are derived or files written
+  std::string serial_;
   FileStamp stateStamp_;
   std::shared_ptr<const TokenState> state_;
   FileStamp triesStamp_;
   std::optional<Tries> tries_;
-  SecretBytes macKey_;
-  std::optional<KnownPassword> known_;
+  std::optional<KnownPassword> known_;  // right for the user's lock in state_
+  std::vector<Digest256> refused_;      // MACs of passwords that are wrong for it
+  std::optional<Digest256> former_;     // MAC of the password that was right for the lock before it
 };
 
-// The rule for new passwords: 4 to 63 bytes, none of them NUL.
+// The rule for new passwords: 4 to 63 bytes, none of them NUL. Throws badArgument.
 void requireGoodPassword(std::string_view password);
 
 }  // namespace softtoken

@@ -63,6 +63,11 @@ void addCertificate(TokenState& state, TavrinCertificate& certificate) {
     return std::ranges::equal(contentOf(other), contentOf(certificate));
   });
   if (same != state.certificates.end()) {
+    if (certificate.label[0] != '\0') std::ranges::copy(certificate.label, same->label);
+    if (certificate.certIdLength > 0) {
+      std::ranges::copy(certificate.certId, same->certId);
+      same->certIdLength = certificate.certIdLength;
+    }
     certificate = *same;
     return;
   }

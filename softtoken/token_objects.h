@@ -14,7 +14,8 @@ void requireRoom(const TokenState& state);
 
 // Numbers the record, which has its recordId already, and adds it.
 void addKeyPair(TokenState& state, TavrinKeyPair& pair, Bytes privateKey);
-// The same certificate, byte for byte, is one record: the record that is there is given back instead.
+// A certificate that is there already, byte for byte, keeps its record, which takes the new label and ID unless they
+// are empty. `certificate` becomes the stored record.
 void addCertificate(TokenState& state, TavrinCertificate& certificate);
 
 void removeKeyPair(TokenState& state, const std::uint8_t* recordId);

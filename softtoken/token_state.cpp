@@ -8,19 +8,20 @@
 namespace softtoken {
 namespace {
 
-// The first line of a file tells its kind and version.
-constexpr std::string_view stateHeader = "Tavrin soft token 1\n";
+// The first line of a file is its kind and version. A token file of version 1 has no proof; version 2 is written.
+constexpr std::string_view firstStateHeader = "Tavrin soft token 1\n";
+constexpr std::string_view stateHeader = "Tavrin soft token 2\n";
 constexpr std::string_view triesHeader = "Tavrin soft token tries 1\n";
 
 constexpr std::size_t longestText = 256;
 constexpr std::size_t longestSealedKey = 4096;
 
-// Bounds for what a file may make us compute.
-constexpr std::uint32_t leastCost = 1u << 10;
-constexpr std::uint32_t mostCost = 1u << 20;
-constexpr std::uint32_t mostParallelism = 16;
+// Bounds for the work that a file can cause: 64 MiB of memory, and less than a second on a processor of 2020.
+constexpr std::uint32_t minCost = 1u << 10;
+constexpr std::uint32_t maxCost = 1u << 16;
+constexpr std::uint32_t maxTotalCost = 1u << 17;  // cost times parallelism
 
-// Ends the file with the hash of what is before it, so that bytes which a disk has lost are noticed.
+// Appends the hash of the content, which detects bytes that a disk has lost.
 Bytes finishFile(Writer<> writer) {
   writer.raw(hashOf(GCRY_MD_SHA256, writer.content()));
   return std::move(writer).take();
@@ -28,14 +29,37 @@ Bytes finishFile(Writer<> writer) {
 
 [[noreturn]] void failDamaged() { throw Failure(Status::deviceFault, "a file of the token is damaged"); }
 
-ByteView openFile(ByteView file, std::string_view header) {
-  constexpr std::size_t hashSize = 32;
-  if (file.size() < header.size() + hashSize) failDamaged();
-  const ByteView content = file.first(file.size() - hashSize);
-  if (!std::ranges::equal(content.first(header.size()), viewOf(header)) ||
-      !std::ranges::equal(hashOf(GCRY_MD_SHA256, content), file.last(hashSize)))
-    failDamaged();
-  return content.subspan(header.size());
+Digest256 sha256(ByteView content) {
+  Digest256 digest{};
+  std::ranges::copy(hashOf(GCRY_MD_SHA256, content), digest.begin());
+  return digest;
+}
+
+Digest256 macOf(const Digest256& contentHash, ByteView masterKey) {
+  const Digest256 key = hmacSha256(masterKey, {viewOf("token file")});
+  return hmacSha256(key, {contentHash});
+}
+
+// The file without its hash.
+ByteView contentOf(ByteView file) {
+  if (file.size() < sizeof(Digest256)) failDamaged();
+  const ByteView content = file.first(file.size() - sizeof(Digest256));
+  if (!std::ranges::equal(sha256(content), file.last(sizeof(Digest256)))) failDamaged();
+  return content;
+}
+
+bool startsWith(ByteView content, std::string_view header) {
+  return content.size() >= header.size() && std::ranges::equal(content.first(header.size()), viewOf(header));
+}
+
+// Removes the proof from the end of the content.
+FileProof takeProof(ByteView& content) {
+  FileProof proof{};
+  if (content.size() < sizeof proof.mac) failDamaged();
+  std::ranges::copy(content.last(sizeof proof.mac), proof.mac.begin());
+  content = content.first(content.size() - sizeof proof.mac);
+  proof.contentHash = sha256(content);
+  return proof;
 }
 
 template <std::size_t size>
@@ -65,8 +89,8 @@ void writeLock(Writer<>& writer, const PasswordLock& lock) {
 
 PasswordLock readLock(Reader& reader) {
   PasswordLock lock;
-  lock.cost.cost = reader.number(leastCost, mostCost);
-  lock.cost.parallelism = reader.number(1, mostParallelism);
+  lock.cost.cost = reader.number(minCost, maxCost);
+  lock.cost.parallelism = reader.number(1, maxTotalCost / lock.cost.cost);
   lock.salt = reader.bytes(saltSize);
   lock.sealedMasterKey = reader.bytes(secretKeySize + sealOverhead);
   if ((lock.cost.cost & (lock.cost.cost - 1)) != 0) failDamaged();
@@ -117,7 +141,7 @@ TavrinCertificate readCertificate(Reader& reader) {
 
 }  // namespace
 
-Bytes encodeTokenState(const TokenState& state) {
+Bytes encodeTokenState(const TokenState& state, ByteView masterKey) {
   Writer<> writer;
   writer.raw(viewOf(stateHeader));
   for (const std::string* text : {&state.serial, &state.label, &state.firmware}) writer.field(*text);
@@ -128,6 +152,7 @@ Bytes encodeTokenState(const TokenState& state) {
   for (std::size_t i = 0; i < state.keyPairs.size(); ++i) writeKeyPair(writer, state.keyPairs[i], state.privateKeys[i]);
   writer.number(static_cast<std::uint32_t>(state.certificates.size()));
   for (const TavrinCertificate& certificate : state.certificates) writeCertificate(writer, certificate);
+  writer.raw(macOf(sha256(writer.content()), masterKey));
   return finishFile(std::move(writer));
 }
 
@@ -140,8 +165,15 @@ Bytes encodeTries(const Tries& tries) {
 }
 
 TokenState decodeTokenState(ByteView file) {
-  Reader reader(openFile(file, stateHeader));
+  ByteView content = contentOf(file);
   TokenState state;
+  if (startsWith(content, stateHeader)) {
+    state.proof = takeProof(content);
+  } else if (!startsWith(content, firstStateHeader)) {
+    failDamaged();
+  }
+  static_assert(stateHeader.size() == firstStateHeader.size());
+  Reader reader(content.subspan(stateHeader.size()));
   for (std::string* text : {&state.serial, &state.label, &state.firmware}) *text = reader.text(longestText);
   state.capacity = reader.number(0, largestId);
   state.lastKeyPairId = reader.number(0, largestId);
@@ -159,11 +191,17 @@ TokenState decodeTokenState(ByteView file) {
   return state;
 }
 
+bool isAuthentic(const TokenState& state, ByteView masterKey) {
+  return state.proof && equalInConstantTime(state.proof->mac, macOf(state.proof->contentHash, masterKey));
+}
+
 Tries decodeTries(ByteView file) {
-  Reader reader(openFile(file, triesHeader));
+  const ByteView content = contentOf(file);
+  if (!startsWith(content, triesHeader)) failDamaged();
+  Reader reader(content.subspan(triesHeader.size()));
   Tries tries;
-  tries.user = reader.number(0, mostTries);
-  tries.securityOfficer = reader.number(0, mostTries);
+  tries.user = reader.number(0, maxTries);
+  tries.securityOfficer = reader.number(0, maxTries);
   reader.end();
   return tries;
 }

@@ -1,4 +1,4 @@
-// What a token holds, and its form in the token's file.
+// The content of a token and its form in the token's files. docs/token-file.md describes the format.
 #pragma once
 
 #include <string>
@@ -8,23 +8,26 @@
 
 namespace softtoken {
 
-constexpr std::uint32_t mostTries = 10;
-// Object handles leave twelve bits for the number of a key pair or certificate.
+constexpr std::uint32_t maxTries = 10;
+// Object handles have twelve bits for the number of a key pair or certificate.
 constexpr std::uint32_t largestId = 4095;
 
 enum class Role { user, securityOfficer };
 
-// The token's master key, sealed under a key that is derived from one password.
+// The token's master key, sealed under a key that is derived from a password.
 struct PasswordLock {
   ScryptCost cost;
   Bytes salt;
   Bytes sealedMasterKey;
-  bool operator==(const PasswordLock& other) const {
-    return salt == other.salt && sealedMasterKey == other.sealedMasterKey;
-  }
+  bool operator==(const PasswordLock&) const = default;
 };
 
-// Key pairs and their private keys, sealed under the master key, stand in the same order.
+// What authenticates a token file under the master key.
+struct FileProof {
+  Digest256 contentHash;
+  Digest256 mac;
+};
+
 struct TokenState {
   std::string serial;
   std::string label;
@@ -35,25 +38,31 @@ struct TokenState {
   PasswordLock user;
   PasswordLock securityOfficer;
   std::vector<TavrinKeyPair> keyPairs;
-  std::vector<Bytes> privateKeys;
+  std::vector<Bytes> privateKeys;  // of the key pairs, in the same order; sealed under the master key
   std::vector<TavrinCertificate> certificates;
+  std::optional<FileProof> proof;  // of the file that was decoded; empty for files of the first format
 
   const PasswordLock& lockOf(Role role) const { return role == Role::user ? user : securityOfficer; }
   std::size_t objectCount() const { return keyPairs.size() + certificates.size(); }
 };
 
-// Password tries left. They have a file of their own, since every try is written down before it is made.
+// Password tries left. They have a file of their own, because each try is written before the password is checked.
 struct Tries {
-  std::uint32_t user = mostTries;
-  std::uint32_t securityOfficer = mostTries;
+  std::uint32_t user = maxTries;
+  std::uint32_t securityOfficer = maxTries;
 
   std::uint32_t& of(Role role) { return role == Role::user ? user : securityOfficer; }
+  std::uint32_t of(Role role) const { return role == Role::user ? user : securityOfficer; }
 };
 
-Bytes encodeTokenState(const TokenState& state);
+// The token file, authenticated under the master key. `proof` is not used.
+Bytes encodeTokenState(const TokenState& state, ByteView masterKey);
 Bytes encodeTries(const Tries& tries);
 
-// Throw deviceFault for anything but a whole, undamaged file.
+// Whether the file of this state was written by somebody who knew the master key. False without a proof.
+bool isAuthentic(const TokenState& state, ByteView masterKey);
+
+// Throw deviceFault for anything but a complete, undamaged file. A token file's proof is not checked.
 TokenState decodeTokenState(ByteView file);
 Tries decodeTries(ByteView file);
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <iostream>
 
-#include "softtoken/token_directory.h"
+#include "softtoken/token_folders.h"
 #include "tool/log_files.h"
 
 namespace tool {

@@ -5,7 +5,7 @@
 
 #include "pkcs11.h"
 #include "softtoken/failure.h"
-#include "softtoken/token_directory.h"
+#include "softtoken/token_folders.h"
 #include "tool/module_file.h"
 
 namespace tool {

@@ -2,7 +2,7 @@
 
 #include <iostream>
 
-#include "softtoken/token_directory.h"
+#include "softtoken/token_folders.h"
 #include "tool/console.h"
 #include "tool/passwords.h"
 #include "tool/text.h"

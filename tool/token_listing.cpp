@@ -4,7 +4,7 @@
 
 #include "devlib/device_constants.h"
 #include "softtoken/certificates.h"
-#include "softtoken/token_directory.h"
+#include "softtoken/token_folders.h"
 #include "tool/json.h"
 #include "tool/text.h"
 

@@ -14,7 +14,7 @@
 #include "softtoken/certificates.h"
 #include "softtoken/key_material.h"
 #include "softtoken/record_io.h"
-#include "softtoken/token_directory.h"
+#include "softtoken/token_folders.h"
 #include "test_platform.h"
 #include "token_session.h"
 #include "vectors.h"
@@ -291,7 +291,7 @@ class SecretsTest : public testing::Test {
   void addKeys(const std::string& password) {
     softtoken::Token token(folder_ / "tokens" / "one");
     const auto state = token.state();
-    const softtoken::MasterKey masterKey = token.unlockForUser(password);
+    const softtoken::MasterKey masterKey = token.unlockForUser(password).masterKey;
     search_.add("master key", masterKey);
     search_.add("password's key", softtoken::scrypt(softtoken::viewOf(password), state->user.salt, state->user.cost));
     ASSERT_EQ(state->keyPairs.size(), 3u);

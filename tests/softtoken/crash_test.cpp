@@ -133,7 +133,7 @@ class CrashTest : public SoftTokenTest {
 
   void SetUp() override {
     SoftTokenTest::SetUp();
-    masterKey_ = otherProcess().unlockForUser(pin);
+    masterKey_ = otherProcess().unlockForUser(pin).masterKey;
   }
 
   static std::string passwordIn(const Things& things) { return things.rbegin()->substr(9); }
@@ -178,9 +178,9 @@ class CrashTest : public SoftTokenTest {
       if (line.starts_with("intend ")) {
         const auto bar = line.find('|');
         change = {line.substr(7, bar - 7), line.substr(bar + 1)};
-        if (change.removed != "wrong") mostTries_ = softtoken::mostTries;
+        if (change.removed != "wrong") maxTries_ = softtoken::maxTries;
       } else if (line.starts_with("done ")) {
-        mostTries_ = std::stoi(line.substr(5));
+        maxTries_ = std::stoi(line.substr(5));
         apply(std::exchange(change, {}), expected_);
         ++done_;
       } else {
@@ -193,8 +193,8 @@ class CrashTest : public SoftTokenTest {
   void compare(const std::vector<Change>& pending) {
     softtoken::Token token = otherProcess();
     const auto left = [&] { return static_cast<int>(token.tries().user); };
-    EXPECT_LE(left(), mostTries_);
-    mostTries_ = left();
+    EXPECT_LE(left(), maxTries_);
+    maxTries_ = left();
 
     Things found;
     const auto state = token.state();
@@ -215,7 +215,7 @@ class CrashTest : public SoftTokenTest {
       }
     }
     // A wrong password costs a try, so it is asked for when it is in doubt, and to get all tries back.
-    const bool ask = mostTries_ <= fewTries || (!pending.empty() && pending[0].added.starts_with("password:"));
+    const bool ask = maxTries_ <= fewTries || (!pending.empty() && pending[0].added.starts_with("password:"));
     const auto fits = std::ranges::find_if(allowed, [&](const Things& things) {
       return std::equal(things.begin(), std::prev(things.end()), found.begin(), found.end()) &&
              (!ask || opens(token, passwordIn(things)));
@@ -223,12 +223,13 @@ class CrashTest : public SoftTokenTest {
     ASSERT_NE(fits, allowed.end()) << testing::PrintToString(found) << " instead of "
                                    << testing::PrintToString(expected_);
     expected_ = *fits;
-    mostTries_ = left();
+    maxTries_ = left();
   }
 
   static bool opens(softtoken::Token& token, const std::string& password) {
     try {
-      return !token.unlockForUser(password).empty();
+      int left = 0;
+      return !token.unlock(softtoken::Role::user, password, left).masterKey.empty();
     } catch (const softtoken::Failure&) {
       return false;
     }
@@ -236,7 +237,7 @@ class CrashTest : public SoftTokenTest {
 
   softtoken::MasterKey masterKey_;
   Things expected_{std::string("password:") + pin};  // which comes last
-  int mostTries_ = softtoken::mostTries;
+  int maxTries_ = softtoken::maxTries;
   int done_ = 0;
   std::mt19937 random_{std::random_device()()};
 };
@@ -255,13 +256,13 @@ TEST_F(CrashTest, KilledWritersLoseNothingThatTheyReported) {
 
 TEST_F(CrashTest, ATryIsWrittenDownBeforeItIsMade) {
   // So dear that it takes a good part of a second.
-  otherProcess().change([](softtoken::TokenState& state) { state.user.cost.cost = 1u << 17; });
+  edit([](softtoken::TokenState& state) { state.user.cost = {1u << 16, 2}; });
   std::atomic<bool> answered = false;
   std::thread attempt([&] {
     EXPECT_EQ(login("wrong"), wrongPassword);
     answered = true;
   });
-  while (otherProcess().tries().user == softtoken::mostTries && !answered) std::this_thread::sleep_for(1ms);
+  while (otherProcess().tries().user == softtoken::maxTries && !answered) std::this_thread::sleep_for(1ms);
   std::this_thread::sleep_for(50ms);
   EXPECT_FALSE(answered) << "a kill in between would have given the try back";
   attempt.join();
@@ -297,6 +298,11 @@ TEST_F(CrashTest, ADiskThatTakesOnlyAPartChangesNothing) {
   failsUpTo(before["tries"].size(), [&](std::size_t size) { return login(size % 2 ? pin : "wrong"); });
   EXPECT_EQ(login(pin), ok);
   EXPECT_EQ(sign(key, pattern(32)).status, ok);
+
+  if (!testPlatform::limitFileSize(100)) return;
+  EXPECT_THROW(softtoken::createToken({.name = "two", .label = "Second"}, pin, soPin), softtoken::Failure);
+  testPlatform::limitFileSize(std::nullopt);
+  EXPECT_FALSE(fs::exists(root / ".new-two"));
 }
 
 }  // namespace

@@ -50,6 +50,11 @@ void SoftTokenTest::TearDown() {
   fs::remove_all(root);
 }
 
+void SoftTokenTest::edit(const std::function<void(softtoken::TokenState&)>& change) const {
+  softtoken::Token token = otherProcess();
+  token.change(token.unlockForUser(pin), change);
+}
+
 int SoftTokenTest::login(const char* password, int kind) {
   return tavrin_validatePassword(device.c_str(), password, kind, &tries, instance);
 }

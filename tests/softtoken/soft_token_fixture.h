@@ -7,7 +7,7 @@
 
 #include "devlib/device_library.h"
 #include "softtoken/failure.h"
-#include "softtoken/token_directory.h"
+#include "softtoken/token_folders.h"
 
 using Bytes = std::vector<std::uint8_t>;
 
@@ -42,6 +42,8 @@ class SoftTokenTest : public testing::Test {
   std::filesystem::path tokenFolder(const char* name = "one") const { return root / name; }
   // The token as another process sees it.
   softtoken::Token otherProcess() const { return softtoken::Token(tokenFolder()); }
+  // Changes the token as another process that has the user's password.
+  void edit(const std::function<void(softtoken::TokenState&)>& change) const;
 
   int login(const char* password, int kind = 1);  // sets `tries`
   TavrinKeyPair generate(std::uint32_t keyType);

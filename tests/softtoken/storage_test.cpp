@@ -4,7 +4,9 @@
 #include <thread>
 
 #include "soft_token_fixture.h"
+#include "softtoken/stored_file.h"
 #include "softtoken/token_objects.h"
+#include "test_platform.h"
 #include "vectors.h"
 
 namespace {
@@ -30,6 +32,10 @@ TEST_F(SoftTokenTest, ListsWholeConnectedTokensBySerial) {
   std::ofstream(tokenFolder() / "token.new") << "left behind";
   EXPECT_EQ(devices(), both);
   EXPECT_EQ(generate(5).id, 1u) << "over what was left behind";
+  std::vector<std::string> unreadable;
+  for (const softtoken::TokenSummary& token : softtoken::allTokens())
+    if (!token.state && !token.problem.empty()) unreadable.push_back(token.name);
+  EXPECT_EQ(unreadable, (std::vector<std::string>{"damaged", "empty", "half"}));
 
   const TokenInfo info = tavrin_getTokenInfo(second.c_str(), nullptr);
   EXPECT_EQ(info.serialNumber, second);
@@ -51,8 +57,10 @@ TEST_F(SoftTokenTest, ListsWholeConnectedTokensBySerial) {
 }
 
 TEST_F(SoftTokenTest, NamesThatLeadElsewhereAreRefused) {
-  for (const char* name : {"", ".hidden", "..", "a/b", "a\\b", "c:", "end.", " a", "a\nb", "one"})
+  for (const char* name : {"", ".hidden", "..", "a/b", "a\\b", "c:", "end.", " a", "a\nb", "a\xC2\x9B", "con",
+                           "NUL.txt", "Com1 .x", "lpt\xC2\xB2", "one"})
     EXPECT_THROW(softtoken::createToken({.name = name, .label = "x"}, pin, soPin), softtoken::Failure) << name;
+  EXPECT_THROW(softtoken::createToken({.name = "x", .label = "\x1B[2J"}, pin, soPin), softtoken::Failure);
   for (const char* password : {"", "123", "0123456789012345678901234567890123456789012345678901234567890123"})
     EXPECT_THROW(softtoken::createToken({.name = "x", .label = "x"}, password, soPin), softtoken::Failure);
   EXPECT_EQ(devices(), Devices{device});
@@ -62,14 +70,19 @@ TEST_F(SoftTokenTest, WrongPasswordsCountUntilTheRightOneOrTheLock) {
   const TavrinKeyPair key = generate(5);
   EXPECT_EQ(login("wrong"), wrongPassword);
   EXPECT_EQ(tries, 9);
-  EXPECT_EQ(sign(key, pattern(32), false, "wrong").status, wrongPassword);
-  EXPECT_EQ(otherProcess().tries().user, 8u) << "every operation counts, and what is counted is stored";
+  for (int i = 0; i < 12; ++i) {
+    EXPECT_EQ(sign(key, pattern(32), false, "wrong").status, wrongPassword) << "refused once, so no try is spent";
+    EXPECT_EQ(sign(key, pattern(32), false, "wrong too").status, wrongPassword);
+  }
+  EXPECT_EQ(otherProcess().tries().user, 8u) << "what is counted is stored";
   EXPECT_EQ(login(""), badArgument);
   EXPECT_EQ(tries, 8);
-  EXPECT_EQ(sign(key, pattern(32)).status, ok);
+  EXPECT_EQ(login(pin), ok);
   EXPECT_EQ(otherProcess().tries().user, 10u);
 
   for (int left = 9; left >= 0; --left) {
+    EXPECT_EQ(sign(key, pattern(32)).status, ok) << "which gives no try back";
+    EXPECT_FALSE(otherProcess().unlockForUser(pin).masterKey.empty()) << "nor does this";
     EXPECT_EQ(login("wrong"), wrongPassword);
     EXPECT_EQ(tries, left);
   }
@@ -104,8 +117,132 @@ TEST_F(SoftTokenTest, APasswordChangeEndsTheOldPasswordEverywhere) {
   EXPECT_EQ(sign(key, pattern(32), false, "second").status, ok);
 
   otherProcess().setUserPassword(softtoken::Role::user, "second", "third", tries);
-  EXPECT_EQ(sign(key, pattern(32), false, "second").status, wrongPassword);
+  for (int i = 0; i < 12; ++i) EXPECT_EQ(sign(key, pattern(32), false, "second").status, wrongPassword);
+  EXPECT_EQ(otherProcess().tries().user, 10u) << "a process that does not know of the change must not lock the token";
+  EXPECT_EQ(login("second"), wrongPassword);
+  EXPECT_EQ(tries, 9);
   EXPECT_EQ(sign(key, pattern(32), false, "third").status, ok);
+}
+
+// The file of the token as an attacker writes it, who knows no password: with a hash that fits.
+void forge(const fs::path& file, Bytes content) {
+  const Bytes hash = softtoken::hashOf(GCRY_MD_SHA256, content);
+  content.insert(content.end(), hash.begin(), hash.end());
+  softtoken::replaceFile(file, content);
+}
+
+TEST_F(SoftTokenTest, OnlyAWrongPasswordSpendsATry) {
+  const TavrinKeyPair key = generate(5);
+  const auto expectFault = [&](const char* what) {
+    SCOPED_TRACE(what);
+    EXPECT_EQ(login(pin), deviceFault);
+    EXPECT_EQ(tries, 10);
+    EXPECT_EQ(sign(key, pattern(32)).status, deviceFault);
+    EXPECT_EQ(otherProcess().tries().user, 10u);
+    EXPECT_FALSE(fs::exists(tokenFolder() / "tries.before"));
+  };
+  // Too little memory for the derivation of a key. Not under sanitizers, nor on Windows.
+  if (testPlatform::limitMemory(true)) {
+    EXPECT_EQ(login(pin), deviceFault) << "which no caller takes for a wrong password";
+    testPlatform::limitMemory(false);
+    EXPECT_EQ(tries, 10);
+    EXPECT_EQ(otherProcess().tries().user, 10u);
+  }
+  const fs::path file = tokenFolder() / "token";
+  const Bytes whole = softtoken::readFile(file, 1 << 20).value();
+  Bytes changed(whole.begin(), whole.end() - 32);
+  changed[4 + 20 + 16 + 4] ^= 0x20;  // the label
+  forge(file, changed);
+  expectFault("another label");
+  Bytes withoutProof(whole.begin(), whole.end() - 64);
+  withoutProof[18] = '1';
+  forge(file, withoutProof);
+  expectFault("as if of a time without proofs");
+  softtoken::replaceFile(file, whole);
+  EXPECT_EQ(login(pin), ok);
+  EXPECT_EQ(sign(key, pattern(32)).status, ok);
+  edit([](softtoken::TokenState& state) { std::swap(state.keyPairs[0].publicKey[5], state.keyPairs[0].publicKey[6]); });
+  EXPECT_EQ(sign(key, pattern(32)).status, deviceFault) << "a private key belongs to its public key";
+  edit([](softtoken::TokenState& state) { state.user.salt.clear(); });
+  expectFault("a lock that no password opens");
+}
+
+TEST_F(SoftTokenTest, TokensOfTheFirstFormatStillOpen) {
+  fs::create_directory(root / "old");
+  softtoken::writeFile(root / "old" / "token", fromHex(vectors::firstFormatToken));
+  softtoken::writeFile(root / "old" / "tries", fromHex(vectors::firstFormatTries));
+  device = "E81A589152E116E0";
+  EXPECT_EQ(sign(keyPairs().at(0), pattern(32)).status, ok);
+  const std::uint8_t* id = keyPairs().at(0).recordId;
+  EXPECT_EQ(tavrin_updateKeyPairDetails(device.c_str(), id, pin, "new", nullptr, 0, instance), ok);
+  softtoken::Token token(root / "old");
+  EXPECT_TRUE(isAuthentic(*token.state(), token.unlockForUser(pin).masterKey)) << "a change authenticates the file";
+  const softtoken::TokenState before = *token.state();
+  token.setUserPassword(softtoken::Role::securityOfficer, soPin, "second", tries);
+  EXPECT_EQ(before.user.cost.cost, 1u << 14);
+  EXPECT_EQ(token.state()->user.cost.cost, 1u << 15);
+  EXPECT_EQ(sign(keyPairs().at(0), pattern(32), false, "second").status, ok);
+}
+
+TEST_F(SoftTokenTest, AnotherTokenUnderTheSameNameIsLeftAlone) {
+  softtoken::Token token = otherProcess();
+  const softtoken::UnlockedState unlocked = token.unlockForUser(pin);
+  softtoken::removeToken("one");
+  softtoken::createToken({.name = "one", .label = "Second"}, pin, soPin);
+  const Bytes whole = softtoken::readFile(tokenFolder() / "token", 1 << 20).value();
+  EXPECT_THROW(token.change(unlocked, [](softtoken::TokenState& state) { state.capacity = 1; }), softtoken::Failure);
+  EXPECT_THROW(token.setUserPassword(softtoken::Role::user, "wrong", "second", tries), softtoken::Failure);
+  EXPECT_EQ(softtoken::readFile(tokenFolder() / "token", 1 << 20), whole);
+  EXPECT_EQ(otherProcess().tries().user, 10u);
+  EXPECT_EQ(login(pin), deviceFault);
+  device = otherProcess().state()->serial;
+  EXPECT_EQ(devices(), Devices{device});
+  EXPECT_EQ(login(pin), ok);
+}
+
+TEST_F(SoftTokenTest, FilesBoundTheWorkThatTheyCause) {
+  const softtoken::TokenState state = *otherProcess().state();
+  const Bytes key(32);
+  using Cost = softtoken::ScryptCost;
+  for (const auto& [cost, accepted] : {std::pair{Cost{1u << 16, 2}, true},
+                                       {Cost{1u << 17, 1}, false},
+                                       {Cost{1u << 16, 3}, false},
+                                       {Cost{1u << 14, 9}, false},
+                                       {Cost{3u << 14, 1}, false}}) {
+    softtoken::TokenState other = state;
+    other.user.cost = cost;
+    const Bytes file = encodeTokenState(other, key);
+    if (accepted) {
+      EXPECT_TRUE(isAuthentic(softtoken::decodeTokenState(file), key));
+    } else {
+      EXPECT_THROW(softtoken::decodeTokenState(file), softtoken::Failure) << cost.cost << ' ' << cost.parallelism;
+    }
+  }
+}
+
+TEST_F(SoftTokenTest, NobodyWaitsForeverOrWritesToTheWorkingFolder) {
+  const fs::path file = root / "lock";
+  std::optional<softtoken::FileLock> held(std::in_place, file);
+  EXPECT_THROW(softtoken::FileLock(file, std::chrono::milliseconds(30)), softtoken::Failure);
+  std::thread holder([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    held.reset();
+  });
+  EXPECT_NO_THROW((softtoken::FileLock(file)));
+  holder.join();
+
+  const std::string data = root.string();
+  testPlatform::setEnvironment("TAVRIN_SOFT_TOKENS", nullptr);
+  for (const char* variable : testPlatform::dataFolderVariables()) {
+    std::optional<std::string> before;
+    if (const char* value = std::getenv(variable)) before = value;
+    testPlatform::setEnvironment(variable, data.c_str());
+    EXPECT_TRUE(softtoken::textOf(softtoken::tokenRoot()).starts_with(data));
+    testPlatform::setEnvironment(variable, nullptr);
+    testPlatform::setEnvironment("XDG_DATA_HOME", "relative");
+    EXPECT_EQ(devices(), Devices{});
+    testPlatform::setEnvironment(variable, before ? before->c_str() : nullptr);
+  }
 }
 
 TEST_F(SoftTokenTest, KeyPairsKeepTheirDetails) {
@@ -140,7 +277,7 @@ TEST_F(SoftTokenTest, KeyPairsKeepTheirDetails) {
 }
 
 TEST_F(SoftTokenTest, OneCertificateIsOneRecordAndAFullTokenTakesNothingMore) {
-  otherProcess().change([](softtoken::TokenState& state) { state.capacity = 2; });
+  edit([](softtoken::TokenState& state) { state.capacity = 2; });
   TavrinCertificate certificate = certificateRecord();
   TavrinCertificate second = certificateRecord();
   EXPECT_EQ(importCertificate(certificate), ok);
@@ -148,9 +285,16 @@ TEST_F(SoftTokenTest, OneCertificateIsOneRecordAndAFullTokenTakesNothingMore) {
   TavrinKeyPair key{};
   key.keyType = 5;
   EXPECT_EQ(tavrin_generateKeyPair(device.c_str(), pin, &key, instance), full);
+  softtoken::setLabel(second.label, "again");
+  second.certId[0] = 9;
+  second.certIdLength = 1;
   EXPECT_EQ(importCertificate(second), ok) << "it is there already";
   EXPECT_TRUE(std::ranges::equal(certificate.recordId, second.recordId));
-  EXPECT_EQ(certificates().size(), 1u);
+  EXPECT_EQ(importCertificate(certificate), ok) << "without label and ID";
+  ASSERT_EQ(certificates().size(), 1u);
+  EXPECT_STREQ(certificates()[0].label, "again");
+  EXPECT_EQ(certificates()[0].certIdLength, 1u);
+  EXPECT_EQ(certificates()[0].certId[0], 9);
   second.certificate[second.certificateLength - 1] ^= 1;
   EXPECT_EQ(importCertificate(second), full);
   EXPECT_EQ(tavrin_deleteCertificate(device.c_str(), certificate.recordId, pin, instance), ok);
@@ -169,7 +313,7 @@ TEST_F(SoftTokenTest, OneCertificateIsOneRecordAndAFullTokenTakesNothingMore) {
 TEST_F(SoftTokenTest, NumbersWrapToTheLowestFreeOne) {
   generate(5);
   const TavrinKeyPair second = generate(5);
-  otherProcess().change([](softtoken::TokenState& state) { state.lastKeyPairId = 4094; });
+  edit([](softtoken::TokenState& state) { state.lastKeyPairId = 4094; });
   EXPECT_EQ(generate(5).id, 4095u);
   EXPECT_EQ(generate(5).id, 3u);
   ASSERT_EQ(tavrin_deleteKeyPair(device.c_str(), second.recordId, pin, false, instance), ok);
@@ -192,8 +336,9 @@ TEST_F(SoftTokenTest, TwoProcessesAndManyThreadsLoseNothing) {
   }
   threads.emplace_back([&] {
     softtoken::Token other = otherProcess();
+    const softtoken::UnlockedState unlocked = other.unlockForUser(pin);
     for (std::uint8_t i = 1; i <= rounds; ++i) {
-      other.change([&](softtoken::TokenState& state) {
+      other.change(unlocked, [&](softtoken::TokenState& state) {
         TavrinCertificate certificate = certificateRecord();
         certificate.certificate[0] = i;
         softtoken::addCertificate(state, certificate);

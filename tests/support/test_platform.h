@@ -59,6 +59,13 @@ void forEachMemoryBlock(std::intptr_t process, const std::function<void(std::spa
 // False where the system has no such limit.
 bool limitFileSize(std::optional<std::size_t> size);
 
+// Leaves the process only a few MiB of memory that it does not use yet, until it is called with false. False where that
+// cannot be done: on Windows and under sanitizers.
+bool limitMemory(bool limited);
+
+// The environment variables, one at a time, that name the place of the user's data.
+std::vector<const char*> dataFolderVariables();
+
 // The folder of the running test program, as the system spells it, without a closing separator.
 std::string programFolder();
 

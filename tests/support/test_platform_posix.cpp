@@ -148,6 +148,22 @@ bool limitFileSize(std::optional<std::size_t> size) {
   return setrlimit(RLIMIT_FSIZE, &limit) == 0;
 }
 
+bool limitMemory([[maybe_unused]] bool limited) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  return false;
+#else
+  rlimit limit{};
+  getrlimit(RLIMIT_AS, &limit);
+  std::size_t pages = 0;
+  std::ifstream("/proc/self/statm") >> pages;
+  constexpr rlim_t rest = rlim_t{8} << 20;
+  limit.rlim_cur = limited ? pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + rest : limit.rlim_max;
+  return setrlimit(RLIMIT_AS, &limit) == 0;
+#endif
+}
+
+std::vector<const char*> dataFolderVariables() { return {"HOME"}; }
+
 std::string programFolder() { return std::filesystem::read_symlink("/proc/self/exe").parent_path().string(); }
 
 }  // namespace testPlatform

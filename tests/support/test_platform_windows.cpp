@@ -114,6 +114,10 @@ void forEachMemoryBlock(std::intptr_t process, const std::function<void(std::spa
 
 bool limitFileSize(std::optional<std::size_t>) { return false; }
 
+bool limitMemory(bool) { return false; }
+
+std::vector<const char*> dataFolderVariables() { return {"LOCALAPPDATA"}; }
+
 std::string programFolder() {
   char path[MAX_PATH] = {};
   GetModuleFileNameA(nullptr, path, sizeof path);
