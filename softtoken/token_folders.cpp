@@ -52,7 +52,7 @@ void requireGoodName(const std::string& name) {
           "a token's name does not begin with a dot or blank, nor end with one");
   require(name.find_first_of("/\\:*?\"<>|") == std::string::npos && !hasControl(name),
           "a token's name holds none of / \\ : * ? \" < > | and no control character");
-  require(!isWindowsDevice(name), "Windows reserves this name for a device");
+  require(!isWindowsDevice(name), "a token's name is none that Windows reserves, such as CON, NUL or COM1");
 }
 
 std::string makeSerial() {
@@ -141,7 +141,7 @@ std::vector<fs::path> tokenFolders(const fs::path& root) {
 void requireGood(const NewToken& token) {
   requireGoodName(token.name);
   require(!token.label.empty() && token.label.size() <= maxLabel && !hasControl(token.label),
-          "a label has 1 to 64 bytes and no control character");
+          "a label has 1 to 64 bytes and no control characters");
   require(token.firmware.size() <= maxFirmware && token.firmware.find_first_not_of("0123456789.") == std::string::npos,
           "a firmware version has digits and dots, at most 31 bytes");
   require(token.capacity >= 1 && token.capacity <= largestId, "a capacity is between 1 and 4095 objects");
