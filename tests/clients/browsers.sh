@@ -1,6 +1,6 @@
 #!/bin/bash
-# Firefox and Chromium log in to a TLS server with a key of the token. They run on a virtual screen, and xdotool types the
-# addresses and the PIN. The server's log says who came.
+# Firefox and Chromium log in to a TLS server with a key of the token. They run on a virtual screen. xdotool types the
+# addresses and the PIN. The check is the server's log.
 source "$(dirname "$0")/lib.sh"
 useStandard
 unset TAVRIN_HOME
@@ -82,10 +82,10 @@ fi
 browser=Chromium
 recipe Chromium
 options=()
-[[ $EUID != 0 ]] || options=(--no-sandbox) # which root cannot have
+[[ $EUID != 0 ]] || options=(--no-sandbox) # the sandbox does not work as root
 background chromium "${options[@]}" --no-first-run --user-data-dir="$work/chromium" about:blank
 visit chromium
 typeInto 'Unlock Security Device' "$PIN"
-# The list of certificates appears in the browser's window, with the only one selected.
+# Return accepts the certificate that the browser has selected in its list.
 answered() { xdotool key Return && visited chromium 'SUCCESS CN=User rsa'; }
 check "Chromium logs in" eventually answered

@@ -1,12 +1,12 @@
 #!/bin/bash
-# The guides in docs/: every command in a block marked "sh" or "bat" is run, each guide in a folder that looks like the
-# project's. The packages' names and the Wine prefix are the only things that are prepared for them.
+# The guides in docs/: runs every command in a block marked "sh" or "bat". Each guide gets a folder with the project's
+# structure, the packages and a Wine prefix.
 source "$(dirname "$0")/lib.sh"
 top=$(cd "$here/../.." && pwd)
 prefix=$windows/wine-prefix
 unset TAVRIN_HOME JAVA_TOOL_OPTIONS
 
-# blocks FILE: the shell's commands as they stand, Windows' commands as calls of the function below.
+# blocks FILE: prints the commands for the shell unchanged, those for Windows as calls of windowsCommand.
 blocks() {
   awk '/^```sh$/ {kind = "sh"; next} /^```bat$/ {kind = "bat"; next} /^```/ {kind = ""; next}
        kind == "sh" {print} kind == "bat" {print "windowsCommand <<'"'COMMAND'"'\n" $0 "\nCOMMAND"}' "$1"
@@ -14,7 +14,7 @@ blocks() {
 windowsCommand() {
   local command
   read -r command
-  # Through a file, since the shell of Windows has quotes of its own.
+  # In a batch file, since cmd quotes differently.
   printf '@%s\r\n' "$command" >command.bat
   "$top/scripts/wine.sh" cmd /c command.bat </dev/null
 }

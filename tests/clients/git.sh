@@ -1,5 +1,5 @@
 #!/bin/bash
-# git with SSH keys of the token: commits signed through an agent, and a repository that an SSH server has.
+# git with SSH keys of the token: commits signed through an agent, and a clone from an SSH server.
 source "$(dirname "$0")/lib.sh"
 useStandard
 PATH=$PATH:/usr/sbin
@@ -19,7 +19,7 @@ cp document project
 quietly git -C project add document
 check "the agent signs a commit" git -C project commit -m Document
 shows "git verifies" "Good \"git\" signature for $email with ECDSA" git -C project verify-commit HEAD
-# What git signed is the commit without its signature.
+# git signs the commit without its signature.
 git -C project cat-file commit HEAD >commit
 sed -n 's/^gpgsig //p; s/^ \(.*\)/\1/p' commit | sed '/^END/q' >signature
 check "ssh-keygen verifies" eval "grep -v '^gpgsig\|^ ' commit | ssh-keygen -Y verify -f ~/.ssh/allowed_signers -I $email -n git -s signature"

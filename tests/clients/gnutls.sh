@@ -9,7 +9,7 @@ createTokenWithKeys
 serial=$(pkcs11-tool --module "$module" --list-slots | sed -n 's/.*serial num *: //p')
 token=pkcs11:serial=$serial
 
-# The texts end in NULs, which are part of the URI; a URI without them names no token. The serial number fills its field.
+# The module's texts end in NULs, which are part of the URI. A URI without them does not match. The serial number has no NUL.
 shows "the token's label in its URI" 'token=Client%20token%00' p11 --list-token-urls
 refuses "a URI with the plain label" 'object is not available' \
   p11 --login --generate-privkey=rsa --bits 2048 --label x --outfile x.pem 'pkcs11:token=Client%20token'

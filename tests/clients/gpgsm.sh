@@ -1,5 +1,5 @@
 #!/bin/bash
-# gpgsm, which mail programs sign and decrypt S/MIME with, over gnupg-pkcs11-scd.
+# gpgsm over gnupg-pkcs11-scd: S/MIME signatures and decryption.
 source "$(dirname "$0")/lib.sh"
 useStandard
 
@@ -12,12 +12,12 @@ printf '%s\n' '#!/bin/bash' 'echo OK' 'while read -r line; do' \
 chmod +x pinentry
 echo "pinentry-program $work/pinentry" >~/.gnupg/gpg-agent.conf
 recipe gpgsm
-# Without this, gpgsm asks on the network whether the certificate was revoked, and the user whether the authority is trusted.
+# gpgsm must not look for revocation lists on the network, or ask the user whether to trust the authority.
 echo disable-crl-checks >~/.gnupg/gpgsm.conf
 echo "$(openssl x509 -in ca.crt -noout -fingerprint -sha1 | cut -d= -f2) S relax" >~/.gnupg/trustlist.txt
 quietly gpgconf --reload gpg-agent
-# GnuPG 2.2 puts a zero byte before a signature whose first bit is set, which it accepts itself and OpenSSL does not. The
-# time is part of what is signed, so that the signature of the next second is another.
+# GnuPG 2.2 writes a zero byte before a signature whose first bit is set, and OpenSSL refuses that. The signed data include
+# the time, so the test signs again, in another second, until the first bit is clear.
 sign() { gpgsm --yes --local-user 'CN=User rsa' --output signed.cms --sign document; }
 check "sign" sign
 shows "gpgsm verifies" 'Good signature' gpgsm --verify signed.cms

@@ -7,7 +7,7 @@ name = Tavrin
 library = $module
 slotListIndex = 0
 END
-# Java sends no attributes of its own for private keys, and the module wants one, and the type of EC keys.
+# Java sends an empty private-key template. The module needs at least one attribute, and the key type for EC.
 cat - plain.cfg >java.cfg <<'END'
 attributes(generate, CKO_PRIVATE_KEY, CKK_RSA) = { CKA_SIGN = true CKA_DECRYPT = true }
 attributes(generate, CKO_PRIVATE_KEY, CKK_EC) = { CKA_KEY_TYPE = 3 CKA_SIGN = true }
@@ -23,7 +23,7 @@ config=plain.cfg
 refuses "EC key generation as Java is" CKR_ARGUMENTS_BAD keystore -genkeypair -alias x -keyalg EC -groupname secp256r1 -dname CN=x
 check "RSA key generation as Java is" keystore -genkeypair -alias loose -keyalg RSA -keysize 2048 -dname CN=loose
 shows "finds no key for the certificate" 'loose, trustedCertEntry' keystore -list
-# Java made that key itself and imported it; the module keeps no ID for imported keys, and Java finds keys by ID.
+# Java generated this key in memory and imported it. The module ignores the ID of imported keys; Java finds keys by ID.
 id=$(loggedIn --list-objects --type privkey 2>/dev/null | sed -n 's/.*ID: *//p')
 check "give the key its alias as ID" loggedIn --type privkey --id "$id" --set-id "$(printf loose | od -An -tx1 | tr -d ' \n')"
 shows "now it belongs" 'loose, PrivateKeyEntry' keystore -list
@@ -45,7 +45,7 @@ for alias in loose jrsa jec; do
     -CAfile $alias.crt -purpose any -out verified"
 done
 
-# The keys of running operations change places otherwise.
+# Without the lock, signatures are made with the key of another thread's operation.
 shows "four threads with a lock from initSign to sign" '^200 of 200' java "$here/programs/Threads.java" java.cfg lock
 
 openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.crt -subj /CN=CA -days 30 2>/dev/null

@@ -19,7 +19,7 @@ cleanup() {
     kill "${servers[@]}" 2>/dev/null || true
     wait || true
   fi
-  rm -rf "$work" || { sleep 1 && rm -rf "$work"; } # a browser's processes end after it
+  rm -rf "$work" || { sleep 1 && rm -rf "$work"; } # a browser's child processes end a little later
 }
 trap cleanup EXIT
 trap 'exit 1' INT TERM
@@ -31,7 +31,7 @@ export TAVRIN_REGISTRY=$work/registry
 unset XDG_DATA_HOME XDG_CONFIG_HOME OPENSSL_CONF SSH_AUTH_SOCK
 cd "$work"
 
-# The PIN lies in a file, with and without a line end, and in the environment, never in an argument.
+# The PIN is in a file, with and without a line end, and in the environment. Other users can see arguments.
 PIN=$(openssl rand -hex 6)
 export PIN
 echo "$PIN" >pin
@@ -66,14 +66,14 @@ refuses() {
   if ! "$@" >"$work/output" 2>&1 && grep -qE -- "$pattern" "$work/output"; then passed "$what"; else failed "$what"; fi
 }
 
-# quietly COMMAND...: preparation, whose output matters only when it fails.
+# quietly COMMAND...: preparation; shows the output and ends the script only if the command fails.
 quietly() {
   "$@" >"$work/output" 2>&1 && return
   failed "preparation: $*"
   exit 1
 }
 
-# background COMMAND...: ends with the script.
+# background COMMAND...: runs until the script ends.
 background() {
   "$@" >"$work/server-output" 2>&1 &
   servers+=($!)
@@ -97,7 +97,7 @@ port() { echo $((20000 + RANDOM % 10000)); }
 
 loggedIn() { pkcs11-tool --module "$module" --login --pin env:PIN "$@"; }
 
-# publicKey ID FILE: not with pkcs11-tool, since that of OpenSC 0.23 uses freed memory when it reads EC keys.
+# publicKey ID FILE: with p11tool, since pkcs11-tool 0.23 uses freed memory when it reads EC keys.
 publicKey() { p11tool --provider "$module" --batch --export "pkcs11:id=%$1;type=public" --outfile "$2"; }
 
 # A token with an RSA key of ID 01 and a P-256 key of ID 02, labelled "rsa" and "ec"; their public keys are in rsa.pem, ec.pem.
@@ -180,13 +180,36 @@ verifyCms() { # FILE CERTIFICATE [OPTION...]
   openssl cms -verify -binary -inform DER -in "$1" -CAfile "$2" -purpose any -out verified "${@:3}" && cmp verified document
 }
 
-# Windows programs run under Wine in a prefix that lasts from one run to the next. They see the same folders by other names.
+# nodePackages FOLDER [PACKAGE...]: pkcs11js for Node.js, from npm. compileAddon FOLDER COMPILER [OPTION...]:
+# compiles the addon of pkcs11js. Both keep what an earlier run left in the folder.
+nodePackages() {
+  [[ ! -d $1/node_modules ]] || return 0
+  mkdir -p "$1"
+  quietly env HOME="$userHome" npm install --prefix "$1" --no-save --no-package-lock --ignore-scripts --force --no-audit \
+    --no-fund pkcs11js@2.1 node-api-headers@1 "${@:2}"
+}
+compileAddon() {
+  local modules=$1/node_modules addon=$1/node_modules/pkcs11js/build/Release/pkcs11.node
+  [[ ! -f $addon ]] || return 0
+  mkdir -p "$(dirname "$addon")"
+  quietly "$2" -std=c++17 -O1 -w -shared -DBUILDING_NODE_EXTENSION -DNODE_GYP_MODULE_NAME=pkcs11 -I"$modules/pkcs11js/includes" \
+    -I"$modules/node-api-headers/include" "$modules"/pkcs11js/src/{dl,common,main}.cpp "${@:3}" -o "$addon"
+}
+
+# derSignature RAW DER: converts r and s of P-256, one after the other, to the sequence that openssl reads.
+derSignature() {
+  number() { od -An -v -tx1 -j "$2" -N 32 "$1" | tr -d ' \n'; }
+  printf 'asn1=SEQUENCE:s\n[s]\nr=INTEGER:0x%s\ns=INTEGER:0x%s\n' "$(number "$1" 0)" "$(number "$1" 32)" >sequence
+  quietly openssl asn1parse -genconf sequence -noout -out "$2"
+}
+
+# Windows programs run under Wine, in a prefix that is kept for the next run. Drive Z: is the root folder.
 startWine() {
   export WINEPREFIX=$windows/wine-prefix TAVRIN_SOFT_TOKENS=Z:$work/tokens TAVRIN_HOME=Z:$work/tavrin-home
   [[ -f $WINEPREFIX/system.reg ]] || quietly wine wineboot -i
   quietly wine winecfg -v win10
 }
-# Programs write into a file, as some of them cannot do with a pipe.
+# The output goes to a file, since some Windows programs cannot write to a pipe.
 wine() {
   local result=0
   "$here/../../scripts/wine.sh" "$@" >"$work/wine-output" 2>"$work/wine-errors" || result=$?

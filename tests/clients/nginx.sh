@@ -9,7 +9,7 @@ for key in rsa ec; do
   quietly selfSigned "${!private}" $key.crt /CN=localhost -addext subjectAltName=DNS:localhost
 done
 rsaPort=$(port) ecPort=$((rsaPort + 1))
-# nginx empties the environment of its workers, except for what "env" names.
+# nginx removes all variables from the environment of its workers, except those that "env" names.
 cat >nginx.conf <<END
 daemon off;
 user $(id -un);

@@ -11,7 +11,7 @@ const data = fs.readFileSync(documentFile);
 const cryptoki = new p11.PKCS11();
 const textOf = (field) => field.split("\0")[0].trim();
 const attribute = (type, value) => ({ type, value });
-const mechanism = (type, parameter = null) => ({ mechanism: type, parameter });
+const mechanism = (type) => ({ mechanism: type, parameter: null });
 
 cryptoki.load(moduleFile);
 cryptoki.C_Initialize();
@@ -48,37 +48,15 @@ fs.writeFileSync("rsa.sig", sign(p11.CKM_SHA256_RSA_PKCS, rsa.privateKey));
 
 const p256 = Buffer.from("06082a8648ce3d030107", "hex");
 const ec = generate("node ec", p11.CKK_EC, p11.CKM_EC_KEY_PAIR_GEN, attribute(p11.CKA_EC_PARAMS, p256));
-const point = read(ec.publicKey, p11.CKA_EC_POINT).subarray(2); // behind the header of an octet string
+const point = read(ec.publicKey, p11.CKA_EC_POINT).subarray(2); // after the header of an octet string
 writePublicKey("ec.pem", { kty: "EC", crv: "P-256", x: base64(point.subarray(1, 33)), y: base64(point.subarray(33)) });
-const signature = sign(p11.CKM_ECDSA_SHA256, ec.privateKey);
-fs.writeFileSync("ec.raw", signature);
-cryptoki.C_VerifyInit(session, mechanism(p11.CKM_ECDSA_SHA256), ec.publicKey);
-console.log(`verified ${cryptoki.C_Verify(session, data, signature)}`);
+fs.writeFileSync("ec.raw", sign(p11.CKM_ECDSA_SHA256, ec.privateKey));
 
 // The module reads a label up to its NUL.
 const label = attribute(p11.CKA_LABEL, "node ec\0");
 cryptoki.C_FindObjectsInit(session, [attribute(p11.CKA_CLASS, p11.CKO_PRIVATE_KEY), label]);
 console.log(`${cryptoki.C_FindObjects(session, 8192).length} key labelled node ec`);
 cryptoki.C_FindObjectsFinal(session);
-
-try {
-  cryptoki.C_SeedRandom(session, Buffer.alloc(4));
-} catch (error) {
-  console.log(`${error.method}: ${error.message}`);
-}
-
-const padding = crypto.constants.RSA_PKCS1_OAEP_PADDING;
-const ciphertext = crypto.publicEncrypt({ key: fs.readFileSync("rsa.pem"), padding }, Buffer.from("secret"));
-const oaep = { type: p11.CK_PARAMS_RSA_OAEP, hashAlg: p11.CKM_SHA_1, mgf: p11.CKG_MGF1_SHA1, source: 1 };
-cryptoki.C_DecryptInit(session, mechanism(p11.CKM_RSA_PKCS_OAEP, oaep), rsa.privateKey);
-console.log(`decrypted ${cryptoki.C_Decrypt(session, ciphertext, Buffer.alloc(512))}`);
-
-const peer = crypto.createECDH("prime256v1");
-const exchange = { type: p11.CK_PARAMS_EC_DH, kdf: p11.CKD_NULL, publicData: peer.generateKeys() };
-const secret = cryptoki.C_DeriveKey(session, mechanism(p11.CKM_ECDH1_DERIVE, exchange), ec.privateKey, [
-  attribute(p11.CKA_CLASS, p11.CKO_SECRET_KEY),
-]);
-console.log(`the same ECDH secret ${read(secret, p11.CKA_VALUE).equals(peer.computeSecret(point))}`);
 
 cryptoki.C_SignInit(session, mechanism(p11.CKM_ECDSA_SHA256), ec.privateKey);
 cryptoki.C_SignAsync(session, data, Buffer.alloc(512)).then((bytes) => {

@@ -43,7 +43,7 @@ openssl pkeyutl -derive -inkey peer.key -peerkey ec.pem -out expected
 check "ECDH" withEngine pkeyutl -derive -keyform engine -inkey "$ecKey" -peerkey peer.pem -out secret
 check "the same secret" cmp expected secret
 
-# stunnel before a plain server: what an administrator does for a service that knows no tokens.
+# stunnel in front of a plain server, for services that do not support tokens.
 port=$(port)
 cat >service.sh <<'END'
 while read -r line && [[ $line != $'\r' ]]; do :; done

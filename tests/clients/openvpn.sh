@@ -11,7 +11,7 @@ openssl rsa -in server.key -pubout -out server.pem 2>/dev/null
 issue server.pem server.crt /CN=vpn extendedKeyUsage=serverAuth keyUsage=digitalSignature
 clientCertificate rsa 01
 clientCertificate ec 02
-# In a subshell, since a connection that exec cannot open ends the shell.
+# In a subshell, since exec ends the shell if the connection fails.
 answerPin() (
   exec 5<>"/dev/tcp/127.0.0.1/$management"
   while read -r -t 20 line <&5; do
@@ -30,7 +30,7 @@ for key in rsa ec; do
   check "the server starts" eventually grep -q 'Listening for incoming TCP' server.log
   certificate="CN=User $key"
   recipe OpenVPN
-  sed -i 's/^client$/tls-client/' client.conf # no device, so there is nothing to ask the server for
+  sed -i 's/^client$/tls-client/' client.conf # the server has no network to assign addresses from
   openvpn --config client.conf --dev null --management 127.0.0.1 "$management" \
     --management-query-passwords >client.log 2>&1 &
   servers+=($!)

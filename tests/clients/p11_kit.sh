@@ -6,7 +6,7 @@ createTokenWithKeys
 check "install" cmake --install "$linux" --prefix "$work/usr"
 registration=$(find usr -name tavrin.module)
 shows "the module file names the installed module" "^module: $work/usr/lib.*/libtavrin-pkcs11.so$" cat "$registration"
-# p11-kit reads the system's folder of module files only, which a namespace of our own replaces by the installed one.
+# p11-kit reads module files from a fixed folder only. A mount namespace puts the installed folder in its place.
 registered() {
   unshare --user --map-root-user --mount sh -ec 'mount --bind "$1" /usr/share/p11-kit/modules; shift; exec "$@"' sh "$(dirname "$registration")" "$@"
 }
@@ -19,10 +19,10 @@ eval "$(p11-kit server --provider "$module" --name "$work/p11-kit" "pkcs11:")"
 servers+=("$P11_KIT_SERVER_PID")
 remote() { pkcs11-tool --module "$(find /usr/lib -name p11-kit-client.so | head -1)" --login --pin env:PIN "$@"; }
 openssl dgst -sha256 -binary -out digest document
-# The protocol of p11-kit 0.24 knows no ECDSA with a hash.
+# The protocol of p11-kit 0.24 does not have ECDSA with a hash.
 for row in "01 rsa SHA256-RSA-PKCS document" "02 ec ECDSA digest"; do
   read -r id key mechanism input <<<"$row"
-  # Attributes that read as empty are more than p11-kit's protocol can carry; the client goes on without that one.
+  # p11-kit's protocol cannot transfer attributes that read as empty. The client continues without that attribute.
   shows "sign over the server, $key" 'ALWAYS_AUTHENTICATE.*CKR_DEVICE_ERROR' remote --sign --mechanism "$mechanism" --id "$id" \
     --signature-format openssl --input-file "$input" --output-file signature
   check "openssl verifies" verifySignature $key.pem signature -sha256
