@@ -1,5 +1,6 @@
 # tavrin_export_cryptoki(target): exports the functions of include/pkcs11f.h, the only list of them, by their plain
-# names, and the three extra ones by the names that the platform's C++ compiler gives them; nothing else.
+# names, and the three extra ones by the names that the platform's C++ compiler gives them; nothing else. With
+# STANDARD_ONLY the three are left out.
 set(CRYPTOKI_FUNCTION_LIST ${CMAKE_SOURCE_DIR}/include/pkcs11f.h)
 file(READ ${CRYPTOKI_FUNCTION_LIST} text)
 string(REGEX MATCHALL "F\\(C_[A-Za-z]+" CRYPTOKI_FUNCTION_NAMES "${text}")
@@ -24,6 +25,9 @@ function(tavrin_export_cryptoki target)
       string(APPEND interactiveLogin " = _Z18C_InteractiveLoginm")
     endif()
     set(DECORATED_EXPORTS "${ejectToken}\n  ${structSizeList}\n  ${interactiveLogin}")
+    if("STANDARD_ONLY" IN_LIST ARGN)
+      set(DECORATED_EXPORTS "")
+    endif()
     configure_file(${CMAKE_SOURCE_DIR}/include/tavrin_pkcs11.def.in ${generated}/tavrin_pkcs11.def @ONLY)
     target_sources(${target} PRIVATE ${generated}/tavrin_pkcs11.def)
   else()

@@ -1,0 +1,75 @@
+// The attributes of one object, and reading of the templates that applications pass.
+#pragma once
+
+#include <initializer_list>
+#include <optional>
+#include <span>
+#include <utility>
+#include <vector>
+
+#include "devlib/device_constants.h"
+#include "platform/secret_memory.h"
+#include "standard/cryptoki.h"
+
+namespace tavrin::standard {
+
+// Memory is wiped when it is given back. Not synchronised.
+class Attributes {
+ public:
+  // Null when the object has no such attribute. A sensitive value is an attribute that `isSensitive` names.
+  const SecretBytes* find(CK_ATTRIBUTE_TYPE type) const;
+
+  void set(CK_ATTRIBUTE_TYPE type, ByteView value);
+  void setFlag(CK_ATTRIBUTE_TYPE type, bool value);
+  void setNumber(CK_ATTRIBUTE_TYPE type, CK_ULONG value);
+
+  bool flag(CK_ATTRIBUTE_TYPE type) const;
+  CK_ULONG number(CK_ATTRIBUTE_TYPE type) const;
+
+  // That the object has this attribute with exactly this value.
+  bool match(const CK_ATTRIBUTE& wanted) const;
+
+  const std::vector<std::pair<CK_ATTRIBUTE_TYPE, SecretBytes>>& all() const { return entries_; }
+
+ private:
+  std::vector<std::pair<CK_ATTRIBUTE_TYPE, SecretBytes>> entries_;
+};
+
+// A template whose pointers have been checked: every entry has a value, or none and the length 0.
+class Template {
+ public:
+  // Throws CKR_ARGUMENTS_BAD for a missing template, CKR_ATTRIBUTE_VALUE_INVALID for a missing value, and
+  // CKR_TEMPLATE_INCONSISTENT for an attribute that is given twice with different values.
+  Template(const CK_ATTRIBUTE* entries, CK_ULONG count);
+
+  std::span<const CK_ATTRIBUTE> entries() const { return entries_; }
+  const CK_ATTRIBUTE* find(CK_ATTRIBUTE_TYPE type) const;
+
+  // Nothing when the attribute is not given. A flag or number of another length is CKR_ATTRIBUTE_VALUE_INVALID.
+  std::optional<ByteView> bytes(CK_ATTRIBUTE_TYPE type) const;
+  std::optional<bool> flag(CK_ATTRIBUTE_TYPE type) const;
+  std::optional<CK_ULONG> number(CK_ATTRIBUTE_TYPE type) const;
+
+  // The value of an attribute that must be given: CKR_TEMPLATE_INCOMPLETE otherwise.
+  ByteView required(CK_ATTRIBUTE_TYPE type) const;
+  CK_ULONG requiredNumber(CK_ATTRIBUTE_TYPE type) const;
+
+  // Refuses with CKR_TEMPLATE_INCONSISTENT a flag or number that is given and has another value.
+  void mustNotContradict(CK_ATTRIBUTE_TYPE type, bool value) const;
+  void mustNotContradict(CK_ATTRIBUTE_TYPE type, CK_ULONG value) const;
+
+  // Refuses with CKR_ATTRIBUTE_TYPE_INVALID what is not among the given types.
+  void mustBeOf(std::span<const CK_ATTRIBUTE_TYPE> known) const;
+
+ private:
+  std::span<const CK_ATTRIBUTE> entries_;
+};
+
+ByteView valueOf(const CK_ATTRIBUTE& attribute);
+bool isFlag(CK_ATTRIBUTE_TYPE type);
+
+// The label and ID that the token can keep: CKR_ATTRIBUTE_VALUE_INVALID for a longer one or a label with a NUL.
+inline constexpr std::size_t longestId = 128;
+void checkLabelAndId(const Template& wanted);
+
+}  // namespace tavrin::standard

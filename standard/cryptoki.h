@@ -1,0 +1,15 @@
+// Cryptoki as this library speaks it: the shared headers, and what it uses of version 2.40 beyond 2.20.
+#pragma once
+
+#include "pkcs11.h"
+
+inline constexpr CK_BYTE standardVersionMajor = 2;
+inline constexpr CK_BYTE standardVersionMinor = 40;
+
+#define CKA_COPYABLE 0x00000171U
+#define CKA_DESTROYABLE 0x00000172U
+
+#define CKD_SHA384_KDF 0x00000007U
+#define CKD_SHA512_KDF 0x00000008U
+
+#define CKR_CURVE_NOT_SUPPORTED 0x00000140U

@@ -1,0 +1,108 @@
+// C_Login, C_Logout and C_SetPIN.
+#include <algorithm>
+
+#include "standard/call.h"
+
+using namespace tavrin;
+using namespace tavrin::standard;
+
+namespace {
+
+// A PIN that the token can have. Others are refused here: the module would cut them, or refuse them by their length.
+bool isPossiblePin(std::span<const CK_UTF8CHAR> pin) {
+  return pin.size() >= minimumPinLength && pin.size() <= maximumPinLength && std::ranges::find(pin, 0) == pin.end();
+}
+
+CK_RV checkSecurityOfficer(const Call& call, const State& state, const Token& token) {
+  if (token.login == Login::user) {
+    return call.refuse(CKR_USER_ANOTHER_ALREADY_LOGGED_IN, "the user is logged in");
+  }
+  if (std::ranges::any_of(state.sessions.ofToken(token), [](const auto& session) { return !session->readWrite; })) {
+    return call.refuse(CKR_SESSION_READ_ONLY_EXISTS, "a read-only session exists");
+  }
+  return CKR_OK;
+}
+
+CK_RV checkUser(const Call& call, const Token& token, CK_USER_TYPE userType) {
+  if (token.login == Login::securityOfficer) {
+    return call.refuse(CKR_USER_ANOTHER_ALREADY_LOGGED_IN, "the security officer is logged in");
+  }
+  // No key of this token asks for a login of its own.
+  if (userType == CKU_CONTEXT_SPECIFIC) return call.refuse(CKR_OPERATION_NOT_INITIALIZED, "no operation needs a login");
+  return CKR_OK;
+}
+
+}  // namespace
+
+CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR pPin, CK_ULONG ulPinLen) {
+  return sessionCall("C_Login", hSession, [&](const Call& call, State& state, Session& session) -> CK_RV {
+    if (userType > CKU_CONTEXT_SPECIFIC) return call.refuse(CKR_USER_TYPE_INVALID, "unsupported userType=", userType);
+    if (!pPin) return call.refuse(CKR_ARGUMENTS_BAD, "pPin is NULL");
+    ModuleLock module(state);
+    Token& token = session.token;
+    const Login wanted = userType == CKU_SO ? Login::securityOfficer : Login::user;
+    if (token.login == wanted && userType != CKU_CONTEXT_SPECIFIC) {
+      return call.refuse(CKR_USER_ALREADY_LOGGED_IN, "already logged in, userType=", userType);
+    }
+    const CK_RV refusal =
+        userType == CKU_SO ? checkSecurityOfficer(call, state, token) : checkUser(call, token, userType);
+    if (refusal != CKR_OK) return refusal;
+    const std::span<CK_UTF8CHAR> pin(pPin, static_cast<std::size_t>(ulPinLen));
+    if (!isPossiblePin(pin)) return call.refuse(CKR_PIN_INCORRECT, "no PIN of this token, ulPinLen=", ulPinLen);
+
+    const CK_RV code = loginToModule(module, token, userType, pin);
+    if (code == CKR_PIN_INCORRECT || code == CKR_PIN_LOCKED) return call.refuse(code, "the token refused the PIN");
+    if (code != CKR_OK) throw moduleFailure(module, token, "C_Login", code);
+    if (wanted == Login::user && !pins.keep(token.slot, pin)) {
+      endLogin(module, token);
+      return call.refuse(CKR_HOST_MEMORY, "too many slots to keep a login for slotID=", token.slot);
+    }
+    token.login = wanted;
+    return CKR_OK;
+  });
+}
+
+CK_RV C_Logout(CK_SESSION_HANDLE hSession) {
+  return sessionCall("C_Logout", hSession, [&](const Call& call, State& state, const Session& session) -> CK_RV {
+    ModuleLock module(state);
+    if (session.token.login == Login::none) return call.refuse(CKR_USER_NOT_LOGGED_IN, "nobody is logged in");
+    endSessionObjects(module, session.token, CK_INVALID_HANDLE);
+    endLogin(module, session.token);
+    return CKR_OK;
+  });
+}
+
+CK_RV C_SetPIN(CK_SESSION_HANDLE hSession, CK_UTF8CHAR_PTR pOldPin, CK_ULONG ulOldLen, CK_UTF8CHAR_PTR pNewPin,
+               CK_ULONG ulNewLen) {
+  return sessionCall("C_SetPIN", hSession, [&](const Call& call, State& state, const Session& session) -> CK_RV {
+    if (!session.readWrite) return call.refuse(CKR_SESSION_READ_ONLY, "the session is read-only");
+    if (!pOldPin) return call.refuse(CKR_ARGUMENTS_BAD, "pOldPin is NULL");
+    if (!pNewPin) return call.refuse(CKR_ARGUMENTS_BAD, "pNewPin is NULL");
+    if (ulNewLen < minimumPinLength || ulNewLen > maximumPinLength) {
+      return call.refuse(CKR_PIN_LEN_RANGE, "new pin length out of range, ulNewLen=", ulNewLen);
+    }
+    if (!isPossiblePin({pNewPin, static_cast<std::size_t>(ulNewLen)})) {
+      return call.refuse(CKR_PIN_INVALID, "the new pin has a NUL");
+    }
+    if (!isPossiblePin({pOldPin, static_cast<std::size_t>(ulOldLen)})) {
+      return call.refuse(CKR_PIN_INCORRECT, "no PIN of this token, ulOldLen=", ulOldLen);
+    }
+    ModuleLock module(state);
+    Token& token = session.token;
+    if (token.login == Login::securityOfficer) {
+      return call.refuse(CKR_FUNCTION_NOT_SUPPORTED, "the security officer's PIN cannot be changed");
+    }
+
+    const CK_RV code = module->C_SetPIN(lockedSession(module, token), pOldPin, ulOldLen, pNewPin, ulNewLen);
+    if (code == CKR_OK) {
+      if (token.login == Login::user) pins.keep(token.slot, {pNewPin, static_cast<std::size_t>(ulNewLen)});
+      return CKR_OK;
+    }
+    // The module does not say why; both PINs had a possible form, so the token has refused the old one.
+    const Refusal failure = moduleFailure(module, token, "C_SetPIN", code, CKR_PIN_INCORRECT);
+    if (failure.code() == CKR_PIN_INCORRECT && (token.flags & CKF_USER_PIN_LOCKED) != 0) {
+      return call.refuse(CKR_PIN_LOCKED, "the PIN is locked");
+    }
+    throw failure;
+  });
+}

@@ -1,0 +1,42 @@
+// The mechanisms, as one table.
+#pragma once
+
+#include <cstddef>
+#include <span>
+
+#include "standard/cryptoki.h"
+
+namespace tavrin::standard {
+
+struct Token;
+
+// A hash, with what belongs to it in the parameters of other mechanisms.
+struct HashMechanism {
+  CK_MECHANISM_TYPE type;
+  std::size_t length;  // bytes of a digest
+  CK_RSA_PKCS_MGF_TYPE mgf;
+  CK_EC_KDF_TYPE kdf;
+};
+
+struct Mechanism {
+  CK_MECHANISM_TYPE type;
+  CK_ULONG smallestKey;  // bits
+  CK_ULONG largestKey;
+  CK_FLAGS flags;
+  CK_KEY_TYPE keyType;
+  const HashMechanism* hash;  // of a signature over hashed data; null otherwise
+  CK_MECHANISM_TYPE raw;      // the mechanism that signs a digest
+  bool isPss() const { return raw == CKM_RSA_PKCS_PSS; }
+  bool needsNewFirmware() const { return isPss() || type == CKM_RSA_PKCS_OAEP; }
+};
+
+std::span<const Mechanism> allMechanisms();
+
+// The mechanism, when this token has it for the use that the flags name; throws CKR_MECHANISM_INVALID otherwise.
+const Mechanism& requiredMechanism(CK_MECHANISM_TYPE type, CK_FLAGS use, const Token& token);
+bool isOnToken(const Mechanism& mechanism, const Token& token);
+
+const HashMechanism* findHash(CK_MECHANISM_TYPE type);
+const HashMechanism* findHashOfKdf(CK_EC_KDF_TYPE kdf);
+
+}  // namespace tavrin::standard

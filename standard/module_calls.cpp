@@ -1,0 +1,154 @@
+#include "standard/module_calls.h"
+
+#include <utility>
+
+namespace tavrin::standard {
+namespace {
+
+bool isLoggedInState(CK_STATE state) { return state == CKS_RO_USER_FUNCTIONS || state >= CKS_RW_USER_FUNCTIONS; }
+
+CK_STATE stateOf(ModuleLock& module, CK_SESSION_HANDLE session) {
+  CK_SESSION_INFO info{};
+  return module->C_GetSessionInfo(session, &info) == CKR_OK ? info.state : CKS_RW_PUBLIC_SESSION;
+}
+
+// Logs out whoever is logged in to the module. Waits for keys that are being generated under that login.
+void logoutOfModule(ModuleLock& module) {
+  State& state = module.state();
+  state.idle.wait(module.lock(), [&] { return state.generating == 0; });
+  Token* token = std::exchange(state.loggedIn, nullptr);
+  if (token && token->moduleSession != 0 && isLoggedInState(stateOf(module, token->moduleSession))) {
+    module->C_Logout(token->moduleSession);
+  }
+}
+
+// The module gives new sessions of any token the login of another token's user, and would log that user out when this
+// token goes. So such a session is logged out, and with it, in the module, the other user, until the next use.
+void undoBorrowedLogin(ModuleLock& module, const Token& token, CK_SESSION_HANDLE session) {
+  if (module.state().loggedIn == &token || !isLoggedInState(stateOf(module, session))) return;
+  logoutOfModule(module);
+  if (isLoggedInState(stateOf(module, session))) module->C_Logout(session);
+}
+
+CK_SESSION_HANDLE openSession(ModuleLock& module, const Token& token) {
+  if (!token.present) throw Refusal(CKR_DEVICE_REMOVED, "the token is not present");
+  CK_SESSION_HANDLE session = 0;
+  const CK_RV code =
+      module->C_OpenSession(token.moduleSlot, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &session);
+  if (code != CKR_OK) throw moduleFailure(module, token, "C_OpenSession", code);
+  undoBorrowedLogin(module, token, session);
+  return session;
+}
+
+}  // namespace
+
+CK_SESSION_HANDLE lockedSession(ModuleLock& module, Token& token) {
+  if (module.state().ending) throw Refusal(CKR_CRYPTOKI_NOT_INITIALIZED, "the library is being finalised");
+  if (token.moduleSession == 0) token.moduleSession = openSession(module, token);
+  return token.moduleSession;
+}
+
+// Without a session of its own the module would not lower the token's login, so the new one is opened first.
+void spoilLockedSession(ModuleLock& module, Token& token) {
+  const CK_SESSION_HANDLE old = std::exchange(token.moduleSession, 0);
+  if (old == 0) return;
+  try {
+    lockedSession(module, token);
+  } catch (const Refusal&) {
+    if (module.state().loggedIn == &token) module.state().loggedIn = nullptr;
+    if (isLoggedInState(stateOf(module, old))) module->C_Logout(old);
+  }
+  module->C_CloseSession(old);
+}
+
+CK_RV loginToModule(ModuleLock& module, Token& token, CK_USER_TYPE userType, std::span<CK_UTF8CHAR> pin) {
+  const CK_SESSION_HANDLE session = lockedSession(module, token);
+  logoutOfModule(module);
+  if (isLoggedInState(stateOf(module, session))) module->C_Logout(session);
+  const CK_RV code = module->C_Login(session, userType, pin.data(), static_cast<CK_ULONG>(pin.size()));
+  if (code != CKR_OK) return code;
+  if (userType == CKU_USER) {
+    module.state().loggedIn = &token;
+  } else {
+    // Only the PIN had to be checked; the module can do nothing as security officer.
+    module->C_Logout(session);
+  }
+  return CKR_OK;
+}
+
+void useLogin(ModuleLock& module, Token& token) {
+  if (token.login != Login::user) throw Refusal(CKR_USER_NOT_LOGGED_IN, "the user is not logged in");
+  const CK_SESSION_HANDLE session = lockedSession(module, token);
+  if (module.state().loggedIn == &token) {
+    if (isLoggedInState(stateOf(module, session))) return;
+    // The module has seen the token go. It may be back by now, but its login is over.
+    forgetToken(module, token);
+    token.present = false;
+    module.state().tokens.refresh(module);
+    throw Refusal(CKR_DEVICE_REMOVED, "the token was removed");
+  }
+  const CK_RV code = loginToModule(module, token, CKU_USER, pins.of(token.slot));
+  if (code == CKR_OK) return;
+  const Refusal failure = moduleFailure(module, token, "C_Login", code, CKR_USER_NOT_LOGGED_IN);
+  // Never tried again with this PIN: each try may cost one of those that the token allows.
+  if (token.present && (code == CKR_PIN_INCORRECT || code == CKR_PIN_LOCKED)) endLogin(module, token);
+  throw failure;
+}
+
+void endLogin(ModuleLock& module, Token& token) {
+  if (module.state().loggedIn == &token) logoutOfModule(module);
+  token.login = Login::none;
+  ++token.logouts;
+  pins.drop(token.slot);
+  module.state().objects.dropIf([&](const Object& object) { return object.token == &token && object.isPrivate; });
+}
+
+void forgetToken(ModuleLock& module, Token& token) {
+  endLogin(module, token);
+  if (token.moduleSession != 0) module->C_CloseSession(std::exchange(token.moduleSession, 0));
+  {
+    const std::lock_guard guard(token.idleMutex);
+    for (const CK_SESSION_HANDLE session : token.idleSessions) module->C_CloseSession(session);
+    token.idleSessions.clear();
+  }
+  module.state().objects.dropIf([&](const Object& object) { return object.token == &token && object.session != 0; });
+}
+
+Refusal moduleFailure(ModuleLock& module, const Token& token, const char* function, CK_RV code, CK_RV otherwise) {
+  if (code == CKR_HOST_MEMORY || code == CKR_DEVICE_MEMORY) return Refusal(code, function, " ran out of memory");
+  if (code == CKR_CRYPTOKI_NOT_INITIALIZED) return Refusal(code, "the library is being finalised");
+  module.state().tokens.refresh(module);
+  if (!token.present) return Refusal(CKR_DEVICE_REMOVED, "the token was removed");
+  return Refusal(otherwise, function, " of the module failed: ", code);
+}
+
+Refusal moduleFailure(State& state, const Token& token, const char* function, CK_RV code, CK_RV otherwise) {
+  ModuleLock module(state);
+  return moduleFailure(module, token, function, code, otherwise);
+}
+
+ModuleSession::ModuleSession(State& state, Token& token) : state_(state), token_(token), insertion_(token.insertion) {
+  {
+    const std::lock_guard guard(token.idleMutex);
+    if (!token.idleSessions.empty()) {
+      handle_ = token.idleSessions.back();
+      token.idleSessions.pop_back();
+      return;
+    }
+  }
+  ModuleLock module(state);
+  if (state.ending) throw Refusal(CKR_CRYPTOKI_NOT_INITIALIZED, "the library is being finalised");
+  handle_ = openSession(module, token);
+}
+
+ModuleSession::~ModuleSession() {
+  if (state_.ending) return;
+  if (!spoiled_ && token_.insertion == insertion_ && token_.present) {
+    const std::lock_guard guard(token_.idleMutex);
+    token_.idleSessions.push_back(handle_);
+    return;
+  }
+  state_.module->C_CloseSession(handle_);
+}
+
+}  // namespace tavrin::standard

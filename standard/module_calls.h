@@ -1,0 +1,57 @@
+// Use of the module: its sessions, its login, its failures.
+#pragma once
+
+#include "standard/refusal.h"
+#include "standard/state.h"
+
+namespace tavrin::standard {
+
+// The session in which calls to the module are made under the lock. Throws CKR_DEVICE_REMOVED when there is no token.
+CK_SESSION_HANDLE lockedSession(ModuleLock& module, Token& token);
+
+// Closes that session, in which an operation may have been left unfinished. The next use opens another one.
+void spoilLockedSession(ModuleLock& module, Token& token);
+
+// Makes the token's user the one who is logged in to the module, which knows one user at a time. Throws
+// CKR_USER_NOT_LOGGED_IN when the token's user is not logged in or the token no longer accepts the PIN.
+void useLogin(ModuleLock& module, Token& token);
+
+// Logs the user or security officer in to the module, checked by the token; the code is the module's.
+CK_RV loginToModule(ModuleLock& module, Token& token, CK_USER_TYPE userType, std::span<CK_UTF8CHAR> pin);
+
+// Ends the token's login here and in the module, and all private objects with it.
+void endLogin(ModuleLock& module, Token& token);
+
+// Forgets what belonged to a token that is gone: sessions of the module, login, session objects and private objects.
+void forgetToken(ModuleLock& module, Token& token);
+
+// What a failed call to the module means: CKR_DEVICE_REMOVED when the token is gone, the code itself when it is one of
+// memory, `otherwise` else.
+Refusal moduleFailure(ModuleLock& module, const Token& token, const char* function, CK_RV code,
+                      CK_RV otherwise = CKR_DEVICE_ERROR);
+Refusal moduleFailure(State& state, const Token& token, const char* function, CK_RV code,
+                      CK_RV otherwise = CKR_DEVICE_ERROR);
+
+// A session of the module for one user at a time, who needs no lock. It is kept for the next user when it goes.
+class ModuleSession {
+ public:
+  // Opens one under the module lock when none is idle.
+  ModuleSession(State& state, Token& token);
+  ~ModuleSession();
+  ModuleSession(const ModuleSession&) = delete;
+  ModuleSession& operator=(const ModuleSession&) = delete;
+
+  CK_SESSION_HANDLE handle() const { return handle_; }
+  State& state() const { return state_; }
+  Token& token() const { return token_; }
+  void spoil() { spoiled_ = true; }
+
+ private:
+  State& state_;
+  Token& token_;
+  unsigned insertion_;
+  CK_SESSION_HANDLE handle_ = 0;
+  bool spoiled_ = false;
+};
+
+}  // namespace tavrin::standard

@@ -1,0 +1,21 @@
+// The module's file beside this library, and memory that is not written to disk: what this library asks of the system
+// beyond src/platform. One implementation a platform.
+#pragma once
+
+#include <cstddef>
+
+namespace tavrin::standard {
+
+// Loads the module from the folder of this library's own file, by its full path; the device library is looked for in
+// the same folder. Null when it cannot be loaded.
+void* openModuleFile();
+
+// The address of an exported function, or null.
+void* findModuleFunction(void* file, const char* name);
+
+void closeModuleFile(void* file);
+
+// Keeps whole pages of memory out of the swap space, as far as the system allows it.
+void lockInMemory(void* memory, std::size_t size);
+
+}  // namespace tavrin::standard

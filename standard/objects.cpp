@@ -1,0 +1,119 @@
+#include "standard/objects.h"
+
+#include <algorithm>
+#include <atomic>
+
+#include "standard/module_calls.h"
+
+namespace tavrin::standard {
+namespace {
+
+std::atomic<CK_OBJECT_HANDLE> lastHandle = 0;
+
+// The module's ranges of handles.
+constexpr CK_OBJECT_HANDLE privateKeys = 0x70000000U;
+constexpr CK_OBJECT_HANDLE publicKeys = 0x70001000U;
+constexpr CK_OBJECT_HANDLE certificates = 0x70002000U;
+constexpr CK_OBJECT_HANDLE rangeSize = 0x1000U;
+
+CK_OBJECT_HANDLE rangeOf(CK_OBJECT_CLASS objectClass) {
+  if (objectClass == CKO_PRIVATE_KEY) return privateKeys;
+  return objectClass == CKO_PUBLIC_KEY ? publicKeys : certificates;
+}
+
+}  // namespace
+
+CK_OBJECT_CLASS classOfModuleHandle(CK_OBJECT_HANDLE handle) {
+  if (handle < publicKeys) return CKO_PRIVATE_KEY;
+  return handle < certificates ? CKO_PUBLIC_KEY : CKO_CERTIFICATE;
+}
+
+CK_OBJECT_HANDLE moduleHandleOf(CK_OBJECT_CLASS objectClass, CK_OBJECT_HANDLE sibling) {
+  return rangeOf(objectClass) + sibling % rangeSize;
+}
+
+std::shared_ptr<Object> ObjectTable::find(CK_OBJECT_HANDLE handle) const {
+  const auto place = objects_.find(handle);
+  return place == objects_.end() ? nullptr : place->second;
+}
+
+std::shared_ptr<Object> ObjectTable::add(Object object) {
+  object.handle = ++lastHandle;
+  if (object.moduleHandle != 0) byModule_[{object.token, object.moduleHandle}] = object.handle;
+  return objects_.emplace(object.handle, std::make_shared<Object>(std::move(object))).first->second;
+}
+
+std::shared_ptr<Object> ObjectTable::ofModule(Token& token, CK_OBJECT_HANDLE moduleHandle) {
+  const ModuleKey key{&token, moduleHandle};
+  if (hidden_.contains(key)) return nullptr;
+  if (const auto place = byModule_.find(key); place != byModule_.end()) return find(place->second);
+  Object object;
+  object.token = &token;
+  object.objectClass = classOfModuleHandle(moduleHandle);
+  object.moduleHandle = moduleHandle;
+  object.isPrivate = object.objectClass == CKO_PRIVATE_KEY;
+  return add(std::move(object));
+}
+
+void ObjectTable::drop(const Object& object) {
+  const ModuleKey key{object.token, object.moduleHandle};
+  if (const auto place = byModule_.find(key); place != byModule_.end() && place->second == object.handle) {
+    byModule_.erase(place);
+  }
+  objects_.erase(object.handle);
+}
+
+void ObjectTable::hide(Object& object) {
+  hidden_.emplace(object.token, object.moduleHandle);
+  drop(object);
+}
+
+std::vector<std::shared_ptr<Object>> ObjectTable::all() const {
+  std::vector<std::shared_ptr<Object>> result;
+  for (const auto& [handle, object] : objects_) result.push_back(object);
+  return result;
+}
+
+bool isVisible(const Object& object, const Session& session) {
+  return object.token == &session.token && (!object.isPrivate || session.token.login == Login::user);
+}
+
+std::shared_ptr<Object> findVisible(ModuleLock& module, const Session& session, CK_OBJECT_HANDLE handle) {
+  const std::shared_ptr<Object> object = module.state().objects.find(handle);
+  return object && isVisible(*object, session) ? object : nullptr;
+}
+
+void deleteFromToken(ModuleLock& module, Object& object) {
+  Token& token = *object.token;
+  readAttributes(module, object);  // that it is still the object of this handle
+  useLogin(module, token);
+  // The module deletes key pairs by their private half.
+  const bool isKey = object.isTokenKey();
+  const CK_OBJECT_HANDLE handle = isKey ? moduleHandleOf(CKO_PRIVATE_KEY, object.moduleHandle) : object.moduleHandle;
+  const CK_RV code = module->C_DestroyObject(lockedSession(module, token), handle);
+  if (code != CKR_OK) throw moduleFailure(module, token, "C_DestroyObject", code);
+  module.state().objects.dropIf([&](const Object& other) {
+    return other.token == &token && other.moduleHandle != 0 &&
+           (other.moduleHandle == object.moduleHandle ||
+            (isKey && other.isTokenKey() && moduleHandleOf(CKO_PRIVATE_KEY, other.moduleHandle) == handle));
+  });
+}
+
+// What cannot be deleted stays on the token: the session is closed in any case.
+void endSessionObjects(ModuleLock& module, Token& token, CK_SESSION_HANDLE session) {
+  for (const auto& object : module.state().objects.all()) {
+    const bool ends = object->token == &token && object->session != 0 &&
+                      (session == CK_INVALID_HANDLE ? object->isPrivate : object->session == session);
+    if (!ends) continue;
+    try {
+      if (object->moduleHandle != 0 && !object->kept && module.state().objects.find(object->handle)) {
+        deleteFromToken(module, *object);
+      }
+    } catch (const Refusal& refusal) {
+      logError("A session key pair stays on the token: ", refusal.reason());
+    }
+    module.state().objects.drop(*object);
+  }
+}
+
+}  // namespace tavrin::standard

@@ -1,0 +1,92 @@
+// Objects: the token's key pairs and certificates as the module shows them, and session objects that exist in this
+// library alone. A library handle names one object for the life of the process; before each use the object is compared
+// with what its handle first named, as the module gives the handles of deleted objects to new ones.
+//
+// Everything here is used under the module lock.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include "standard/attributes.h"
+#include "standard/tokens.h"
+
+namespace tavrin::standard {
+
+struct Session;
+struct State;
+
+struct Object {
+  CK_OBJECT_HANDLE handle = 0;
+  Token* token = nullptr;
+  CK_OBJECT_CLASS objectClass = 0;
+  CK_OBJECT_HANDLE moduleHandle = 0;  // 0: exists in this library alone
+  CK_SESSION_HANDLE session = 0;      // the session that the object ends with; 0 for a token object
+  bool isPrivate = false;
+  bool imported = false;  // a key that this process brought to the token
+  bool kept = false;      // a session key that a copy has made a token object: its pair is not deleted
+
+  std::vector<std::uint8_t> identity;            // public key or certificate; empty until the object is first read
+  std::shared_ptr<const Attributes> attributes;  // as last read; null until then
+
+  bool isTokenKey() const { return moduleHandle != 0 && objectClass != CKO_CERTIFICATE; }
+};
+
+class ObjectTable {
+ public:
+  // Null for a handle that names nothing.
+  std::shared_ptr<Object> find(CK_OBJECT_HANDLE handle) const;
+
+  // Gives the object a new handle.
+  std::shared_ptr<Object> add(Object object);
+
+  // The object that the module shows under this handle, known already or new; null when it is hidden.
+  std::shared_ptr<Object> ofModule(Token& token, CK_OBJECT_HANDLE moduleHandle);
+
+  // Forgets the object. What the module shows under the same handle later is another one.
+  void drop(const Object& object);
+
+  // Stops showing a public key whose private key stays on the token.
+  void hide(Object& object);
+
+  // Forgets all objects that the predicate names.
+  template <typename Predicate>
+  void dropIf(Predicate predicate) {
+    for (const auto& object : all())
+      if (predicate(*object)) drop(*object);
+  }
+
+  std::vector<std::shared_ptr<Object>> all() const;
+
+ private:
+  using ModuleKey = std::pair<const Token*, CK_OBJECT_HANDLE>;
+  std::map<CK_OBJECT_HANDLE, std::shared_ptr<Object>> objects_;
+  std::map<ModuleKey, CK_OBJECT_HANDLE> byModule_;
+  std::set<ModuleKey> hidden_;
+};
+
+// The module's handles: the class is the range, the number within it is the object's.
+CK_OBJECT_CLASS classOfModuleHandle(CK_OBJECT_HANDLE handle);
+CK_OBJECT_HANDLE moduleHandleOf(CK_OBJECT_CLASS objectClass, CK_OBJECT_HANDLE sibling);
+
+// The object, if the session may see it: it is on the session's token, and private objects need a login.
+std::shared_ptr<Object> findVisible(ModuleLock& module, const Session& session, CK_OBJECT_HANDLE handle);
+bool isVisible(const Object& object, const Session& session);
+
+// The object's attributes as they are now. Throws CKR_OBJECT_HANDLE_INVALID when the object is gone, and
+// CKR_DEVICE_REMOVED when its token is.
+const Attributes& readAttributes(ModuleLock& module, Object& object);
+
+// The same as they were last read: for what never changes, which is all but label and ID.
+const Attributes& knownAttributes(ModuleLock& module, Object& object);
+
+// Deletes a key pair or certificate from its token and forgets both halves' objects. Needs the user's login.
+void deleteFromToken(ModuleLock& module, Object& object);
+
+// Ends the session objects that the predicate names; key pairs among them are deleted from the token.
+void endSessionObjects(ModuleLock& module, Token& token, CK_SESSION_HANDLE session);
+
+}  // namespace tavrin::standard

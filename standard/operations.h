@@ -1,0 +1,68 @@
+// The operations that a session remembers between calls.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "standard/attributes.h"
+#include "standard/mechanisms.h"
+
+namespace tavrin::standard {
+
+struct Object;
+struct State;
+struct Token;
+class ModuleSession;
+
+// What a search found when it began.
+struct Search {
+  std::vector<CK_OBJECT_HANDLE> found;
+  std::size_t next = 0;
+};
+
+// A hash that the module computes in a session of its own. No lock is needed.
+class HashRun {
+ public:
+  HashRun(State& state, Token& token, const HashMechanism& hash);
+  ~HashRun();  // a hash that nobody finished is finished, as the device library would keep it
+
+  const HashMechanism& mechanism() const { return hash_; }
+  bool inParts() const { return inParts_; }
+
+  void update(ByteView data);
+  // The digest. Nothing but destruction may follow.
+  std::vector<std::uint8_t> finish();
+
+ private:
+  const HashMechanism& hash_;
+  std::unique_ptr<ModuleSession> session_;
+  bool inParts_ = false;
+  bool finished_ = false;
+};
+
+// What operations with a key have in common. Those with a private key end with the login.
+struct KeyOperation {
+  KeyOperation(const Mechanism& itsMechanism, std::shared_ptr<Object> itsKey);
+
+  bool isOver() const;  // the login under which it began has ended
+
+  const Mechanism& mechanism;
+  const std::shared_ptr<Object> key;
+  const unsigned logouts;
+  std::size_t resultLength = 0;  // of a signature or ciphertext; at most this much for a plaintext
+  SecretBytes collected;         // the parts, where the token wants them together
+  bool inParts = false;
+};
+
+struct SignatureOperation : KeyOperation {
+  using KeyOperation::KeyOperation;
+  std::size_t digestLength = 0;   // that a raw PSS mechanism takes
+  std::unique_ptr<HashRun> hash;  // of data in parts
+};
+
+struct CipherOperation : KeyOperation {
+  using KeyOperation::KeyOperation;
+};
+
+}  // namespace tavrin::standard

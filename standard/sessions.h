@@ -1,0 +1,54 @@
+// The open sessions. Each has room for one operation of each kind at a time; they do not disturb each other.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+#include "standard/operations.h"
+#include "standard/tokens.h"
+
+namespace tavrin::standard {
+
+struct Session {
+  Session(Token& itsToken, bool mayWrite) : token(itsToken), insertion(itsToken.insertion), readWrite(mayWrite) {}
+
+  CK_SESSION_HANDLE handle = 0;
+  Token& token;
+  const unsigned insertion;
+  const bool readWrite;
+
+  std::mutex mutex;     // held for each call in the session; guards everything below
+  bool closed = false;  // by a call that ran before the one that waits for the mutex
+  std::optional<Search> search;
+  std::unique_ptr<HashRun> digest;
+  std::unique_ptr<SignatureOperation> signing;
+  std::unique_ptr<SignatureOperation> verification;
+  std::unique_ptr<CipherOperation> encryption;
+  std::unique_ptr<CipherOperation> decryption;
+
+  // That the token is the one that the session was opened on, never removed since as far as anybody has noticed.
+  bool isAlive() const { return token.present && token.insertion == insertion; }
+  CK_STATE state() const;
+};
+
+// Handles are never used again in the life of the process. Any thread.
+class SessionTable {
+ public:
+  CK_SESSION_HANDLE add(std::shared_ptr<Session> session);
+  std::shared_ptr<Session> find(CK_SESSION_HANDLE handle) const;
+  void remove(CK_SESSION_HANDLE handle);
+  std::vector<std::shared_ptr<Session>> ofToken(const Token& token) const;
+  std::vector<std::shared_ptr<Session>> all() const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::map<CK_SESSION_HANDLE, std::shared_ptr<Session>> sessions_;
+};
+
+// Closes the session and ends what belongs to it. The token's last session takes the login with it.
+void closeSession(State& state, Session& session);
+
+}  // namespace tavrin::standard

@@ -1,0 +1,66 @@
+// The library's state, and what happens to it when the library is loaded, unloaded and taken along by a fork.
+//
+// Nothing of it is destroyed at the end of the process, where other threads may still use it. While it is initialised
+// the library keeps itself loaded.
+#include "standard/state.h"
+
+#include <new>
+
+#include "platform/platform.h"
+#include "standard/lifecycle.h"
+
+namespace tavrin::standard {
+namespace {
+
+struct Globals {
+  Lifecycle lifecycle;
+  SlotNumbers slotNumbers;
+  PinStore pins;
+  // States of the parents of a forked process: neither used nor released in the child.
+  std::vector<std::shared_ptr<State>> inherited;
+};
+
+alignas(Globals) std::byte storage[sizeof(Globals)];
+Globals& globals = *::new (storage) Globals;
+
+void lockTables() {
+  globals.lifecycle.stateMutex.lock();
+  globals.slotNumbers.mutex().lock();
+}
+
+void unlockTables() {
+  globals.slotNumbers.mutex().unlock();
+  globals.lifecycle.stateMutex.unlock();
+}
+
+// Gives the child of a fork a library that was never initialised, except that slots keep their numbers. Other locks of
+// the parent may be held by threads that the child does not have; nothing uses them any more.
+void startAfresh() {
+  unlockTables();
+  std::shared_ptr<State> parents = std::move(globals.lifecycle.state);
+  ::new (&globals.lifecycle) Lifecycle;
+  globals.pins.dropAll();
+  if (parents) globals.inherited.push_back(std::move(parents));
+}
+
+struct LoadAndUnload {
+  LoadAndUnload() { platform::aroundFork(lockTables, unlockTables, startAfresh); }
+  ~LoadAndUnload() {
+    if (!globals.lifecycle.state && globals.inherited.empty()) globals.~Globals();
+  }
+  LoadAndUnload(const LoadAndUnload&) = delete;
+  LoadAndUnload& operator=(const LoadAndUnload&) = delete;
+} loadAndUnload;
+
+}  // namespace
+
+Lifecycle& lifecycle = globals.lifecycle;
+SlotNumbers& slotNumbers = globals.slotNumbers;
+PinStore& pins = globals.pins;
+
+std::shared_ptr<State> currentState() {
+  const std::lock_guard guard(lifecycle.stateMutex);
+  return lifecycle.state;
+}
+
+}  // namespace tavrin::standard

@@ -1,0 +1,55 @@
+// The library's state between C_Initialize and C_Finalize, and the lock that orders its calls to the module.
+//
+// Locks are taken in this order, and none is held while the application waits for a slot event:
+// session, module lock, the mutex of one table. Tables are locked for their own work only.
+#pragma once
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+
+#include "standard/module_library.h"
+#include "standard/objects.h"
+#include "standard/pin_store.h"
+#include "standard/sessions.h"
+#include "standard/tokens.h"
+
+namespace tavrin::standard {
+
+struct State {
+  ModuleLibrary module;  // first: unloaded last
+
+  std::mutex mutex;                   // the module lock; see ModuleLock
+  std::condition_variable idle;       // with the module lock: no key is being generated
+  unsigned generating = 0;            // keys being generated outside the lock, under the login as it is
+  Token* loggedIn = nullptr;          // whose PIN the module has; null when it has none
+  std::atomic<bool> ending = false;   // the module is finalised, or about to be
+  std::atomic<unsigned> waiters = 0;  // threads that wait for a slot event in the module
+
+  TokenTable tokens;
+  ObjectTable objects;
+  SessionTable sessions;
+};
+
+// The state, or null while the library is not initialised. A caller keeps it alive for its call.
+std::shared_ptr<State> currentState();
+
+// Used under the module lock.
+extern PinStore& pins;
+
+// The module, for calls that belong together: no other thread's search, attributes or key comes in between. Not
+// recursive. Calls that touch neither keys nor objects nor slots may be made without it.
+class ModuleLock {
+ public:
+  explicit ModuleLock(State& state) : state_(state), lock_(state.mutex) {}
+
+  const ModuleLibrary& operator->() const { return state_.module; }
+  State& state() { return state_; }
+  std::unique_lock<std::mutex>& lock() { return lock_; }
+
+ private:
+  State& state_;
+  std::unique_lock<std::mutex> lock_;
+};
+
+}  // namespace tavrin::standard

@@ -1,0 +1,97 @@
+#include "standard/tokens.h"
+
+#include <algorithm>
+
+#include "standard/module_calls.h"
+
+namespace tavrin::standard {
+namespace {
+
+// The text of a field that the module ends with a NUL.
+template <std::size_t size>
+std::string textIn(const CK_UTF8CHAR (&field)[size]) {
+  return {field, std::find(field, field + size, '\0')};
+}
+
+// As many tokens as anybody connects: asking for the number first would list the devices twice.
+constexpr CK_ULONG usualTokens = 64;
+
+std::vector<CK_SLOT_ID> listModuleSlots(ModuleLock& module) {
+  CK_ULONG count = usualTokens;
+  std::vector<CK_SLOT_ID> slots(count);
+  CK_RV code = module->C_GetSlotList(CK_TRUE, slots.data(), &count);
+  while (code == CKR_BUFFER_TOO_SMALL) {
+    code = module->C_GetSlotList(CK_TRUE, nullptr, &count);
+    slots.resize(count);
+    if (code == CKR_OK) code = module->C_GetSlotList(CK_TRUE, slots.data(), &count);
+  }
+  slots.resize(code == CKR_OK ? count : 0);
+  return slots;
+}
+
+}  // namespace
+
+CK_SLOT_ID SlotNumbers::slotOf(const std::string& serial) {
+  const std::lock_guard guard(mutex_);
+  auto place = std::ranges::find(serials_, serial);
+  if (place == serials_.end()) place = std::ranges::find(serials_, std::string());
+  if (place == serials_.end()) place = serials_.insert(place, serial);
+  *place = serial;
+  return static_cast<CK_SLOT_ID>(place - serials_.begin()) + 1;
+}
+
+CK_SLOT_ID SlotNumbers::count() const {
+  const std::lock_guard guard(mutex_);
+  return static_cast<CK_SLOT_ID>(serials_.size());
+}
+
+Token* TokenTable::inSlot(CK_SLOT_ID slot) {
+  const std::lock_guard guard(mutex_);
+  const auto place = tokens_.find(slot);
+  return place == tokens_.end() ? nullptr : place->second.get();
+}
+
+Token& TokenTable::tokenOf(const std::string& serial) {
+  const CK_SLOT_ID slot = slotNumbers.slotOf(serial);
+  const std::lock_guard guard(mutex_);
+  std::unique_ptr<Token>& token = tokens_[slot];
+  if (!token) token = std::make_unique<Token>(serial, slot);
+  return *token;
+}
+
+void TokenTable::refresh(ModuleLock& module) {
+  std::set<const Token*> seen;
+  for (const CK_SLOT_ID moduleSlot : listModuleSlots(module)) {
+    CK_TOKEN_INFO info{};
+    CK_SLOT_INFO slotInfo{};
+    if (module->C_GetTokenInfo(moduleSlot, &info) != CKR_OK || module->C_GetSlotInfo(moduleSlot, &slotInfo) != CKR_OK)
+      continue;
+    const std::string serial = textIn(info.serialNumber);
+    if (serial.empty()) continue;
+    Token& token = tokenOf(serial);
+    if (!seen.insert(&token).second) continue;  // its serial number ends where another one's does
+    token.moduleSlot = moduleSlot;
+    token.label = textIn(slotInfo.slotDescription);  // the module shortens the label of the token's own record
+    token.model = textIn(info.model);
+    token.flags = info.flags;
+    token.firmware = info.firmwareVersion;
+    token.hasPssAndOaep = info.firmwareVersion.major >= 2;
+    if (token.present) continue;
+    ++token.insertion;
+    token.present = true;
+    events_.insert(token.slot);
+  }
+  for (const auto& [slot, token] : tokens_) {
+    if (!token->present || seen.contains(token.get())) continue;
+    token->present = false;
+    events_.insert(slot);
+    forgetToken(module, *token);
+  }
+}
+
+std::optional<CK_SLOT_ID> TokenTable::takeEvent() {
+  if (events_.empty()) return std::nullopt;
+  return events_.extract(events_.begin()).value();
+}
+
+}  // namespace tavrin::standard

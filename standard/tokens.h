@@ -1,0 +1,88 @@
+// Slots and tokens. A slot belongs to the first token that was seen in it, by its serial number, and keeps its number
+// for the life of the process: over C_Finalize and in the children of a fork. There is always one slot at least.
+#pragma once
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "standard/cryptoki.h"
+
+namespace tavrin::standard {
+
+class ModuleLock;
+
+enum class Login { none, user, securityOfficer };
+
+struct Token {
+  Token(std::string serialNumber, CK_SLOT_ID itsSlot) : serial(std::move(serialNumber)), slot(itsSlot) {}
+
+  const std::string serial;  // at most 16 bytes
+  const CK_SLOT_ID slot;
+
+  // Changed under the module lock, read by any thread.
+  std::atomic<bool> present = false;
+  std::atomic<unsigned> insertion = 0;  // counts how often the token came; sessions of an earlier one are dead
+  std::atomic<Login> login = Login::none;
+  std::atomic<unsigned> logouts = 0;  // private objects and operations with private keys of an earlier count are dead
+  std::atomic<bool> hasPssAndOaep = false;
+
+  // Used under the module lock.
+  std::string label;
+  std::string model;
+  CK_FLAGS flags = 0;
+  CK_VERSION firmware{};
+  CK_SLOT_ID moduleSlot = 0;            // of the module's last listing
+  CK_SESSION_HANDLE moduleSession = 0;  // for pairs of calls that are made under the lock; 0 when none is open
+
+  // Further sessions of the module, for what works without the lock.
+  std::mutex idleMutex;
+  std::vector<CK_SESSION_HANDLE> idleSessions;
+};
+
+// The numbers of the slots. One for the process; any thread.
+class SlotNumbers {
+ public:
+  // The slot of the token with this serial number; a new token takes the slot that never had one, or a new one.
+  CK_SLOT_ID slotOf(const std::string& serial);
+  CK_SLOT_ID count() const;
+  std::mutex& mutex() { return mutex_; }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::string> serials_{1};
+};
+
+extern SlotNumbers& slotNumbers;
+
+// The tokens that were seen since C_Initialize. All functions need the module lock, except `inSlot`.
+class TokenTable {
+ public:
+  // Lists the tokens through the module: notices which came and went, and reads their texts and flags afresh.
+  void refresh(ModuleLock& module);
+
+  // The token whose slot this is, present or not; null when there was none. A token stays until C_Finalize.
+  Token* inSlot(CK_SLOT_ID slot);
+
+  // Takes the event of a slot whose token came or went, of the lowest slot first.
+  std::optional<CK_SLOT_ID> takeEvent();
+  void clearEvents() { events_.clear(); }
+
+  // The slots as the last C_GetSlotList without a buffer counted them, all and those with a token; nothing when that
+  // list was fetched since.
+  std::optional<std::vector<CK_SLOT_ID>> counted[2];
+
+ private:
+  Token& tokenOf(const std::string& serial);
+
+  mutable std::mutex mutex_;  // guards the map itself
+  std::map<CK_SLOT_ID, std::unique_ptr<Token>> tokens_;
+  std::set<CK_SLOT_ID> events_;
+};
+
+}  // namespace tavrin::standard
