@@ -38,8 +38,8 @@ void HashRun::update(ByteView data) {
   }
 }
 
-std::vector<std::uint8_t> HashRun::finish() {
-  std::vector<std::uint8_t> digest(64);
+SecretBytes HashRun::finish() {
+  SecretBytes digest(64);
   auto length = static_cast<CK_ULONG>(digest.size());
   finished_ = true;
   const CK_RV code = session_->state().module->C_DigestFinal(session_->handle(), digest.data(), &length);

@@ -111,7 +111,9 @@ void forgetToken(ModuleLock& module, Token& token) {
     for (const CK_SESSION_HANDLE session : token.idleSessions) module->C_CloseSession(session);
     token.idleSessions.clear();
   }
-  module.state().objects.dropIf([&](const Object& object) { return object.token == &token && object.session != 0; });
+  module.state().objects.dropIf([&](const Object& object) {
+    return object.token == &token && (object.session != 0 || object.moduleHandle == 0);
+  });
 }
 
 Refusal moduleFailure(ModuleLock& module, const Token& token, const char* function, CK_RV code, CK_RV otherwise) {

@@ -55,17 +55,28 @@ std::shared_ptr<Object> ObjectTable::ofModule(Token& token, CK_OBJECT_HANDLE mod
   return add(std::move(object));
 }
 
+void ObjectTable::release(const Object& object) {
+  const auto place = byModule_.find({object.token, object.moduleHandle});
+  if (place != byModule_.end() && place->second == object.handle) byModule_.erase(place);
+}
+
 void ObjectTable::drop(const Object& object) {
-  const ModuleKey key{object.token, object.moduleHandle};
-  if (const auto place = byModule_.find(key); place != byModule_.end() && place->second == object.handle) {
-    byModule_.erase(place);
-  }
+  release(object);
   objects_.erase(object.handle);
 }
 
-void ObjectTable::hide(Object& object) {
+void ObjectTable::hide(const Object& object) {
   hidden_.emplace(object.token, object.moduleHandle);
   drop(object);
+}
+
+void ObjectTable::forget(const Token& token, CK_OBJECT_HANDLE moduleHandle) {
+  const ModuleKey key{&token, moduleHandle};
+  hidden_.erase(key);
+  const auto place = byModule_.find(key);
+  if (place == byModule_.end()) return;
+  objects_.erase(place->second);
+  byModule_.erase(place);
 }
 
 std::vector<std::shared_ptr<Object>> ObjectTable::all() const {
@@ -92,11 +103,20 @@ void deleteFromToken(ModuleLock& module, Object& object) {
   const CK_OBJECT_HANDLE handle = isKey ? moduleHandleOf(CKO_PRIVATE_KEY, object.moduleHandle) : object.moduleHandle;
   const CK_RV code = module->C_DestroyObject(lockedSession(module, token), handle);
   if (code != CKR_OK) throw moduleFailure(module, token, "C_DestroyObject", code);
-  module.state().objects.dropIf([&](const Object& other) {
-    return other.token == &token && other.moduleHandle != 0 &&
-           (other.moduleHandle == object.moduleHandle ||
-            (isKey && other.isTokenKey() && moduleHandleOf(CKO_PRIVATE_KEY, other.moduleHandle) == handle));
-  });
+  ObjectTable& objects = module.state().objects;
+  for (const auto& other : objects.all()) {
+    if (other->token != &token || other->moduleHandle == 0) continue;
+    const bool sameObject = other->moduleHandle == object.moduleHandle;
+    const bool samePair =
+        isKey && other->isTokenKey() && moduleHandleOf(CKO_PRIVATE_KEY, other->moduleHandle) == handle;
+    if (!sameObject && !samePair) continue;
+    if (other->objectClass == CKO_PUBLIC_KEY && other->attributes) {
+      objects.release(*other);
+      other->moduleHandle = 0;
+    } else {
+      objects.drop(*other);
+    }
+  }
 }
 
 // What cannot be deleted stays on the token: the session is closed in any case.

@@ -50,7 +50,13 @@ class ObjectTable {
   void drop(const Object& object);
 
   // Stops showing a public key whose private key stays on the token.
-  void hide(Object& object);
+  void hide(const Object& object);
+
+  // Separates the object from what the module shows under its handle: the next one of that handle is another object.
+  void release(const Object& object);
+
+  // Forgets whatever the module showed under this handle, for a new object that has it now.
+  void forget(const Token& token, CK_OBJECT_HANDLE moduleHandle);
 
   // Forgets all objects that the predicate names.
   template <typename Predicate>
@@ -83,10 +89,18 @@ const Attributes& readAttributes(ModuleLock& module, Object& object);
 // The same as they were last read: for what never changes, which is all but label and ID.
 const Attributes& knownAttributes(ModuleLock& module, Object& object);
 
-// Deletes a key pair or certificate from its token and forgets both halves' objects. Needs the user's login.
+// Throws when the object is no longer the one that its handle first named.
+void checkIdentity(ModuleLock& module, Object& object);
+
+// That the value of this type exists and must not be read.
+bool isSensitive(const Object& object, const Attributes& attributes, CK_ATTRIBUTE_TYPE type);
+
+// Deletes a key pair or certificate from its token and forgets it. A public key that has been read stays, as an object
+// of this library alone. Needs the user's login.
 void deleteFromToken(ModuleLock& module, Object& object);
 
-// Ends the session objects that the predicate names; key pairs among them are deleted from the token.
+// Ends the objects of a session, or with CK_INVALID_HANDLE the private ones of all sessions of the token. Key pairs
+// among them are deleted from the token.
 void endSessionObjects(ModuleLock& module, Token& token, CK_SESSION_HANDLE session);
 
 }  // namespace tavrin::standard

@@ -32,7 +32,7 @@ class HashRun {
 
   void update(ByteView data);
   // The digest. Nothing but destruction may follow.
-  std::vector<std::uint8_t> finish();
+  SecretBytes finish();
 
  private:
   const HashMechanism& hash_;

@@ -1,0 +1,76 @@
+// C_GetAttributeValue, C_SetAttributeValue and C_GetObjectSize.
+#include "standard/call.h"
+#include "standard/object_changes.h"
+
+using namespace tavrin;
+using namespace tavrin::standard;
+
+namespace {
+
+// Answers one entry of the template.
+CK_RV answer(const Object& object, const Attributes& attributes, CK_ATTRIBUTE& entry) {
+  const SecretBytes* value = attributes.find(entry.type);
+  const bool sensitive = isSensitive(object, attributes, entry.type);
+  const CK_ULONG room = entry.ulValueLen;
+  entry.ulValueLen = CK_UNAVAILABLE_INFORMATION;
+  if (sensitive) return CKR_ATTRIBUTE_SENSITIVE;
+  if (!value) return CKR_ATTRIBUTE_TYPE_INVALID;
+  if (entry.pValue && room < value->size()) return CKR_BUFFER_TOO_SMALL;
+  if (entry.pValue) std::ranges::copy(*value, static_cast<CK_BYTE_PTR>(entry.pValue));
+  entry.ulValueLen = static_cast<CK_ULONG>(value->size());
+  return CKR_OK;
+}
+
+}  // namespace
+
+CK_RV C_GetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_PTR pTemplate,
+                          CK_ULONG ulCount) {
+  return sessionCall("C_GetAttributeValue", hSession, [&](const Call& call, State& state, Session& session) -> CK_RV {
+    if (!pTemplate && ulCount != 0) return call.refuse(CKR_ARGUMENTS_BAD, "pTemplate is NULL");
+    ModuleLock module(state);
+    const auto object = requiredObject(module, session, hObject);
+    const Attributes& attributes = readAttributes(module, *object);
+    CK_RV code = CKR_OK;
+    CK_ATTRIBUTE_TYPE refused = 0;
+    for (CK_ULONG i = 0; i < ulCount; ++i) {
+      const CK_RV answered = answer(*object, attributes, pTemplate[i]);
+      if (answered == CKR_OK || code != CKR_OK) continue;
+      code = answered;
+      refused = pTemplate[i].type;
+    }
+    return code == CKR_OK ? CKR_OK : call.refuse(code, "no value for type=", refused, ", result=", code);
+  });
+}
+
+CK_RV C_SetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_PTR pTemplate,
+                          CK_ULONG ulCount) {
+  return sessionCall("C_SetAttributeValue", hSession, [&](const Call& call, State& state, Session& session) -> CK_RV {
+    if (!pTemplate) return call.refuse(CKR_ARGUMENTS_BAD, "pTemplate is NULL");
+    const Template wanted(pTemplate, ulCount);
+    ModuleLock module(state);
+    const auto object = requiredObject(module, session, hObject);
+    requireWriteAccess(session, *object);
+    const Attributes& attributes = readAttributes(module, *object);
+    for (const CK_ATTRIBUTE& entry : wanted.entries()) {
+      const CK_ATTRIBUTE_TYPE type = entry.type;
+      if (!attributes.find(type)) return call.refuse(CKR_ATTRIBUTE_TYPE_INVALID, "the object has no type=", type);
+      if (attributes.match(entry)) continue;
+      const bool changeable = attributes.flag(CKA_MODIFIABLE) && (type == CKA_LABEL || type == CKA_ID);
+      if (!changeable) return call.refuse(CKR_ATTRIBUTE_READ_ONLY, "read-only type=", type);
+    }
+    relabel(module, *object, wanted);
+    return CKR_OK;
+  });
+}
+
+CK_RV C_GetObjectSize(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ULONG_PTR pulSize) {
+  return sessionCall("C_GetObjectSize", hSession, [&](const Call& call, State& state, Session& session) -> CK_RV {
+    if (!pulSize) return call.refuse(CKR_ARGUMENTS_BAD, "pulSize is NULL");
+    ModuleLock module(state);
+    const auto object = requiredObject(module, session, hObject);
+    std::size_t size = 0;
+    for (const auto& [type, value] : readAttributes(module, *object).all()) size += value.size();
+    *pulSize = static_cast<CK_ULONG>(size);
+    return CKR_OK;
+  });
+}

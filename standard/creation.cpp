@@ -1,0 +1,327 @@
+// C_CreateObject, C_CopyObject and C_DestroyObject.
+#include <algorithm>
+#include <iterator>
+
+#include "devlib/device_constants.h"
+#include "standard/call.h"
+#include "standard/object_changes.h"
+
+using namespace tavrin;
+using namespace tavrin::standard;
+
+namespace {
+
+using Types = std::span<const CK_ATTRIBUTE_TYPE>;
+
+constexpr CK_ATTRIBUTE_TYPE certificateTypes[] = {CKA_CLASS,
+                                                  CKA_TOKEN,
+                                                  CKA_PRIVATE,
+                                                  CKA_LABEL,
+                                                  CKA_MODIFIABLE,
+                                                  CKA_COPYABLE,
+                                                  CKA_DESTROYABLE,
+                                                  CKA_ID,
+                                                  CKA_CERTIFICATE_TYPE,
+                                                  CKA_TRUSTED,
+                                                  CKA_CERTIFICATE_CATEGORY,
+                                                  CKA_START_DATE,
+                                                  CKA_END_DATE,
+                                                  CKA_SUBJECT,
+                                                  CKA_ISSUER,
+                                                  CKA_SERIAL_NUMBER,
+                                                  CKA_VALUE,
+                                                  CKA_CHECK_VALUE,
+                                                  CKA_URL,
+                                                  CKA_HASH_OF_SUBJECT_PUBLIC_KEY,
+                                                  CKA_HASH_OF_ISSUER_PUBLIC_KEY,
+                                                  CKA_JAVA_MIDP_SECURITY_DOMAIN};
+constexpr CK_ATTRIBUTE_TYPE privateKeyTypes[] = {CKA_CLASS,
+                                                 CKA_TOKEN,
+                                                 CKA_PRIVATE,
+                                                 CKA_LABEL,
+                                                 CKA_MODIFIABLE,
+                                                 CKA_COPYABLE,
+                                                 CKA_DESTROYABLE,
+                                                 CKA_ID,
+                                                 CKA_DERIVE,
+                                                 CKA_SUBJECT,
+                                                 CKA_KEY_TYPE,
+                                                 CKA_START_DATE,
+                                                 CKA_END_DATE,
+                                                 CKA_SENSITIVE,
+                                                 CKA_SIGN,
+                                                 CKA_DECRYPT,
+                                                 CKA_SIGN_RECOVER,
+                                                 CKA_UNWRAP,
+                                                 CKA_EXTRACTABLE,
+                                                 CKA_WRAP_WITH_TRUSTED,
+                                                 CKA_ALWAYS_AUTHENTICATE,
+                                                 CKA_MODULUS,
+                                                 CKA_PUBLIC_EXPONENT,
+                                                 CKA_PRIVATE_EXPONENT,
+                                                 CKA_PRIME_1,
+                                                 CKA_PRIME_2,
+                                                 CKA_EXPONENT_1,
+                                                 CKA_EXPONENT_2,
+                                                 CKA_COEFFICIENT};
+constexpr CK_ATTRIBUTE_TYPE publicKeyTypes[] = {
+    CKA_CLASS,     CKA_TOKEN,   CKA_PRIVATE, CKA_LABEL,          CKA_MODIFIABLE,   CKA_COPYABLE, CKA_DESTROYABLE,
+    CKA_ID,        CKA_DERIVE,  CKA_SUBJECT, CKA_KEY_TYPE,       CKA_START_DATE,   CKA_END_DATE, CKA_TRUSTED,
+    CKA_WRAP,      CKA_ENCRYPT, CKA_VERIFY,  CKA_VERIFY_RECOVER, CKA_MODULUS_BITS, CKA_MODULUS,  CKA_PUBLIC_EXPONENT,
+    CKA_EC_PARAMS, CKA_EC_POINT};
+
+// The template as attributes of an object in this library, with the flags that are not given.
+Attributes attributesOf(const Template& given, Types flagsThatAreFalse) {
+  Attributes made;
+  for (const CK_ATTRIBUTE& entry : given.entries()) made.set(entry.type, valueOf(entry));
+  for (const CK_ATTRIBUTE_TYPE type : {CKA_LABEL, CKA_ID, CKA_SUBJECT, CKA_START_DATE, CKA_END_DATE})
+    if (!made.find(type)) made.set(type, {});
+  for (const CK_ATTRIBUTE_TYPE type : {CKA_MODIFIABLE, CKA_COPYABLE, CKA_DESTROYABLE})
+    if (!made.find(type)) made.setFlag(type, true);
+  for (const CK_ATTRIBUTE_TYPE type : flagsThatAreFalse) made.setFlag(type, false);
+  return made;
+}
+
+// Calls C_CreateObject of the module. A new object whose handle the module cannot report is a failure.
+CK_OBJECT_HANDLE createInModule(ModuleLock& module, Token& token, std::span<CK_ATTRIBUTE> attributes) {
+  useLogin(module, token);
+  CK_OBJECT_HANDLE handle = 0;
+  const CK_RV code = module->C_CreateObject(lockedSession(module, token), attributes.data(),
+                                            static_cast<CK_ULONG>(attributes.size()), &handle);
+  if (code == CKR_DATA_INVALID) throw Refusal(CKR_ATTRIBUTE_VALUE_INVALID, "CKA_VALUE is no certificate");
+  if (code != CKR_OK) throw moduleFailure(module, token, "C_CreateObject", code, CKR_ATTRIBUTE_VALUE_INVALID);
+  if (handle == 0) throw Refusal(CKR_DEVICE_ERROR, "the token does not show the new object");
+  return handle;
+}
+
+CK_ATTRIBUTE entryOf(CK_ATTRIBUTE_TYPE type, ByteView value) {
+  return {type, const_cast<std::uint8_t*>(value.data()), static_cast<CK_ULONG>(value.size())};
+}
+
+std::shared_ptr<Object> createCertificate(ModuleLock& module, const Session& session, const Template& given) {
+  given.mustBeOf(certificateTypes);
+  given.requiredNumber(CKA_CERTIFICATE_TYPE);
+  given.mustNotContradict(CKA_CERTIFICATE_TYPE, CK_ULONG{CKC_X_509});
+  given.mustNotContradict(CKA_TRUSTED, false);
+  const ByteView value = given.required(CKA_VALUE);
+  given.required(CKA_SUBJECT);
+  if (!given.flag(CKA_TOKEN).value_or(false)) {
+    constexpr CK_ATTRIBUTE_TYPE falseFlags[] = {CKA_TOKEN, CKA_TRUSTED};
+    Attributes made = attributesOf(given, falseFlags);
+    made.setFlag(CKA_PRIVATE, given.flag(CKA_PRIVATE).value_or(false));
+    return addSessionObject(module, session, std::move(made));
+  }
+  requireTokenWriteAccess(session);
+  given.mustNotContradict(CKA_PRIVATE, false);
+  constexpr std::size_t longestCertificate = 3072;
+  if (value.size() > longestCertificate) {
+    throw Refusal(CKR_ATTRIBUTE_VALUE_INVALID, "the certificate is too long, ulValueLen=", value.size());
+  }
+  CK_OBJECT_CLASS objectClass = CKO_CERTIFICATE;
+  CK_ATTRIBUTE attributes[] = {{CKA_CLASS, &objectClass, sizeof objectClass},
+                               entryOf(CKA_VALUE, value),
+                               entryOf(CKA_LABEL, given.bytes(CKA_LABEL).value_or(ByteView{})),
+                               entryOf(CKA_ID, given.bytes(CKA_ID).value_or(ByteView{}))};
+  const CK_OBJECT_HANDLE handle = createInModule(module, session.token, attributes);
+  module.state().objects.forget(session.token, handle);
+  return module.state().objects.ofModule(session.token, handle);
+}
+
+bool isSizeOfToken(ByteView modulus) {
+  while (!modulus.empty() && modulus.front() == 0) modulus = modulus.subspan(1);
+  return std::ranges::any_of(keyTypes, [&](const KeyTypeInfo& row) {
+    return row.algorithm == KeyAlgorithm::rsa && row.bits == modulus.size() * 8 && modulus.front() >= 0x80;
+  });
+}
+
+void checkRsaKey(const Template& given) {
+  if (given.requiredNumber(CKA_KEY_TYPE) != CKK_RSA) {
+    throw Refusal(CKR_TEMPLATE_INCONSISTENT, "the token imports RSA keys only");
+  }
+  for (const CK_ATTRIBUTE_TYPE type : {CKA_MODULUS, CKA_PRIVATE_EXPONENT, CKA_PRIME_1}) given.required(type);
+  if (!isSizeOfToken(given.required(CKA_MODULUS))) {
+    throw Refusal(CKR_ATTRIBUTE_VALUE_INVALID, "no size of the token, CKA_MODULUS has another length");
+  }
+  ByteView exponent = given.bytes(CKA_PUBLIC_EXPONENT).value_or(rsaPublicExponentBytes);
+  while (!exponent.empty() && exponent.front() == 0) exponent = exponent.subspan(1);
+  if (!std::ranges::equal(exponent, rsaPublicExponentBytes)) {
+    throw Refusal(CKR_ATTRIBUTE_VALUE_INVALID, "the token's public exponent is 65537");
+  }
+  given.mustNotContradict(CKA_PRIVATE, true);
+  given.mustNotContradict(CKA_ALWAYS_AUTHENTICATE, false);
+}
+
+// CKA_SENSITIVE and CKA_EXTRACTABLE are accepted as given: the key is known outside, but never read from the token.
+std::shared_ptr<Object> createPrivateKey(ModuleLock& module, const Session& session, const Template& given) {
+  given.mustBeOf(privateKeyTypes);
+  checkRsaKey(given);
+  const bool onToken = given.flag(CKA_TOKEN).value_or(false);
+  if (onToken) requireTokenWriteAccess(session);
+  CK_OBJECT_CLASS objectClass = CKO_PRIVATE_KEY;
+  CK_KEY_TYPE keyType = CKK_RSA;
+  CK_ATTRIBUTE attributes[] = {{CKA_CLASS, &objectClass, sizeof objectClass},
+                               {CKA_KEY_TYPE, &keyType, sizeof keyType},
+                               entryOf(CKA_LABEL, given.bytes(CKA_LABEL).value_or(ByteView{})),
+                               entryOf(CKA_MODULUS, given.required(CKA_MODULUS)),
+                               entryOf(CKA_PRIVATE_EXPONENT, given.required(CKA_PRIVATE_EXPONENT)),
+                               entryOf(CKA_PRIME_1, given.required(CKA_PRIME_1))};
+  const CK_OBJECT_HANDLE handle = createInModule(module, session.token, attributes);
+  const KeyPairObjects pair = addKeyPair(module, session.token, handle, onToken ? 0 : session.handle, true);
+  // The module imports a key without its ID.
+  relabel(module, *pair.privateKey, given);
+  readAttributes(module, *pair.publicKey);
+  return pair.privateKey;
+}
+
+// A public key outside the token is data to read: the token verifies and encrypts with its own keys only.
+std::shared_ptr<Object> createPublicKey(ModuleLock& module, const Session& session, const Template& given) {
+  given.mustBeOf(publicKeyTypes);
+  given.mustNotContradict(CKA_TOKEN, false);
+  given.mustNotContradict(CKA_TRUSTED, false);
+  const CK_ULONG keyType = given.requiredNumber(CKA_KEY_TYPE);
+  if (keyType != CKK_RSA && keyType != CKK_EC) {
+    throw Refusal(CKR_TEMPLATE_INCONSISTENT, "unsupported CKA_KEY_TYPE=", keyType);
+  }
+  const bool isRsa = keyType == CKK_RSA;
+  given.required(isRsa ? CKA_MODULUS : CKA_EC_PARAMS);
+  given.required(isRsa ? CKA_PUBLIC_EXPONENT : CKA_EC_POINT);
+  constexpr CK_ATTRIBUTE_TYPE falseFlags[] = {CKA_TOKEN,  CKA_TRUSTED,        CKA_ENCRYPT, CKA_WRAP,
+                                              CKA_VERIFY, CKA_VERIFY_RECOVER, CKA_DERIVE,  CKA_LOCAL};
+  Attributes made = attributesOf(given, falseFlags);
+  made.setFlag(CKA_PRIVATE, given.flag(CKA_PRIVATE).value_or(false));
+  made.setNumber(CKA_KEY_GEN_MECHANISM, CK_UNAVAILABLE_INFORMATION);
+  if (isRsa) made.setNumber(CKA_MODULUS_BITS, static_cast<CK_ULONG>(given.required(CKA_MODULUS).size()) * 8);
+  return addSessionObject(module, session, std::move(made));
+}
+
+// What the copy's template may say: another label and ID, where it is kept, and what the original has as well.
+void checkCopyTemplate(const Attributes& original, const Template& changes) {
+  for (const CK_ATTRIBUTE& entry : changes.entries()) {
+    const CK_ATTRIBUTE_TYPE type = entry.type;
+    if (!original.find(type)) throw Refusal(CKR_ATTRIBUTE_TYPE_INVALID, "the object has no type=", type);
+    const bool stricter = (type == CKA_SENSITIVE && changes.flag(type) == true) ||
+                          (type == CKA_EXTRACTABLE && changes.flag(type) == false);
+    if (type == CKA_LABEL || type == CKA_ID || type == CKA_TOKEN || stricter || original.match(entry)) continue;
+    throw Refusal(CKR_ATTRIBUTE_READ_ONLY, "a copy cannot change type=", type);
+  }
+}
+
+// Makes a session key pair one that stays, with new objects; the old handles end with their session.
+std::shared_ptr<Object> keepKeyPair(ModuleLock& module, const Session& session, const Object& original,
+                                    const Template& changes) {
+  requireTokenWriteAccess(session);
+  useLogin(module, session.token);
+  ObjectTable& objects = module.state().objects;
+  for (const CK_OBJECT_CLASS half : {CKO_PUBLIC_KEY, CKO_PRIVATE_KEY}) {
+    const auto old = objects.ofModule(session.token, moduleHandleOf(half, original.moduleHandle));
+    if (!old) continue;
+    old->kept = true;
+    objects.release(*old);
+  }
+  const auto made = objects.ofModule(session.token, original.moduleHandle);
+  made->imported = original.imported;
+  relabel(module, *made, changes);
+  return made;
+}
+
+std::shared_ptr<Object> copyInLibrary(ModuleLock& module, const Session& session, const Attributes& original,
+                                      const Template& changes) {
+  Attributes made = original;
+  for (const CK_ATTRIBUTE& entry : changes.entries()) made.set(entry.type, valueOf(entry));
+  made.setFlag(CKA_TOKEN, false);
+  if (made.number(CKA_CLASS) == CKO_PUBLIC_KEY) {
+    for (const CK_ATTRIBUTE_TYPE type : {CKA_ENCRYPT, CKA_VERIFY}) made.setFlag(type, false);
+  }
+  return addSessionObject(module, session, std::move(made));
+}
+
+std::shared_ptr<Object> copyObject(ModuleLock& module, const Session& session, Object& original,
+                                   const Template& changes) {
+  const Attributes& attributes = readAttributes(module, original);
+  checkCopyTemplate(attributes, changes);
+  const bool onToken = changes.flag(CKA_TOKEN).value_or(original.session == 0);
+  if (original.isTokenKey() && original.session != 0 && onToken) {
+    return keepKeyPair(module, session, original, changes);
+  }
+  if (original.isTokenKey() && (onToken || original.isPrivate)) {
+    throw Refusal(CKR_TEMPLATE_INCONSISTENT, "the token keeps a key once, handle=", original.handle);
+  }
+  if (!onToken) return copyInLibrary(module, session, attributes, changes);
+  if (original.objectClass != CKO_CERTIFICATE) {
+    throw Refusal(CKR_TEMPLATE_INCONSISTENT, "the token cannot keep the object, handle=", original.handle);
+  }
+  std::vector<CK_ATTRIBUTE> entries;
+  for (const CK_ATTRIBUTE_TYPE type : {CKA_CLASS, CKA_CERTIFICATE_TYPE, CKA_VALUE, CKA_SUBJECT, CKA_LABEL, CKA_ID}) {
+    entries.push_back(entryOf(type, changes.bytes(type).value_or(*attributes.find(type))));
+  }
+  const std::uint8_t yes = CK_TRUE;
+  entries.push_back(entryOf(CKA_TOKEN, {&yes, 1}));
+  return createCertificate(module, session, Template(entries.data(), static_cast<CK_ULONG>(entries.size())));
+}
+
+}  // namespace
+
+CK_RV C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount,
+                     CK_OBJECT_HANDLE_PTR phObject) {
+  return sessionCall("C_CreateObject", hSession, [&](const Call& call, State& state, Session& session) -> CK_RV {
+    if (!pTemplate) return call.refuse(CKR_ARGUMENTS_BAD, "pTemplate is NULL");
+    if (!phObject) return call.refuse(CKR_ARGUMENTS_BAD, "phObject is NULL");
+    const Template given(pTemplate, ulCount);
+    const CK_ULONG objectClass = given.requiredNumber(CKA_CLASS);
+    checkLabelAndId(given);
+    const bool isPrivate = given.flag(CKA_PRIVATE).value_or(objectClass == CKO_PRIVATE_KEY);
+    if (given.flag(CKA_TOKEN).value_or(false) && !session.readWrite) {
+      return call.refuse(CKR_SESSION_READ_ONLY, "the session is read-only");
+    }
+    if (isPrivate && session.token.login != Login::user) {
+      return call.refuse(CKR_USER_NOT_LOGGED_IN, "the user is not logged in");
+    }
+    ModuleLock module(state);
+    switch (objectClass) {
+      case CKO_CERTIFICATE:
+        *phObject = createCertificate(module, session, given)->handle;
+        return CKR_OK;
+      case CKO_PUBLIC_KEY:
+        *phObject = createPublicKey(module, session, given)->handle;
+        return CKR_OK;
+      case CKO_PRIVATE_KEY:
+        *phObject = createPrivateKey(module, session, given)->handle;
+        return CKR_OK;
+      default:
+        return call.refuse(CKR_ATTRIBUTE_VALUE_INVALID, "the token keeps no objects of CKA_CLASS=", objectClass);
+    }
+  });
+}
+
+CK_RV C_CopyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount,
+                   CK_OBJECT_HANDLE_PTR phNewObject) {
+  return sessionCall("C_CopyObject", hSession, [&](const Call& call, State& state, Session& session) -> CK_RV {
+    if (!phNewObject) return call.refuse(CKR_ARGUMENTS_BAD, "phNewObject is NULL");
+    const Template changes(pTemplate, ulCount);
+    checkLabelAndId(changes);
+    ModuleLock module(state);
+    const auto original = requiredObject(module, session, hObject);
+    *phNewObject = copyObject(module, session, *original, changes)->handle;
+    return CKR_OK;
+  });
+}
+
+// The token deletes a pair by its private half. A public half that is destroyed alone is no longer shown; one whose
+// private half is destroyed stays to read until it is destroyed too.
+CK_RV C_DestroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject) {
+  return sessionCall("C_DestroyObject", hSession, [&](const Call&, State& state, Session& session) -> CK_RV {
+    ModuleLock module(state);
+    const auto object = requiredObject(module, session, hObject);
+    requireWriteAccess(session, *object);
+    ObjectTable& objects = module.state().objects;
+    if (object->moduleHandle == 0 || object->kept) {
+      objects.drop(*object);
+    } else if (object->objectClass == CKO_PUBLIC_KEY) {
+      readAttributes(module, *object);
+      objects.hide(*object);
+    } else {
+      deleteFromToken(module, *object);
+    }
+    return CKR_OK;
+  });
+}
