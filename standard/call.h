@@ -1,7 +1,7 @@
 // The frames of the exported functions: what every call checks before its own arguments.
 #pragma once
 
-#include "log/call.h"
+#include "frame/call.h"
 #include "standard/module_calls.h"
 
 namespace tavrin::standard {
