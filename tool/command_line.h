@@ -3,11 +3,12 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
-#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "tool/action.h"
 
 namespace tool {
 
@@ -16,9 +17,6 @@ class UsageError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
-
-// What the parsed words ask for; returns the exit code.
-using Action = std::function<int()>;
 
 // All commands. Parsing stores the chosen command's action in `action`, which must outlive the result.
 std::unique_ptr<CLI::App> makeCommandLine(Action& action);

@@ -1,16 +1,21 @@
 #include "tool/log_commands.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
+#include <deque>
 #include <iostream>
 #include <thread>
 
 #include "log/log.h"
 #include "softtoken/platform.h"
+#include "tool/catalogue.h"
 #include "tool/console.h"
 #include "tool/json.h"
+#include "tool/log_calls.h"
 #include "tool/log_files.h"
 #include "tool/log_level.h"
+#include "tool/names.h"
 #include "tool/text.h"
 
 namespace tool {
@@ -19,69 +24,174 @@ namespace {
 constexpr auto pollInterval = std::chrono::milliseconds(200);
 
 struct Options {
-  std::string day;  // empty: today, also after midnight
-  std::string program;
+  std::string file;     // a log that was sent in; empty: this machine's
+  std::string day;      // empty: today, also after midnight
+  std::string program;  // empty: all
+  std::string since;    // HH:MM or HH:MM:SS; empty: the whole day
   std::string text;
+  bool ignoreCase = false;
   bool errorsOnly = false;
+  std::size_t last = 0;  // only so many lines; 0: all
   bool follow = false;
+  bool names = false;
+  bool explain = false;
+  bool calls = false;
+  bool listPrograms = false;
   int level = -1;
   bool json = false;
 };
 
-// A message when the text is no day, as CLI11 wants it.
-std::string checkDay(const std::string& day) {
-  constexpr std::string_view pattern = "0000-00-00";
-  const bool fits = std::ranges::equal(day, pattern, [](char letter, char expected) {
+bool fits(const std::string& text, std::string_view pattern) {
+  return std::ranges::equal(text, pattern, [](char letter, char expected) {
     return expected == '0' ? letter >= '0' && letter <= '9' : letter == expected;
   });
-  return fits ? std::string() : "takes a day as YYYY-MM-DD, not " + day;
+}
+
+// CLI11 takes an empty text for consent.
+std::string checkDay(const std::string& day) {
+  return fits(day, "0000-00-00") ? "" : "takes a day as YYYY-MM-DD, not " + day;
+}
+
+std::string checkTime(const std::string& time) {
+  return fits(time, "00:00") || fits(time, "00:00:00") ? "" : "takes a time as HH:MM or HH:MM:SS, not " + time;
+}
+
+std::vector<LogFile> allFiles(const Options& options) {
+  if (!options.file.empty()) return {logFileAt(softtoken::pathOf(options.file))};
+  return logFilesOf(options.day.empty() ? today() : options.day);
 }
 
 std::vector<LogFile> wantedFiles(const Options& options) {
-  std::vector<LogFile> files = logFilesOf(options.day.empty() ? today() : options.day);
+  std::vector<LogFile> files = allFiles(options);
   if (!options.program.empty())
     std::erase_if(files, [&](const LogFile& file) { return file.program != options.program; });
   return files;
 }
 
-bool wanted(const LogEntry& entry, const Options& options) {
-  if (options.errorsOnly && entry.kind != LineKind::error) return false;
-  return entry.text.find(options.text) != std::string::npos;
+char lowered(char letter) { return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter + 32) : letter; }
+
+bool holds(const std::string& line, const Options& options) {
+  if (!options.ignoreCase) return line.find(options.text) != std::string::npos;
+  return options.text.empty() || !std::ranges::search(line, options.text, {}, lowered, lowered).empty();
 }
+
+bool wanted(const LogEntry& entry, const Options& options) {
+  constexpr std::size_t clock = 7;  // after DD/MM::
+  if (options.errorsOnly && entry.kind != LineKind::error) return false;
+  if (!options.since.empty() && (entry.time.size() < clock || entry.time.substr(clock) < options.since)) return false;
+  return holds(entry.text, options);
+}
+
+// What is printed of an entry or a call.
+struct Output {
+  std::string text;
+  LineKind kind;
+};
 
 const char* colourOf(LineKind kind) {
   if (kind == LineKind::error) return "\x1B[31m";
   return kind == LineKind::debug ? "\x1B[2m" : "";
 }
 
-void print(const LogEntry& entry, const Options& options, bool coloured) {
-  if (!wanted(entry, options)) return;
-  const char* colour = coloured ? colourOf(entry.kind) : "";
-  std::cout << colour << printable(options.program.empty() ? entry.program + " | " + entry.text : entry.text)
-            << (*colour != '\0' ? "\x1B[0m" : "") << '\n';
+class Printer {
+ public:
+  explicit Printer(const Options& options)
+      : options_(options), coloured_(outputTakesColour()), prefixed_(options.program.empty() && options.file.empty()) {}
+
+  void add(const LogEntry& entry) {
+    if (!wanted(entry, options_)) return;
+    if (options_.calls) return calls_.add(entry, [this](const LoggedCall& call) { addCall(call); });
+    put({prefixOf(entry.program) + (options_.names ? withNames(entry.text) : entry.text), entry.kind});
+    if (entry.kind == LineKind::error) addExplanation(messageIn(entry.text));
+  }
+
+  // Prints what was held back for --last or --calls.
+  void finish() {
+    calls_.flush([this](const LoggedCall& call) { addCall(call); });
+    for (const Output& line : held_) print(line);
+    held_.clear();
+    holding_ = false;
+  }
+
+ private:
+  std::string prefixOf(const std::string& program) const { return prefixed_ ? program + " | " : ""; }
+
+  void addCall(const LoggedCall& call) {
+    std::string text = prefixOf(call.program) + clockText(call.start) + "  " + (call.name.empty() ? "-" : call.name);
+    if (call.end > call.start) text += "  " + std::to_string(call.end - call.start) + " ms";
+    const bool refused = call.refused();
+    for (const CallLine& line : call.lines)
+      if (line.refusal || call.name.empty()) text += "  " + withNames(line.message);
+    put({text, refused ? LineKind::error : LineKind::debug});
+    for (const CallLine& line : call.lines)
+      if (line.refusal) addExplanation(line.message);
+  }
+
+  void addExplanation(std::string_view message) {
+    if (!options_.explain) return;
+    const Explanation* found = explanationOf(message);
+    if (!found) return;
+    put({"    " + std::string(found->meaning), LineKind::other});
+    put({"    " + std::string(found->remedy), LineKind::other});
+  }
+
+  void put(const Output& line) {
+    if (options_.last == 0 || !holding_) return print(line);
+    held_.push_back(line);
+    if (held_.size() > options_.last) held_.pop_front();
+  }
+
+  void print(const Output& line) const {
+    const char* colour = coloured_ ? colourOf(line.kind) : "";
+    std::cout << colour << printable(line.text) << (*colour != '\0' ? "\x1B[0m" : "") << '\n';
+  }
+
+  const Options& options_;
+  const bool coloured_;
+  const bool prefixed_;  // with the program's name, as there may be several
+  CallCollector calls_;
+  std::deque<Output> held_;
+  bool holding_ = true;
+};
+
+std::string namesOf(const std::vector<LogFile>& files) {
+  std::string names;
+  for (const LogFile& file : files) names += (names.empty() ? "" : ", ") + file.program;
+  return names;
 }
 
 void explainNothing(const Options& options) {
-  const std::string text = "There is no log of " + (options.day.empty() ? "today" : options.day) +
-                           (options.program.empty() ? "" : " by " + options.program) + " in " +
-                           softtoken::textOf(logFolder()) + "; the log level is " + levelText(tavrin::getLogLevel());
+  std::string text = "There is no log of " + (options.day.empty() ? "today" : options.day) +
+                     (options.program.empty() ? "" : " by " + options.program) + " in " +
+                     softtoken::textOf(logFolder()) + "; the log level is " + levelText(tavrin::getLogLevel());
+  if (const std::string others = namesOf(allFiles(options)); !others.empty()) text += "; there are logs by " + others;
   std::cerr << printable(text) << '\n';
 }
 
 // The module cuts the program's file name there too.
 std::string untilPoint(const std::string& name) { return name.substr(0, name.find('.')); }
 
+int listPrograms(const Options& options) {
+  const std::vector<LogFile> files = allFiles(options);
+  if (files.empty()) explainNothing(options);
+  for (const LogFile& file : files) std::cout << printable(file.program) << '\n';
+  return 0;
+}
+
 int show(Options& options) {
+  if (options.listPrograms) return listPrograms(options);
   options.program = untilPoint(options.program);
-  const bool coloured = outputTakesColour();
-  const auto printOne = [&](const LogEntry& entry) { print(entry, options, coloured); };
+  Printer printer(options);
+  const auto take = [&](const LogEntry& entry) { printer.add(entry); };
   LogReader reader;
   const std::vector<LogFile> files = wantedFiles(options);
   if (files.empty()) explainNothing(options);
-  reader.read(files, printOne);
+  reader.read(files, take);
+  printer.finish();
   while (options.follow && std::cout.flush()) {
     std::this_thread::sleep_for(pollInterval);
-    reader.read(wantedFiles(options), printOne);
+    reader.read(wantedFiles(options), take);
+    printer.finish();
   }
   return 0;
 }
@@ -98,13 +208,32 @@ int level(const Options& options) {
 }
 
 void addShowOptions(CLI::App& command, Options& options) {
+  command.add_option("FILE", options.file, "A log file to show, such as one sent to support")->type_name("");
   command.add_flag("--follow,-f", options.follow, "Wait for new lines and show them");
   command.add_flag("--errors,-e", options.errorsOnly, "Show refusals and failures only");
-  command.add_option("--grep", options.text, "Show lines with this text only")->type_name("TEXT");
-  command.add_option("--program,-p", options.program, "Show one program's lines only")->type_name("PROGRAM");
+  command.add_option("--grep,-g", options.text, "Show lines with this text only")->type_name("TEXT");
+  command.add_flag("--ignore-case,-i", options.ignoreCase, "Ignore the case of letters in --grep");
+  command.add_option("--since", options.since, "Begin at this time, HH:MM or HH:MM:SS")
+      ->type_name("TIME")
+      ->check(checkTime);
+  command.add_option("--last,-n", options.last, "Show the last lines only")->type_name("NUMBER");
+  // Without a name it lists the names.
+  command
+      .add_option_function<std::string>(
+          "--program,-p",
+          [&options](const std::string& name) {
+            options.program = name;
+            options.listPrograms = name.empty();
+          },
+          "Show one program only; without NAME: list them")
+      ->type_name("PROGRAM")
+      ->expected(0, 1);
   command.add_option("--day", options.day, "The day to show, YYYY-MM-DD; default: today")
       ->type_name("DAY")
       ->check(checkDay);
+  command.add_flag("--names", options.names, "Add names to statuses, mechanisms and types");
+  command.add_flag("--explain", options.explain, "Explain each refusal and say what to do");
+  command.add_flag("--calls", options.calls, "Show a line for each call, with the time it took");
 }
 
 }  // namespace

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "tool/command_line.h"
+#include "tool/action.h"
 
 namespace tool {
 

@@ -6,6 +6,7 @@
 
 #include "log/log_location.h"
 #include "platform/platform.h"
+#include "softtoken/failure.h"
 #include "softtoken/platform.h"
 
 namespace tool {
@@ -108,6 +109,12 @@ std::vector<LogFile> logFilesOf(const std::string& day) {
   }
   std::ranges::sort(files, {}, &LogFile::program);
   return files;
+}
+
+LogFile logFileAt(const fs::path& path) {
+  if (!fs::is_regular_file(path) || !std::ifstream(path, std::ios::binary))
+    throw softtoken::Failure(softtoken::Status::notFound, "cannot read the log file " + softtoken::textOf(path));
+  return {softtoken::textOf(fs::absolute(path).parent_path().filename()), path, fs::file_size(path)};
 }
 
 std::string_view messageIn(std::string_view line) {

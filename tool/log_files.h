@@ -26,6 +26,9 @@ std::string today();
 // The files of a day, by program.
 std::vector<LogFile> logFilesOf(const std::string& day);
 
+// A log file that lies elsewhere. Its program is the name of its folder. Throws Failure when it cannot be read.
+LogFile logFileAt(const std::filesystem::path& path);
+
 enum class LineKind { debug, error, other };
 
 struct LogEntry {

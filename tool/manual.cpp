@@ -1,5 +1,6 @@
 #include "tool/manual.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <iostream>
 

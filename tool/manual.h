@@ -2,7 +2,7 @@
 // with these commands; --help does not list them.
 #pragma once
 
-#include "tool/command_line.h"
+#include "tool/action.h"
 
 namespace tool {
 

@@ -1,5 +1,6 @@
 #include "tool/status.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <iostream>
 

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "tool/action.h"
 #include "tool/certificate_facts.h"
-#include "tool/command_line.h"
 #include "tool/log_files.h"
 #include "tool/module_probe.h"
 

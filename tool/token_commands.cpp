@@ -1,5 +1,6 @@
 #include "tool/token_commands.h"
 
+#include <CLI/CLI.hpp>
 #include <iostream>
 
 #include "softtoken/token_folders.h"

@@ -1,7 +1,7 @@
 // tavrin-tool token ...
 #pragma once
 
-#include "tool/command_line.h"
+#include "tool/action.h"
 
 namespace tool {
 

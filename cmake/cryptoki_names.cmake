@@ -1,0 +1,17 @@
+# tavrin_cryptoki_names(header): writes a header with lists of the constants in pkcs11t.h, for people to read in place
+# of their numbers.
+function(tavrin_cryptoki_names header)
+  set(source ${CMAKE_SOURCE_DIR}/include/pkcs11t.h)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${source})
+  set(content "// Made from pkcs11t.h.\n#pragma once\n")
+  foreach(list MECHANISMS=CKM ATTRIBUTES=CKA CLASSES=CKO KEY_TYPES=CKK STATES=CKS USERS=CKU)
+    string(REPLACE "=" ";" list ${list})
+    list(GET list 0 name)
+    list(GET list 1 prefix)
+    file(STRINGS ${source} lines REGEX "^#define ${prefix}_[A-Z0-9_]+ ")
+    list(TRANSFORM lines REPLACE "^#define ([A-Z0-9_]+) .*" "{\\1, \"\\1\"}")
+    list(JOIN lines ", " rows)
+    string(APPEND content "#define TAVRIN_${name} ${rows}\n")
+  endforeach()
+  file(CONFIGURE OUTPUT ${header} CONTENT "${content}" @ONLY)
+endfunction()
