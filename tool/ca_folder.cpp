@@ -9,7 +9,8 @@
 namespace tool {
 
 CaFolder::CaFolder()
-    : path_(softtoken::textOf(std::filesystem::path(tavrin::caFolder(programFolder().string())).make_preferred())) {
+    : shared_(tavrin::caFolder("one") == tavrin::caFolder("another")),
+      path_(softtoken::textOf(std::filesystem::path(tavrin::caFolder(programFolder().string())).make_preferred())) {
   for (const auto& [file, der] : softtoken::certificatesInFolder(path_, tavrin::caFileExtensions())) {
     // Larger ones fit on no token, and the module leaves them out.
     if (der.size() > sizeof TavrinCertificate::certificate) continue;
@@ -18,8 +19,10 @@ CaFolder::CaFolder()
   }
 }
 
-std::string CaFolder::missingIssuer(const std::string& issuerName) const {
-  return tavrin::followIssuers(issuers_, tavrin::extractCommonName(issuerName)).missing;
+std::string CaFolder::missingIssuer(const std::string& issuerName, const Issuers& further) const {
+  Issuers all = issuers_;
+  all.insert(further.begin(), further.end());
+  return tavrin::followIssuers(all, tavrin::extractCommonName(issuerName)).missing;
 }
 
 }  // namespace tool

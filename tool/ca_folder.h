@@ -15,13 +15,21 @@ class CaFolder {
   const std::string& path() const { return path_; }
   std::size_t certificateCount() const { return issuers_.size(); }
 
-  // Follows a certificate's issuer up to a self-signed root. Returns the common name at which the folder's files end or
-  // run in a circle; empty when the chain is complete.
-  std::string missingIssuer(const std::string& issuerName) const;
+  // Whether every program looks in this folder: TAVRIN_HOME names it, or it belongs to the installation. Otherwise each
+  // program looks below its own folder.
+  bool isShared() const { return shared_; }
+
+  // Common names of certificates' issuers, by the common names of their subjects.
+  using Issuers = std::map<std::string, std::string>;
+
+  // Follows a certificate's issuer up to a self-signed root, through the folder's files and further certificates.
+  // Returns the common name at which they end or run in a circle; empty when the chain is complete.
+  std::string missingIssuer(const std::string& issuerName, const Issuers& further) const;
 
  private:
+  bool shared_;
   std::string path_;
-  std::map<std::string, std::string> issuers_;  // common names, by that of the subject
+  Issuers issuers_;
 };
 
 }  // namespace tool

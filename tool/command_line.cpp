@@ -6,6 +6,7 @@
 
 #include "tool/log_commands.h"
 #include "tool/manual.h"
+#include "tool/report_command.h"
 #include "tool/status.h"
 #include "tool/text.h"
 #include "tool/token_commands.h"
@@ -109,6 +110,7 @@ std::unique_ptr<CLI::App> makeCommandLine(Action& action) {
   app->require_subcommand(1);
   addStatusCommand(*app, action);
   addLogCommands(*app, action);
+  addReportCommand(*app, action);
   addTokenCommands(*app, action);
   addManualCommands(*app, action);
   app->footer(footer);  // now, so that commands do not inherit it

@@ -22,6 +22,19 @@ class ConsoleOutput {
   unsigned before_ = 0;  // the code page, on Windows
 };
 
+// Discards what this process writes to its standard output while this object exists. Libraries that print do not damage
+// the tool's own output.
+class SilencedOutput {
+ public:
+  SilencedOutput();
+  ~SilencedOutput();
+  SilencedOutput(const SilencedOutput&) = delete;
+  SilencedOutput& operator=(const SilencedOutput&) = delete;
+
+ private:
+  int kept_;  // the standard output's descriptor
+};
+
 // The words of the command line, the program's name first.
 std::vector<std::string> commandLine(int argc, char** argv);
 

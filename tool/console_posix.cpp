@@ -6,6 +6,7 @@
 
 #include <array>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 
 #include "softtoken/failure.h"
@@ -106,6 +107,20 @@ class SilentTerminal {
 
 ConsoleOutput::ConsoleOutput() = default;
 ConsoleOutput::~ConsoleOutput() = default;
+
+SilencedOutput::SilencedOutput() : kept_(::dup(STDOUT_FILENO)) {
+  std::fflush(stdout);
+  const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+  if (kept_ >= 0 && nowhere >= 0) ::dup2(nowhere, STDOUT_FILENO);
+  if (nowhere >= 0) ::close(nowhere);
+}
+
+SilencedOutput::~SilencedOutput() {
+  std::fflush(stdout);
+  if (kept_ < 0) return;
+  ::dup2(kept_, STDOUT_FILENO);
+  ::close(kept_);
+}
 
 std::vector<std::string> commandLine(int argc, char** argv) { return {argv, argv + argc}; }
 

@@ -1,7 +1,10 @@
 #include <windows.h>
 // After windows.h, on which it depends.
+#include <fcntl.h>
+#include <io.h>
 #include <shellapi.h>
 
+#include <cstdio>
 #include <iterator>
 
 #include "softtoken/failure.h"
@@ -92,6 +95,20 @@ ConsoleOutput::ConsoleOutput() : before_(::GetConsoleOutputCP()) { ::SetConsoleO
 
 ConsoleOutput::~ConsoleOutput() {
   if (before_ != 0) ::SetConsoleOutputCP(before_);
+}
+
+SilencedOutput::SilencedOutput() : kept_(::_dup(1)) {
+  std::fflush(stdout);
+  const int nowhere = ::_open("NUL", _O_WRONLY);
+  if (kept_ >= 0 && nowhere >= 0) ::_dup2(nowhere, 1);
+  if (nowhere >= 0) ::_close(nowhere);
+}
+
+SilencedOutput::~SilencedOutput() {
+  std::fflush(stdout);
+  if (kept_ < 0) return;
+  ::_dup2(kept_, 1);
+  ::_close(kept_);
 }
 
 std::vector<std::string> commandLine(int argc, char** argv) {

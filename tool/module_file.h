@@ -13,8 +13,9 @@ extern const char* const deviceLibraryFileName;
 // The folder of this program's file.
 std::filesystem::path programFolder();
 
-// The library's own neighbours are found too. Throws Failure with the system's reason.
-void* loadLibrary(const std::filesystem::path& file);
+// Loads a library as applications do. When its neighbours are found only by asking for them, it is loaded all the same
+// and `warning` says so. Throws Failure with the reason.
+void* loadLibrary(const std::filesystem::path& file, std::string& warning);
 void unloadLibrary(void* library);
 
 // Null for a name that the library does not export.

@@ -15,7 +15,7 @@ std::filesystem::path programFolder() {
   return std::filesystem::read_symlink("/proc/self/exe", error).parent_path();
 }
 
-void* loadLibrary(const std::filesystem::path& file) {
+void* loadLibrary(const std::filesystem::path& file, std::string&) {
   void* library = ::dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (!library) throw softtoken::Failure(softtoken::Status::notFound, ::dlerror());
   return library;

@@ -1,5 +1,7 @@
 #include <windows.h>
 
+#include <array>
+#include <fstream>
 #include <system_error>
 #include <vector>
 
@@ -17,6 +19,40 @@ std::filesystem::path fileOf(HMODULE library) {
   return {file.begin(), file.begin() + ::GetModuleFileNameW(library, file.data(), longestPath)};
 }
 
+// The machine in a program file's header; 0 for what is no program file.
+unsigned machineOf(const std::filesystem::path& file) {
+  std::ifstream stream(file, std::ios::binary);
+  const auto numberAt = [&](std::streamoff place, int bytes) {
+    std::array<unsigned char, 4> field{};
+    stream.seekg(place);
+    stream.read(reinterpret_cast<char*>(field.data()), bytes);
+    return field[0] | unsigned{field[1]} << 8 | unsigned{field[2]} << 16 | unsigned{field[3]} << 24;
+  };
+  constexpr unsigned dosMark = 0x5A4D;
+  constexpr unsigned peMark = 0x4550;
+  if (numberAt(0, 2) != dosMark) return 0;
+  const unsigned header = numberAt(0x3C, 4);
+  return numberAt(header, 4) == peMark ? numberAt(std::streamoff{header} + 4, 2) : 0;
+}
+
+// Windows' error in words.
+std::string reasonOf(const std::filesystem::path& file, DWORD error) {
+  std::error_code ignored;
+  if (!std::filesystem::exists(file, ignored)) return "there is no such file";
+  const unsigned machine = machineOf(file);
+  if (machine == 0) return "the file is no DLL";
+  if (machine == IMAGE_FILE_MACHINE_I386) return "the file is a 32-bit DLL, and this program is a 64-bit one";
+  if (machine != IMAGE_FILE_MACHINE_AMD64) return "the file is a DLL for another kind of processor";
+  const std::string number = " (Windows error " + std::to_string(error) + ")";
+  if (error == ERROR_MOD_NOT_FOUND)
+    return std::string("a DLL that it needs is missing, probably ") + "TavrinDSCLibrary.dll" + number;
+  if (error == ERROR_PROC_NOT_FOUND)
+    return "TavrinDSCLibrary.dll lacks an operation of the module; probably it was built with another kind of "
+           "compiler" +
+           number;
+  return "it cannot be loaded" + number;
+}
+
 }  // namespace
 
 const char* const moduleFileName = "TavrinPKCS11.dll";
@@ -24,13 +60,17 @@ const char* const deviceLibraryFileName = "TavrinDSCLibrary.dll";
 
 std::filesystem::path programFolder() { return fileOf(nullptr).parent_path(); }
 
-void* loadLibrary(const std::filesystem::path& file) {
-  // The altered search path leads to the libraries beside the module; it is defined for full paths alone.
-  HMODULE library = ::LoadLibraryExW(std::filesystem::absolute(file).c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
-  if (library) return library;
-  const auto error = static_cast<int>(::GetLastError());
-  throw softtoken::Failure(softtoken::Status::notFound,
-                           softtoken::textOf(file) + ": Windows error " + std::to_string(error));
+void* loadLibrary(const std::filesystem::path& file, std::string& warning) {
+  const std::filesystem::path full = std::filesystem::absolute(file);
+  if (HMODULE library = ::LoadLibraryW(full.c_str())) return library;
+  const DWORD error = ::GetLastError();
+  // The altered search path leads to the libraries beside the module.
+  HMODULE library = ::LoadLibraryExW(full.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
+  if (!library)
+    throw softtoken::Failure(softtoken::Status::notFound, softtoken::textOf(file) + ": " + reasonOf(full, error));
+  warning = std::string("applications that load the module by its path do not find ") + deviceLibraryFileName +
+            " beside it; add its folder to PATH";
+  return library;
 }
 
 void unloadLibrary(void* library) { ::FreeLibrary(static_cast<HMODULE>(library)); }

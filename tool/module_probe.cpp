@@ -6,6 +6,8 @@
 #include "pkcs11.h"
 #include "softtoken/failure.h"
 #include "softtoken/token_folders.h"
+#include "tool/console.h"
+#include "tool/log_files.h"
 #include "tool/module_file.h"
 
 namespace tool {
@@ -35,7 +37,7 @@ std::string textOf(CK_VERSION version) { return std::to_string(version.major) + 
 
 class Library {
  public:
-  explicit Library(const std::filesystem::path& file) : handle_(loadLibrary(file)) {}
+  Library(const std::filesystem::path& file, std::string& warning) : handle_(loadLibrary(file, warning)) {}
   ~Library() { unloadLibrary(handle_); }
   Library(const Library&) = delete;
   Library& operator=(const Library&) = delete;
@@ -59,7 +61,7 @@ class InitialisedModule {
   CK_FUNCTION_LIST* functions_;
 };
 
-// A read-only session, closed when it goes.
+// A read-only session.
 class Session {
  public:
   Session(CK_FUNCTION_LIST* functions, CK_SLOT_ID slot) : functions_(functions) {
@@ -146,6 +148,7 @@ void readToken(CK_FUNCTION_LIST* functions, CK_SLOT_ID slot, ProbedToken& token)
   token.label = textOf(info.label);
   token.serial = textOf(info.serialNumber);
   token.firmware = textOf(info.firmwareVersion);
+  token.model = textOf(info.model);
   token.tries = triesIn(info.flags);
   const Session session(functions, slot);
   for (const CK_OBJECT_HANDLE object : session.objects(CKO_PUBLIC_KEY)) token.keys.push_back(readKey(session, object));
@@ -155,15 +158,31 @@ void readToken(CK_FUNCTION_LIST* functions, CK_SLOT_ID slot, ProbedToken& token)
   }
 }
 
-// Cryptoki tells no more than "few"; a software token's files hold the number.
-void addExactTries(std::vector<ProbedToken>& tokens) try {
+// Cryptoki reports no more than "few" tries; a software token's files hold the number, and other tokens of this user.
+void addSoftTokens(ProbedModule& result) try {
   for (const softtoken::TokenSummary& known : softtoken::allTokens()) {
-    if (!known.state) continue;
-    const auto token = std::ranges::find(tokens, known.state->serial, &ProbedToken::serial);
-    if (token != tokens.end() && known.plugged) token->exactTries = known.tries.user;
+    if (!known.state) {
+      result.setAside.push_back({known.name, "unreadable", known.problem});
+      continue;
+    }
+    const auto token = std::ranges::find(result.tokens, known.state->serial, &ProbedToken::serial);
+    if (!known.plugged) {
+      result.setAside.push_back({known.name, "unplugged", {}});
+    } else if (token != result.tokens.end()) {
+      token->exactTries = known.tries.user;
+      token->name = known.name;
+      if (known.state->objectCount() >= known.state->capacity) result.setAside.push_back({known.name, "full", {}});
+    }
   }
-} catch (const std::exception&) {
-  // Another kind of token may be in use, and this user may have no software tokens at all.
+} catch (const std::exception& failure) {
+  result.setAside.push_back({softtoken::textOf(softtoken::tokenRoot().filename()), "unreadable", failure.what()});
+}
+
+// Without a connected token the device library is not known; the folder of software tokens shows that they are used.
+bool isSoftToken(const ProbedModule& result) {
+  if (!result.tokens.empty()) return std::ranges::any_of(result.tokens, &ProbedToken::isSoftToken);
+  std::error_code error;
+  return std::filesystem::exists(softtoken::tokenRoot(), error);
 }
 
 std::vector<CK_SLOT_ID> slotsWithToken(CK_FUNCTION_LIST* functions) {
@@ -189,13 +208,40 @@ void readModule(CK_FUNCTION_LIST* functions, ProbedModule& result) {
       token.problem = failure.what();
     }
   }
-  addExactTries(result.tokens);
+  if (!isSoftToken(result)) return;
+  result.softTokenFolder = softtoken::textOf(softtoken::tokenRoot());
+  addSoftTokens(result);
 }
+
+// Takes the lines of this program's own calls out of the log, where they would hide those of applications.
+class OwnLog {
+ public:
+  OwnLog() : file_(logFolder() / "tavrin-tool" / (today() + ".LOG")) {
+    std::error_code error;
+    existed_ = std::filesystem::exists(file_, error);
+    if (existed_) size_ = std::filesystem::file_size(file_, error);
+  }
+  ~OwnLog() {
+    std::error_code error;
+    if (existed_) {
+      std::filesystem::resize_file(file_, size_, error);
+    } else if (std::filesystem::remove(file_, error)) {
+      std::filesystem::remove(file_.parent_path(), error);  // if nothing else is in it
+    }
+  }
+  OwnLog(const OwnLog&) = delete;
+  OwnLog& operator=(const OwnLog&) = delete;
+
+ private:
+  std::filesystem::path file_;
+  bool existed_ = false;
+  std::uintmax_t size_ = 0;
+};
 
 LoadedFile loadedFile(const std::string& path) { return {path, path.empty() ? std::string() : fileVersion(path)}; }
 
 void loadAndRead(const std::filesystem::path& file, ProbedModule& result) {
-  const Library library(file);
+  const Library library(file, result.warning);
   void* address = library.find("C_GetFunctionList");
   if (!address) throw Failure(Status::notFound, softtoken::textOf(file) + " is no Cryptoki module");
   result.module = loadedFile(fileOfFunction(address));
@@ -218,6 +264,8 @@ std::filesystem::path defaultModule() {
 
 ProbedModule probeModule(const std::filesystem::path& file) {
   ProbedModule result;
+  const OwnLog ownLog;
+  const SilencedOutput silence;
   try {
     loadAndRead(file, result);
   } catch (const Failure& failure) {

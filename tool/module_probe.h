@@ -29,11 +29,22 @@ struct ProbedToken {
   std::string label;
   std::string serial;
   std::string firmware;
+  std::string model;
   TriesLeft tries = TriesLeft::many;
   std::optional<unsigned> exactTries;  // known for software tokens alone
   std::vector<PublicKey> keys;
   std::vector<StoredCertificate> certificates;
+  std::string name;     // of a software token, for tavrin-tool token; empty for other tokens
   std::string problem;  // why it cannot be used; empty when it can
+
+  bool isSoftToken() const { return model == "Soft token"; }
+};
+
+// A software token that no application sees, or that takes no more objects.
+struct SetAsideToken {
+  std::string name;
+  std::string state;    // "unplugged", "unreadable" or "full"
+  std::string problem;  // of an unreadable one
 };
 
 struct LoadedFile {
@@ -47,7 +58,10 @@ struct ProbedModule {
   std::string libraryVersion;  // as the module itself tells
   std::string cryptokiVersion;
   std::vector<ProbedToken> tokens;
+  std::string softTokenFolder;  // where the software tokens are; empty when another device library is loaded
+  std::vector<SetAsideToken> setAside;
   std::string problem;
+  std::string warning;  // about how the library was loaded
 };
 
 // The module beside this program, or where the installation has put it.

@@ -11,10 +11,11 @@
 
 namespace tool {
 
-enum class Chain { complete, selfSigned, incomplete };
+enum class Chain { complete, onToken, selfSigned, incomplete };  // onToken: with issuers from the token
 
 struct CertificateStatus {
   std::string label;
+  softtoken::Bytes id;
   std::optional<CertificateFacts> facts;  // nothing: unreadable
   Chain chain = Chain::incomplete;
   std::string missingIssuer;  // of an incomplete chain
@@ -37,6 +38,7 @@ struct SystemStatus {
   ProbedModule module;
   std::vector<TokenStatus> tokens;
   std::string caFolder;
+  bool caFolderShared = true;  // false: each program looks below its own folder
   std::size_t caCertificates = 0;
   int logLevel = 0;
   std::string logFolder;
@@ -51,6 +53,10 @@ struct SystemStatus {
   // 1 with problems, 3 with warnings alone, else 0.
   int exitCode() const { return !problems.empty() ? 1 : !warnings.empty() ? 3 : 0; }
 };
+
+// Gathers and judges everything. With `anonymous`, labels, names, serial numbers and IDs are numbered, and paths are
+// cut to the names of files.
+void gatherStatus(const std::filesystem::path& module, bool anonymous, SystemStatus& status);
 
 void addStatusCommand(CLI::App& app, Action& action);
 

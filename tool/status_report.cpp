@@ -78,6 +78,7 @@ std::string validityText(const CertificateFacts& facts) {
 std::string chainText(const CertificateStatus& certificate) {
   if (certificate.chain == Chain::selfSigned) return "self-signed";
   if (certificate.chain == Chain::complete) return "complete in the CA folder";
+  if (certificate.chain == Chain::onToken) return "complete with issuers on the token";
   return "INCOMPLETE, no " + quoted(certificate.missingIssuer) + " in the CA folder";
 }
 
@@ -95,6 +96,7 @@ void writeToken(TextReport& report, const TokenStatus& status) {
   report.gap();
   report.line(0, "Token", token.label);
   if (!token.problem.empty()) return report.line(1, "unusable", token.problem);
+  if (token.isSoftToken()) report.line(1, "kind", "software token" + (token.name.empty() ? "" : " " + token.name));
   report.line(1, "serial", token.serial);
   report.line(1, "firmware", token.firmware);
   report.line(1, "tries left", triesText(token));
@@ -113,6 +115,12 @@ void writeFile(TextReport& report, const char* name, const LoadedFile& file, con
   report.line(0, name, file.path.empty() ? "not loaded" : file.path);
   if (!version.empty()) report.line(1, "version", version);
   if (!file.version.empty()) report.line(1, "file version", file.version);
+}
+
+void writeSetAside(TextReport& report, const ProbedModule& module) {
+  if (module.softTokenFolder.empty()) return;
+  report.line(0, "Soft tokens", module.softTokenFolder);
+  for (const SetAsideToken& token : module.setAside) report.line(1, token.state, token.name);
 }
 
 void writeLog(TextReport& report, const SystemStatus& status) {
@@ -138,7 +146,7 @@ const char* validityWord(Validity validity) {
 }
 
 const char* chainWord(Chain chain) {
-  constexpr const char* words[] = {"complete", "self-signed", "incomplete"};
+  constexpr const char* words[] = {"complete", "on token", "self-signed", "incomplete"};
   return words[static_cast<std::size_t>(chain)];
 }
 
@@ -147,6 +155,7 @@ Json jsonOf(const LoadedFile& file) { return Json{{"path", file.path}, {"fileVer
 Json jsonOf(const CertificateStatus& certificate) {
   const CertificateFacts facts = certificate.facts.value_or(CertificateFacts{});
   return Json{{"label", certificate.label},
+              {"id", hexOf(certificate.id)},
               {"readable", certificate.facts.has_value()},
               {"subject", facts.subject},
               {"issuer", facts.issuer},
@@ -177,6 +186,8 @@ Json jsonOf(const TokenStatus& status) {
   return Json{{"label", token.label},
               {"serial", token.serial},
               {"firmware", token.firmware},
+              {"softwareToken", token.isSoftToken()},
+              {"name", token.name},
               {"triesLeft", triesWord(token.tries)},
               {"triesLeftExactly", token.exactTries ? static_cast<int>(*token.exactTries) : -1},
               {"problem", token.problem},
@@ -203,7 +214,8 @@ std::string textReport(const SystemStatus& status) {
   writeFile(report, "Device library", module.deviceLibrary, "");
   for (const TokenStatus& token : status.tokens) writeToken(report, token);
   report.gap();
-  report.line(0, "CA folder", status.caFolder);
+  writeSetAside(report, module);
+  report.line(0, "CA folder", status.caFolder + (status.caFolderShared ? "" : " (of this program only)"));
   report.line(1, "certificates", std::to_string(status.caCertificates));
   writeLog(report, status);
   report.gap();
@@ -216,16 +228,23 @@ std::string textReport(const SystemStatus& status) {
 std::string jsonReport(const SystemStatus& status) {
   Json tokens = Json::array();
   for (const TokenStatus& token : status.tokens) tokens.push_back(jsonOf(token));
-  const Json report{{"module", jsonOf(status.module.module)},
-                    {"moduleVersion", status.module.libraryVersion},
-                    {"cryptokiVersion", status.module.cryptokiVersion},
-                    {"deviceLibrary", jsonOf(status.module.deviceLibrary)},
-                    {"tokens", std::move(tokens)},
-                    {"caFolder", Json{{"path", status.caFolder}, {"certificates", status.caCertificates}}},
-                    {"log", jsonOfLog(status)},
-                    {"problems", status.problems},
-                    {"warnings", status.warnings},
-                    {"exitCode", status.exitCode()}};
+  Json setAside = Json::array();
+  for (const SetAsideToken& token : status.module.setAside)
+    setAside.push_back({{"name", token.name}, {"state", token.state}, {"problem", token.problem}});
+  const Json report{
+      {"module", jsonOf(status.module.module)},
+      {"moduleVersion", status.module.libraryVersion},
+      {"cryptokiVersion", status.module.cryptokiVersion},
+      {"deviceLibrary", jsonOf(status.module.deviceLibrary)},
+      {"tokens", std::move(tokens)},
+      {"softTokenFolder", status.module.softTokenFolder},
+      {"otherSoftTokens", std::move(setAside)},
+      {"caFolder",
+       Json{{"path", status.caFolder}, {"shared", status.caFolderShared}, {"certificates", status.caCertificates}}},
+      {"log", jsonOfLog(status)},
+      {"problems", status.problems},
+      {"warnings", status.warnings},
+      {"exitCode", status.exitCode()}};
   return jsonText(report) + '\n';
 }
 

@@ -13,7 +13,7 @@ for name in "$@"; do
       scripts+=("$folder"/{pkcs11_tool,gnutls,openssl_engine,nginx,nss,java,openssh,osslsigncode,p11_kit}.sh)
       scripts+=("$folder"/{node_windows,documents}.sh "$folder/../../packaging/windows/test_package.sh")
       ;;
-    desktop) scripts+=("$folder"/{browsers,pdfsig,openvpn,git,gpgsm}.sh) ;;
+    desktop) scripts+=("$folder"/{browsers,report_page,pdfsig,openvpn,git,gpgsm}.sh) ;;
     *) scripts+=("$name") ;;
   esac
 done

@@ -1,25 +1,6 @@
 #!/bin/bash
 # tavrin-tool's commands and their exit codes, on tokens that the built module fills.
-source "$(dirname "$0")/../e2e/common.sh"
-export TAVRIN_REGISTRY=$E2E_FOLDER/registry
-client=import_certificate # whose log is this test's alone
-pin=$(native "$E2E_PIN_FILE") soPin=$(native "$E2E_FOLDER/so-pin") wrong=$(native "$E2E_FOLDER/wrong")
-openssl rand -hex 8 >wrong
-
-# tool CODE ARGUMENT...: output in `out`, messages in `err`
-tool() {
-  local code=0
-  launch tavrin-tool "${@:2}" >raw 2>rawErrors || code=$?
-  tr -d '\r' <raw >out
-  tr -d '\r' <rawErrors >err
-  [[ $code == "$1" ]] || fail "tavrin-tool ${*:2}: exit code $code, not $1: $(cat out err)"
-}
-# says FILE TEXT...: every text stands in the file, within one line
-says() {
-  for text in "${@:2}"; do grep -qF -- "$text" "$1" || fail "no \"$text\" in: $(cat "$1")"; done
-}
-# json FILTER VALUE: what the last report holds there, as one line
-json() { [[ $(jq -c "[$1]" out) == "[$2]" ]] || fail "$1 is not $2 in: $(cat out)"; }
+source "$(dirname "$0")/lib.sh"
 
 # Words that mean nothing, and the reason that is given.
 while IFS='|' read -r words reason; do
@@ -101,18 +82,9 @@ says out 'All is well.' 'tries left    10'
 
 # A key whose certificates have a whole chain, end soon, have ended, and have no chain.
 mkdir -p home/TavrinDSC/Certificates
-for ca in Root Stranger; do
-  openssl req -x509 -newkey rsa:2048 -nodes -days 365 -keyout $ca.key -subj "/C=IN/CN=$ca" -out $ca.pem 2>/dev/null
-done
+for ca in Root Stranger; do authority $ca; done
 cp Root.pem home/TavrinDSC/Certificates
-run sign_file "$E2E_MODULE" "file:$pin" key "$pin" made rsa >/dev/null
-# certify NAME CA DAYS: for the token's key, written to the token
-certify() {
-  openssl req -new -newkey rsa:2048 -nodes -keyout any.key -subj "/C=IN/CN=$1" -out any.csr 2>/dev/null
-  openssl x509 -req -in any.csr -force_pubkey made.pem -CA "$2.pem" -CAkey "$2.key" -CAcreateserial -days "$3" \
-    -outform DER -out "$1.der" 2>/dev/null
-  run $client "$(native "$E2E_FOLDER/$1.der")"
-}
+makeKey
 certify Good Root 200
 tool 0 status
 says out 'RSA 2048, "key"' 'Good, issued by Root' 'complete in the CA folder' 'All is well.'
@@ -131,9 +103,8 @@ json '.tokens[0].triesLeftExactly, (.warnings | length)' '10,3'
 # Not valid yet; a CA file that the module passes over because it fits on no token; a label that acts on terminals.
 printf 'cn = "Future"\nactivation_date = "2098-03-04 00:00:00 UTC"\nexpiration_date = "2099-01-01 00:00:00 UTC"\n' >template
 certtool --generate-self-signed --load-privkey Root.key --template template --outder --outfile Future.der 2>/dev/null
-run $client "$(native "$E2E_FOLDER/Future.der")" "$(printf 'x\x1b[31m\x7f\xc2\x9b1my')"
-openssl req -x509 -newkey rsa:2048 -nodes -days 365 -keyout Large.key -subj "/CN=Large" -out Large.pem \
-  -addext "subjectAltName=$(printf 'DNS:name-%03d.example.org,' {1..150})DNS:last.example.org" 2>/dev/null
+run $client "$(native "$E2E_FOLDER/Future.der")" '' "$(printf 'x\x1b[31m\x7f\xc2\x9b1my')"
+authority Large -addext "subjectAltName=$(printf 'DNS:name-%03d.example.org,' {1..150})DNS:last.example.org"
 cp Large.pem home/TavrinDSC/Certificates
 certify Below Large 200
 tool 3 status

@@ -1,0 +1,53 @@
+#!/bin/bash
+# tavrin-tool's report in a real browser: it shows something, light and dark, with scripts and without, and its console
+# has no errors.
+source "$(dirname "$0")/lib.sh"
+quietly "$tool" token create client --pin-file pin --so-pin-file so-pin
+cat >sent.LOG <<'END'
+21/11::10:00:00:000-> ->DEBUG ::=>C_Login
+21/11::10:00:00:600-> ->ERROR ::=>Token password validation failed : 20
+21/11::10:00:05:000-> ->DEBUG ::=>C_Finalize
+END
+check "the report is written" "$tool" report page.html --module "$module" --log sent.LOG
+cat >browse.py <<'END'
+import sys
+from selenium import webdriver
+
+def browse(name, *arguments):
+    options = webdriver.ChromeOptions()
+    for argument in ("--headless=new", "--no-sandbox", "--window-size=900,1200", *arguments):
+        options.add_argument(argument)
+    options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
+    browser = webdriver.Chrome(options=options)
+    try:
+        browser.get("file://" + sys.argv[1])
+        browser.save_screenshot(name + ".png")
+        text = browser.find_element("tag name", "body").text
+        for wanted in ("Tavrin report", "gave a wrong password", "C_Login", "600 ms", "4.4 s", "client"):
+            assert wanted in text, (name, wanted, text)
+        rows = lambda: [row.text for row in browser.find_elements("css selector", ".c") if row.is_displayed()]
+        assert len(rows()) == 2, rows()
+        browser.find_element("id", "refused").click()
+        assert len(rows()) == 1 and "C_Login" in rows()[0], rows()
+        search = browser.find_element("id", "search")
+        assert search.is_displayed() == ("--blink-settings=scriptEnabled=false" not in arguments), name
+        if search.is_displayed():
+            search.send_keys("nowhere")
+            assert rows() == [], rows()
+        errors = [entry for entry in browser.get_log("browser") if entry["level"] in ("SEVERE", "WARNING")]
+        assert errors == [], errors
+    finally:
+        browser.quit()
+
+browse("light")
+browse("dark", "--force-dark-mode", "--blink-settings=preferredColorScheme=0")
+browse("plain", "--blink-settings=scriptEnabled=false")
+END
+check "a browser shows it, light, dark and without scripts" /usr/bin/python3 browse.py "$work/page.html"
+# drawn FILE FIRST: a picture of many colours whose first pixel's red lies in the hexadecimal range FIRST
+drawn() {
+  convert "$1" ppm:- | tail -n +4 | od -An -v -tx1 -w3 >pixels
+  [[ $(sort -u pixels | wc -l) -gt 50 && $(head -n 1 pixels) =~ ^\ $2 ]] || { head -n 3 pixels && return 1; }
+}
+check "the light page is not blank" drawn light.png 'f'
+check "the dark page is not blank" drawn dark.png '[0-3]'

@@ -1,0 +1,67 @@
+#include "tool/report_command.h"
+
+#include <CLI/CLI.hpp>
+#include <fstream>
+#include <iostream>
+
+#include "softtoken/failure.h"
+#include "softtoken/platform.h"
+#include "tool/report_page.h"
+#include "tool/text.h"
+
+namespace tool {
+namespace {
+
+struct Options {
+  std::string file;
+  std::string module;
+  std::string log;      // a log file; empty: this machine's
+  std::string program;  // empty: all
+  std::string day;      // empty: today
+  bool anonymous = false;
+};
+
+std::vector<LogFile> filesOf(const Options& options) {
+  if (!options.log.empty()) return {logFileAt(softtoken::pathOf(options.log))};
+  std::vector<LogFile> files = logFilesOf(options.day.empty() ? today() : options.day);
+  const std::string program = options.program.substr(0, options.program.find('.'));
+  if (!program.empty()) std::erase_if(files, [&](const LogFile& file) { return file.program != program; });
+  return files;
+}
+
+int report(const Options& options) {
+  const std::vector<LogFile> files = filesOf(options);
+  SystemStatus status;
+  gatherStatus(options.module.empty() ? defaultModule() : softtoken::pathOf(options.module), options.anonymous, status);
+  ReportPage page(status, options.anonymous);
+  const auto takeCall = [&](const LoggedCall& call) { page.add(call); };
+  CallCollector calls;
+  std::size_t lines = 0;
+  LogReader().read(files, [&](const LogEntry& entry) {
+    ++lines;
+    calls.add(entry, takeCall);
+  });
+  calls.flush(takeCall);
+  std::ofstream stream(softtoken::pathOf(options.file), std::ios::binary);
+  stream << page.finish();
+  if (!stream.flush()) throw softtoken::Failure(softtoken::Status::badArgument, "cannot write " + options.file);
+  std::cout << "wrote " << printable(options.file) << ": " << lines << " log lines, " << page.refusals()
+            << " refusals, " << status.problems.size() + status.warnings.size() << " findings\n";
+  return 0;
+}
+
+}  // namespace
+
+void addReportCommand(CLI::App& app, Action& action) {
+  const auto options = std::make_shared<Options>();
+  CLI::App& command = *app.add_subcommand("report", "Writes status and log to an HTML page for support.");
+  command.add_option("FILE", options->file, "The page to write")->required()->type_name("");
+  command.add_option("--module", options->module, "The module to load; default: the installed one")->type_name("FILE");
+  command.add_option("--log", options->log, "A log file to show in place of today's")->type_name("FILE");
+  command.add_option("--program,-p", options->program, "Show one program's log only")->type_name("PROGRAM");
+  command.add_option("--day", options->day, "The log's day, YYYY-MM-DD; default: today")->type_name("DAY");
+  command.add_flag("--private", options->anonymous, "Leave out labels, names and digests");
+  command.callback([options, &action] { action = [options] { return report(*options); }; });
+}
+
+}  // namespace tool
