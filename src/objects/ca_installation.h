@@ -7,11 +7,12 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/platform.h"
+
 namespace tavrin {
 
 // The folders in which TavrinDSC/Certificates may be when $TAVRIN_HOME is not set. The first that exists counts.
-inline constexpr const char* installFolders[] = {"C:/Program Files (x86)/Quorvane Telemantix/Tavrin",
-                                                 "C:/Program Files/Quorvane Telemantix/Tavrin"};
+using platform::installFolders;
 
 inline std::vector<std::string> caFileExtensions() { return {".cer", ".der", ".pem", ".crt"}; }
 

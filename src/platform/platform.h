@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -24,6 +25,9 @@ struct LocalTime {
 
 // Between folders in the paths that the system itself reports.
 extern const char pathSeparator;
+
+// The folders in which an installation may be, in the order in which they are tried.
+extern const std::span<const char* const> installFolders;
 
 // Reads a value of the machine-wide registry into `buffer` and returns the number of bytes, or nothing when the value
 // is missing, unreadable or longer than the buffer. On POSIX the value is the decimal text in registryFile(); it counts

@@ -196,6 +196,12 @@ bool registryPath(std::string_view key, std::string_view name, char* path, std::
 
 const char pathSeparator = '/';
 
+// The last is that of the Debian package, where TavrinDSC/Certificates leads to /etc/tavrin/ca-certificates.
+static constexpr const char* knownFolders[] = {"C:/Program Files (x86)/Quorvane Telemantix/Tavrin",
+                                               "C:/Program Files/Quorvane Telemantix/Tavrin",
+                                               "/usr/share/tavrin-pkcs11"};
+constinit const std::span<const char* const> installFolders = knownFolders;
+
 std::optional<std::size_t> readRegistryValue(const char* key, const char* name, std::uint8_t* buffer,
                                              std::size_t size) {
   char path[1024];

@@ -42,6 +42,10 @@ void createFolders(const std::string& path, std::size_t baseLength) {
 
 const char pathSeparator = '\\';
 
+static constexpr const char* knownFolders[] = {"C:/Program Files (x86)/Quorvane Telemantix/Tavrin",
+                                               "C:/Program Files/Quorvane Telemantix/Tavrin"};
+constinit const std::span<const char* const> installFolders = knownFolders;
+
 std::optional<std::size_t> readRegistryValue(const char* key, const char* name, std::uint8_t* buffer,
                                              std::size_t size) {
   auto length = static_cast<DWORD>(size);

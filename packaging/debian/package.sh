@@ -1,0 +1,103 @@
+#!/bin/bash
+# Builds the Debian packages tavrin-pkcs11 and tavrin-pkcs11-dev for this machine: packaging/debian/package.sh OUT_DIR
+# The build is in build/debian. The changelog's date is that of the last commit.
+set -euo pipefail
+export LC_ALL=C.UTF-8
+top=$(cd "$(dirname "$0")/../.." && pwd)
+mkdir -p "${1:?the output folder is missing}"
+out=$(cd "$1" && pwd)
+cd "$top"
+umask 022
+build=build/debian
+architecture=$(dpkg --print-architecture)
+modules=lib/$(dpkg-architecture -q DEB_HOST_MULTIARCH)/pkcs11 # where p11-kit and others look for modules
+epoch=${SOURCE_DATE_EPOCH:-$(git log -1 --format=%ct 2>/dev/null || echo 1767225600)}
+export SOURCE_DATE_EPOCH=$epoch
+maintainer="${DEBFULLNAME:-Tavrin} <${DEBEMAIL:-tavrin@quorvane.example}>"
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+cmake --preset linux -B "$build" -DTAVRIN_BUILD_TESTS=OFF -DTAVRIN_WINDOWS_ABI=OFF -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_LIBDIR="$modules"
+cmake --build "$build" --parallel "$(nproc)"
+version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build/CMakeCache.txt")-1
+
+main=$work/tavrin-pkcs11
+dev=$work/tavrin-pkcs11-dev
+DESTDIR=$main cmake --install "$build" --strip >/dev/null
+
+# The tool's own description of its commands gives the manual page and the completion.
+install -d "$main/usr/share/man/man1" "$main/usr/share/bash-completion/completions"
+"$build/bin/tavrin-tool" manual >"$main/usr/share/man/man1/tavrin-tool.1"
+"$build/bin/tavrin-tool" completion >"$main/usr/share/bash-completion/completions/tavrin-tool"
+
+# Settings, and the folder for CA certificates, which the module finds through its own folder below /usr/share.
+registry="$main/etc/tavrin/registry/Software/Quorvane Telemantix/Tavrin"
+install -d "$registry" "$main/etc/tavrin/ca-certificates" "$main/usr/share/tavrin-pkcs11/TavrinDSC"
+echo 2 >"$registry/logLevel"
+ln -s /etc/tavrin/ca-certificates "$main/usr/share/tavrin-pkcs11/TavrinDSC/Certificates"
+
+install -d "$dev/usr/share/doc/tavrin-pkcs11-dev/examples"
+mv "$main/usr/include" "$dev/usr/include"
+mv "$main/usr/share/pkgconfig" "$dev/usr/share/pkgconfig"
+cp examples/*.cpp examples/*.h "$dev/usr/share/doc/tavrin-pkcs11-dev/examples/"
+
+copyright() {
+  cat <<END
+Tavrin $version
+
+Copyright: the owner of Tavrin. The licence of Tavrin itself is for its owner to give.
+
+tavrin-tool contains the following libraries, which consist of headers only. Their notices
+follow, as the Debian packages give them.
+END
+  for package in libcli11-dev nlohmann-json3-dev; do
+    printf '\n--- %s ---\n\n' "$(dpkg-query -W -f '${source:Package} ${source:Version}' "$package")"
+    cat "/usr/share/doc/$package/copyright"
+  done
+}
+changelog() {
+  printf 'tavrin-pkcs11 (%s) unstable; urgency=medium\n\n  * Release. CHANGELOG.md among the documents lists the changes.\n\n' "$version"
+  printf ' -- %s  %s\n' "$maintainer" "$(date -u -R -d "@$epoch")"
+}
+
+# finish FOLDER SECTION DESCRIPTION FIELD...: the control files, and the package.
+finish() {
+  local folder=$1 package document field
+  package=$(basename "$folder")
+  document=$folder/usr/share/doc/$package
+  install -d "$folder/DEBIAN" "$document"
+  copyright >"$document/copyright"
+  changelog | gzip -9n >"$document/changelog.Debian.gz"
+  find "$folder/usr/share/man" -type f -exec gzip -9n {} + 2>/dev/null || true
+  find "$folder/usr" -name '*.so' -exec chmod 644 {} +
+  {
+    printf 'Package: %s\nSource: tavrin-pkcs11\nVersion: %s\nArchitecture: %s\n' "$package" "$version" "$architecture"
+    printf 'Maintainer: %s\nSection: %s\nPriority: optional\nHomepage: https://quorvane.example/tavrin\n' "$maintainer" "$2"
+    printf 'Installed-Size: %s\n' "$(du -k -s --apparent-size --exclude=DEBIAN "$folder" | cut -f1)"
+    for field in "${@:4}"; do echo "$field"; done
+    printf 'Description: %s\n' "$3"
+  } >"$folder/DEBIAN/control"
+  if [[ -d $folder/etc ]]; then (cd "$folder" && find etc -type f -printf '/%p\n') >"$folder/DEBIAN/conffiles"; fi
+  (cd "$folder" && find usr -type f -print0 | LC_ALL=C sort -z | xargs -0 md5sum) >"$folder/DEBIAN/md5sums"
+  find "$folder" -newermt "@$epoch" -exec touch -h -d "@$epoch" {} +
+  dpkg-deb --root-owner-group --build "$folder" "$out" >/dev/null
+  echo "$out/${package}_${version}_$architecture.deb"
+}
+
+# What the built files need of other packages.
+mkdir "$work/debian"
+printf 'Source: tavrin-pkcs11\n\nPackage: tavrin-pkcs11\nArchitecture: any\n' >"$work/debian/control"
+depends=$(cd "$work" && dpkg-shlibdeps -O -l"$main/usr/$modules" --ignore-missing-info \
+  "$main"/usr/bin/tavrin-tool "$main/usr/$modules"/*.so 2>/dev/null | sed -n 's/^shlibs:Depends=//p')
+
+finish "$main" libs "PKCS#11 modules for security tokens
+ Tavrin makes a security token usable for applications that support PKCS#11
+ (Cryptoki). This package has the modules, a software token that works without
+ hardware, the command tavrin-tool, and the configuration by which p11-kit and
+ the programs that use it find the module." \
+  "Depends: $depends" "Recommends: p11-kit-modules | libp11-kit0" "Suggests: gnutls-bin, opensc"
+finish "$dev" libdevel "headers and examples for Tavrin's PKCS#11 modules
+ Tavrin makes a security token usable for applications that support PKCS#11
+ (Cryptoki). This package has the Cryptoki headers, two example clients, and a
+ pkg-config file that names the modules." \
+  "Depends: tavrin-pkcs11 (= $version)" "Suggests: pkg-config"
