@@ -19,7 +19,7 @@ trap 'rm -rf "$work"' EXIT
 
 cmake --preset linux -B "$build" -DTAVRIN_BUILD_TESTS=OFF -DTAVRIN_WINDOWS_ABI=OFF -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_LIBDIR="$modules"
 cmake --build "$build" --parallel "$(nproc)"
-version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build/CMakeCache.txt")-1
+version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build/CMakeCache.txt")
 
 main=$work/tavrin-pkcs11
 dev=$work/tavrin-pkcs11-dev
@@ -30,18 +30,41 @@ install -d "$main/usr/share/man/man1" "$main/usr/share/bash-completion/completio
 "$build/bin/tavrin-tool" manual >"$main/usr/share/man/man1/tavrin-tool.1"
 "$build/bin/tavrin-tool" completion >"$main/usr/share/bash-completion/completions/tavrin-tool"
 
-# Settings, and the folder for CA certificates, which the module finds through its own folder below /usr/share.
-registry="$main/etc/tavrin/registry/Software/Quorvane Telemantix/Tavrin"
-install -d "$registry" "$main/etc/tavrin/ca-certificates" "$main/usr/share/tavrin-pkcs11/TavrinDSC"
-echo 2 >"$registry/logLevel"
+# The folder for CA certificates, to which the module comes through its own folder below /usr/share. The log level's file has
+# a blank in its path, which dpkg does not allow for configuration files, so scripts make and remove it.
+install -d "$main/etc/tavrin/ca-certificates" "$main/usr/share/tavrin-pkcs11/TavrinDSC" "$main/DEBIAN"
 ln -s /etc/tavrin/ca-certificates "$main/usr/share/tavrin-pkcs11/TavrinDSC/Certificates"
+cat >"$main/DEBIAN/postinst" <<'END'
+#!/bin/sh
+set -e
+settings="/etc/tavrin/registry/Software/Quorvane Telemantix/Tavrin"
+if [ "$1" = configure ] && [ ! -e "$settings/logLevel" ]; then
+  mkdir -p "$settings"
+  echo 2 >"$settings/logLevel"
+  chmod 644 "$settings/logLevel"
+fi
+END
+cat >"$main/DEBIAN/postrm" <<'END'
+#!/bin/sh
+set -e
+if [ "$1" = purge ]; then
+  rm -rf /etc/tavrin/registry
+  rmdir /etc/tavrin/ca-certificates /etc/tavrin 2>/dev/null || true # what administrators put there stays
+fi
+END
+chmod 755 "$main"/DEBIAN/post*
+# The top documents are about the source tree.
+rm "$main"/usr/share/doc/tavrin-pkcs11/*.md
+mv "$main"/usr/share/doc/tavrin-pkcs11/docs/* "$main/usr/share/doc/tavrin-pkcs11/"
+rmdir "$main/usr/share/doc/tavrin-pkcs11/docs"
 
-install -d "$dev/usr/share/doc/tavrin-pkcs11-dev/examples"
+install -d "$dev/usr/share/doc/tavrin-pkcs11-dev/examples" "$dev/usr/$(dirname "$modules")"
 mv "$main/usr/include" "$dev/usr/include"
-mv "$main/usr/share/pkgconfig" "$dev/usr/share/pkgconfig"
+mv "$main/usr/$modules/pkgconfig" "$dev/usr/$(dirname "$modules")/pkgconfig"
 cp examples/*.cpp examples/*.h "$dev/usr/share/doc/tavrin-pkcs11-dev/examples/"
 
 copyright() {
+  local package
   cat <<END
 Tavrin $version
 
@@ -56,7 +79,7 @@ END
   done
 }
 changelog() {
-  printf 'tavrin-pkcs11 (%s) unstable; urgency=medium\n\n  * Release. CHANGELOG.md among the documents lists the changes.\n\n' "$version"
+  printf 'tavrin-pkcs11 (%s) unstable; urgency=medium\n\n  * Release of this version.\n\n' "$version"
   printf ' -- %s  %s\n' "$maintainer" "$(date -u -R -d "@$epoch")"
 }
 
@@ -67,7 +90,7 @@ finish() {
   document=$folder/usr/share/doc/$package
   install -d "$folder/DEBIAN" "$document"
   copyright >"$document/copyright"
-  changelog | gzip -9n >"$document/changelog.Debian.gz"
+  changelog | gzip -9n >"$document/changelog.gz"
   find "$folder/usr/share/man" -type f -exec gzip -9n {} + 2>/dev/null || true
   find "$folder/usr" -name '*.so' -exec chmod 644 {} +
   {
@@ -77,7 +100,6 @@ finish() {
     for field in "${@:4}"; do echo "$field"; done
     printf 'Description: %s\n' "$3"
   } >"$folder/DEBIAN/control"
-  if [[ -d $folder/etc ]]; then (cd "$folder" && find etc -type f -printf '/%p\n') >"$folder/DEBIAN/conffiles"; fi
   (cd "$folder" && find usr -type f -print0 | LC_ALL=C sort -z | xargs -0 md5sum) >"$folder/DEBIAN/md5sums"
   find "$folder" -newermt "@$epoch" -exec touch -h -d "@$epoch" {} +
   dpkg-deb --root-owner-group --build "$folder" "$out" >/dev/null
