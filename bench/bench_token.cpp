@@ -6,6 +6,7 @@
 #include <fstream>
 #include <thread>
 
+#include "devlib/device_constants.h"
 #include "softtoken/token_folders.h"
 
 namespace bench {
@@ -14,13 +15,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::uint32_t rsa2048 = 2;
-constexpr std::uint32_t p256 = 5;
+using tavrin::KeyType;
 
-TavrinKeyPair generate(const BenchToken& token, std::uint32_t keyType, std::uint8_t number) {
+TavrinKeyPair generate(const BenchToken& token, KeyType keyType, std::uint8_t number) {
   TavrinKeyPair pair{};
-  pair.keyType = keyType;
-  pair.usage = 3;
+  pair.keyType = codeOf(keyType);
+  pair.usage = tavrin::usageSign | tavrin::usageDecrypt;
   pair.keyId[0] = number;
   pair.keyIdLength = 1;
   require(tavrin_generateKeyPair(token.serial.c_str(), pin, &pair, token.instance) == 0, "key generation");
@@ -32,7 +32,7 @@ void changeToken(const std::function<void(softtoken::TokenState&)>& edit) {
   token.change(token.unlockForUser(pin), edit);
 }
 
-// A record as large as a common certificate; no benchmark reads into it.
+// As large as a common certificate. No benchmark reads its content.
 void addCertificate() {
   changeToken([](softtoken::TokenState& state) {
     TavrinCertificate certificate{};
@@ -53,9 +53,9 @@ BenchToken makeToken() {
   const auto devices = tavrin_getConnectedDeviceList(false, token.instance);
   require(devices.size() == 1, "listing the token");
   token.serial = devices.front();
-  token.rsa = generate(token, rsa2048, 1);
-  token.p256 = generate(token, p256, 2);
-  generate(token, p256, 3);
+  token.rsa = generate(token, KeyType::rsa2048, 1);
+  token.p256 = generate(token, KeyType::ecP256, 2);
+  generate(token, KeyType::ecP256, 3);
   addCertificate();
   return token;
 }
@@ -93,7 +93,7 @@ Surroundings::~Surroundings() {
 
 LogLevel::LogLevel(const Surroundings& surroundings, int level)
     : unused_(surroundings.unusedRegistry(level)), used_(surroundings.folder() / "registry") {
-  // The module trusts no file that is newer.
+  // The module keeps no level that it read from a newer file.
   std::this_thread::sleep_until(surroundings.made() + std::chrono::milliseconds(2100));
   fs::rename(unused_, used_);
 }

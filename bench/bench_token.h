@@ -1,4 +1,4 @@
-// A software token of its own for the benchmarks, and a logged-in session of the module on it.
+// The software token of the benchmarks, and a session of the module that is logged in to it.
 #pragma once
 
 #include <chrono>
@@ -14,11 +14,11 @@ namespace bench {
 
 inline constexpr const char* pin = "benchmark";
 
-// Ends the benchmark program when a call of the module or the device library fails: its times would mean nothing.
+// Ends the program when a call of the module or the device library has failed, because the times would be meaningless.
 void require(bool succeeded, const char* what);
 
-// Temporary folders for tokens, log and registry, named to the module by the environment; removed at the end. There is
-// no registry yet, as on a machine that nobody has configured: the log's level is 2.
+// Temporary folders for tokens, log and registry, which the environment passes to the module. Removed at the end. There
+// is no registry yet, as on a machine that is not configured; the log level is 2.
 class Surroundings {
  public:
   Surroundings();
@@ -27,7 +27,7 @@ class Surroundings {
   Surroundings& operator=(const Surroundings&) = delete;
 
   const std::filesystem::path& folder() const { return folder_; }
-  // A registry with that level, 2 or 3, in a place where nobody looks for it.
+  // A registry with that level, 2 or 3, in a place where the module does not look.
   std::filesystem::path unusedRegistry(int level) const;
   std::chrono::steady_clock::time_point made() const { return made_; }
 
@@ -36,7 +36,7 @@ class Surroundings {
   std::chrono::steady_clock::time_point made_;
 };
 
-// Puts a registry with that level in its place for as long as this lives; one at a time.
+// Moves a registry with that level to its place until it is destroyed. One at a time.
 class LogLevel {
  public:
   LogLevel(const Surroundings& surroundings, int level);
@@ -49,7 +49,7 @@ class LogLevel {
   std::filesystem::path used_;
 };
 
-// The one token: an RSA 2048 and two P-256 key pairs and a certificate. Made before the module is initialised.
+// The token, with an RSA 2048 key pair, two P-256 key pairs and a certificate. Made before the module is initialised.
 struct BenchToken {
   std::string serial;
   TavrinKeyPair rsa;
@@ -57,13 +57,13 @@ struct BenchToken {
   void* instance = nullptr;  // of the device library, for the direct calls
 };
 
-// Makes the token and the surroundings at the first call; both last until the program ends.
+// Both make the surroundings, and token() the token, at the first call. They exist until the program ends.
 const BenchToken& token();
 const Surroundings& surroundings();
 
-// The token holds `count` P-256 key pairs instead, copies of one, from now on.
+// From now on the token has `count` P-256 key pairs instead, all copies of one.
 void setKeyPairCount(std::size_t count);
-// The token holds its own key pairs again.
+// The token has its own key pairs again.
 void restoreKeyPairs();
 
 // A session that is logged in as the user, on a module that is initialised.

@@ -1,10 +1,11 @@
-// Each kind of call through the module beside the calls of the device library that do its work.
+// Calls through the module, compared with the direct calls of the device library that do the same work.
 #include <benchmark/benchmark.h>
 
 #include <array>
 
 #include "bench/bench_token.h"
 #include "bench/compare.h"
+#include "devlib/device_constants.h"
 
 namespace bench {
 namespace {
@@ -31,7 +32,8 @@ std::array<std::uint8_t, 64> hashDirectly(int& length) {
   void* context = nullptr;
   std::array<std::uint8_t, 64> digest{};
   length = static_cast<int>(digest.size());
-  require(tavrin_initHash(token().serial.c_str(), 3, &context, token().instance) == 0 &&
+  require(tavrin_initHash(token().serial.c_str(), static_cast<int>(tavrin::HashCode::sha256), &context,
+                          token().instance) == 0 &&
               tavrin_updateHash(context, message.data(), static_cast<int>(message.size()), token().instance) == 0 &&
               tavrin_finalHash(context, digest.data(), &length, token().instance) == 0,
           "hashing directly");
@@ -107,7 +109,7 @@ void randomBytes(State& state) {
       });
 }
 
-// Directly, a search is copies of both lists.
+// The direct way to search is to copy both lists.
 void findById(State& state) {
   CK_OBJECT_CLASS objectClass = CKO_PRIVATE_KEY;
   CK_BYTE id = 2;

@@ -1,4 +1,4 @@
-// Two ways to the same end, timed beside each other.
+// Compares the times of two ways to do the same work.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -15,8 +15,8 @@ inline double median(std::vector<double> values) {
   return values[values.size() / 2];
 }
 
-// Times both ways in turn and reports the median of the direct way and that of what the module's way takes longer than
-// its neighbour: what else the machine does meets two neighbours alike.
+// Times both ways alternately. Reports the median of the direct way, and the median of the differences between
+// neighbours: other work of the machine slows down both of two neighbours.
 template <typename Module, typename Direct>
 void compare(benchmark::State& state, Module throughModule, Direct directly) {
   using Clock = std::chrono::steady_clock;
@@ -25,7 +25,7 @@ void compare(benchmark::State& state, Module throughModule, Direct directly) {
     work();
     return std::chrono::duration<double, std::micro>(Clock::now() - start).count();
   };
-  throughModule();  // the first time is another matter
+  throughModule();  // not timed: the first call does more
   directly();
   std::vector<double> direct;
   std::vector<double> longer;

@@ -1,4 +1,4 @@
-// How the costs grow with the number of objects on the token and of open sessions.
+// How the times grow with the number of objects on the token and of open sessions.
 #include <benchmark/benchmark.h>
 
 #include "bench/bench_token.h"
@@ -12,7 +12,7 @@ void objects(benchmark::internal::Benchmark* row) {
   for (const int count : {1, 10, 100, 1000}) row->Arg(count);
 }
 
-// Runs `work` on a token with as many key pairs as the row says.
+// Runs `work` on a token with the number of key pairs that the row gives.
 template <typename Work>
 void withKeyPairs(State& state, Work work) {
   session();

@@ -1,4 +1,4 @@
-// From loading the library to the first signature, and how long C_Finalize takes.
+// The time from loading the library to the first signature, and that of C_Finalize.
 #include <benchmark/benchmark.h>
 #include <dlfcn.h>
 #include <sys/wait.h>
@@ -33,7 +33,7 @@ void firstSignature(const CK_FUNCTION_LIST& cryptoki, const TavrinKeyPair& key) 
           "the first signature");
 }
 
-// In a copy of the library that dlopen has not seen, since this program is linked with the module itself.
+// Loads a copy of the library, because this program is linked with the module itself.
 void loadToFirstSignature(State& state) {
   const TavrinKeyPair key = token().p256;
   const auto copy = surroundings().folder() / "module-to-load.so";
@@ -52,7 +52,7 @@ void loadToFirstSignature(State& state) {
   }
 }
 
-// At any moment of the monitor's sleep. The one session of the other benchmarks ends here, so this runs in a child.
+// At a random moment of the monitor's sleep. In a child process, because the session of the other benchmarks ends here.
 void finalize(State& state) {
   token();
   for (auto _ : state) {

@@ -1,4 +1,4 @@
-// What a log line costs, beside one plain append to a file.
+// The time of a log line, compared with that of a plain append to a file.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -25,11 +25,11 @@ void debugLineLeftOutByValue(State& state) {
   debugLineLeftOut(state);
 }
 
-// Opens, appends to and closes a file in the folder of the log itself, as the way to a file is part of its cost.
+// Opens, appends to and closes a file in the folder of the log, because the length of the path matters.
 class PlainAppend {
  public:
   PlainAppend() : path_((surroundings().folder() / "temporary/Quorvane Telemantix/module_bench/plain.log").string()) {
-    C_GetFunctionList(nullptr);  // logs the first error, and so makes the folder
+    C_GetFunctionList(nullptr);  // logs the first error, which makes the folder
   }
   void operator()() const {
     const int file = open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
@@ -49,7 +49,7 @@ void debugLineAlone(State& state) {
       state, [] { C_CancelFunction(0); }, append);
 }
 
-// The three lines of a call that fetches nothing more of a search: name, total and count.
+// The three lines of a call that returns no object of a search: name, total and count.
 void debugLinesOfOneCall(State& state) {
   C_FindObjectsInit(session(), nullptr, 0);
   std::vector<CK_OBJECT_HANDLE> found(1000);
@@ -69,8 +69,8 @@ void errorLineWritten(State& state) {
   for (auto _ : state) C_GetFunctionList(nullptr);
 }
 
-// What the system takes to tell that no level is set, and what a token's file is like now: the greater part of all
-// calls that ask the token for no more than its records.
+// The system calls that find that no level is set, and the state of a token's file. They take most of the time of all
+// calls that only read the token's records.
 void levelLookedFor(State& state) {
   const std::string path = (surroundings().folder() / "registry/Software/Quorvane Telemantix/Tavrin/logLevel").string();
   struct stat status;

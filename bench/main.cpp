@@ -1,5 +1,5 @@
-// Runs the benchmarks, each several times and in mixed order, and prints one table. Google Benchmark's own options are
-// understood too, for example --benchmark_filter=sign.
+// Runs the benchmarks, each several times and in mixed order, and prints one table. Accepts Google Benchmark's options
+// too, for example --benchmark_filter=sign.
 #include <benchmark/benchmark.h>
 
 #include <vector>

@@ -13,7 +13,7 @@ bool TableReporter::ReportContext(const Context& context) {
 void TableReporter::ReportRuns(const std::vector<Run>& runs) {
   for (const Run& run : runs) {
     if (run.aggregate_name != "median") continue;
-    // Arguments of a family stand behind the name, settings of the run behind those.
+    // The full name is the name, then the arguments of a family, then the settings of the run.
     std::string name = run.run_name.function_name;
     if (!run.run_name.args.empty()) name += " (N = " + run.run_name.args + ")";
     Row& row = rows_[{run.family_index, run.per_family_instance_index}];

@@ -11,8 +11,8 @@
 
 namespace bench {
 
-// A benchmark that compares gives the counters "direct" and "longer", which the module's way takes more, in
-// microseconds; of any other the time is shown.
+// A comparing benchmark has the counters "direct" and "longer", the time that the module's way takes in addition, both
+// in microseconds. For any other benchmark the table shows its time.
 class TableReporter : public benchmark::BenchmarkReporter {
  public:
   bool ReportContext(const Context& context) override;
@@ -25,7 +25,7 @@ class TableReporter : public benchmark::BenchmarkReporter {
     double module = 0;
     double direct = 0;
   };
-  // By the place of the benchmark in the program, as they run in mixed order.
+  // Sorted by position in the program, because benchmarks run in mixed order.
   std::map<std::pair<std::int64_t, std::int64_t>, Row> rows_;
 };
 

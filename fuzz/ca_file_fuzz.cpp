@@ -1,5 +1,5 @@
-// The files in the folder of CA certificates, as DER or PEM: the software token takes them apart, the module looks for
-// a chain among them. An input holds the files with the bytes FF FE FD between them; the chain of the last is wanted.
+// The files in the folder of CA certificates, DER or PEM. The software token parses them, and the module searches a
+// chain for the last one. An input has the files with the bytes FF FE FD between them.
 #include <algorithm>
 #include <cstdlib>
 
@@ -15,7 +15,7 @@ static void requireThat(bool fact) {
   if (!fact) std::abort();
 }
 
-// What the module asks of the device library, without a disk.
+// The operations of the device library that the module calls, without a disk.
 Files tavrin_getFilesWithExtensionsAndConvertDER(const std::string&, const std::vector<std::string>&, void*) {
   return files;
 }
@@ -34,7 +34,7 @@ int tavrin_getCertificateDetails(const std::uint8_t* der, int length, Certificat
   }
 }
 
-// libksba loses what it had read of a certificate when it meets an element that does not belong there.
+// libksba leaks what it has read of a certificate when it finds an unexpected element.
 extern "C" const char* __lsan_default_suppressions() { return "leak:libksba\n"; }
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {

@@ -1,6 +1,5 @@
-// The files of a software token: what a file says is refused or understood, and what was understood is written as it
-// was read and does no harm where it is used. A file ends with the hash of what is before it; inputs lack it, so that
-// what they say gets past that check.
+// The files of a software token. A file is refused or parsed. What was parsed is written back unchanged and can be used
+// safely. The hash at the end of a file is not part of an input but added here, so that inputs pass its check.
 #include <cstdlib>
 
 #include "softtoken/key_material.h"

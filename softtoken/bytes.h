@@ -1,4 +1,4 @@
-// Byte containers: plain ones, and ones that are wiped when they go.
+// Byte containers: views, plain owners, and owners that wipe their memory before they release it.
 #pragma once
 
 #include <cstddef>
@@ -31,14 +31,14 @@ struct WipingAllocator {
   bool operator==(const WipingAllocator&) const = default;
 };
 
-// Wiped whenever its memory is given back, when it grows too.
+// Wipes its memory before it is released, also when the vector grows.
 using SecretBytes = std::vector<std::uint8_t, WipingAllocator<std::uint8_t>>;
 
 inline ByteView viewOf(std::string_view text) {
   return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }
 
-// Takes the same time wherever the difference lies; the lengths are no secret.
+// The time does not depend on where the bytes differ. It depends on the lengths, which are not secret.
 inline bool equalInConstantTime(ByteView left, ByteView right) {
   if (left.size() != right.size()) return false;
   unsigned difference = 0;

@@ -11,7 +11,7 @@
 namespace softtoken {
 namespace {
 
-constexpr std::size_t largestFile = std::size_t{1} << 20;
+constexpr std::size_t maxFile = std::size_t{1} << 20;
 
 using Certificate = std::unique_ptr<ksba_cert_s, ReleaseWith<ksba_cert_release>>;
 using KsbaText = std::unique_ptr<char, ReleaseWith<ksba_free>>;
@@ -34,7 +34,7 @@ std::string takeText(char* text) {
   return text ? text : "";
 }
 
-// Steps over the fields of the part that is signed: version, serial number, algorithm, issuer, validity, subject.
+// Reads the first fields of the signed part: version, serial number, algorithm, issuer, validity, subject.
 void readElements(ByteView der, CertificateFields& fields) {
   const auto whole = takeElement(der, tag::sequence);
   require(whole && der.empty(), "this is no certificate");
@@ -54,7 +54,7 @@ void readElements(ByteView der, CertificateFields& fields) {
   fields.subject = subject->whole;
 }
 
-// The bytes between the first pair of PEM lines; empty when there is none.
+// The decoded content of the first PEM block; empty when there is none.
 Bytes decodePem(ByteView content) {
   const std::unique_ptr<_gpgrt_b64state, ReleaseWith<gpgrt_b64dec_finish>> decoder(gpgrt_b64dec_start("CERTIFICATE"));
   if (!decoder) throw std::bad_alloc();
@@ -79,7 +79,7 @@ bool hasExtension(const std::string& name, const std::vector<std::string>& exten
 }  // namespace
 
 CertificateFields parseCertificate(ByteView der) {
-  // libksba complains of what is no DER on the standard error, which is the application's, and loses memory over it.
+  // For malformed DER libksba writes to the standard error, which belongs to the application, and leaks memory.
   require(isWellFormed(der), "this is no certificate");
   CertificateFields fields;
   readElements(der, fields);
@@ -108,7 +108,7 @@ std::vector<std::pair<std::string, Bytes>> certificatesInFolder(const std::strin
   for (fs::directory_iterator entry(pathOf(folder), error), end; !error && entry != end; entry.increment(error)) {
     const std::string name = textOf(entry->path().filename());
     if (!hasExtension(name, extensions)) continue;
-    const auto content = readFile(entry->path(), largestFile);
+    const auto content = readFile(entry->path(), maxFile);
     if (!content) continue;
     if (auto certificate = certificateInFile(*content)) found.emplace_back(name, std::move(*certificate));
   }

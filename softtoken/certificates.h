@@ -1,4 +1,4 @@
-// X.509 certificates, parsed by libksba; no token takes part.
+// X.509 certificates, parsed by libksba. No token is involved. Any thread may call the functions.
 #pragma once
 
 #include <optional>
@@ -21,11 +21,11 @@ struct CertificateFields {
 // Throws badArgument for anything but one whole certificate.
 CertificateFields parseCertificate(ByteView der);
 
-// The first certificate in the content of a file, whether DER or PEM; nothing when there is none.
+// The first certificate in a DER or PEM file with this content; empty when there is none.
 std::optional<Bytes> certificateInFile(ByteView content);
 
 // (file name, DER) of the certificates in a folder's files that have one of the extensions (with their dot, in any
-// case) and at most 1 MiB, by name. Other files, and ones without a certificate, are passed over. Names are UTF-8.
+// case) and at most 1 MiB, sorted by name. Other files, and files without a certificate, are skipped. Names are UTF-8.
 std::vector<std::pair<std::string, Bytes>> certificatesInFolder(const std::string& folder,
                                                                 const std::vector<std::string>& extensions);
 

@@ -10,8 +10,8 @@ namespace {
 constexpr std::size_t nonceSize = 12;
 constexpr std::size_t tagSize = 16;
 
-// libgcrypt copies keys into expressions on its way and frees the copies as they are, so freeing has to wipe. The
-// blocks stay malloc()'s own: an application that shares the library may hand them to free().
+// libgcrypt copies keys into expressions and frees the copies without wiping them, so freeing has to wipe. The blocks
+// come from malloc(), because an application that shares libgcrypt may pass them to free().
 void* allocate(std::size_t size) { return std::malloc(size > 0 ? size : 1); }
 
 void release(void* block) {
@@ -32,11 +32,11 @@ void* reallocate(void* old, std::size_t size) {
 
 int isInSecurePool(const void*) { return 0; }
 
-// libgcrypt writes advice for administrators to the standard error, which is the application's.
+// libgcrypt would write to the standard error, which belongs to the application.
 void keepQuiet(void*, int, const char*, std::va_list) {}
 
 bool initialise() {
-  // An application that uses libgcrypt too has decided on its memory already; that must not be changed any more.
+  // If the application uses libgcrypt too, it has already set the allocation functions, which must not change any more.
   const bool first = gcry_control(GCRYCTL_ANY_INITIALIZATION_P) == 0;
   if (first) {
     gcry_set_allocation_handler(allocate, allocate, isInSecurePool, reallocate, release);

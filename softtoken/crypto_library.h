@@ -1,5 +1,5 @@
-// libgcrypt, wrapped: owned handles, errors as Failure, and everything secret in memory that is wiped.
-// All functions may be called from any thread.
+// A wrapper of libgcrypt: owned handles, errors as Failure, secrets in memory that is wiped. Any thread may call the
+// functions.
 #pragma once
 
 #include <gcrypt.h>
@@ -29,10 +29,11 @@ using Digest256 = std::array<std::uint8_t, 32>;
 constexpr std::size_t secretKeySize = 32;
 constexpr std::size_t saltSize = 16;
 
-// Readies libgcrypt once for the process. Every function below does so by itself; call it before using libgcrypt's own.
+// Initialises libgcrypt once for the process. The functions below do so themselves; call it before using libgcrypt
+// directly.
 void readyCryptoLibrary();
 
-// Throws for everything but success.
+// Throws std::bad_alloc for a lack of memory and Failure with deviceFault for every other error.
 void check(gcry_error_t error, const char* action);
 
 Bytes randomBytes(std::size_t count);
@@ -57,14 +58,14 @@ struct ScryptCost {
 SecretBytes scrypt(ByteView password, ByteView salt, const ScryptCost& cost);
 
 Mpi mpiOf(ByteView bigEndian);
-// Computations with it take paths that do not depend on its value, where libgcrypt has such.
+// libgcrypt computes with it in constant time where it can.
 Mpi secretMpiOf(ByteView bigEndian);
 Mpi newSecretMpi();
 
 // Big-endian and padded with zeros on the left; throws when the number needs more bytes.
 template <class Container = Bytes>
 Container fixedLength(gcry_mpi_t number, std::size_t length);
-// As many bytes as the number needs.
+// Without leading zeros.
 template <class Container = Bytes>
 Container shortest(gcry_mpi_t number) {
   return fixedLength<Container>(number, (gcry_mpi_get_nbits(number) + 7) / 8);
@@ -79,7 +80,7 @@ Sexp makeSexp(const char* format, Arguments... arguments) {
   return Sexp(result);
 }
 
-// The number that stands under `name` in an expression, such as "r" in a signature.
+// The number with this name in an expression, such as "r" in a signature. Throws deviceFault when there is none.
 Mpi numberIn(gcry_sexp_t expression, const char* name);
 
 }  // namespace softtoken

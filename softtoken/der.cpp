@@ -8,16 +8,16 @@ namespace {
 constexpr std::uint8_t rsaEncryption[] = {0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x01};
 constexpr std::uint8_t longForm = 0x80;
 constexpr std::uint8_t constructed = 0x20;
-constexpr std::size_t mostLengthBytes = 4;
+constexpr std::size_t maxLengthBytes = 4;
 
-// Takes an element's length field off `rest`.
+// Removes an element's length field from `rest`.
 std::optional<std::size_t> takeLength(ByteView& rest) {
   if (rest.empty()) return std::nullopt;
   const std::uint8_t first = rest[0];
   rest = rest.subspan(1);
   if (first < longForm) return first;
   const std::size_t count = first - longForm;
-  if (count == 0 || count > mostLengthBytes || count > rest.size()) return std::nullopt;
+  if (count == 0 || count > maxLengthBytes || count > rest.size()) return std::nullopt;
   std::size_t length = 0;
   for (const std::uint8_t byte : rest.first(count)) length = length << 8 | byte;
   rest = rest.subspan(count);
@@ -44,7 +44,7 @@ std::optional<DerElement> takeElement(ByteView& rest, std::uint8_t tag) {
 }
 
 bool isWellFormed(ByteView der) {
-  // Contents wait here for their turn: files may nest deeper than a stack is.
+  // A list instead of recursion: a file may nest deeper than the stack allows.
   std::vector<ByteView> waiting{der};
   while (!waiting.empty()) {
     ByteView rest = waiting.back();

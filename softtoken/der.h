@@ -1,4 +1,4 @@
-// The little DER that keys and certificates need around libksba: walking over elements, and an RSA public key's fields.
+// Parsing of DER that libksba does not do: single elements, and the fields of an RSA public key.
 #pragma once
 
 #include <optional>
@@ -21,13 +21,13 @@ struct DerElement {
   ByteView whole;  // tag and length too
 };
 
-// Takes the first element off `rest`; nothing, and `rest` as it was, when there is no whole one with a definite length.
+// Removes the first element from `rest`. Empty, with `rest` unchanged, when there is no complete element with a
+// definite length.
 std::optional<DerElement> takeElement(ByteView& rest);
 // The same for an element that must have this tag.
 std::optional<DerElement> takeElement(ByteView& rest, std::uint8_t tag);
 
-// Whether the bytes are whole elements one behind the other, and so are the contents of the constructed ones among
-// them.
+// Whether the bytes are a sequence of complete elements, and the contents of the constructed elements are too.
 bool isWellFormed(ByteView der);
 
 struct RsaPublicKey {
@@ -35,10 +35,10 @@ struct RsaPublicKey {
   Bytes exponent;
 };
 
-// From a SubjectPublicKeyInfo that fills `der`; nothing when it is none, or one of another algorithm.
+// The key in a SubjectPublicKeyInfo without trailing bytes; empty for anything else and for another algorithm.
 std::optional<RsaPublicKey> rsaPublicKeyIn(ByteView der);
 
-// Removes the zeros in front of a number.
+// The number without leading zeros; empty for zero.
 ByteView withoutLeadingZeros(ByteView number);
 
 }  // namespace softtoken

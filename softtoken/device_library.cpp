@@ -1,4 +1,4 @@
-// The operations of the device library: checking of arguments, the token they are for, and what goes back.
+// The operations of the device library. They check arguments, find the token and return results.
 #include "devlib/device_library.h"
 
 #include <algorithm>
@@ -16,7 +16,7 @@ using namespace softtoken;  // NOLINT(google-build-using-namespace)
 
 constexpr const char* model = "Soft token";
 
-// Runs an operation's body; nothing that it throws gets out.
+// Runs an operation's body and turns what it throws into a status.
 template <class Body>
 int statusOf(Body&& body) noexcept {
   try {
@@ -32,7 +32,7 @@ int statusOf(Body&& body) noexcept {
   }
 }
 
-// The same for an operation that returns its result, which stays empty on failure.
+// The same for an operation that returns its result, which is empty on failure.
 template <class Result, class Body>
 Result resultOf(Body&& body) noexcept {
   Result result{};
@@ -40,7 +40,7 @@ Result resultOf(Body&& body) noexcept {
   return result;
 }
 
-// The bytes that a caller names by pointer and length; only nothing may be at null.
+// The caller's buffer. Null is allowed only with length 0.
 ByteView bytesAt(const std::uint8_t* data, int length) {
   require(length >= 0 && (data || length == 0), "a buffer is null or its length negative");
   return {data, static_cast<std::size_t>(length)};
@@ -52,7 +52,7 @@ void deliver(ByteView result, std::uint8_t* out, int* length) {
 }
 
 void deliver(PerThread<SecretBytes>& owner, SecretBytes result, std::uint8_t** out, int* length) {
-  // An empty vector may have no memory, but null would look like a failure.
+  // An empty vector may have no memory, and callers take null for a failure.
   const auto size = static_cast<int>(result.size());
   if (result.empty()) result.push_back(0);
   *out = owner.keep(std::move(result)).data();
@@ -105,7 +105,7 @@ std::string labelIn(const char (&label)[size]) {
   return {label, std::find(label, label + size, '\0')};
 }
 
-// Completes a new record, of which label, usage and perhaps key id are set, and stores it with its key.
+// Completes a new record, which has label, usage and perhaps a key ID, and stores it with its key.
 TavrinKeyPair storeKeyPair(const UnlockedToken& token, TavrinKeyPair pair, const KeyMaterial& key) {
   pair.keyType = key.keyType;
   pair.deviceFlag = 0;
@@ -142,8 +142,8 @@ int loginStatusOf(int status) {
 }
 
 Role roleOf(int kind) {
-  require(kind == 1 || kind == 2, "unknown kind of login");
-  return kind == 1 ? Role::user : Role::securityOfficer;
+  require(kind == tavrin::userPasswordKind || kind == tavrin::officerPasswordKind, "unknown kind of login");
+  return kind == tavrin::userPasswordKind ? Role::user : Role::securityOfficer;
 }
 
 Bytes copyOf(ByteView bytes) { return {bytes.begin(), bytes.end()}; }
@@ -162,7 +162,7 @@ std::uint32_t bitsOf(EncryptionType type) {
   throw Failure(Status::badArgument, "unknown type of encryption");
 }
 
-// Never destroyed, as a reference to it may be read while the process ends.
+// Never destroyed, because a reference to it may be read while the process ends.
 template <class Record>
 const std::vector<Record>& emptyList() {
   static const auto* const list = new std::vector<Record>;
@@ -227,12 +227,12 @@ const std::vector<TavrinCertificate>& tavrin_getCertificateList(const char* devi
 
 int tavrin_generateKeyPair(const char* device, const char* password, TavrinKeyPair* keyPair, void*) {
   return statusOf([&](LibraryState& library) {
-    require(keyPair && isKnownKeyType(keyPair->keyType) && keyPair->keyIdLength <= sizeof keyPair->keyId,
+    require(keyPair && tavrin::findKeyType(keyPair->keyType) && keyPair->keyIdLength <= sizeof keyPair->keyId,
             "no key pair, or one of an unknown type");
     const UnlockedToken token = unlockToken(library, device, password);
     requireRoom(token.state());
     TavrinKeyPair made{};
-    made.usage = keyPair->usage & 3;
+    made.usage = keyPair->usage & (tavrin::usageSign | tavrin::usageDecrypt);
     setLabel(made.label, labelIn(keyPair->label));
     setKeyId(made, ByteView(keyPair->keyId).first(keyPair->keyIdLength));
     *keyPair = storeKeyPair(token, made, generateKeyMaterial(keyPair->keyType));
@@ -291,7 +291,7 @@ int tavrin_importPfx(const char* device, const char* password, ImportPFXDetails*
     const UnlockedToken token = unlockToken(library, device, password);
     requireRoom(token.state());
     TavrinKeyPair pair{};
-    pair.usage = 3;
+    pair.usage = tavrin::usageSign | tavrin::usageDecrypt;
     setLabel(pair.label, details->label);
     pair = storeKeyPair(token, pair, importRsaKeyMaterial(details->modulus, details->privateExponent, details->prime1));
     std::ranges::copy(pair.recordId, details->recordId);

@@ -1,4 +1,4 @@
-// ECDSA and ECDH on the NIST curves. Points are uncompressed, 04 X Y.
+// ECDSA and ECDH on the NIST curves. Points are uncompressed: 04, X, Y. Any thread may call the functions.
 #pragma once
 
 #include "softtoken/crypto_library.h"
@@ -22,14 +22,15 @@ struct EcKey {
 
 EcKey generateEcKey(const Curve& curve);
 
-// Signs the input as a digest, of which the leftmost bits count when it is longer than the order. Gives r and s, each
-// as long as the order.
+// Signs the input as a digest. If it is longer than the order, only its leftmost bits are used. The signature is r and
+// s, each as long as the order.
 Bytes signEcdsa(const Curve& curve, const EcKey& key, ByteView input);
 
-// Throws badSignature unless the signature is that of the input.
+// Throws badSignature unless the signature is that of the input, and badArgument when the point is not on the curve.
 void verifyEcdsa(const Curve& curve, ByteView point, ByteView input, ByteView signature);
 
-// The X coordinate of the shared point. The peer's point may stand in a DER OCTET STRING.
+// The X coordinate of the shared point. The peer's point may be in a DER OCTET STRING. Throws badArgument when it is
+// not on the curve.
 SecretBytes deriveEcdh(const Curve& curve, ByteView scalar, ByteView peerPoint);
 
 }  // namespace softtoken

@@ -1,20 +1,23 @@
 #include "softtoken/hash_contexts.h"
 
+#include "devlib/device_constants.h"
+
 namespace softtoken {
 namespace {
 
-constexpr std::size_t mostContexts = 1024;
+constexpr std::size_t maxContexts = 1024;
 
 int algorithmOf(int hashCode) {
-  switch (hashCode) {
-    case 1:
-    case 2:
+  using tavrin::HashCode;
+  switch (static_cast<HashCode>(hashCode)) {
+    case HashCode::sha1Alternative:
+    case HashCode::sha1:
       return GCRY_MD_SHA1;
-    case 3:
+    case HashCode::sha256:
       return GCRY_MD_SHA256;
-    case 4:
+    case HashCode::sha384:
       return GCRY_MD_SHA384;
-    case 5:
+    case HashCode::sha512:
       return GCRY_MD_SHA512;
     default:
       throw Failure(Status::badArgument, "unknown hash code " + std::to_string(hashCode));
@@ -32,7 +35,7 @@ void* HashContexts::open(int hashCode) {
   running.hash.reset(handle);
 
   const std::lock_guard guard(mutex_);
-  if (running_.size() >= mostContexts) running_.erase(running_.begin());
+  if (running_.size() >= maxContexts) running_.erase(running_.begin());
   running_.emplace(++last_, std::move(running));
   return reinterpret_cast<void*>(last_);  // NOLINT(performance-no-int-to-ptr)
 }

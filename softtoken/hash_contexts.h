@@ -1,4 +1,4 @@
-// The running hashes that callers hold by an opaque pointer, which is checked at every use.
+// The hashes in progress. Callers identify them by an opaque pointer, which is checked at every use.
 #pragma once
 
 #include <map>
@@ -8,10 +8,10 @@
 
 namespace softtoken {
 
-// Safe for any number of threads. While one uses a context, there is no such context for the others.
+// Any number of threads may use it. While one thread uses a context, the context does not exist for the others.
 class HashContexts {
  public:
-  // Throws badArgument for an unknown code. Of too many that nobody finishes, the oldest are dropped.
+  // Throws badArgument for an unknown code. At most 1024 contexts are kept; the oldest is freed first.
   void* open(int hashCode);
 
   // Throw notFound for anything but a context that is open.
@@ -25,8 +25,7 @@ class HashContexts {
     int algorithm;
     std::unique_ptr<gcry_md_handle, ReleaseWith<gcry_md_close>> hash;
   };
-  // By numbers that are never given out again, and are no addresses: a stale context names neither a new hash nor
-  // memory.
+  // The keys are counted up and never used again, so that a stale context is found to be unknown.
   using RunningByNumber = std::map<std::uintptr_t, Running>;
 
   RunningByNumber::node_type take(const void* context);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "devlib/device_constants.h"
 #include "softtoken/ec.h"
 #include "softtoken/record_io.h"
 #include "softtoken/rsa.h"
@@ -9,26 +10,21 @@
 namespace softtoken {
 namespace {
 
-struct KeyKind {
-  std::uint32_t keyType;
-  std::uint32_t rsaBits;  // 0 for EC
-  const Curve* curve;     // null for RSA
-};
+using tavrin::KeyAlgorithm;
+using tavrin::KeyTypeInfo;
 
-constexpr KeyKind keyKinds[] = {
-    {1, 1024, nullptr}, {2, 2048, nullptr}, {3, 3072, nullptr}, {4, 4096, nullptr},
-    {5, 0, &curveP256}, {6, 0, &curveP384}, {7, 0, &curveP521},
-};
-
-const KeyKind* findKind(std::uint32_t keyType) {
-  const auto* const found = std::ranges::find(keyKinds, keyType, &KeyKind::keyType);
-  return found == std::end(keyKinds) ? nullptr : found;
+const KeyTypeInfo& typeOf(std::uint32_t keyType) {
+  const KeyTypeInfo* type = tavrin::findKeyType(keyType);
+  if (!type) throw Failure(Status::badArgument, "unknown key type " + std::to_string(keyType));
+  return *type;
 }
 
-const KeyKind& kindOf(std::uint32_t keyType) {
-  const KeyKind* kind = findKind(keyType);
-  if (!kind) throw Failure(Status::badArgument, "unknown key type " + std::to_string(keyType));
-  return *kind;
+// Null for RSA.
+const Curve* curveOf(std::uint32_t keyType) {
+  const KeyTypeInfo& type = typeOf(keyType);
+  for (const Curve* curve : {&curveP256, &curveP384, &curveP521})
+    if (type.algorithm == KeyAlgorithm::ec && type.bits == curve->bits) return curve;
+  return nullptr;
 }
 
 KeyMaterial pack(std::uint32_t keyType, const RsaPrivateKey& key) {
@@ -52,38 +48,40 @@ RsaPrivateKey unpackRsa(const KeyMaterial& key) {
 
 }  // namespace
 
-bool isKnownKeyType(std::uint32_t keyType) { return findKind(keyType) != nullptr; }
-
-bool isRsa(std::uint32_t keyType) { return kindOf(keyType).curve == nullptr; }
+bool isRsa(std::uint32_t keyType) {
+  const KeyTypeInfo* type = tavrin::findKeyType(keyType);
+  return type && type->algorithm == KeyAlgorithm::rsa;
+}
 
 KeyMaterial generateKeyMaterial(std::uint32_t keyType) {
-  const KeyKind& kind = kindOf(keyType);
-  if (!kind.curve) return pack(keyType, generateRsaKey(kind.rsaBits));
-  EcKey key = generateEcKey(*kind.curve);
+  const Curve* curve = curveOf(keyType);
+  if (!curve) return pack(keyType, generateRsaKey(typeOf(keyType).bits));
+  EcKey key = generateEcKey(*curve);
   return {keyType, std::move(key.point), std::move(key.scalar)};
 }
 
 KeyMaterial importRsaKeyMaterial(ByteView modulus, ByteView privateExponent, ByteView prime) {
   const ByteView number = withoutLeadingZeros(modulus);
-  const auto* const kind =
-      std::ranges::find_if(keyKinds, [&](const KeyKind& row) { return row.rsaBits == number.size() * 8; });
-  require(kind != std::end(keyKinds) && !kind->curve && (number[0] & 0x80) != 0,
+  const auto* const type = std::ranges::find_if(tavrin::keyTypes, [&](const KeyTypeInfo& row) {
+    return row.algorithm == KeyAlgorithm::rsa && row.bits == number.size() * 8;
+  });
+  require(type != std::end(tavrin::keyTypes) && (number[0] & 0x80) != 0,
           "the modulus has none of the lengths 1024, 2048, 3072 and 4096 bits");
   const ByteView exponent = withoutLeadingZeros(privateExponent);
   const ByteView factor = withoutLeadingZeros(prime);
   require(exponent.size() <= number.size() && factor.size() < number.size(), "the RSA key is too long");
-  return pack(kind->keyType, completeRsaKey(number, exponent, factor));
+  return pack(codeOf(type->type), completeRsaKey(number, exponent, factor));
 }
 
 Bytes signWith(const KeyMaterial& key, ByteView input, bool pss) {
-  const Curve* curve = kindOf(key.keyType).curve;
+  const Curve* curve = curveOf(key.keyType);
   if (!curve) return signRsa(unpackRsa(key), input, pss);
   if (pss) refuseKeyType("PSS needs an RSA key");
   return signEcdsa(*curve, {key.publicKey, key.privateKey}, input);
 }
 
 void verifyWith(std::uint32_t keyType, ByteView publicKey, ByteView input, ByteView signature, bool pss) {
-  const Curve* curve = kindOf(keyType).curve;
+  const Curve* curve = curveOf(keyType);
   if (curve) {
     if (pss) refuseKeyType("PSS needs an RSA key");
     return verifyEcdsa(*curve, publicKey, input, signature);
@@ -91,7 +89,7 @@ void verifyWith(std::uint32_t keyType, ByteView publicKey, ByteView input, ByteV
   std::optional<RsaPublicKey> key = rsaPublicKeyIn(publicKey);
   if (!key) {
     const ByteView modulus = withoutLeadingZeros(publicKey);
-    key = RsaPublicKey{{modulus.begin(), modulus.end()}, {std::begin(rsaPublicExponent), std::end(rsaPublicExponent)}};
+    key = RsaPublicKey{{modulus.begin(), modulus.end()}, rsaPublicExponent()};
   }
   verifyRsa(*key, input, signature, pss);
 }
@@ -102,7 +100,7 @@ SecretBytes decryptWith(const KeyMaterial& key, ByteView ciphertext) {
 }
 
 SecretBytes deriveWith(const KeyMaterial& key, ByteView peerPoint) {
-  const Curve* curve = kindOf(key.keyType).curve;
+  const Curve* curve = curveOf(key.keyType);
   if (!curve) refuseKeyType("key agreement needs an EC key");
   return deriveEcdh(*curve, key.privateKey, peerPoint);
 }

@@ -1,5 +1,4 @@
-// What a key pair of any type can do: the one place that knows which of the device library's key types is which
-// algorithm.
+// The operations of key pairs of all types, which call rsa.h or ec.h by the key's type. Any thread may call them.
 #pragma once
 
 #include "devlib/device_library.h"
@@ -14,12 +13,14 @@ struct KeyMaterial {
   SecretBytes privateKey;
 };
 
-bool isKnownKeyType(std::uint32_t keyType);
+// False for an unknown key type.
 bool isRsa(std::uint32_t keyType);
 
+// These throw badArgument for an unknown key type.
 KeyMaterial generateKeyMaterial(std::uint32_t keyType);
 
-// An RSA key of 1024, 2048, 3072 or 4096 bits with the public exponent 65537; anything else throws badArgument.
+// An RSA key of 1024, 2048, 3072 or 4096 bits with the public exponent 65537; anything else throws badArgument. Numbers
+// are big-endian and may have leading zeros.
 KeyMaterial importRsaKeyMaterial(ByteView modulus, ByteView privateExponent, ByteView prime);
 
 Bytes signWith(const KeyMaterial& key, ByteView input, bool pss);
@@ -27,7 +28,7 @@ Bytes signWith(const KeyMaterial& key, ByteView input, bool pss);
 // `publicKey` is a SubjectPublicKeyInfo or a bare modulus for RSA, else a bare point. Throws badSignature.
 void verifyWith(std::uint32_t keyType, ByteView publicKey, ByteView input, ByteView signature, bool pss);
 
-// These throw wrongKeyType for keys of the other algorithm.
+// These throw wrongKeyType for a key of the other algorithm.
 SecretBytes decryptWith(const KeyMaterial& key, ByteView ciphertext);
 SecretBytes deriveWith(const KeyMaterial& key, ByteView peerPoint);
 

@@ -5,7 +5,7 @@ namespace {
 
 LibraryState* makeState() {
   auto made = std::make_unique<LibraryState>();
-  // What a parent has unlocked is not for its child to use.
+  // A child does not use what its parent has unlocked.
   keepLoaded([] { LibraryState::get().clear(); });
   return made.release();
 }

@@ -1,5 +1,5 @@
-// Everything that the operations share in one process. It is made at the first use and never destroyed: other threads
-// may still be in an operation while the process ends.
+// The state that all operations of one process share. It is made at the first use and never destroyed, because other
+// threads may be in an operation while the process ends.
 #pragma once
 
 #include <memory>
@@ -23,12 +23,12 @@ class LibraryState {
   PerThread<SecretBytes> plaintexts;
   PerThread<SecretBytes> secrets;
 
-  // Instances only count who uses the library, as every operation works without one.
+  // Instances only count the users of the library; every operation works without one.
   void* openInstance();
-  // Wipes what passwords have left behind and, with the last instance, all that was handed out. Strangers are ignored.
+  // Wipes master keys and, with the last instance, all results that callers may still read. Ignores unknown instances.
   void closeInstance(void* instance);
 
-  // Wipes and empties everything but the instances.
+  // Wipes and removes everything except the instances.
   void clear();
 
  private:

@@ -1,4 +1,4 @@
-// Results that a caller reads after the call that made them, until the same thread's next such call.
+// Results that a caller reads after the call that made them, until the next such call of the same thread.
 #pragma once
 
 #include <map>
@@ -7,11 +7,11 @@
 
 namespace softtoken {
 
-// Not thread_local: those values would outlive the library's code when it is unloaded.
+// Not thread_local: such values would live longer than the library's code when it is unloaded.
 template <class Value>
 class PerThread {
  public:
-  // Replaces the calling thread's value; the reference stays good until the next keep() of this thread or clear().
+  // Replaces the calling thread's value; the reference stays valid until the next keep() of this thread or clear().
   Value& keep(Value value) {
     const std::lock_guard guard(mutex_);
     Value& kept = values_[std::this_thread::get_id()];
@@ -26,7 +26,7 @@ class PerThread {
 
  private:
   std::mutex mutex_;
-  std::map<std::thread::id, Value> values_;  // nodes stay where they are
+  std::map<std::thread::id, Value> values_;  // a map, because its nodes never move
 };
 
 }  // namespace softtoken

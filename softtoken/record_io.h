@@ -1,4 +1,4 @@
-// Writing and reading of stored records: 32-bit big-endian numbers, and byte fields behind their length.
+// Writing and reading of stored records: 32-bit big-endian numbers, and byte fields with their length in front.
 #pragma once
 
 #include <string>
@@ -28,7 +28,7 @@ class Writer {
   Container content_;
 };
 
-// Throws deviceFault for whatever is not there. Views point into the bytes that are read.
+// Throws deviceFault when the bytes are too short or a value is out of range. Views point into the bytes that are read.
 class Reader {
  public:
   explicit Reader(ByteView bytes) : rest_(bytes) {}
@@ -38,9 +38,9 @@ class Reader {
     for (const std::uint8_t byte : raw(4)) value = value << 8 | byte;
     return value;
   }
-  std::uint32_t number(std::uint32_t least, std::uint32_t most) {
+  std::uint32_t number(std::uint32_t min, std::uint32_t max) {
     const std::uint32_t value = number();
-    if (value < least || value > most) fail();
+    if (value < min || value > max) fail();
     return value;
   }
   ByteView raw(std::size_t length) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "devlib/device_constants.h"
 #include "softtoken/rsa_padding.h"
 
 namespace softtoken {
@@ -65,7 +66,7 @@ Sexp privateExpression(const RsaPrivateKey& key) {
   for (const SecretBytes* part : {&key.exponent, &key.prime1, &key.prime2, &key.coefficient})
     if (withoutLeadingZeros(*part).empty()) throw Failure(Status::deviceFault, "a stored RSA key is damaged");
   const Mpi n = mpiOf(key.modulus);
-  const Mpi e = mpiOf(rsaPublicExponent);
+  const Mpi e = mpiOf(tavrin::rsaPublicExponentBytes);
   const Mpi d = secretMpiOf(key.exponent);
   const Mpi p = secretMpiOf(key.prime1);
   const Mpi q = secretMpiOf(key.prime2);
@@ -76,7 +77,7 @@ Sexp privateExpression(const RsaPrivateKey& key) {
 
 // That the product of the two exponents is 1 modulo prime - 1.
 bool exponentsFit(gcry_mpi_t privateExponent, gcry_mpi_t prime) {
-  const Mpi publicExponent = mpiOf(rsaPublicExponent);
+  const Mpi publicExponent = mpiOf(tavrin::rsaPublicExponentBytes);
   const Mpi product = newSecretMpi();
   const Mpi order = newSecretMpi();
   gcry_mpi_sub_ui(order.get(), prime, 1);
@@ -84,12 +85,11 @@ bool exponentsFit(gcry_mpi_t privateExponent, gcry_mpi_t prime) {
   return gcry_mpi_cmp_ui(product.get(), 1) == 0;
 }
 
-// The CRT takes other paths than the private exponent alone, so the finished key has to prove itself.
+// A signature uses the CRT numbers, which the checks before did not.
 bool signsCorrectly(const RsaPrivateKey& key) {
   const Bytes digest = hashOf(GCRY_MD_SHA256, key.modulus);
   try {
-    const Bytes exponent(std::begin(rsaPublicExponent), std::end(rsaPublicExponent));
-    verifyRsa({key.modulus, exponent}, digest, signRsa(key, digest, false), false);
+    verifyRsa({key.modulus, rsaPublicExponent()}, digest, signRsa(key, digest, false), false);
     return true;
   } catch (const Failure&) {
     return false;
@@ -98,8 +98,13 @@ bool signsCorrectly(const RsaPrivateKey& key) {
 
 }  // namespace
 
+Bytes rsaPublicExponent() {
+  return {std::begin(tavrin::rsaPublicExponentBytes), std::end(tavrin::rsaPublicExponentBytes)};
+}
+
 RsaPrivateKey generateRsaKey(std::uint32_t bits) {
-  const Sexp parameters = makeSexp("(genkey(rsa(nbits %u)(rsa-use-e %u)))", static_cast<unsigned>(bits), 65537u);
+  const Sexp parameters = makeSexp("(genkey(rsa(nbits %u)(rsa-use-e %u)))", static_cast<unsigned>(bits),
+                                   static_cast<unsigned>(tavrin::rsaPublicExponent));
   gcry_sexp_t generated = nullptr;
   check(gcry_pk_genkey(&generated, parameters.get()), "generating an RSA key");
   const Sexp owner(generated);
@@ -123,7 +128,7 @@ RsaPrivateKey completeRsaKey(ByteView modulus, ByteView privateExponent, ByteVie
   gcry_mpi_div(q.get(), remainder.get(), n.get(), p.get(), -1);
   require(gcry_mpi_cmp_ui(remainder.get(), 0) == 0, "the prime does not divide the modulus");
   if (gcry_mpi_cmp(p.get(), q.get()) > 0) std::swap(p, q);
-  // Halves of unequal length are no key that anybody makes, and would cost the CRT its speed.
+  // No key generator makes primes of such unequal lengths, and the CRT would gain little from them.
   require(gcry_mpi_get_nbits(p.get()) >= bits / 4 && gcry_mpi_cmp(p.get(), q.get()) != 0,
           "the primes of the RSA key do not fit");
   require(!gcry_prime_check(p.get(), 0) && !gcry_prime_check(q.get(), 0), "a factor of the modulus is no prime");
@@ -180,7 +185,7 @@ SecretBytes decryptRsa(const RsaPrivateKey& key, ByteView ciphertext) {
   require(gcry_mpi_cmp(number.get(), modulus.get()) < 0 && gcry_mpi_cmp_ui(number.get(), 1) > 0,
           "the ciphertext does not fit the key");
   const Sexp privateKey = privateExpression(key);
-  // Decrypted once, without padding: a second attempt would tell by its time that the first padding did not fit.
+  // Decrypted once, without padding: the time of a second attempt would reveal that the first padding did not fit.
   const Sexp data = makeSexp("(enc-val(flags raw)(rsa(a %m)))", number.get());
   gcry_sexp_t plain = nullptr;
   check(gcry_pk_decrypt(&plain, data.get(), privateKey.get()), "decrypting");

@@ -7,10 +7,10 @@
 namespace softtoken {
 namespace {
 
-constexpr std::size_t leastPadding = 8;
+constexpr std::size_t minPadding = 8;
 constexpr std::size_t sha1Size = 20;
 
-// All ones when the value (below 2^31) is zero, else all zeros; without a branch, as what is asked about is secret.
+// All ones when the value (below 2^31) is zero, else all zeros. Without a branch, because the value is secret.
 std::uint32_t maskIfZero(std::uint32_t value) { return static_cast<std::uint32_t>(-((~value & (value - 1)) >> 31)); }
 
 struct Message {
@@ -41,7 +41,7 @@ Message findPkcs1Message(ByteView block) {
     separator |= static_cast<std::uint32_t>(i) & first;
     found |= first;
   }
-  const auto shortest = static_cast<std::uint32_t>(2 + leastPadding);
+  const auto shortest = static_cast<std::uint32_t>(2 + minPadding);
   const std::uint32_t tooShort = static_cast<std::uint32_t>(-((separator - shortest) >> 31));
   const std::uint32_t begins = maskIfZero(block[0]) & maskIfZero(block[1] ^ 2u);
   return {begins & found & ~tooShort, separator + 1};
@@ -71,7 +71,7 @@ Message findOaepMessage(std::span<std::uint8_t> block) {
 }  // namespace
 
 std::optional<Bytes> padForSignature(ByteView input, std::size_t length) {
-  if (input.size() + leastPadding + 3 > length) return std::nullopt;
+  if (input.size() + minPadding + 3 > length) return std::nullopt;
   Bytes block(length, 0xFF);
   block[0] = 0;
   block[1] = 1;
@@ -86,7 +86,7 @@ std::optional<SecretBytes> removeEncryptionPadding(ByteView block) {
   const Message pkcs1 = findPkcs1Message(block);
   SecretBytes unmasked(block.begin(), block.end());
   const Message oaep = findOaepMessage(unmasked);
-  // An OAEP block may look like PKCS#1 v1.5 by chance; the other way round, a hash would have to match.
+  // An OAEP block may look like PKCS#1 v1.5 by chance. The opposite would need a matching hash.
   if (oaep.valid) return SecretBytes(unmasked.begin() + oaep.start, unmasked.end());
   if (pkcs1.valid) return SecretBytes(block.begin() + pkcs1.start, block.end());
   return std::nullopt;

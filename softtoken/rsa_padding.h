@@ -1,5 +1,5 @@
-// The RSA paddings that libgcrypt does not decode or build apart from the key operation: signatures over inputs that
-// are no digest, and ciphertexts of which nobody says how they were padded.
+// RSA paddings that libgcrypt cannot handle: signatures over inputs that are no digest, and ciphertexts whose padding
+// is unknown.
 #pragma once
 
 #include <optional>
@@ -8,11 +8,12 @@
 
 namespace softtoken {
 
-// PKCS#1 block type 1 around the input as it is, `length` bytes. Nothing when the input is too long.
+// A PKCS#1 block of type 1 with the unchanged input, `length` bytes. Empty when the input is too long.
 std::optional<Bytes> padForSignature(ByteView input, std::size_t length);
 
-// The message in a decrypted block, whichever of OAEP (SHA-1, no label) and PKCS#1 v1.5 fits. Both are always tried, in
-// a time that does not depend on the block's content.
+// The message in a decrypted block with either OAEP (SHA-1, no label) or PKCS#1 v1.5 padding; empty when neither is
+// valid. Both are always tried, in a time that does not depend on the content of the block, except for the length of
+// the message.
 std::optional<SecretBytes> removeEncryptionPadding(ByteView block);
 
 }  // namespace softtoken

@@ -11,8 +11,6 @@ namespace {
 
 constexpr std::size_t maxStateFile = std::size_t{64} << 20;
 constexpr std::size_t maxTriesFile = 1024;
-constexpr std::size_t minPassword = 4;
-constexpr std::size_t maxPassword = 63;
 constexpr std::size_t maxRefused = 32;
 
 [[noreturn]] void failGone(const std::filesystem::path& folder) {
@@ -269,9 +267,9 @@ void Token::rememberRefused(const TokenState& state, std::string_view password) 
 }
 
 void requireGoodPassword(std::string_view password) {
-  require(
-      password.size() >= minPassword && password.size() <= maxPassword && password.find('\0') == std::string_view::npos,
-      "a password has 4 to 63 bytes");
+  require(password.size() >= tavrin::minimumPinLength && password.size() <= tavrin::maximumPinLength &&
+              password.find('\0') == std::string_view::npos,
+          "a password has 4 to 63 bytes");
 }
 
 }  // namespace softtoken

@@ -15,7 +15,7 @@ std::size_t indexOf(const std::vector<Record>& records, const std::uint8_t* reco
   return static_cast<std::size_t>(found - records.begin());
 }
 
-// Numbers are not used again while higher ones are free, so that an old object handle does not name a new object.
+// A number is not used again while a higher one is free, so that an old object handle does not match a new object.
 template <class Record>
 std::uint32_t nextId(const std::vector<Record>& records, std::uint32_t& last) {
   if (last < largestId) return ++last;

@@ -5,14 +5,14 @@
 
 namespace softtoken {
 
-// Objects are named by the 16 bytes of their record's recordId; these throw notFound.
+// The index of the record with this recordId of 16 bytes. Both throw notFound.
 std::size_t indexOfKeyPair(const TokenState& state, const std::uint8_t* recordId);
 std::size_t indexOfCertificate(const TokenState& state, const std::uint8_t* recordId);
 
-// Throws full when the token takes no more objects.
+// Throws full when the token has as many objects as it can hold.
 void requireRoom(const TokenState& state);
 
-// Numbers the record, which has its recordId already, and adds it.
+// Sets the number of the record, which has its recordId already, and adds it. Throws full.
 void addKeyPair(TokenState& state, TavrinKeyPair& pair, Bytes privateKey);
 // A certificate that is there already, byte for byte, keeps its record, which takes the new label and ID unless they
 // are empty. `certificate` becomes the stored record.
@@ -21,7 +21,7 @@ void addCertificate(TokenState& state, TavrinCertificate& certificate);
 void removeKeyPair(TokenState& state, const std::uint8_t* recordId);
 void removeCertificate(TokenState& state, const std::uint8_t* recordId);
 
-// Ends the text with its field, at a whole UTF-8 character.
+// Cuts the text to fit the field and its NUL, not within a UTF-8 character.
 void setLabel(std::span<char> field, std::string_view text);
 
 }  // namespace softtoken

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "softtoken/key_material.h"
+#include "devlib/device_constants.h"
 #include "softtoken/record_io.h"
 
 namespace softtoken {
@@ -117,7 +117,7 @@ TavrinKeyPair readKeyPair(Reader& reader) {
   readTextInto(pair.label, reader);
   pair.usage = reader.number();
   pair.keyType = reader.number();
-  if (!isKnownKeyType(pair.keyType)) failDamaged();
+  if (!tavrin::findKeyType(pair.keyType)) failDamaged();
   return pair;
 }
 

@@ -1,5 +1,5 @@
-// What is left of a token when its writers are killed, or the disk takes only a part of what they write.
-// crash_test --kills N kills that many writers; this program is the writer too, as crash_test --writer ...
+// The state of a token after its writers were killed, or when the disk takes only a part of what they write.
+// crash_test --kills N kills N writers. This program is the writer too, as crash_test --writer ...
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -18,14 +18,14 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-using Things = std::set<std::string>;  // "password:..." and the objects, "key:..." and "cert:..."
+using Things = std::set<std::string>;  // "password:..." and the keys, "key:..."
 
 int kills = 100;
-constexpr int fewTries = 4;  // below, only the right password is used
+constexpr int fewTries = 4;  // with fewer, only the right password is used
 
-// Does random operations until it is killed, and reports before and after each: "intend REMOVED|ADDED", with the things
-// that it takes away and adds, and "done TRIES". Objects are named after their writer, who leaves those of others
-// alone.
+// Does random operations until it is killed. Reports before each operation "intend REMOVED|ADDED", with the things that
+// it removes and adds, and after it "done TRIES". Keys are named after their writer, who does not touch those of
+// others.
 class Writer {
  public:
   Writer(std::string name, const std::string& report, const char* device, std::string password, bool alone)
@@ -37,8 +37,8 @@ class Writer {
     std::setvbuf(report_, nullptr, _IONBF, 0);
   }
 
-  // Deriving a key from the password takes longer than all else, so it comes before "ready". Not for ever: nobody kills
-  // the writers of a test that was itself killed.
+  // Deriving a key from the password takes longest, so it comes before "ready". The time is limited, because a test
+  // that was killed does not kill its writers.
   bool run() {
     const auto end = std::chrono::steady_clock::now() + 1min;
     bool good = report("-", "-", [&] { return enter(password_); });
@@ -67,9 +67,7 @@ class Writer {
   bool step(unsigned choice) {
     const auto mine = [&](const auto& record) { return record.label[0] == name_[0]; };
     const auto& keys = tavrin_getKeyPairList(device_, nullptr);
-    const auto& certificates = tavrin_getCertificateList(device_, nullptr);
     const auto key = std::ranges::find_if(keys, mine);
-    const auto certificate = std::ranges::find_if(certificates, mine);
     const std::string oldKey = key == keys.end() ? "" : std::string("key:") + key->label;
     const std::string fresh = name_ + "." + std::to_string(++made_);
     const char* pin = password_.c_str();
@@ -84,31 +82,8 @@ class Writer {
         return tavrin_changeUserPassword(device_, old.c_str(), fresh.c_str(), &left, false, false, nullptr) ? ok : -1;
       });
     }
-    if (choice < 12 && !oldKey.empty())
+    if (choice < 16 && !oldKey.empty())
       return report(oldKey, "-", [&] { return tavrin_deleteKeyPair(device_, key->recordId, pin, false, nullptr); });
-    if (choice < 16 && certificate != certificates.end()) {
-      return report(std::string("cert:") + certificate->label, "-",
-                    [&] { return tavrin_deleteCertificate(device_, certificate->recordId, pin, nullptr); });
-    }
-    if (choice < 20 && !oldKey.empty()) {
-      return report(oldKey, "key:" + fresh, [&] {
-        return tavrin_updateKeyPairDetails(device_, key->recordId, pin, fresh.c_str(), nullptr, 0, nullptr);
-      });
-    }
-    if (choice < 22 && !oldKey.empty()) {
-      return report("-", "-", [&] {
-        std::uint8_t signature[512];
-        int size = 0;
-        return tavrin_signHash(device_, key->recordId, pin, hash_.data(), 32, signature, &size, false, nullptr, false);
-      });
-    }
-    if (choice < 27) {
-      TavrinCertificate record = certificateRecord();
-      // The end of the serial number makes it another certificate.
-      for (std::size_t i = 16; i < 19; ++i) record.certificate[i] = static_cast<std::uint8_t>(random_());
-      softtoken::setLabel(record.label, fresh);
-      return report("-", "cert:" + fresh, [&] { return tavrin_importCertificate(device_, pin, &record, nullptr); });
-    }
     TavrinKeyPair pair{};
     pair.keyType = 5;
     softtoken::setLabel(pair.label, fresh);
@@ -120,7 +95,6 @@ class Writer {
   const char* const device_;
   std::string password_;
   const bool alone_;
-  const Bytes hash_ = pattern(32);
   std::mt19937 random_{std::random_device()()};
   int made_ = 0;
 };
@@ -156,7 +130,7 @@ class CrashTest : public SoftTokenTest {
       for (int i = 0; i < 20'000 && linesOf(report).size() < 3; ++i) std::this_thread::sleep_for(1ms);
     std::vector<Change> pending;
     for (const auto& [report, process] : writers) {
-      // Only a writer that is alone changes its password, which takes longer than the rest.
+      // Only a writer that is alone changes its password, which takes longer than the other operations.
       const unsigned longest = letters.size() == 1 ? 250'000 : 50'000;
       std::this_thread::sleep_for(std::chrono::microseconds(random_() % longest));
       EXPECT_TRUE(testPlatform::killProcess(process)) << "it has ended by itself";
@@ -203,10 +177,9 @@ class CrashTest : public SoftTokenTest {
       EXPECT_TRUE(unseal(masterKey_, state->privateKeys[i], privateKeyContext(*state, pair))) << pair.label;
       found.insert(std::string("key:") + pair.label);
     }
-    for (const TavrinCertificate& record : state->certificates) found.insert(std::string("cert:") + record.label);
     EXPECT_EQ(found.size(), state->objectCount()) << "an object twice";
 
-    // What was under way may have happened or not, each for itself.
+    // Each operation that was under way may have happened or not.
     std::vector<Things> allowed{expected_};
     for (const Change& change : pending) {
       for (Things things : std::vector(allowed)) {
@@ -214,7 +187,7 @@ class CrashTest : public SoftTokenTest {
         allowed.push_back(things);
       }
     }
-    // A wrong password costs a try, so it is asked for when it is in doubt, and to get all tries back.
+    // A wrong password costs a try, so the password is only checked when it is in doubt, or to get all tries back.
     const bool ask = maxTries_ <= fewTries || (!pending.empty() && pending[0].added.starts_with("password:"));
     const auto fits = std::ranges::find_if(allowed, [&](const Things& things) {
       return std::equal(things.begin(), std::prev(things.end()), found.begin(), found.end()) &&
@@ -236,7 +209,7 @@ class CrashTest : public SoftTokenTest {
   }
 
   softtoken::MasterKey masterKey_;
-  Things expected_{std::string("password:") + pin};  // which comes last
+  Things expected_{std::string("password:") + pin};  // the password is the last
   int maxTries_ = softtoken::maxTries;
   int done_ = 0;
   std::mt19937 random_{std::random_device()()};
@@ -255,7 +228,7 @@ TEST_F(CrashTest, KilledWritersLoseNothingThatTheyReported) {
 }
 
 TEST_F(CrashTest, ATryIsWrittenDownBeforeItIsMade) {
-  // So dear that it takes a good part of a second.
+  // So expensive that it takes a large part of a second.
   edit([](softtoken::TokenState& state) { state.user.cost = {1u << 16, 2}; });
   std::atomic<bool> answered = false;
   std::thread attempt([&] {

@@ -1,8 +1,9 @@
-// What the software token computes, and what it refuses to. The end-to-end tests compare with OpenSSL.
+// Cryptographic operations of the software token. The end-to-end tests compare with OpenSSL.
 #include <algorithm>
 
 #include "soft_token_fixture.h"
 #include "softtoken/ec.h"
+#include "softtoken/rsa_padding.h"
 #include "vectors.h"
 
 namespace {
@@ -41,7 +42,7 @@ TEST_F(SoftTokenTest, DecryptsWhicheverPaddingItFinds) {
   EXPECT_EQ(decrypt(key, fromHex(vectors::modulus)).status, badArgument);
   EXPECT_EQ(decrypt(key, pattern(127)).status, badArgument);
   for (const auto& [padding, length] : {std::pair{PaddingMode::pkcs1, 117u}, {PaddingMode::oaep, 86u}}) {
-    // Often enough that an OAEP block which looks like PKCS#1 v1.5 comes along.
+    // Often enough for an OAEP block that looks like PKCS#1 v1.5.
     for (int i = 0; i < 400; ++i)
       ASSERT_EQ(decrypt(key, encryptRsa(pattern(length), padding).bytes).bytes, pattern(length));
     EXPECT_EQ(encryptRsa(pattern(length + 1), padding).status, badArgument);
@@ -49,6 +50,18 @@ TEST_F(SoftTokenTest, DecryptsWhicheverPaddingItFinds) {
 }
 
 const softtoken::Curve* const curves[] = {&softtoken::curveP256, &softtoken::curveP384, &softtoken::curveP521};
+
+TEST(RsaPadding, Pkcs1NeedsEightBytesOfPadding) {
+  for (const std::size_t padding : {0u, 7u, 8u, 125u, 126u}) {
+    Bytes block(128, 0xFF);
+    block[0] = 0;
+    block[1] = 2;
+    if (2 + padding < block.size()) block[2 + padding] = 0;
+    const auto message = softtoken::removeEncryptionPadding(block);
+    ASSERT_EQ(message.has_value(), padding == 8 || padding == 125) << padding;
+    EXPECT_EQ(message ? message->size() : 0, message ? 125 - padding : 0);
+  }
+}
 
 TEST_F(SoftTokenTest, EcdsaTakesTheLeftmostBitsOfItsInput) {
   TavrinKeyPair known{};

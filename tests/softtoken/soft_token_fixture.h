@@ -26,7 +26,7 @@ inline constexpr const char* pin = "user password";
 inline constexpr const char* soPin = "officer password";
 
 Bytes fromHex(std::string_view text);
-// Bytes that differ, the same for every run.
+// Bytes that differ from each other, the same in every run.
 Bytes pattern(std::size_t count);
 
 struct Made {

@@ -1,4 +1,4 @@
-// Tokens as they are kept: devices, passwords, objects, and what other processes and kills do to them.
+// Stored tokens: devices, passwords, objects, and changes by other processes.
 #include <algorithm>
 #include <fstream>
 #include <thread>
@@ -53,7 +53,7 @@ TEST_F(SoftTokenTest, ListsWholeConnectedTokensBySerial) {
   EXPECT_EQ(tavrin_initDevice(second.c_str(), true, instance), ok);
   softtoken::removeToken("two");
   EXPECT_EQ(devices(), Devices{device});
-  EXPECT_FALSE(fs::exists(root / ".new-three")) << "what a kill leaves behind goes with the next removal";
+  EXPECT_FALSE(fs::exists(root / ".new-three")) << "the next removal clears away what a killed process has left";
 }
 
 TEST_F(SoftTokenTest, NamesThatLeadElsewhereAreRefused) {
