@@ -34,6 +34,15 @@ Expected noSuchKey();  // at Init calls
 bool is(CK_RV code, const Expected& expected, const std::string& note = "", int line = __builtin_LINE(),
         const char* file = __builtin_FILE());
 
+// Rows with the same code: the call is made with each of the arguments.
+template <class Argument, class Call>
+void each(const Expected& expected, std::initializer_list<Argument> arguments, Call call, int line = __builtin_LINE(),
+          const char* file = __builtin_FILE()) {
+  for (const Argument& one : arguments) {
+    is(call(one), expected, "row " + std::to_string(&one - arguments.begin()), line, file);
+  }
+}
+
 // A boolean, a number or bytes, by the type of the second argument.
 struct Attribute {
   template <class T>
@@ -57,6 +66,7 @@ class Template {
   // With these attributes too; those it has already get the new value.
   Template with(std::initializer_list<Attribute> more) const;
   Template without(CK_ATTRIBUTE_TYPE type) const;
+  const std::vector<Attribute>& values() const { return values_; }
   CK_ATTRIBUTE* data();  // as long as this lives
   CK_ULONG size() const { return static_cast<CK_ULONG>(values_.size()); }
 

@@ -117,42 +117,29 @@ TEST_F(OperationTest, LengthsOfData) {
   const auto bytes = [](std::size_t count) { return std::string(count, 'd'); };
   const char raw[] = "the device would take these bytes for a digest";
   const Expected refused = cannot({CKR_DATA_LEN_RANGE, CKR_DATA_INVALID}, CKR_OK, raw);
-  const struct {
-    Operation operation;
-    CK_MECHANISM_TYPE mechanism;
-    CK_OBJECT_HANDLE key;
-    std::size_t length;
-    Expected code;
-  } rows[] = {
-      {digest, CKM_SHA256, 0, 0, CKR_OK},
-      {sign, CKM_SHA256_RSA_PKCS, rsa_, 0, CKR_OK},
-      {sign, CKM_RSA_PKCS, rsa_, 245, CKR_OK},
-      {sign, CKM_RSA_PKCS, rsa_, 246, differs(CKR_DATA_LEN_RANGE, CKR_GENERAL_ERROR, byOpenSsl)},
-      {sign, CKM_RSA_PKCS, rsa_, 20, refused},
-      {sign, CKM_RSA_PKCS, rsa_, 32, refused},
-      {sign, CKM_RSA_PKCS, rsa_, 48, refused},
-      {sign, CKM_RSA_PKCS, rsa_, 64, refused},
-      {sign, CKM_RSA_PKCS, rsa_, 35, CKR_OK},
-      {sign, CKM_ECDSA, ec_, 32, CKR_OK},
-      {sign, CKM_ECDSA, ec_, 20, CKR_OK},
-      {encrypt, CKM_RSA_PKCS, rsaPublic_, 245, CKR_OK},
-      {encrypt, CKM_RSA_PKCS, rsaPublic_, 246, differs(CKR_DATA_LEN_RANGE, CKR_GENERAL_ERROR, byOpenSsl)},
-      {decrypt, CKM_RSA_PKCS, rsa_, 255, differs(CKR_ENCRYPTED_DATA_LEN_RANGE, CKR_GENERAL_ERROR, byOpenSsl)},
-      {decrypt, CKM_RSA_PKCS, rsa_, 257, differs(CKR_ENCRYPTED_DATA_LEN_RANGE, CKR_GENERAL_ERROR, byOpenSsl)},
-      {decrypt, CKM_RSA_PKCS, rsa_, 256, differs(CKR_ENCRYPTED_DATA_INVALID, CKR_GENERAL_ERROR, byOpenSsl)},
-  };
-  for (const auto& row : rows) {
-    const auto number = std::to_string(&row - rows);
-    is(s.init(row.operation, row.mechanism, row.key), CKR_OK, number);
-    const CK_RV code = s.once(row.operation, bytes(row.length));
-    is(code, row.code, number);
-    EXPECT_FALSE(s.isActive(row.operation)) << number;
-    if (code == CKR_OK && row.mechanism == CKM_RSA_PKCS && row.operation == sign) {
+  const auto rows = [&](Operation operation, CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key, const Expected& expected,
+                        std::initializer_list<std::size_t> lengths) {
+    for (const std::size_t length : lengths) {
+      is(s.init(operation, type, key), CKR_OK);
+      const CK_RV code = s.once(operation, bytes(length));
+      is(code, expected, operationNames[operation] + std::to_string(length));
+      EXPECT_FALSE(s.isActive(operation)) << length;
+      if (code != CKR_OK || type != CKM_RSA_PKCS || operation != sign) continue;
       const std::string signature = s.out;
-      is(s.init(verify, CKM_RSA_PKCS, rsaPublic_), CKR_OK);
-      is(s.check(bytes(row.length), signature), CKR_OK, number);
+      is(s.init(verify, type, rsaPublic_), CKR_OK);
+      is(s.check(bytes(length), signature), CKR_OK, std::to_string(length));
     }
-  }
+  };
+  rows(digest, CKM_SHA256, 0, CKR_OK, {0, 1});
+  rows(sign, CKM_SHA256_RSA_PKCS, rsa_, CKR_OK, {0, 1});
+  rows(sign, CKM_RSA_PKCS, rsa_, CKR_OK, {1, 19, 35, 51, 83, 245});
+  rows(sign, CKM_RSA_PKCS, rsa_, refused, {20, 32, 48, 64});
+  rows(sign, CKM_RSA_PKCS, rsa_, differs(CKR_DATA_LEN_RANGE, CKR_GENERAL_ERROR, byOpenSsl), {246, 5000});
+  rows(sign, CKM_ECDSA, ec_, CKR_OK, {1, 20, 32});
+  rows(encrypt, CKM_RSA_PKCS, rsaPublic_, CKR_OK, {1, 245});
+  rows(encrypt, CKM_RSA_PKCS, rsaPublic_, differs(CKR_DATA_LEN_RANGE, CKR_GENERAL_ERROR, byOpenSsl), {246});
+  rows(decrypt, CKM_RSA_PKCS, rsa_, differs(CKR_ENCRYPTED_DATA_LEN_RANGE, CKR_GENERAL_ERROR, byOpenSsl), {0, 255, 257});
+  rows(decrypt, CKM_RSA_PKCS, rsa_, differs(CKR_ENCRYPTED_DATA_INVALID, CKR_GENERAL_ERROR, byOpenSsl), {256});
 }
 
 TEST_F(OperationTest, Verification) {
@@ -258,22 +245,20 @@ TEST_F(KeysTest, Signatures) {
     int salt;  // of PSS
     bool ec;
     bool raw;  // the digest is the data
-  } rows[] = {
-      {CKM_SHA1_RSA_PKCS, CKM_SHA_1, -1, false, false},
-      {CKM_SHA256_RSA_PKCS, CKM_SHA256, -1, false, false},
-      {CKM_SHA384_RSA_PKCS, CKM_SHA384, -1, false, false},
-      {CKM_SHA512_RSA_PKCS, CKM_SHA512, -1, false, false},
-      {pss(CKM_SHA1_RSA_PKCS_PSS, CKM_SHA_1, CKG_MGF1_SHA1, 20), CKM_SHA_1, 20, false, false},
-      {pss(CKM_SHA256_RSA_PKCS_PSS, CKM_SHA256, CKG_MGF1_SHA256, 32), CKM_SHA256, 32, false, false},
-      {pss(CKM_SHA384_RSA_PKCS_PSS, CKM_SHA384, CKG_MGF1_SHA384, 48), CKM_SHA384, 48, false, false},
-      {pss(CKM_SHA512_RSA_PKCS_PSS, CKM_SHA512, CKG_MGF1_SHA512, 64), CKM_SHA512, 64, false, false},
-      {pss(CKM_RSA_PKCS_PSS, CKM_SHA256, CKG_MGF1_SHA256, 32), CKM_SHA256, 32, false, true},
-      {CKM_ECDSA, CKM_SHA256, -1, true, true},
-      {CKM_ECDSA, CKM_SHA_1, -1, true, true},
-      {CKM_ECDSA_SHA1, CKM_SHA_1, -1, true, false},
-      {CKM_ECDSA_SHA256, CKM_SHA256, -1, true, false},
-      {CKM_ECDSA_SHA384, CKM_SHA384, -1, true, false},
-  };
+  } rows[] = {{CKM_SHA1_RSA_PKCS, CKM_SHA_1, -1, false, false},
+              {CKM_SHA256_RSA_PKCS, CKM_SHA256, -1, false, false},
+              {CKM_SHA384_RSA_PKCS, CKM_SHA384, -1, false, false},
+              {CKM_SHA512_RSA_PKCS, CKM_SHA512, -1, false, false},
+              {pss(CKM_SHA1_RSA_PKCS_PSS, CKM_SHA_1, CKG_MGF1_SHA1, 20), CKM_SHA_1, 20, false, false},
+              {pss(CKM_SHA256_RSA_PKCS_PSS, CKM_SHA256, CKG_MGF1_SHA256, 32), CKM_SHA256, 32, false, false},
+              {pss(CKM_SHA384_RSA_PKCS_PSS, CKM_SHA384, CKG_MGF1_SHA384, 48), CKM_SHA384, 48, false, false},
+              {pss(CKM_SHA512_RSA_PKCS_PSS, CKM_SHA512, CKG_MGF1_SHA512, 64), CKM_SHA512, 64, false, false},
+              {pss(CKM_RSA_PKCS_PSS, CKM_SHA256, CKG_MGF1_SHA256, 32), CKM_SHA256, 32, false, true},
+              {CKM_ECDSA, CKM_SHA256, -1, true, true},
+              {CKM_ECDSA, CKM_SHA_1, -1, true, true},
+              {CKM_ECDSA_SHA1, CKM_SHA_1, -1, true, false},
+              {CKM_ECDSA_SHA256, CKM_SHA256, -1, true, false},
+              {CKM_ECDSA_SHA384, CKM_SHA384, -1, true, false}};
   for (const auto& row : rows) {
     SCOPED_TRACE("row " + std::to_string(&row - rows));
     const CK_OBJECT_HANDLE key = row.ec ? ec_ : rsa_, publicKey = row.ec ? ecPublic_ : rsaPublic_;
@@ -307,36 +292,31 @@ TEST_F(KeysTest, Signatures) {
 TEST_F(KeysTest, MechanismParameters) {
   const Expected bad{CKR_MECHANISM_PARAM_INVALID, CKR_ARGUMENTS_BAD};
   const Expected badPss = differs(CKR_MECHANISM_PARAM_INVALID, CKR_ARGUMENTS_BAD, "its code for all parameters");
-  const struct {
-    Operation operation;
-    Mechanism mechanism;
-    CK_OBJECT_HANDLE key;
-    Expected code;
-  } rows[] = {
-      {sign, CKM_SHA256_RSA_PKCS_PSS, rsa_, bad},
-      {sign, CKM_RSA_PKCS_PSS, rsa_, bad},
-      {sign, {CKM_SHA256_RSA_PKCS_PSS, 'x'}, rsa_, bad},
-      {sign, pss(CKM_SHA256_RSA_PKCS_PSS, CKM_SHA_1, CKG_MGF1_SHA1, 20), rsa_, badPss},
-      {sign, pss(CKM_SHA256_RSA_PKCS_PSS, CKM_SHA256, CKG_MGF1_SHA1, 32), rsa_, badPss},
-      {sign, pss(CKM_SHA256_RSA_PKCS_PSS, CKM_SHA256, CKG_MGF1_SHA256, 20), rsa_,
-       cannot(CKR_MECHANISM_PARAM_INVALID, CKR_OK, "the device's salt is as long as the hash")},
-      {sign, pss(CKM_SHA256_RSA_PKCS_PSS, CKM_SHA256, CKG_MGF1_SHA256, 999), rsa_,
-       differs(CKR_MECHANISM_PARAM_INVALID, CKR_MECHANISM_INVALID, "its code for salts")},
-      {verify, CKM_SHA256_RSA_PKCS_PSS, rsaPublic_, bad},
-      {encrypt, CKM_RSA_PKCS_OAEP, rsaPublic_, bad},
-      {encrypt, {CKM_RSA_PKCS_OAEP, 'x'}, rsaPublic_, bad},
-      {encrypt, oaep(CKM_SHA256, CKG_MGF1_SHA256), rsaPublic_,
-       cannot(CKR_MECHANISM_PARAM_INVALID, CKR_ARGUMENTS_BAD, "both have SHA-1 only")},
-      {encrypt, oaep(CKM_SHA_1, CKG_MGF1_SHA256), rsaPublic_, badPss},
-      {decrypt, oaep(CKM_SHA256, CKG_MGF1_SHA256), rsa_,
-       cannot(CKR_MECHANISM_PARAM_INVALID, CKR_ARGUMENTS_BAD, "both have SHA-1 only")},
-      {sign, {CKM_SHA256_RSA_PKCS, 'x'}, rsa_, differs(CKR_MECHANISM_PARAM_INVALID, CKR_OK, unlooked)},
-      {digest, {CKM_SHA256, 'x'}, 0, differs(CKR_MECHANISM_PARAM_INVALID, CKR_OK, unlooked)},
+  const char shaOne[] = "both have SHA-1 only, with different codes",
+             saltLength[] = "the device's salt is as long as the hash";
+  const auto rows = [&](Operation operation, CK_OBJECT_HANDLE key, const Expected& code,
+                        std::initializer_list<Mechanism> mechanisms) {
+    each(code, mechanisms, [&](const Mechanism& one) { return Session().init(operation, one, key); });
   };
-  for (const auto& row : rows) {
-    const Session fresh;
-    is(fresh.init(row.operation, row.mechanism, row.key), row.code, std::to_string(&row - rows));
+  const CK_MECHANISM_TYPE pss256 = CKM_SHA256_RSA_PKCS_PSS;
+  for (const Operation operation : {sign, verify}) {
+    const CK_OBJECT_HANDLE key = operation == sign ? rsa_ : rsaPublic_;
+    rows(operation, key, bad, {pss256, CKM_RSA_PKCS_PSS, {pss256, 'x'}});
+    rows(operation, key, badPss,
+         {pss(pss256, CKM_SHA_1, CKG_MGF1_SHA1, 20), pss(pss256, CKM_SHA256, CKG_MGF1_SHA1, 32)});
+    rows(operation, key, cannot(CKR_MECHANISM_PARAM_INVALID, CKR_OK, saltLength),
+         {pss(pss256, CKM_SHA256, CKG_MGF1_SHA256, 20)});
+    rows(operation, key, differs(CKR_MECHANISM_PARAM_INVALID, CKR_MECHANISM_INVALID, "its code for salts"),
+         {pss(pss256, CKM_SHA256, CKG_MGF1_SHA256, 999)});
+    rows(operation, key, differs(CKR_MECHANISM_PARAM_INVALID, CKR_OK, unlooked), {{CKM_SHA256_RSA_PKCS, 'x'}});
   }
+  for (const Operation operation : {encrypt, decrypt}) {
+    const CK_OBJECT_HANDLE key = operation == encrypt ? rsaPublic_ : rsa_;
+    rows(operation, key, bad, {CKM_RSA_PKCS_OAEP, {CKM_RSA_PKCS_OAEP, 'x'}});
+    rows(operation, key, cannot(CKR_MECHANISM_PARAM_INVALID, CKR_ARGUMENTS_BAD, shaOne),
+         {oaep(CKM_SHA256, CKG_MGF1_SHA256), oaep(CKM_SHA_1, CKG_MGF1_SHA256)});
+  }
+  rows(digest, 0, differs(CKR_MECHANISM_PARAM_INVALID, CKR_OK, unlooked), {{CKM_SHA256, 'x'}});
 }
 
 TEST_F(KeysTest, Encryption) {
@@ -401,50 +381,39 @@ TEST_F(KeysTest, KeyAgreement) {
   is(s.derive(ec_, ecdh(CKD_NULL, own, none), readable.with({{CKA_EXTRACTABLE, false}, {CKA_VALUE_LEN, 32}})), CKR_OK);
   is(s.get(s.made, CKA_VALUE), CKR_ATTRIBUTE_SENSITIVE);
 
-  const auto kdf = [&](Expected code) { return differs(code, CKR_MECHANISM_PARAM_INVALID, nullOnly); };
   const Expected bad{CKR_MECHANISM_PARAM_INVALID, CKR_ARGUMENTS_BAD};
-  const struct {
-    Mechanism mechanism;
-    Template secret;
-    Expected code;
-    std::string value;
-  } rows[] = {
-      {ecdh(CKD_NULL, peer, none), readable.with({{CKA_VALUE_LEN, 16}}), CKR_OK,
-       isSoftHsm() ? z.substr(16) : z.substr(0, 16)},
-      {ecdh(CKD_NULL, peer, none), readable, CKR_OK, z},
-      {ecdh(CKD_NULL, octets, none), readable, CKR_OK, z},
-      {ecdh(CKD_NULL, peer, none), readable.with({{CKA_KEY_TYPE, CKK_AES}, {CKA_VALUE_LEN, 32}}), CKR_OK, z},
-      {ecdh(CKD_NULL, peer, none), readable.with({{CKA_VALUE_LEN, 33}}),
-       differs({CKR_KEY_SIZE_RANGE, CKR_ATTRIBUTE_VALUE_INVALID, CKR_TEMPLATE_INCONSISTENT}, CKR_FUNCTION_FAILED,
-               byOpenSsl),
-       ""},
-      {ecdh(CKD_NULL, peer, shared), readable, bad, ""},
-      {ecdh(CKD_NULL, "no point", none), readable, differs(bad, CKR_GENERAL_ERROR, byOpenSsl), ""},
-      {ecdh(CKD_NULL, none, none), readable, bad, ""},
-      {ecdh(99, peer, none), readable, bad, ""},
-      {CKM_ECDH1_DERIVE, readable, bad, ""},
-      {{CKM_ECDH1_DERIVE, 'x'}, readable, bad, ""},
-      {CKM_SHA256, readable, CKR_MECHANISM_INVALID, ""},
-      {ecdh(CKD_NULL, peer, none),
-       readable.with({{CKA_CLASS, CKO_PUBLIC_KEY}}),
-       {CKR_TEMPLATE_INCONSISTENT, CKR_ATTRIBUTE_VALUE_INVALID},
-       ""},
-      {ecdh(CKD_SHA1_KDF, peer, none), readable.with({{CKA_VALUE_LEN, 20}}), kdf(CKR_OK),
-       derived(z, CKM_SHA_1, "", 20)},
-      {ecdh(CKD_SHA1_KDF, peer, shared), readable.with({{CKA_VALUE_LEN, 50}}), kdf(CKR_OK),
-       derived(z, CKM_SHA_1, shared, 50)},
-      {ecdh(CKD_SHA256_KDF, peer, shared), readable.with({{CKA_VALUE_LEN, 100}}), kdf(CKR_OK),
-       derived(z, CKM_SHA256, shared, 100)},
-      {ecdh(CKD_SHA256_KDF, peer, none), readable.with({{CKA_KEY_TYPE, CKK_AES}, {CKA_VALUE_LEN, 16}}), kdf(CKR_OK),
-       derived(z, CKM_SHA256, "", 16)},
-  };
-  for (const auto& row : rows) {
-    const auto number = std::to_string(&row - rows);
-    const CK_RV code = s.derive(mine, row.mechanism, row.secret);
-    if (is(code, row.code, number) && code == CKR_OK) {
-      EXPECT_EQ(s.value(s.made, CKA_VALUE), row.value) << number;
+  const auto derives = [&](const Mechanism& mechanism, const Template& wanted, const Expected& code,
+                           const std::string& value, int line = __builtin_LINE()) {
+    const CK_RV got = s.derive(mine, mechanism, wanted);
+    if (is(got, code, "", line) && got == CKR_OK) {
+      EXPECT_EQ(s.value(s.made, CKA_VALUE), value) << "line " << line;
     }
-  }
+  };
+  const auto sized = [&](CK_ULONG length) { return readable.with({{CKA_VALUE_LEN, length}}); };
+  const Expected tooLong{CKR_KEY_SIZE_RANGE, CKR_ATTRIBUTE_VALUE_INVALID, CKR_TEMPLATE_INCONSISTENT};
+  const Mechanism plain = ecdh(CKD_NULL, peer, none);
+  derives(plain, sized(16), CKR_OK, isSoftHsm() ? z.substr(16) : z.substr(0, 16));  // it keeps the last bytes
+  derives(plain, readable, CKR_OK, z);
+  derives(ecdh(CKD_NULL, octets, none), readable, CKR_OK, z);
+  derives(plain, sized(32).with({{CKA_KEY_TYPE, CKK_AES}}), CKR_OK, z);
+  derives(plain, sized(33), differs(tooLong, CKR_FUNCTION_FAILED, byOpenSsl), "");
+  each(bad,
+       {ecdh(CKD_NULL, peer, shared),
+        ecdh(CKD_NULL, none, none),
+        ecdh(99, peer, none),
+        Mechanism(CKM_ECDH1_DERIVE),
+        {CKM_ECDH1_DERIVE, 'x'}},
+       [&](const Mechanism& one) { return s.derive(mine, one, readable); });
+  derives(ecdh(CKD_NULL, "no point", none), readable, differs(bad, CKR_GENERAL_ERROR, byOpenSsl), "");
+  derives(CKM_SHA256, readable, CKR_MECHANISM_INVALID, "");
+  derives(plain, readable.with({{CKA_CLASS, CKO_PUBLIC_KEY}}), {CKR_TEMPLATE_INCONSISTENT, CKR_ATTRIBUTE_VALUE_INVALID},
+          "");
+  const Expected x963 = differs(CKR_OK, CKR_MECHANISM_PARAM_INVALID, nullOnly);
+  derives(ecdh(CKD_SHA1_KDF, peer, none), sized(20), x963, derived(z, CKM_SHA_1, "", 20));
+  derives(ecdh(CKD_SHA1_KDF, peer, shared), sized(50), x963, derived(z, CKM_SHA_1, shared, 50));
+  derives(ecdh(CKD_SHA256_KDF, peer, shared), sized(100), x963, derived(z, CKM_SHA256, shared, 100));
+  derives(ecdh(CKD_SHA256_KDF, peer, none), sized(16).with({{CKA_KEY_TYPE, CKK_AES}}), x963,
+          derived(z, CKM_SHA256, "", 16));
   is(s.derive(rsa_, ecdh(CKD_NULL, peer, none), readable), {CKR_KEY_TYPE_INCONSISTENT, CKR_KEY_FUNCTION_NOT_PERMITTED});
   is(s.derive(12345678, ecdh(CKD_NULL, peer, none), readable), {CKR_KEY_HANDLE_INVALID, CKR_OBJECT_HANDLE_INVALID});
   is(s.derive(secret, ecdh(CKD_NULL, peer, none), readable),

@@ -25,21 +25,11 @@ Template importedKey() {
     numbers.push_back(number.size() > 1 && number[0] == '\0' ? number.substr(1) : number);
     at += header + size;
   }
-  numbers.resize(9);
-  return {{CKA_CLASS, CKO_PRIVATE_KEY},
-          {CKA_KEY_TYPE, CKK_RSA},
-          {CKA_LABEL, "imported"},
-          {CKA_ID, "number 7"},
-          {CKA_SIGN, true},
-          {CKA_DECRYPT, true},
-          {CKA_MODULUS, numbers[1]},
-          {CKA_PUBLIC_EXPONENT, numbers[2]},
-          {CKA_PRIVATE_EXPONENT, numbers[3]},
-          {CKA_PRIME_1, numbers[4]},
-          {CKA_PRIME_2, numbers[5]},
-          {CKA_EXPONENT_1, numbers[6]},
-          {CKA_EXPONENT_2, numbers[7]},
-          {CKA_COEFFICIENT, numbers[8]}};
+  Template key{{CKA_CLASS, CKO_PRIVATE_KEY}, {CKA_KEY_TYPE, CKK_RSA}, {CKA_LABEL, "imported"}, {CKA_ID, "number 7"}};
+  constexpr CK_ATTRIBUTE_TYPE types[] = {CKA_MODULUS, CKA_PUBLIC_EXPONENT, CKA_PRIVATE_EXPONENT, CKA_PRIME_1,
+                                         CKA_PRIME_2, CKA_EXPONENT_1,      CKA_EXPONENT_2,       CKA_COEFFICIENT};
+  for (std::size_t i = 0; i < std::size(types); ++i) key = key.with({{types[i], numbers.at(i + 1)}});
+  return key.with({{CKA_SIGN, true}, {CKA_DECRYPT, true}});
 }
 
 Template certificate() {
@@ -50,39 +40,32 @@ Template certificate() {
 
 TEST_F(KeysTest, SearchesMatchEveryAttributeExactly) {
   Session& s = *owner_;
-  const std::string modulus = s.value(rsa_, CKA_MODULUS), number = "\3";
-  const struct {
-    Template wanted;
-    Handles found;
-  } rows[] = {
-      {{}, {rsa_, rsaPublic_, ec_, ecPublic_}},
-      {{{CKA_CLASS, CKO_PRIVATE_KEY}}, {rsa_, ec_}},
-      {{{CKA_CLASS, CKO_PUBLIC_KEY}, {CKA_KEY_TYPE, CKK_EC}}, {ecPublic_}},
-      {{{CKA_KEY_TYPE, CKK_RSA}}, {rsa_, rsaPublic_}},
-      {{{CKA_LABEL, "rsa"}}, {rsa_, rsaPublic_}},
-      {{{CKA_LABEL, "rs"}}, {}},
-      {{{CKA_LABEL, std::string("rsa\0", 4)}}, {}},
-      {{{CKA_LABEL, ""}}, {}},
-      {{{CKA_ID, "ec"}, {CKA_LABEL, "ec"}, {CKA_TOKEN, true}}, {ec_, ecPublic_}},
-      {{{CKA_ID, "ec"}, {CKA_LABEL, "rsa"}}, {}},
-      {{{CKA_SIGN, true}}, {rsa_, ec_}},
-      {{{CKA_DECRYPT, true}, {CKA_CLASS, CKO_PRIVATE_KEY}}, {rsa_}},
-      {{{CKA_PRIVATE, true}}, {rsa_, ec_}},
-      {{{CKA_TOKEN, false}}, {}},
-      {{{CKA_MODULUS, modulus}}, {rsa_, rsaPublic_}},
-      {{{CKA_MODULUS, modulus.substr(1)}}, {}},
-      {{{CKA_MODULUS_BITS, 2048}}, {rsaPublic_}},
-      {{{CKA_EC_PARAMS, p256}, {CKA_CLASS, CKO_PUBLIC_KEY}}, {ecPublic_}},
-      {{{CKA_CLASS, number}}, {}},
-      {{{CKA_CLASS, CKO_SECRET_KEY}}, {}},
-      {{{CKA_VENDOR_DEFINED | 1, true}}, {}},
-  };
-  for (const auto& row : rows) {
-    Handles found = s.find(row.wanted), expected = row.found;
-    std::sort(found.begin(), found.end());
+  const std::string modulus = s.value(rsa_, CKA_MODULUS);
+  const auto expect = [&](Handles expected, std::initializer_list<Template> templates) {
     std::sort(expected.begin(), expected.end());
-    EXPECT_EQ(found, expected) << "row " << &row - rows;
-  }
+    for (const Template& wanted : templates) {
+      Handles found = s.find(wanted);
+      std::sort(found.begin(), found.end());
+      EXPECT_EQ(found, expected) << "row " << &wanted - templates.begin();
+    }
+  };
+  expect({rsa_, rsaPublic_, ec_, ecPublic_}, {{}, {{CKA_TOKEN, true}}});
+  expect({rsa_, ec_}, {{{CKA_CLASS, CKO_PRIVATE_KEY}}, {{CKA_SIGN, true}}, {{CKA_PRIVATE, true}}});
+  expect({rsa_, rsaPublic_}, {{{CKA_KEY_TYPE, CKK_RSA}}, {{CKA_LABEL, "rsa"}}, {{CKA_MODULUS, modulus}}});
+  expect({ec_, ecPublic_}, {{{CKA_ID, "ec"}, {CKA_LABEL, "ec"}, {CKA_TOKEN, true}}});
+  expect({rsa_}, {{{CKA_DECRYPT, true}, {CKA_CLASS, CKO_PRIVATE_KEY}}});
+  expect({rsaPublic_}, {{{CKA_MODULUS_BITS, 2048}}});
+  expect({ecPublic_},
+         {{{CKA_CLASS, CKO_PUBLIC_KEY}, {CKA_KEY_TYPE, CKK_EC}}, {{CKA_EC_PARAMS, p256}, {CKA_CLASS, CKO_PUBLIC_KEY}}});
+  expect({}, {{{CKA_LABEL, "rs"}},
+              {{CKA_LABEL, std::string("rsa\0", 4)}},
+              {{CKA_LABEL, ""}},
+              {{CKA_TOKEN, false}},
+              {{CKA_MODULUS, modulus.substr(1)}},
+              {{CKA_CLASS, "\3"}},
+              {{CKA_CLASS, CKO_SECRET_KEY}},
+              {{CKA_VENDOR_DEFINED | 1, true}},
+              {{CKA_ID, "ec"}, {CKA_LABEL, "rsa"}}});
 }
 
 TEST_F(KeysTest, SearchesAreSnapshots) {
@@ -113,66 +96,34 @@ TEST_F(KeysTest, SearchesAreSnapshots) {
 
 TEST_F(KeysTest, Attributes) {
   Session& s = *owner_;
-  const auto number = [](CK_ULONG value) { return Attribute(CKA_CLASS, value).value; };
-  const std::string yes("\1"), no("\0", 1);
-  const Expected absent = CKR_ATTRIBUTE_TYPE_INVALID, secret = CKR_ATTRIBUTE_SENSITIVE;
-  const struct {
-    CK_OBJECT_HANDLE object;
-    CK_ATTRIBUTE_TYPE type;
-    Expected code;
-    std::string value;
-  } rows[] = {
-      {rsa_, CKA_CLASS, CKR_OK, number(CKO_PRIVATE_KEY)},
-      {rsa_, CKA_KEY_TYPE, CKR_OK, number(CKK_RSA)},
-      {rsa_, CKA_TOKEN, CKR_OK, yes},
-      {rsa_, CKA_PRIVATE, CKR_OK, yes},
-      {rsa_, CKA_LABEL, CKR_OK, "rsa"},
-      {rsa_, CKA_ID, CKR_OK, "rsa"},
-      {rsa_, CKA_SIGN, CKR_OK, yes},
-      {rsa_, CKA_DECRYPT, CKR_OK, yes},
-      {rsa_, CKA_DERIVE, CKR_OK, no},
-      {rsa_, CKA_SENSITIVE, CKR_OK, yes},
-      {rsa_, CKA_EXTRACTABLE, CKR_OK, no},
-      {rsa_, CKA_ALWAYS_AUTHENTICATE, CKR_OK, no},
-      {rsa_, CKA_PUBLIC_EXPONENT, CKR_OK, exponent},
-      {rsa_, CKA_PRIVATE_EXPONENT, secret, ""},
-      {rsa_, CKA_PRIME_1, secret, ""},
-      {rsa_, CKA_COEFFICIENT, secret, ""},
-      {rsa_, CKA_MODULUS_BITS, absent, ""},
-      {rsa_, CKA_VALUE, absent, ""},
-      {rsa_, CKA_EC_POINT, absent, ""},
-      {rsa_, CKA_VERIFY, absent, ""},
-      {rsaPublic_, CKA_PRIVATE, CKR_OK, no},
-      {rsaPublic_, CKA_MODULUS_BITS, CKR_OK, number(2048)},
-      {rsaPublic_, CKA_MODULUS, CKR_OK, s.value(rsa_, CKA_MODULUS)},
-      {rsaPublic_, CKA_VERIFY, CKR_OK, yes},
-      {rsaPublic_, CKA_ENCRYPT, CKR_OK, yes},
-      {rsaPublic_, CKA_TRUSTED, CKR_OK, no},
-      {rsaPublic_, CKA_PRIVATE_EXPONENT, absent, ""},
-      {rsaPublic_, CKA_SENSITIVE, absent, ""},
-      {ec_, CKA_KEY_TYPE, CKR_OK, number(CKK_EC)},
-      {ec_, CKA_EC_PARAMS, CKR_OK, p256},
-      {ec_, CKA_DERIVE, CKR_OK, yes},
-      {ec_, CKA_VALUE, secret, ""},
-      {ec_, CKA_EC_POINT, absent, ""},
-      {ec_, CKA_MODULUS, absent, ""},
-      {ecPublic_, CKA_EC_PARAMS, CKR_OK, p256},
-      {ecPublic_, CKA_VERIFY, CKR_OK, yes},
-      {ecPublic_, CKA_VALUE, absent, ""},
-      {ecPublic_, CKA_VENDOR_DEFINED | 1, absent, ""},
-      {0, CKA_CLASS, noSuchObject, ""},
-      {12345678, CKA_CLASS, noSuchObject, ""},
+  const auto expect = [&](CK_OBJECT_HANDLE object, const Template& attributes) {
+    for (const Attribute& one : attributes.values()) {
+      const std::string name = std::to_string(one.type);
+      if (is(s.get(object, one.type), CKR_OK, name)) {
+        EXPECT_EQ(s.out, one.value) << name;
+      }
+    }
   };
-  for (const auto& row : rows) {
-    const std::string name = "row " + std::to_string(&row - rows);
-    const CK_RV code = s.get(row.object, row.type);
-    if (is(code, row.code, name) && code == CKR_OK) {
-      EXPECT_EQ(s.out, row.value) << name;
-    }
-    if (row.object == rsa_ && code != CKR_OK) {
-      EXPECT_EQ(s.length, CK_UNAVAILABLE_INFORMATION) << name;
-    }
-  }
+  const auto none = [&](CK_RV code, CK_OBJECT_HANDLE object, std::initializer_list<CK_ATTRIBUTE_TYPE> types) {
+    each(code, types, [&](CK_ATTRIBUTE_TYPE type) { return s.get(object, type); });
+    EXPECT_EQ(s.length, CK_UNAVAILABLE_INFORMATION);
+  };
+  const Template both{{CKA_TOKEN, true}, {CKA_PRIVATE, true}, {CKA_CLASS, CKO_PRIVATE_KEY}, {CKA_SIGN, true}};
+  expect(rsa_, both.with({{CKA_LABEL, "rsa"}, {CKA_ID, "rsa"}, {CKA_KEY_TYPE, CKK_RSA}, {CKA_DECRYPT, true}}));
+  expect(rsa_,
+         {{CKA_SENSITIVE, true}, {CKA_EXTRACTABLE, false}, {CKA_DERIVE, false}, {CKA_ALWAYS_AUTHENTICATE, false}});
+  expect(rsaPublic_, {{CKA_PRIVATE, false}, {CKA_MODULUS_BITS, 2048}, {CKA_MODULUS, s.value(rsa_, CKA_MODULUS)}});
+  expect(rsaPublic_, {{CKA_VERIFY, true}, {CKA_ENCRYPT, true}, {CKA_TRUSTED, false}, {CKA_PUBLIC_EXPONENT, exponent}});
+  expect(ec_, both.with({{CKA_KEY_TYPE, CKK_EC}, {CKA_EC_PARAMS, p256}, {CKA_DERIVE, true}}));
+  expect(ecPublic_, {{CKA_EC_PARAMS, p256}, {CKA_VERIFY, true}});
+  none(CKR_ATTRIBUTE_SENSITIVE, rsa_, {CKA_PRIVATE_EXPONENT, CKA_PRIME_1, CKA_COEFFICIENT});
+  none(CKR_ATTRIBUTE_SENSITIVE, ec_, {CKA_VALUE});
+  none(CKR_ATTRIBUTE_TYPE_INVALID, rsa_, {CKA_MODULUS_BITS, CKA_VALUE, CKA_EC_POINT, CKA_VERIFY});
+  none(CKR_ATTRIBUTE_TYPE_INVALID, rsaPublic_, {CKA_PRIVATE_EXPONENT, CKA_SENSITIVE, CKA_SIGN});
+  none(CKR_ATTRIBUTE_TYPE_INVALID, ec_, {CKA_EC_POINT, CKA_MODULUS, CKA_PUBLIC_EXPONENT});
+  none(CKR_ATTRIBUTE_TYPE_INVALID, ecPublic_, {CKA_VALUE, CKA_VENDOR_DEFINED | 1});
+  each(noSuchObject, {0, 12345678},
+       [&](int object) { return s.get(static_cast<CK_OBJECT_HANDLE>(object), CKA_CLASS); });
   EXPECT_EQ(s.value(rsa_, CKA_MODULUS).size(), 256U);
   EXPECT_EQ(s.value(ecPublic_, CKA_EC_POINT).substr(0, 3), "\x04\x41\x04");
 
@@ -200,30 +151,16 @@ TEST_F(KeysTest, Attributes) {
 TEST_F(KeysTest, ChangingAttributes) {
   Session& s = *owner_;
   const Session reader(0);
-  const struct {
-    const Session& session;
-    CK_OBJECT_HANDLE object;
-    Template changed;
-    Expected code;
-  } rows[] = {
-      {reader, rsa_, {{CKA_LABEL, "new"}}, CKR_SESSION_READ_ONLY},
-      {s, 12345678, {{CKA_LABEL, "new"}}, noSuchObject},
-      {s, rsa_, {{CKA_CLASS, CKO_PUBLIC_KEY}}, CKR_ATTRIBUTE_READ_ONLY},
-      {s, rsa_, {{CKA_KEY_TYPE, CKK_EC}}, CKR_ATTRIBUTE_READ_ONLY},
-      {s, rsa_, {{CKA_TOKEN, false}}, CKR_ATTRIBUTE_READ_ONLY},
-      {s, rsa_, {{CKA_MODULUS, "modulus"}}, CKR_ATTRIBUTE_READ_ONLY},
-      {s, rsa_, {{CKA_SENSITIVE, false}}, CKR_ATTRIBUTE_READ_ONLY},
-      {s, rsa_, {{CKA_EXTRACTABLE, true}}, CKR_ATTRIBUTE_READ_ONLY},
-      {s, rsa_, {{CKA_LOCAL, true}}, CKR_ATTRIBUTE_READ_ONLY},
-      {s, rsa_, {{CKA_VENDOR_DEFINED | 1, true}}, CKR_ATTRIBUTE_TYPE_INVALID},
-      {s, rsa_, {{CKA_LABEL, "new"}, {CKA_MODULUS, "modulus"}}, CKR_ATTRIBUTE_READ_ONLY},
-  };
-  for (const auto& row : rows) {
-    is(row.session.set(row.object, row.changed), row.code, std::to_string(&row - rows));
-    if (!isSoftHsm()) {
-      EXPECT_EQ(s.value(rsa_, CKA_LABEL), "rsa") << "nothing changed in row " << &row - rows;
-    }
+  is(reader.set(rsa_, {{CKA_LABEL, "new"}}), CKR_SESSION_READ_ONLY);
+  is(s.set(12345678, {{CKA_LABEL, "new"}}), noSuchObject);
+  is(s.set(rsa_, {{CKA_VENDOR_DEFINED | 1, true}}), CKR_ATTRIBUTE_TYPE_INVALID);
+  const Template fixed{{CKA_CLASS, CKO_PUBLIC_KEY}, {CKA_KEY_TYPE, CKK_EC},  {CKA_TOKEN, false}, {CKA_MODULUS, "m"},
+                       {CKA_SENSITIVE, false},      {CKA_EXTRACTABLE, true}, {CKA_LOCAL, true}};
+  for (const Attribute& one : fixed.values()) {
+    is(s.set(rsa_, {{CKA_LABEL, "rsa"}, one}), CKR_ATTRIBUTE_READ_ONLY, std::to_string(one.type));
   }
+  is(s.set(rsa_, {{CKA_LABEL, "new"}, {CKA_MODULUS, "modulus"}}), CKR_ATTRIBUTE_READ_ONLY);
+  EXPECT_EQ(s.value(rsa_, CKA_LABEL), "rsa") << "a refusal changes nothing";
   is(s.set(rsa_, {{CKA_LABEL, "another"}}), CKR_OK);
   EXPECT_EQ(s.value(rsa_, CKA_LABEL), "another");
   EXPECT_EQ(s.value(rsa_, CKA_ID), "rsa") << "the ID stays";
@@ -240,48 +177,36 @@ TEST_F(KeysTest, CreatingObjects) {
   const std::string modulus = owner_->value(rsa_, CKA_MODULUS), point = owner_->value(ecPublic_, CKA_EC_POINT);
   const Template publicKey{{CKA_CLASS, CKO_PUBLIC_KEY}, {CKA_KEY_TYPE, CKK_RSA},         {CKA_TOKEN, false},
                            {CKA_MODULUS, modulus},      {CKA_PUBLIC_EXPONENT, exponent}, {CKA_LABEL, "data"}};
-  const Template ecKey{{CKA_CLASS, CKO_PUBLIC_KEY},
-                       {CKA_KEY_TYPE, CKK_EC},
-                       {CKA_TOKEN, false},
-                       {CKA_EC_PARAMS, p256},
-                       {CKA_EC_POINT, point}};
-  const Expected unable{CKR_ATTRIBUTE_VALUE_INVALID, CKR_TEMPLATE_INCONSISTENT, CKR_FUNCTION_NOT_SUPPORTED};
-  const Expected misfit{CKR_TEMPLATE_INCONSISTENT, CKR_ATTRIBUTE_TYPE_INVALID};
-  const struct {
-    Template object;
-    Expected code;
-  } rows[] = {
-      {{}, CKR_TEMPLATE_INCOMPLETE},
-      {publicKey, CKR_OK},
-      {ecKey, CKR_OK},
-      {certificate().with({{CKA_TOKEN, false}}), CKR_OK},
-      {publicKey.without(CKA_CLASS), CKR_TEMPLATE_INCOMPLETE},
-      {publicKey.without(CKA_KEY_TYPE), CKR_TEMPLATE_INCOMPLETE},
-      {publicKey.without(CKA_MODULUS), CKR_TEMPLATE_INCOMPLETE},
-      {publicKey.without(CKA_PUBLIC_EXPONENT), CKR_TEMPLATE_INCOMPLETE},
-      {ecKey.without(CKA_EC_POINT), CKR_TEMPLATE_INCOMPLETE},
-      {ecKey.without(CKA_EC_PARAMS), CKR_TEMPLATE_INCOMPLETE},
-      {certificate().without(CKA_VALUE), CKR_TEMPLATE_INCOMPLETE},
-      {certificate().without(CKA_SUBJECT), CKR_TEMPLATE_INCOMPLETE},
-      {certificate().without(CKA_CERTIFICATE_TYPE), CKR_TEMPLATE_INCOMPLETE},
-      {importedKey().without(CKA_MODULUS), CKR_TEMPLATE_INCOMPLETE},
-      {importedKey().without(CKA_PRIVATE_EXPONENT), CKR_TEMPLATE_INCOMPLETE},
-      {publicKey.with({{CKA_CLASS, 99}}), {CKR_ATTRIBUTE_VALUE_INVALID, CKR_TEMPLATE_INCONSISTENT}},
-      {publicKey.with({{CKA_CLASS, "x"}}), differs(CKR_ATTRIBUTE_VALUE_INVALID, CKR_TEMPLATE_INCOMPLETE, unlooked)},
-      {publicKey.with({{CKA_KEY_TYPE, 99}}), {CKR_ATTRIBUTE_VALUE_INVALID, CKR_TEMPLATE_INCONSISTENT}},
-      {publicKey.with({{CKA_TOKEN, 1}}), CKR_ATTRIBUTE_VALUE_INVALID},
-      {publicKey.with({{CKA_LOCAL, true}}), {CKR_ATTRIBUTE_READ_ONLY, CKR_TEMPLATE_INCONSISTENT}},
-      {publicKey.with({{CKA_EC_POINT, point}}), misfit},
-      {publicKey.with({{CKA_VENDOR_DEFINED | 1, true}}), misfit},
-      {{{CKA_CLASS, CKO_DATA}, {CKA_TOKEN, false}, {CKA_VALUE, "text"}}, cannot(unable, CKR_OK, noData)},
-      {{{CKA_CLASS, CKO_SECRET_KEY}, {CKA_KEY_TYPE, CKK_GENERIC_SECRET}, {CKA_TOKEN, false}, {CKA_VALUE, "text"}},
-       cannot({CKR_OK, CKR_ATTRIBUTE_VALUE_INVALID, CKR_TEMPLATE_INCONSISTENT}, CKR_OK, noData)},
-  };
-  for (const auto& row : rows) {
+  const Template ecKey = publicKey.without(CKA_MODULUS)
+                             .without(CKA_PUBLIC_EXPONENT)
+                             .with({{CKA_KEY_TYPE, CKK_EC}, {CKA_EC_PARAMS, p256}, {CKA_EC_POINT, point}});
+  const Template imported = importedKey().with({{CKA_TOKEN, false}});
+  const Template secret{
+      {CKA_CLASS, CKO_SECRET_KEY}, {CKA_KEY_TYPE, CKK_GENERIC_SECRET}, {CKA_TOKEN, false}, {CKA_VALUE, "v"}};
+  const auto create = [](const Template& object) {
     Session s;
-    is(s.create(row.object), row.code, std::to_string(&row - rows));
+    const CK_RV code = s.create(object);
     is(f->C_CloseSession(s), CKR_OK);
-  }
+    return code;
+  };
+  each(CKR_OK, {publicKey, ecKey, certificate().with({{CKA_TOKEN, false}})}, create);
+  each(CKR_TEMPLATE_INCOMPLETE,
+       {Template{}, publicKey.without(CKA_CLASS), publicKey.without(CKA_KEY_TYPE), publicKey.without(CKA_MODULUS),
+        publicKey.without(CKA_PUBLIC_EXPONENT), ecKey.without(CKA_EC_POINT), ecKey.without(CKA_EC_PARAMS),
+        certificate().without(CKA_VALUE), certificate().without(CKA_SUBJECT),
+        certificate().without(CKA_CERTIFICATE_TYPE), imported.without(CKA_MODULUS),
+        imported.without(CKA_PRIVATE_EXPONENT)},
+       create);
+  each({CKR_ATTRIBUTE_VALUE_INVALID, CKR_TEMPLATE_INCONSISTENT},
+       {publicKey.with({{CKA_CLASS, 99}}), publicKey.with({{CKA_KEY_TYPE, 99}}), publicKey.with({{CKA_TOKEN, 1}})},
+       create);
+  is(create(publicKey.with({{CKA_CLASS, "x"}})),
+     differs(CKR_ATTRIBUTE_VALUE_INVALID, CKR_TEMPLATE_INCOMPLETE, unlooked));
+  is(create(publicKey.with({{CKA_LOCAL, true}})), {CKR_ATTRIBUTE_READ_ONLY, CKR_TEMPLATE_INCONSISTENT});
+  each({CKR_TEMPLATE_INCONSISTENT, CKR_ATTRIBUTE_TYPE_INVALID},
+       {publicKey.with({{CKA_EC_POINT, point}}), publicKey.with({{CKA_VENDOR_DEFINED | 1, true}})}, create);
+  each(cannot({CKR_ATTRIBUTE_VALUE_INVALID, CKR_TEMPLATE_INCONSISTENT, CKR_FUNCTION_NOT_SUPPORTED}, CKR_OK, noData),
+       {Template{{CKA_CLASS, CKO_DATA}, {CKA_TOKEN, false}, {CKA_VALUE, "text"}}, secret}, create);
   Session reader(0);
   is(reader.create(publicKey), CKR_OK, "session objects are a reader's too");
   is(reader.create(certificate().with({{CKA_TOKEN, true}})), CKR_SESSION_READ_ONLY);
@@ -331,33 +256,29 @@ TEST_F(KeysTest, GeneratingKeys) {
   const Expected badCurve = differs({CKR_ATTRIBUTE_VALUE_INVALID, CKR_DOMAIN_PARAMS_INVALID, curveNotSupported},
                                     CKR_GENERAL_ERROR, byOpenSsl);
   const Expected badSize{CKR_ATTRIBUTE_VALUE_INVALID, CKR_KEY_SIZE_RANGE};
-  const struct {
-    CK_MECHANISM_TYPE mechanism;
-    Template publicKey, privateKey;
-    Expected code;
-  } rows[] = {
-      {CKM_RSA_PKCS_KEY_PAIR_GEN, none, none, CKR_TEMPLATE_INCOMPLETE},
-      {CKM_EC_KEY_PAIR_GEN, none, none, CKR_TEMPLATE_INCOMPLETE},
-      {CKM_RSA_PKCS, bits, none, CKR_MECHANISM_INVALID},
-      {CKM_VENDOR_DEFINED | 1, bits, none, CKR_MECHANISM_INVALID},
-      {CKM_RSA_PKCS_KEY_PAIR_GEN, {{CKA_MODULUS_BITS, 1001}}, none, cannot(badSize, CKR_OK, "any size will do there")},
-      {CKM_RSA_PKCS_KEY_PAIR_GEN, {{CKA_MODULUS_BITS, 100000}}, none, differs(badSize, CKR_GENERAL_ERROR, byOpenSsl)},
-      {CKM_RSA_PKCS_KEY_PAIR_GEN, {{CKA_MODULUS_BITS, "x"}}, none, CKR_ATTRIBUTE_VALUE_INVALID},
-      {CKM_RSA_PKCS_KEY_PAIR_GEN, bits.with({{CKA_PUBLIC_EXPONENT, "\2"}}), none,
-       differs(CKR_ATTRIBUTE_VALUE_INVALID, CKR_GENERAL_ERROR, byOpenSsl)},
-      {CKM_RSA_PKCS_KEY_PAIR_GEN, bits.with({{CKA_KEY_TYPE, CKK_EC}}), none, badValue},
-      {CKM_RSA_PKCS_KEY_PAIR_GEN, bits, {{CKA_KEY_TYPE, CKK_EC}}, badValue},
-      {CKM_RSA_PKCS_KEY_PAIR_GEN, bits.with({{CKA_CLASS, CKO_PRIVATE_KEY}}), none, badValue},
-      {CKM_RSA_PKCS_KEY_PAIR_GEN, bits, {{CKA_CLASS, CKO_PUBLIC_KEY}}, badValue},
-      {CKM_EC_KEY_PAIR_GEN, {{CKA_EC_PARAMS, "x"}}, none, badCurve},
-      {CKM_EC_KEY_PAIR_GEN, {{CKA_EC_PARAMS, std::string("\x06\x05\x2B\x81\x04\x00\x7F", 7)}}, none, badCurve},
-      {CKM_EC_KEY_PAIR_GEN, curve, {{CKA_SIGN, "yes"}}, CKR_ATTRIBUTE_VALUE_INVALID},
-  };
-  for (const auto& row : rows) {
+  const auto refused = [](CK_MECHANISM_TYPE type, const Expected& code, const Template& publicPart,
+                          const Template& privatePart, int line = __builtin_LINE()) {
     Session s;
-    is(s.generate(row.mechanism, row.publicKey, row.privateKey), row.code, std::to_string(&row - rows));
+    is(s.generate(type, publicPart, privatePart), code, "", line);
     is(f->C_CloseSession(s), CKR_OK);
-  }
+  };
+  const CK_MECHANISM_TYPE rsaPair = CKM_RSA_PKCS_KEY_PAIR_GEN, ecPair = CKM_EC_KEY_PAIR_GEN;
+  refused(rsaPair, CKR_TEMPLATE_INCOMPLETE, none, none);
+  refused(ecPair, CKR_TEMPLATE_INCOMPLETE, none, none);
+  refused(CKM_RSA_PKCS, CKR_MECHANISM_INVALID, bits, none);
+  refused(CKM_VENDOR_DEFINED | 1, CKR_MECHANISM_INVALID, bits, none);
+  refused(rsaPair, cannot(badSize, CKR_OK, "any size will do there"), {{CKA_MODULUS_BITS, 1001}}, none);
+  refused(rsaPair, differs(badSize, CKR_GENERAL_ERROR, byOpenSsl), {{CKA_MODULUS_BITS, 100000}}, none);
+  refused(rsaPair, CKR_ATTRIBUTE_VALUE_INVALID, {{CKA_MODULUS_BITS, "x"}}, none);
+  refused(rsaPair, differs(CKR_ATTRIBUTE_VALUE_INVALID, CKR_GENERAL_ERROR, byOpenSsl),
+          bits.with({{CKA_PUBLIC_EXPONENT, "\2"}}), none);
+  refused(rsaPair, badValue, bits.with({{CKA_KEY_TYPE, CKK_EC}}), none);
+  refused(rsaPair, badValue, bits, {{CKA_KEY_TYPE, CKK_EC}});
+  refused(rsaPair, badValue, bits.with({{CKA_CLASS, CKO_PRIVATE_KEY}}), none);
+  refused(rsaPair, badValue, bits, {{CKA_CLASS, CKO_PUBLIC_KEY}});
+  refused(ecPair, badCurve, {{CKA_EC_PARAMS, "x"}}, none);
+  refused(ecPair, badCurve, {{CKA_EC_PARAMS, std::string("\x06\x05\x2B\x81\x04\x00\x7F", 7)}}, none);
+  refused(ecPair, CKR_ATTRIBUTE_VALUE_INVALID, curve, {{CKA_SIGN, "yes"}});
   EXPECT_EQ(owner_->find({}).size(), 4U) << "refused templates leave no keys";
 
   Session reader(0);
