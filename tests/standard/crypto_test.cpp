@@ -392,7 +392,7 @@ TEST_F(KeysTest, KeyAgreement) {
   const auto sized = [&](CK_ULONG length) { return readable.with({{CKA_VALUE_LEN, length}}); };
   const Expected tooLong{CKR_KEY_SIZE_RANGE, CKR_ATTRIBUTE_VALUE_INVALID, CKR_TEMPLATE_INCONSISTENT};
   const Mechanism plain = ecdh(CKD_NULL, peer, none);
-  derives(plain, sized(16), CKR_OK, isSoftHsm() ? z.substr(16) : z.substr(0, 16));  // it keeps the last bytes
+  derives(plain, sized(16), CKR_OK, z.substr(16));  // the leading bytes are cut off
   derives(plain, readable, CKR_OK, z);
   derives(ecdh(CKD_NULL, octets, none), readable, CKR_OK, z);
   derives(plain, sized(32).with({{CKA_KEY_TYPE, CKK_AES}}), CKR_OK, z);
