@@ -155,7 +155,7 @@ TEST_F(KeysTest, ChangingAttributes) {
   is(s.set(12345678, {{CKA_LABEL, "new"}}), noSuchObject);
   is(s.set(rsa_, {{CKA_VENDOR_DEFINED | 1, true}}), CKR_ATTRIBUTE_TYPE_INVALID);
   const Template fixed{{CKA_CLASS, CKO_PUBLIC_KEY}, {CKA_KEY_TYPE, CKK_EC},  {CKA_TOKEN, false}, {CKA_MODULUS, "m"},
-                       {CKA_SENSITIVE, false},      {CKA_EXTRACTABLE, true}, {CKA_LOCAL, true}};
+                       {CKA_SENSITIVE, false},      {CKA_EXTRACTABLE, true}, {CKA_LOCAL, false}};
   for (const Attribute& one : fixed.values()) {
     is(s.set(rsa_, {{CKA_LABEL, "rsa"}, one}), CKR_ATTRIBUTE_READ_ONLY, std::to_string(one.type));
   }
