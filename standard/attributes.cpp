@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 
 #include "standard/refusal.h"
 
@@ -156,8 +157,13 @@ void Template::mustNotContradict(CK_ATTRIBUTE_TYPE type, CK_ULONG value) const {
 }
 
 void Template::mustBeOf(std::span<const CK_ATTRIBUTE_TYPE> known) const {
+  constexpr CK_ATTRIBUTE_TYPE histories[] = {CKA_LOCAL, CKA_ALWAYS_SENSITIVE, CKA_NEVER_EXTRACTABLE,
+                                             CKA_KEY_GEN_MECHANISM};
   for (const CK_ATTRIBUTE& entry : entries_) {
     const CK_ATTRIBUTE_TYPE type = entry.type;
+    if (std::ranges::find(histories, type) != std::end(histories)) {
+      throw Refusal(CKR_ATTRIBUTE_READ_ONLY, "only the token sets attribute type=", type);
+    }
     if (std::ranges::find(known, type) == known.end()) {
       throw Refusal(CKR_ATTRIBUTE_TYPE_INVALID, "the object cannot have attribute type=", type);
     }

@@ -58,7 +58,8 @@ class Template {
   void mustNotContradict(CK_ATTRIBUTE_TYPE type, bool value) const;
   void mustNotContradict(CK_ATTRIBUTE_TYPE type, CK_ULONG value) const;
 
-  // Refuses with CKR_ATTRIBUTE_TYPE_INVALID what is not among the given types.
+  // Refuses with CKR_ATTRIBUTE_TYPE_INVALID what is not among the given types, and with CKR_ATTRIBUTE_READ_ONLY what
+  // tells how a key came to be.
   void mustBeOf(std::span<const CK_ATTRIBUTE_TYPE> known) const;
 
  private:

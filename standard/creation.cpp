@@ -185,6 +185,10 @@ std::shared_ptr<Object> createPublicKey(ModuleLock& module, const Session& sessi
   const bool isRsa = keyType == CKK_RSA;
   given.required(isRsa ? CKA_MODULUS : CKA_EC_PARAMS);
   given.required(isRsa ? CKA_PUBLIC_EXPONENT : CKA_EC_POINT);
+  for (const CK_ATTRIBUTE_TYPE foreign :
+       {isRsa ? CKA_EC_PARAMS : CKA_MODULUS, isRsa ? CKA_EC_POINT : CKA_PUBLIC_EXPONENT}) {
+    if (given.bytes(foreign)) throw Refusal(CKR_TEMPLATE_INCONSISTENT, "not of this key type: type=", foreign);
+  }
   constexpr CK_ATTRIBUTE_TYPE falseFlags[] = {CKA_TOKEN,  CKA_TRUSTED,        CKA_ENCRYPT, CKA_WRAP,
                                               CKA_VERIFY, CKA_VERIFY_RECOVER, CKA_DERIVE,  CKA_LOCAL};
   Attributes made = attributesOf(given, falseFlags);
