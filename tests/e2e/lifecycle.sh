@@ -16,7 +16,6 @@ ways='return exit _exit unload'
 [[ $E2E_SYSTEM == Windows || $E2E_SANITIZERS == *thread* ]] || ways+=' fork'
 
 for tested in "$library" "$standardLibrary"; do
-  [[ -f $tested ]] || continue
   name=$(basename "$tested")
   for state in loaded initialised loggedIn signing waiting; do
     for way in $ways; do

@@ -20,9 +20,14 @@ else
   allowed=libTavrinDSCLibrary.so
 fi
 
-printf '%s\n' $extra | cat functions - | LC_ALL=C sort >expected
-exports "$library" | LC_ALL=C sort >found
-diff -u expected found || fail "the module's exports differ from include/pkcs11f.h"
+# expectExports LIBRARY [EXTRA...]
+expectExports() {
+  printf '%s\n' "${@:2}" | cat functions - | sed '/^$/d' | LC_ALL=C sort >expected
+  exports "$1" | LC_ALL=C sort >found
+  diff -u expected found || fail "the exports of $(basename "$1") differ from include/pkcs11f.h"
+}
+expectExports "$library" $extra
+expectExports "$standardLibrary"
 
 # foreign LIBRARY [ALLOWED...]: what it imports besides the system's own libraries.
 foreign() {
@@ -31,9 +36,10 @@ foreign() {
 }
 [[ -n $(imports "$library") ]] || fail "no imports found"
 [[ -z $(foreign "$library" $allowed) ]] || fail "the module needs $(foreign "$library" $allowed)"
+[[ -z $(foreign "$standardLibrary") ]] || fail "the standard module needs $(foreign "$standardLibrary")"
 if [[ $E2E_SYSTEM == Windows ]]; then
   [[ -z $(foreign "$deviceLibrary") ]] || fail "the software token needs $(foreign "$deviceLibrary")"
-  for file in "$library" "$deviceLibrary" "$E2E_BIN"/{tavrin-tool,sign_file}.exe; do
+  for file in "$library" "$standardLibrary" "$deviceLibrary" "$E2E_BIN"/{tavrin-tool,sign_file}.exe; do
     texts=$(strings -n 3 -el "$file" | tr '\n' ' ')
     product='Tavrin PKCS11 Library'
     [[ $file != "$deviceLibrary" ]] || product='Tavrin Software Token' # by which the installer knows it

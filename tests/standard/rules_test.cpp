@@ -22,7 +22,7 @@ TEST(General, InitializeChecksItsArgument) {
               {{create, use, use, use, CKF_OS_LOCKING_OK, nullptr}, CKR_OK},
               {{create, use, use, use, 0, nullptr}, {CKR_OK, CKR_CANT_LOCK}},
               {{nullptr, nullptr, nullptr, nullptr, CKF_LIBRARY_CANT_CREATE_OS_THREADS, nullptr},
-               differs(CKR_NEED_TO_CREATE_THREADS, CKR_OK, "it has no thread of its own")},
+               {CKR_OK, CKR_NEED_TO_CREATE_THREADS}},
               {{create, nullptr, nullptr, nullptr, CKF_OS_LOCKING_OK, nullptr}, CKR_ARGUMENTS_BAD},
               {{nullptr, use, use, use, 0, nullptr}, CKR_ARGUMENTS_BAD},
               {{create, use, use, nullptr, 0, nullptr}, CKR_ARGUMENTS_BAD},
