@@ -32,7 +32,7 @@ CK_RV C_DigestInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism) {
   return sessionCall("C_DigestInit", hSession, [&](const Call& call, Session& session) -> CK_RV {
     const CK_STATE state = session.state;
     if (state == CKS_RO_PUBLIC_SESSION) return refuseState(call, state);
-    // A digest that is under way begins anew.
+    // A digest in progress starts again.
     if (session.activeOperation != Operation::none && session.activeOperation != Operation::digest) {
       return refuseActive(call, session);
     }
@@ -57,7 +57,7 @@ CK_RV C_Digest(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen
     }
     if (!pulDigestLen) return call.refuse(CKR_ARGUMENTS_BAD, "pulDigestLen is NULL");
 
-    // A digest that a query has finished is handed out without looking at the data again.
+    // A digest that a query has finished is returned without hashing the data again.
     if (session.parts.data.empty()) {
       const int status = updateHash(session.parts.hashContext, {pData, static_cast<std::size_t>(ulDataLen)});
       if (status != 0) return call.refuseBare(CKR_FUNCTION_FAILED, "Update hash data in diget failed : ", status);

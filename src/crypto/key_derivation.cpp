@@ -15,8 +15,8 @@ namespace {
 
 constexpr CK_OBJECT_HANDLE largestRecordNumber = 0xFFF;
 
-// A key derivation function as the device is asked for it. The hash codes are not those of the digests: derived keys
-// that applications hold were made with these.
+// A key derivation function and the hash that the device computes for it. The hash codes differ from those of the
+// digests: applications hold derived keys that were made with these.
 struct KeyDerivationFunction {
   CK_EC_KDF_TYPE kdf;
   HashCode hash;
@@ -33,7 +33,7 @@ bool readParameters(const CK_MECHANISM& mechanism, CK_ECDH1_DERIVE_PARAMS& param
   return parameters.pPublicData && parameters.ulPublicDataLen != 0;
 }
 
-// Has the device hash the secret. A failure is not reported: the secret then becomes what the digest holds.
+// Hashes the secret with the device. Failures are not reported: the result is the content of the digest's buffer.
 SecretBytes hashSecret(const Session& session, const KeyDerivationFunction& function, const SecretBytes& secret) {
   void* context = nullptr;
   SecretBytes digest(64);

@@ -12,7 +12,7 @@
 namespace tavrin {
 namespace {
 
-// Label, id and usage come from the private template, and so does the kind of key: the mechanism is never asked.
+// Label, id, usage and the kind of key come from the private template. The mechanism is not examined.
 CK_KEY_TYPE readPrivateTemplate(CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount, TavrinKeyPair& request) {
   CK_KEY_TYPE keyType = CKK_RSA;
   forEachGiven(pTemplate, ulCount, [&](CK_ATTRIBUTE_TYPE type, ByteView value) {

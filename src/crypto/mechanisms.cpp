@@ -15,8 +15,8 @@ constexpr CK_FLAGS signs = CKF_SIGN | CKF_VERIFY;
 
 using enum HashCode;
 
-// In the order in which applications get the list; it is not sorted. A PSS signature that is verified in parts is
-// hashed with SHA-256 whatever its name says: devices have only ever been asked so.
+// In the order of the list that applications get. A PSS signature that is verified in parts is hashed with SHA-256 for
+// every PSS mechanism: devices have always received it so.
 constexpr Mechanism mechanisms[] = {
     // type                     key sizes   flags              hash    in parts  PSS
     {CKM_RSA_PKCS_KEY_PAIR_GEN, 1024, 4096, generates, none, none, false},
@@ -52,7 +52,7 @@ const Mechanism* findMechanism(CK_MECHANISM_TYPE type, CK_FLAGS flags) {
   return row != std::end(mechanisms) && (row->flags & flags) == flags ? row : nullptr;
 }
 
-// Neither call looks at the slot: the table is the same for every token.
+// Neither call checks the slot: the table is the same for every token.
 
 }  // namespace tavrin
 
@@ -65,7 +65,7 @@ CK_RV C_GetMechanismList(CK_SLOT_ID, CK_MECHANISM_TYPE_PTR pMechanismList, CK_UL
       *pulCount = mechanismCount;
       return CKR_OK;
     }
-    // The count stays as the caller set it: applications learn the size from the query alone.
+    // The count is not changed: applications learn the size from a query.
     if (*pulCount < mechanismCount) {
       return call.refuse(CKR_BUFFER_TOO_SMALL, "buffer too small, *pulCount=", *pulCount,
                          " mechanismCount=", mechanismCount);

@@ -10,7 +10,7 @@ CK_RV C_GenerateRandom(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pRandomData, CK_U
     if (!pRandomData) return call.refuse(CKR_ARGUMENTS_BAD, "RandomData is NULL");
     if (ulRandomLen == 0) return call.refuse(CKR_ARGUMENTS_BAD, "ulRandomLen<=0, ulRandomLen=", ulRandomLen);
 
-    // The one operation on a device that is asked without an instance.
+    // The only operation on a device that gets no instance.
     const int status =
         tavrin_generateRamdomNumber(session.deviceId(), deviceLength(ulRandomLen), pRandomData, true, nullptr);
     if (status == 0) return CKR_OK;

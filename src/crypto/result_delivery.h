@@ -1,5 +1,5 @@
-// How a finished result reaches the caller: the length is always written; without a buffer the call was a query and
-// the result is kept; with one the whole result is copied and the operation is over.
+// The delivery of a finished result to the caller. The length is always written. Without a buffer the call is a query
+// and the result is kept. With a buffer the whole result is copied.
 #pragma once
 
 #include "frame/exported_call.h"
@@ -9,8 +9,8 @@ namespace tavrin {
 
 enum class Delivery { queried, tooSmall, delivered };
 
-// Delivers the result, and empties it when it was copied. The caller's length is not read: callers size the buffer by
-// a query first.
+// Delivers the result, and wipes and frees it when it was copied. The caller's length is not read: callers size the
+// buffer by a query first.
 Delivery deliver(const Call& call, SecretBytes& result, CK_BYTE_PTR out, CK_ULONG_PTR outLength);
 
 }  // namespace tavrin

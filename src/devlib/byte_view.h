@@ -5,8 +5,7 @@
 
 namespace tavrin {
 
-// Bytes that somebody else owns. In `src/` the word "bytes" of a type's name always means such a view or an owner's
-// name says so (SecretBytes).
+// Bytes that somebody else owns. They must stay in place while the view is used.
 using ByteView = std::span<const std::uint8_t>;
 
 }  // namespace tavrin

@@ -1,12 +1,37 @@
 // The device library TavrinDSCLibrary: its records and its 29 operations, as the module imports them.
 //
-// The names, the order of members, the types and their constness decide the decorated names and the layouts, and with
-// them whether another build of the library fits. Change nothing here without changing the library too.
+// A program that uses the library creates an instance, lists the devices and asks for a token's record:
 //
-// Conventions. A status is 0 for success, else the library's own code. `device` is a token's serial number; `recordId`
-// points at the 16 bytes of a record's field of that name; texts end in NUL; lengths count bytes. Vectors returned by
-// reference and buffers returned through a pointer belong to the library, everything returned by value to the caller.
-// A null instance is accepted everywhere, and listing the devices may run beside any other operation.
+//   void* instance = nullptr;
+//   tavrin_createInstance(&instance);  // null afterwards: the library cannot be used
+//   for (const std::string& name : tavrin_getConnectedDeviceList(false, instance)) {
+//     const TokenInfo token = tavrin_getTokenInfo(name.c_str(), instance);
+//     const char* device = token.serialNumber.c_str();  // names the token in every other operation
+//
+// It lists the token's keys and signs a digest with the first one. Operations with a private key need the password:
+//
+//     const std::vector<TavrinKeyPair> keys = tavrin_getKeyPairList(device, instance);  // a copy, see below
+//     std::uint8_t signature[1024];
+//     int length = sizeof signature;
+//     const int status = tavrin_signHash(device, keys[0].recordId, password, digest, 32, signature, &length, false,
+//                                        instance, false);
+//     if (status != 0) ...  // no signature; the codes are in devlib/device_constants.h
+//   }
+//   tavrin_releaseInstance(instance);
+//
+// Conventions. A status is 0 for success, else the library's own code. `device` is a token's serial number. `recordId`
+// points at the 16 bytes of a record's field of that name. Texts end in NUL and have 8-bit characters. Lengths count
+// bytes.
+//
+// Ownership. What is returned by value belongs to the caller. Vectors returned by reference and buffers returned
+// through a pointer belong to the library: copy them before the next call of the same operation on the same thread. A
+// hash context belongs to the library; the final call or a failure ends it.
+//
+// Threads. The operations may be called from any thread. tavrin_getConnectedDeviceList may run at the same time as any
+// other operation. A null instance is accepted everywhere. Operations may throw std::bad_alloc.
+//
+// The names, the order of members, the types and their constness decide the decorated names and the layouts, and so
+// whether another build of the library fits. Change nothing here without changing the library too.
 #pragma once
 
 #include <cstddef>
@@ -15,7 +40,7 @@
 #include <utility>
 #include <vector>
 
-// Set by the build of a device library to whatever makes its operations visible outside.
+// The build of a device library defines this to the attribute that exports its operations.
 #ifndef TAVRIN_DEVICE_API
 #define TAVRIN_DEVICE_API
 #endif
@@ -46,9 +71,9 @@ struct TavrinKeyPair {
   std::uint8_t keyId[128];
   std::uint32_t keyIdLength;
   char label[132];
-  std::uint32_t usage;       // bit 0: sign and verify, bit 1: encrypt and decrypt
-  std::uint32_t keyType;     // 1 to 4: RSA 1024, 2048, 3072, 4096; 5 to 7: P-256, P-384, P-521
-  std::uint32_t deviceFlag;  // the first byte goes back to the library when the key decrypts or is deleted
+  std::uint32_t usage;       // tavrin::usageSign, tavrin::usageDecrypt
+  std::uint32_t keyType;     // tavrin::KeyType
+  std::uint32_t deviceFlag;  // its first byte is passed to the library when the key decrypts or is deleted
 };
 
 struct TavrinCertificate {
@@ -64,7 +89,7 @@ struct TavrinCertificate {
 struct CertificateDetails {
   std::string subjectName;  // a name text such as CN=Example Root,O=Example,C=IN
   std::string issuerName;
-  std::uint8_t makerFields[1024];  // room for what the maker's record holds behind the names; zero and never read
+  std::uint8_t makerFields[1024];  // room for the further fields of the maker's record; zero and never read
 };
 
 struct ImportPFXDetails {
@@ -93,7 +118,7 @@ static_assert(sizeof(std::string) != 32 || sizeof(TokenInfo) == 336);
 static_assert(sizeof(TavrinKeyPair) == 1324 && offsetof(TavrinKeyPair, deviceFlag) == 1320);
 static_assert(sizeof(TavrinCertificate) == 3380 && offsetof(TavrinCertificate, label) == 3228);
 
-// The instance is left null when it cannot be made.
+// Stores a null instance when it fails.
 TAVRIN_DEVICE_API void tavrin_createInstance(void** instance);
 TAVRIN_DEVICE_API void tavrin_releaseInstance(void* instance);
 

@@ -1,5 +1,6 @@
-// The device library's records as the module reads them: no length and no text of a record is believed beyond its
-// field, no returned length beyond its buffer. The views live as long as the record.
+// Bounds-checked access to the device library's records. A length in a record counts up to the size of its field, a
+// text ends with its field at the latest, and a returned length counts up to the size of its buffer. The views point
+// into the record. Any thread may call the functions; none throws.
 #pragma once
 
 #include <cstddef>
@@ -16,7 +17,7 @@ namespace tavrin {
 ByteView publicKey(const TavrinKeyPair& keyPair);
 ByteView keyId(const TavrinKeyPair& keyPair);
 std::string_view label(const TavrinKeyPair& keyPair);
-// The flag that goes back to the library when the key decrypts or is deleted.
+// The flag that is passed to the library when the key decrypts or is deleted.
 bool deviceFlag(const TavrinKeyPair& keyPair);
 
 ByteView certificate(const TavrinCertificate& record);

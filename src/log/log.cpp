@@ -10,7 +10,7 @@
 namespace tavrin {
 namespace {
 
-// What stands before the message; all tags have the same length.
+// The text before the message. All tags have the same length.
 constexpr char lineHead[] = "00/00::00:00:00:000-> ->INFO  ::=>";
 constexpr std::size_t tagPlace = 24;
 
@@ -27,7 +27,7 @@ const char* levelTag(int level) {
   }
 }
 
-// Overwrites the digits that stand at `place`, `width` of them, with the number.
+// Overwrites the `width` digits at `place` with the number.
 void putNumber(char* place, int width, int number) {
   for (; width > 0; number /= 10) place[--width] = static_cast<char>('0' + number % 10);
 }
@@ -106,7 +106,7 @@ int getLogLevel() noexcept {
   std::uint8_t data[32];
   const auto length = platform::readRegistryValue(registryKey, logLevelValue, data, sizeof data);
   if (!length) return errorLevel;
-  // Only the first byte counts, whatever the value's type: administrators have set the level as a number and as text.
+  // Only the first byte counts, for values of every type: administrators have set the level as a number and as text.
   const auto level = static_cast<std::int8_t>(*length > 0 ? data[0] : 0);
   return level <= debugLevel ? level : errorLevel;
 }

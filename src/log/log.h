@@ -1,8 +1,11 @@
 // The diagnostic log: one plain-text file a process name and day, below the user's temporary folder.
 //
-// Any thread may log. No lock is taken and nothing is kept from one line for the next: the level is read and the file
-// opened afresh, so that a new level counts at once and other processes can share the file. A failure to log never
-// reaches the caller; it is named on the standard output and the line is dropped.
+// Any thread may log. The level is read and the file opened for every line, so that a new level counts at once and
+// other processes can share the file. Kept between lines are the program's name and, on POSIX, the number in the file
+// of the level together with that file's status. Writers are not serialised: a line is one write. On POSIX reading the
+// clock takes a lock, which is held during localtime_r only, and reading the level tries a lock without waiting for it.
+//
+// A failure to log never reaches the caller: it is reported on the standard output and the line is dropped.
 #pragma once
 
 #include <charconv>
@@ -32,7 +35,7 @@ std::string getProcessName() noexcept;
 // Fills a buffer of logPathSize characters with the temporary folder; false unless that is an existing folder.
 bool getLogBaseFolderPath(char* buffer) noexcept;
 
-// Writes one line at the given level, whatever level is configured.
+// Writes one line at the given level without reading the configured level.
 void writeLog(int level, std::string_view message) noexcept;
 
 // Bytes that a message shows in upper-case hexadecimal, two digits a byte without separators.
@@ -53,7 +56,7 @@ void append(std::string& message, Number number) {
 
 void reportException(const char* where, const char* what) noexcept;
 
-// A line with room for its head, for the message to be appended to. Throws when memory runs out, as writeLine does.
+// A line that begins with room for its head. The message is appended to it. Both functions may throw std::bad_alloc.
 std::string beginLine();
 
 // Fills in the head of a line that beginLine made, ends the line and writes it.
@@ -72,7 +75,7 @@ void compose(int level, const Parts&... parts) noexcept {
 
 }  // namespace log_detail
 
-// Writes an error or a debug line made of texts, integers (in decimal) and Hex bytes, put together without separators.
+// Writes an error or a debug line. It is composed of texts, integers (in decimal) and Hex bytes without separators.
 // Nothing is composed when the configured level leaves the line out.
 template <typename... Parts>
 void logError(const Parts&... parts) noexcept {

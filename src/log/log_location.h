@@ -1,4 +1,4 @@
-// Where the log and its level are kept. tavrin-tool finds them through these names and functions too.
+// The places of the log and of its level. tavrin-tool uses these names and functions too.
 //
 // Any thread may call the functions. They throw std::bad_alloc when memory runs out.
 #pragma once

@@ -11,11 +11,10 @@ class Utils {
  public:
   virtual ~Utils() = default;
 
-  // Cuts the text at every occurrence of the delimiter; the piece after the last one is kept, so there is always one
-  // piece, and pieces may be empty.
+  // Cuts the text at every occurrence of the delimiter. Pieces may be empty; there is always at least one.
   std::vector<std::string> split(std::string_view text, std::string_view delimiter) const;
 
-  // Milliseconds, through the platform's own sleep.
+  // Sleeps for the milliseconds.
   void sleep(unsigned milliseconds) const;
 };
 

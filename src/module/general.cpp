@@ -23,7 +23,7 @@ void copyTerminated(CK_UTF8CHAR* field, std::string_view text) {
   field[text.size()] = '\0';
 }
 
-// The instance in a plain pointer first: the library may look at what it is given.
+// Created in a plain pointer, which the library may read.
 void createInstance() {
   void* instance = nullptr;
   tavrin_createInstance(&instance);
@@ -68,7 +68,7 @@ CK_RV C_Initialize(CK_VOID_PTR) {
     if (libraryInstance != nullptr) return call.refuse(CKR_CRYPTOKI_ALREADY_INITIALIZED, "already initialized");
 
     start();
-    // Success all the same: the monitor runs on, and every later call says that the module is not initialised.
+    // The call succeeds: the monitor runs, and every later call is refused as not initialised.
     if (libraryInstance == nullptr) logError("Init pkcs11 library failed failed");
     return CKR_OK;
   });

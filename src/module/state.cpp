@@ -1,8 +1,8 @@
-// All state of the module stands here, each variable with its owner and the threads that touch it.
+// All state of the module, each variable with its owner and the threads that use it.
 //
-// Nothing of it is ever destroyed: at the end of the process, or when the library is unloaded, threads of the
+// None of it is ever destroyed: at the end of the process, or when the library is unloaded, threads of the
 // application or the monitor may still be using it, and its locks may be held by threads that are gone. All memory is
-// given back by C_Finalize; only derived secrets outlive it, and they are wiped when the library goes.
+// freed by C_Finalize; only derived secrets outlive it, and they are wiped when the module is unloaded.
 #include <new>
 
 #include "devlib/library_instance.h"
@@ -38,7 +38,8 @@ struct ModuleState {
 alignas(ModuleState) std::byte storage[sizeof(ModuleState)];
 ModuleState& state = *::new (storage) ModuleState;
 
-// In a forked child the inherited instance belongs to the parent: it is neither used nor released there, only kept.
+// The instance that a forked child inherits belongs to the parent. The child neither uses nor releases it; the pointer
+// is kept so that leak checkers find it.
 void* inheritedInstance = nullptr;
 
 void lockAll() {

@@ -13,7 +13,7 @@ namespace {
 
 ByteView asBytes(std::string_view text) { return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}; }
 
-// The ways in which an attribute gets its value; the rows of the table below name them.
+// The functions that read an attribute. The rows of the table below name them.
 using Reader = void (*)(const ObjectView& object, AttributeValue& value);
 
 void empty(const ObjectView&, AttributeValue&) {}
@@ -34,7 +34,7 @@ void certificateLabel(const ObjectView& object, AttributeValue& value) {
 }
 void certificateId(const ObjectView& object, AttributeValue& value) { value.view(certId(*object.certificate)); }
 
-// Asks the device library, which answers with nothing for bytes that it cannot read.
+// Asks the device library. Empty for bytes that it cannot parse.
 template <std::vector<std::uint8_t> (*operation)(const std::uint8_t*, int, void*)>
 void partOfCertificate(const ObjectView& object, AttributeValue& value) {
   const ByteView der = certificate(*object.certificate);
@@ -67,7 +67,7 @@ void keyGenMechanism(const ObjectView& object, AttributeValue& value) {
 void modulusBits(const ObjectView& object, AttributeValue& value) { value.setNumber(keyTypeOf(object).bits); }
 void ecParams(const ObjectView& object, AttributeValue& value) { value.view(keyTypeOf(object).curve); }
 
-// A DER OCTET STRING around the public key, with a length of one byte whatever the key's size.
+// A DER OCTET STRING with the public key. Its length always has one byte.
 void ecPoint(const ObjectView& object, AttributeValue& value) {
   const ByteView point = publicKey(*object.keyPair);
   std::vector<std::uint8_t> der{0x04};
@@ -91,8 +91,8 @@ struct AttributeRow {
   Reader publicKey;
 };
 
-// A certificate also answers for a modulus, its bits and an exponent, and an EC key for the RSA exponent: applications
-// that ask every object alike have always been answered so. Any other attribute reads as empty.
+// A certificate also has a modulus, its bits and an exponent, and an EC key has the RSA exponent: some applications
+// read the same attributes of every object. An attribute that is not in the table reads as empty.
 constexpr AttributeRow attributeTable[] = {
     // type               certificate                  private key                public key
     {CKA_CLASS, constant<CKO_CERTIFICATE>, constant<CKO_PRIVATE_KEY>, constant<CKO_PUBLIC_KEY>},

@@ -17,8 +17,8 @@ struct ObjectView {
   const TavrinCertificate* certificate = nullptr;
 };
 
-// An attribute's value: a view into the record or a constant where it lies there, else bytes made for it. Neither
-// copied nor moved, since the view may point into the value itself.
+// An attribute's value: a view into the record or a constant, or bytes of its own. It cannot be copied or moved, since
+// the view may point into the object itself.
 class AttributeValue {
  public:
   AttributeValue() = default;

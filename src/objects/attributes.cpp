@@ -15,7 +15,7 @@ namespace {
 
 void copyTo(CK_VOID_PTR out, ByteView bytes) { std::copy(bytes.begin(), bytes.end(), static_cast<std::uint8_t*>(out)); }
 
-// A derived secret has its value and nothing else; what it does not have reads as unavailable, not as an error.
+// A derived secret has a value and no other attribute. The others read as unavailable, which is no error.
 CK_RV readDerivedSecret(const Call& call, CK_OBJECT_HANDLE hObject, std::span<CK_ATTRIBUTE> entries) {
   const auto secret = derivedKeyTable.find(hObject);
   if (!secret) return call.refuse(CKR_OBJECT_HANDLE_INVALID, "derived key handle not found=", hObject);
@@ -34,7 +34,7 @@ CK_RV readDerivedSecret(const Call& call, CK_OBJECT_HANDLE hObject, std::span<CK
 // The object of a handle that is not a derived secret's, or the refusal.
 CK_RV findObject(const Call& call, const Session& session, ObjectView& object) {
   const CK_OBJECT_HANDLE handle = object.handle;
-  // The certificate with the record number 0 is not reachable here; the devices number their records from 1.
+  // The handle of record number 0 is refused here. Devices number their records from 1.
   if (handle > certificateBase && handle < derivedSecretBase) {
     object.certificate = resolveCertificate(session, handle, certificateBase);
     if (object.certificate) return CKR_OK;
@@ -67,7 +67,7 @@ CK_RV readEntry(const Call& call, const ObjectView& object, std::size_t index, C
 
 std::optional<std::size_t> privateKeySize(const Session& session, CK_OBJECT_HANDLE handle) {
   const TavrinKeyPair* keyPair = resolveKeyPair(session, handle, privateKeyBase);
-  // Counted twice for its private part, of which the device tells nothing.
+  // The device does not report the size of the private part; the public key counts twice.
   return keyPair ? std::optional(2 * publicKey(*keyPair).size()) : std::nullopt;
 }
 
@@ -152,7 +152,7 @@ CK_RV C_GetObjectSize(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_U
     if (!size) {
       return call.refuseBare(CKR_OBJECT_HANDLE_INVALID, kind, " not found in get object size : ", hObject);
     }
-    // Looked at last, so that every other refusal stays as it is for callers that pass no place for the size.
+    // Checked last, so that callers who pass NULL get the other refusals first.
     if (!pulSize) return call.refuse(CKR_ARGUMENTS_BAD, "pulSize is NULL");
     *pulSize = static_cast<CK_ULONG>(*size);
     return CKR_OK;

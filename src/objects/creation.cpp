@@ -11,7 +11,7 @@
 namespace tavrin {
 namespace {
 
-// What the import request is told of the kind of key.
+// The key type of every import request, for keys of all sizes.
 constexpr std::int32_t importedKeyType = 2;
 
 // The template's values; they point into it.
@@ -53,7 +53,7 @@ void takeAttribute(CK_ATTRIBUTE_TYPE type, ByteView value, NewObject& object) {
       object.prime1 = value;
       break;
     default:
-      // The other components of a key too: the device computes them from these.
+      // Among them the other components of a key, which the device computes.
       break;
   }
 }
@@ -69,7 +69,7 @@ NewObject readNewObject(CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount) {
 
 std::vector<std::uint8_t> copyOf(ByteView bytes) { return {bytes.begin(), bytes.end()}; }
 
-// The import request of a private key; its secret parts are wiped when it goes.
+// The import request of a private key. Its secret parts are wiped when it is destroyed.
 class PrivateKeyImport {
  public:
   explicit PrivateKeyImport(const NewObject& object) {
@@ -111,7 +111,7 @@ CK_RV createPrivateKey(const Call& call, const Session& session, const NewObject
   if (status != 0) {
     return call.refuseBare(storeFailure(status), "Import private key into device failed : ", status);
   }
-  // A record that the device does not list has no handle; the key is on the token all the same.
+  // Without a handle if the device does not list the record, although the key is on the token.
   const CK_OBJECT_HANDLE handle = findKeyPairHandle(session, request.details().recordId);
   if (handle != 0) *phObject = handle;
   return CKR_OK;
@@ -124,8 +124,8 @@ CK_RV importCertificate(const Call& call, const Session& session, TavrinCertific
   return call.refuseBare(storeFailure(status), "Leaf import failed: ", status);
 }
 
-// Imports the certificate behind its issuers, root first, or alone when they are not all known. A chain that the
-// device refuses midway stays as far as it came.
+// Imports the issuers, root first, and then the certificate. Imports the certificate only when an issuer is not known.
+// When the device refuses a certificate of the chain, those before it stay on the token.
 CK_RV importWithChain(const Call& call, const Session& session, const std::string& issuerName,
                       TavrinCertificate& record) {
   std::vector<TavrinCertificate> chain = findChain(record, issuerName);

@@ -1,5 +1,5 @@
-// The secrets that C_DeriveKey made. They live in the module's memory until the library is unloaded, beyond C_Finalize,
-// and are wiped when they go.
+// The secrets that C_DeriveKey made. They stay in memory after C_Finalize, until the module is unloaded, and are wiped
+// then.
 #pragma once
 
 #include <map>

@@ -10,7 +10,7 @@
 namespace tavrin {
 namespace {
 
-// The lists belong to the library and change under the module's hands: each use works on a copy of its own.
+// Copies: the lists belong to the library, and other threads may change them.
 std::vector<TavrinKeyPair> keyPairs(const Session& session) {
   return tavrin_getKeyPairList(session.deviceId(), libraryInstance);
 }

@@ -1,7 +1,7 @@
-// Object handles, and the records behind them. The module keeps no copy of the token's objects: every handle is
-// resolved against the device's current list, so that it is good exactly as long as the device keeps the record.
+// Object handles and the records that they name. The module keeps no copy of the token's objects: each use of a handle
+// looks it up in the device's current list. A handle stays valid until the object is deleted, by any process.
 //
-// A key pair is two objects over one record. The low part of a handle is the record's number on the device.
+// A key pair is two objects with one record. The low part of a handle is the record's number on the device.
 #pragma once
 
 #include <cstdint>
@@ -21,13 +21,13 @@ constexpr bool isPrivateKey(CK_OBJECT_HANDLE handle) { return handle >= privateK
 constexpr bool isPublicKey(CK_OBJECT_HANDLE handle) { return handle >= publicKeyBase && handle < certificateBase; }
 constexpr bool isKey(CK_OBJECT_HANDLE handle) { return isPrivateKey(handle) || isPublicKey(handle); }
 
-// The handle of the record `id`. Handles have 32 bits whatever the size of CK_ULONG; too large an id wraps.
+// The handle of the record `id`. Handles have 32 bits for every size of CK_ULONG; too large an id wraps.
 constexpr CK_OBJECT_HANDLE objectHandle(CK_OBJECT_HANDLE base, std::uint32_t id) {
   return static_cast<std::uint32_t>(base + id);
 }
 
-// The one buffer of each kind that a resolution fills; the next resolution of the kind overwrites it, whatever session
-// asks. Callers on different sessions must not resolve at the same time.
+// The one buffer of each kind that a resolution fills. The next resolution of the kind overwrites it, on any session.
+// No lock guards it: applications must not make calls that name objects from two threads at the same time.
 struct ResolutionBuffers {
   TavrinKeyPair keyPair;
   TavrinCertificate certificate;
@@ -36,7 +36,7 @@ struct ResolutionBuffers {
 extern ResolutionBuffers& resolutionBuffers;
 
 // The record of the session's device whose number is `handle` - `base` in 32-bit arithmetic, or null. A handle of more
-// than 32 bits has no record. The pointer is good until the next resolution of the same kind.
+// than 32 bits has no record. The pointer is valid until the next resolution of the same kind.
 const TavrinKeyPair* resolveKeyPair(const Session& session, CK_OBJECT_HANDLE handle, CK_OBJECT_HANDLE base);
 const TavrinCertificate* resolveCertificate(const Session& session, CK_OBJECT_HANDLE handle, CK_OBJECT_HANDLE base);
 

@@ -1,7 +1,7 @@
 // C_FindObjectsInit, C_FindObjects and C_FindObjectsFinal.
 //
-// The search is simple on purpose: one criterion, the first present in a fixed order, decides for each kind of object,
-// and whatever else a template asks for is ignored.
+// One criterion decides for each kind of object: the first one present in a fixed order. The other entries of a
+// template are ignored.
 #include <optional>
 #include <string_view>
 
@@ -82,8 +82,8 @@ DeviceObjects copyLists(const Session& session) {
           tavrin_getKeyPairList(session.deviceId(), libraryInstance)};
 }
 
-// A device that was plugged in anew lists nothing before it is initialised. When that fails, the search goes on with
-// what there is.
+// A device that has just been connected lists nothing before it is initialised. When that fails, the search uses the
+// lists as they are.
 DeviceObjects listObjects(const Session& session) {
   DeviceObjects objects = copyLists(session);
   if (!objects.certificates.empty() && !objects.keyPairs.empty()) return objects;
@@ -121,7 +121,7 @@ void keepMatches(std::vector<Record>& records, const Criteria& criteria) {
 // Keeps what the criteria leave and decides which halves of the key pairs are reported.
 void selectResults(Session& session, DeviceObjects objects, const Criteria& criteria) {
   const auto wanted = criteria.objectClass;
-  // Without a class everything is found, whatever else the template says: applications list a token in this way.
+  // Without a class every object is found and the other entries are ignored: applications list a token in this way.
   const bool all = !wanted;
   if (all || wanted == CKO_CERTIFICATE) {
     if (!all) keepMatches(objects.certificates, criteria);

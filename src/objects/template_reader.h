@@ -25,8 +25,8 @@ inline CK_ULONG numberOf(ByteView value) {
   return number;
 }
 
-// Calls `visit(type, bytes)` for every entry that has a value; an entry without one (pValue NULL or ulValueLen 0) is
-// skipped without a word.
+// Calls `visit(type, bytes)` for every entry that has a value. An entry without one (pValue NULL or ulValueLen 0) is
+// skipped silently.
 template <typename Visitor>
 void forEachGiven(CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount, Visitor&& visit) {
   for (const CK_ATTRIBUTE& attribute : templateEntries(pTemplate, ulCount)) {

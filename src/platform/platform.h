@@ -84,13 +84,13 @@ void sleepMilliseconds(unsigned milliseconds);
 // Overwrites memory with zeros in a way that the compiler does not drop.
 void wipe(void* memory, std::size_t size);
 
-// Keeps this module loaded, whatever the application unloads, until the pin is released: while a thread of ours runs
+// Keeps this module loaded, even if the application unloads it, until the pin is released: while a thread of ours runs
 // its code. Does not wait. A pin may be null (nothing to hold); releasing null does nothing.
 void* pinModule();
 void releaseModule(void* pin);
 
 // Calls `handler` when the process ends in an orderly way with threads of ours still alive; once a registration. On
-// Windows it is never called: the system has ended all other threads before it tells a library of the end.
+// Windows it is never called: the system has ended all other threads before it notifies a library.
 void atProcessExit(void (*handler)());
 
 // Calls the three handlers around every fork of the process, as pthread_atfork does, and keeps other threads out of

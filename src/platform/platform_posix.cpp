@@ -113,7 +113,7 @@ void writeWithinLimit(const File& file, std::string_view text) {
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-// Guards localtime_r, which takes a lock of the C library that a forked child would find taken for ever.
+// Guards localtime_r, which takes a lock of the C library that would stay taken in a forked child.
 constinit std::mutex timeMutex;
 
 // The value of a decimal text, with blanks around it allowed; nothing when it is anything else.
@@ -239,7 +239,8 @@ bool appendToFile(const char* path, std::size_t baseLength, std::string_view tex
     baseLength = std::strlen(sharedTemporaryFolder);
   }
   std::string folders = path;
-  // Each step opens what the separator at `end` closes, first with the base in front, then inside the last folder.
+  // Each step opens the folder whose name ends at `end`: the first one by its whole path, the others in the last
+  // folder.
   std::size_t start = 0;
   File folder;
   int parent = AT_FDCWD;

@@ -4,6 +4,7 @@
 // psapi.h needs the types of windows.h.
 #include <psapi.h>
 
+#include "platform/condition.h"
 #include "platform/platform.h"
 
 namespace platform {
@@ -105,6 +106,15 @@ std::thread startThread(void (*run)()) { return std::thread(run); }
 
 CancellationDeferral::CancellationDeferral() noexcept = default;
 CancellationDeferral::~CancellationDeferral() = default;
+
+void Mutex::lock() { AcquireSRWLockExclusive(reinterpret_cast<PSRWLOCK>(&lock_)); }
+void Mutex::unlock() { ReleaseSRWLockExclusive(reinterpret_cast<PSRWLOCK>(&lock_)); }
+
+void Condition::notify_all() { WakeAllConditionVariable(reinterpret_cast<PCONDITION_VARIABLE>(&variable_)); }
+void Condition::sleep(Mutex& mutex) {
+  SleepConditionVariableSRW(reinterpret_cast<PCONDITION_VARIABLE>(&variable_), reinterpret_cast<PSRWLOCK>(&mutex.lock_),
+                            INFINITE, 0);
+}
 
 void sleepMilliseconds(unsigned milliseconds) { Sleep(milliseconds); }
 

@@ -7,8 +7,8 @@
 namespace tavrin {
 namespace {
 
-// What a login does to one session of the token: its new state, and a refusal with the line to log, if any. One login
-// knows one such line.
+// The effect of a login on one session of the token: its new state, and a refusal with the line to log, if any. Each
+// table has at most one such line.
 struct LoginEffect {
   CK_STATE state;
   CK_RV refusal;
@@ -43,8 +43,7 @@ CK_RV validatePassword(const Call& call, const Session& session, CK_USER_TYPE us
                          "Token password validation failed, retry count : ", retryCounter);
 }
 
-// Raises every session of the token. Sessions that refuse do not keep the others from being raised; the last refusal
-// is the result.
+// Changes the state of every session of the token, also when one of them refuses. The last refusal is the result.
 CK_RV raiseSessions(const Call& call, const Session& session, const LoginEffect (&effects)[5]) {
   CK_RV result = CKR_OK;
   const char* message = nullptr;
@@ -83,7 +82,7 @@ CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR
     }
 
     const Pin pin(pPin, ulPinLen);
-    // The password of a user who is logged in already is taken for every token without asking its device.
+    // The cached password is accepted for every token without asking its device.
     if (userType != CKU_USER || !userPassword.equals(pin)) {
       const CK_RV refusal = validatePassword(call, session, userType, pin);
       if (refusal != CKR_OK) return refusal;

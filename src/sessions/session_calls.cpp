@@ -6,7 +6,7 @@
 namespace tavrin {
 namespace {
 
-// A user who is logged in on any token makes new sessions of every token user sessions.
+// While a user is logged in on any token, new sessions of every token are user sessions.
 CK_STATE initialState(CK_FLAGS flags) {
   const bool readWrite = (flags & CKF_RW_SESSION) != 0;
   if (userPassword.isEmpty()) return readWrite ? CKS_RW_PUBLIC_SESSION : CKS_RO_PUBLIC_SESSION;

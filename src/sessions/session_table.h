@@ -12,14 +12,14 @@ namespace tavrin {
 
 inline constexpr CK_SESSION_HANDLE firstSessionHandle = 0x60000001;
 
-// Safe from any thread; the lock is held for the table's own work only. A session that is closed while another thread
-// works on it lives until that thread lets go of it.
+// Any thread may call the functions. The lock is held for the table's own work only. A session that is closed while
+// another thread uses it exists until that thread releases its pointer.
 class SessionTable {
  public:
   // Null for an unknown handle.
   std::shared_ptr<Session> find(CK_SESSION_HANDLE handle) const;
 
-  // Gives the session its handle, the largest in use plus one, and stores it; 0 when no handle is left.
+  // Stores the session under a new handle, the largest in use plus one. Returns 0 when there is no handle left.
   CK_SESSION_HANDLE insert(std::shared_ptr<Session> session);
 
   void erase(CK_SESSION_HANDLE handle);

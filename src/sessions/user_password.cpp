@@ -17,7 +17,7 @@ void Pin::wipe() {
 }
 
 bool operator==(const Pin& left, const Pin& right) {
-  // The rest of both buffers is zero, and comparing all of them takes the same time for every PIN.
+  // The unused bytes are zero. Comparing all bytes takes the same time for every PIN.
   bool same = left.length_ == right.length_;
   for (std::size_t i = 0; i < left.text_.size(); ++i) same &= left.text_[i] == right.text_[i];
   return same;

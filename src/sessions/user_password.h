@@ -9,11 +9,11 @@
 
 namespace tavrin {
 
-// One PIN in a buffer of its own, which is wiped when it goes.
+// One PIN in a buffer of its own, which is wiped by the destructor.
 class Pin {
  public:
   Pin() = default;
-  // At most maximumPinLength bytes; what stands beyond is dropped.
+  // Takes at most maximumPinLength bytes; the rest is ignored.
   Pin(const CK_UTF8CHAR* bytes, CK_ULONG length);
   Pin(const Pin&) = default;
   Pin& operator=(const Pin&) = default;
@@ -36,11 +36,11 @@ class UserPassword {
  public:
   bool isEmpty() const;
   bool equals(const Pin& pin) const;
-  // A copy to hand to the device library, wiped when it goes.
+  // A copy to pass to the device library. Its destructor wipes it.
   Pin copy() const;
 
   void set(const Pin& pin);
-  // Sets the password only while one is kept.
+  // Sets the password if there is one, and does nothing otherwise.
   void replace(const Pin& pin);
   void clear();
 

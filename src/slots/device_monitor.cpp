@@ -23,7 +23,7 @@ void raiseSlotEvent() {
   deviceMonitor.eventCondition.notify_all();
 }
 
-// One look at the devices. Returns their number.
+// Lists the devices once. Returns their number.
 std::size_t inspectDevices(std::size_t lastCount) {
   const auto devices = tavrin_getConnectedDeviceList(false, libraryInstance);
   logOutSessionsWithoutDevice(devices);
@@ -49,7 +49,7 @@ void runDeviceMonitor() {
     try {
       lastCount = inspectDevices(lastCount);
     } catch (...) {
-      // A listing that fails says nothing about the devices; the next one may.
+      // A listing that fails says nothing about the devices.
       logError("Session monitor: device listing failed");
     }
     sleepUntilNextPoll();

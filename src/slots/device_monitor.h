@@ -2,12 +2,11 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
 #include <thread>
 
 #include "pkcs11.h"
+#include "platform/condition.h"
 
 namespace tavrin {
 
@@ -23,8 +22,8 @@ struct DeviceMonitor {
   std::atomic<bool> eventPending{};     // several changes between two collections are one event
   std::atomic<CK_SLOT_ID> eventSlot{};  // the slot of the pending event
   std::atomic<std::uint64_t> stops{};   // how often a monitor was stopped: a waiter sees a stop that a start followed
-  std::mutex eventMutex;                // guards the wait below; never held together with another lock
-  std::condition_variable eventCondition;  // blocked C_WaitForSlotEvent callers sleep on it
+  platform::Mutex eventMutex;           // guards the wait below; never held together with another lock
+  platform::Condition eventCondition;   // blocked C_WaitForSlotEvent callers sleep on it
 };
 
 extern DeviceMonitor& deviceMonitor;

@@ -9,11 +9,10 @@
 
 namespace tavrin {
 
-// The numbers of a version text: what stands at the head of each piece between points, read as atoi reads it; 0 for a
-// piece without a number.
+// The numbers of a version text. Each piece between points is read as atoi reads it; a piece without a number is 0.
 std::vector<std::int32_t> versionNumbers(std::string_view version);
 
-// -1, 0 or 1 as the left version is lower, equal or higher; a list that runs out counts as zeros.
+// -1, 0 or 1 as the left version is lower, equal or higher. Missing numbers count as zeros.
 int compareVersions(std::string_view left, std::string_view right);
 
 // The first two numbers, each cut to 8 bits.

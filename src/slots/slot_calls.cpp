@@ -23,8 +23,8 @@ void copyText(std::span<CK_UTF8CHAR> field, std::string_view text) {
 // The part of a text that a C string shows.
 std::string_view untilNul(const std::string& text) { return text.c_str(); }
 
-// A label that fits the field loses what stands behind its 30th character; only a longer one fills the field. Clients
-// have matched tokens by the label that this cut gives.
+// A label that fits the field is cut after its 30th character; only a longer one fills the field. Clients have matched
+// tokens by labels that were cut in this way.
 std::string_view tokenLabel(const std::string& label) {
   return untilNul(label).substr(0, label.size() <= 32 ? 30 : 32);
 }
@@ -54,14 +54,14 @@ CK_RV C_GetSlotList(CK_BBOOL, CK_SLOT_ID_PTR pSlotList, CK_ULONG_PTR pulCount) {
       *pulCount = static_cast<CK_ULONG>(devices.size());
       return CKR_OK;
     }
-    // The count stays as the caller set it: applications learn the size from the query alone.
+    // The count is not changed: applications learn the size from a query.
     if (devices.size() > *pulCount) {
       return call.refuse(CKR_BUFFER_TOO_SMALL, "buffer too small, *pulCount=", *pulCount,
                          " slotCount=", devices.size());
     }
 
-    // IDs are given out in the library's order but looked up in name order; the two agree for a library that lists
-    // its devices by name.
+    // IDs follow the library's order, but the table is in name order. The two agree for a library that lists its
+    // devices by name.
     SlotTable::Entries entries;
     CK_ULONG accepted = 0;
     for (const std::string& name : devices) {

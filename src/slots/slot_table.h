@@ -1,4 +1,4 @@
-// The slots: one for each connected device that was there when an application last fetched the slot list.
+// The slots: one for each device that was connected when an application last fetched the slot list.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// What the slots ask of the sessions on their tokens. The session folder stands above this one and answers.
+// What the slots ask of the sessions on their tokens. The folder sessions/, which is above this one, defines it.
 #pragma once
 
 #include <string>
@@ -16,7 +16,7 @@ struct PublicSessionCounts {
 // How many sessions, over all slots, are in each public state; logged-in sessions are in neither count.
 PublicSessionCounts countPublicSessions();
 
-// Lowers every user session whose device is not among the connected ones to its public state and forgets the user's
+// Sets every user session whose device is not among the connected ones to its public state, and wipes the user's
 // password if there was such a session.
 void logOutSessionsWithoutDevice(const std::vector<std::string>& connectedDevices);
 

@@ -66,6 +66,9 @@ bool limitMemory(bool limited);
 // The environment variables, one at a time, that name the place of the user's data.
 std::vector<const char*> dataFolderVariables();
 
+// How many handles or descriptors this process has open.
+std::size_t openHandles();
+
 // The folder of the running test program, as the system spells it, without a closing separator.
 std::string programFolder();
 

@@ -164,6 +164,11 @@ bool limitMemory([[maybe_unused]] bool limited) {
 
 std::vector<const char*> dataFolderVariables() { return {"HOME"}; }
 
+std::size_t openHandles() {
+  const std::filesystem::directory_iterator descriptors("/proc/self/fd");
+  return static_cast<std::size_t>(std::distance(begin(descriptors), end(descriptors)));
+}
+
 std::string programFolder() { return std::filesystem::read_symlink("/proc/self/exe").parent_path().string(); }
 
 }  // namespace testPlatform

@@ -118,6 +118,12 @@ bool limitMemory(bool) { return false; }
 
 std::vector<const char*> dataFolderVariables() { return {"LOCALAPPDATA"}; }
 
+std::size_t openHandles() {
+  DWORD count = 0;
+  GetProcessHandleCount(GetCurrentProcess(), &count);
+  return count;
+}
+
 std::string programFolder() {
   char path[MAX_PATH] = {};
   GetModuleFileNameA(nullptr, path, sizeof path);
