@@ -371,6 +371,11 @@ class Walk {
     if (!session) return;
     if (session->operation != step.operation) return same(step.name, code, CKR_OPERATION_NOT_INITIALIZED);
     if (code == CKR_OPERATION_NOT_INITIALIZED) stop(step.name, code, CKR_OK);
+    const std::string name = step.name;
+    const bool takesData = name.find("Final") == name.npos || name == "C_VerifyFinal";
+    const bool givesResult = name.find("Update") == name.npos && name.find("Verify") == name.npos;
+    const bool lacksArgument = (takesData && (!in || size == 0)) || (givesResult && !outSize);
+    if (lacksArgument != (code == CKR_ARGUMENTS_BAD)) stop(step.name, code, CKR_ARGUMENTS_BAD);
     unsigned happened = code == CKR_OK && out ? onResult : never;
     if (code == CKR_FUNCTION_FAILED || code == CKR_SIGNATURE_INVALID) happened = onFailure;
     if (code != CKR_ARGUMENTS_BAD) happened |= always;

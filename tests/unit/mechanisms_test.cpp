@@ -1,30 +1,15 @@
 // The mechanisms that the module announces.
-#include "module_test.h"
+#include "signature_mechanisms.h"
 
 namespace {
 
 using MechanismsTest = ModuleTest;
 
-struct Row {
-  CK_MECHANISM_TYPE type;
-  CK_ULONG least;
-  CK_ULONG most;
-  CK_FLAGS flags;
-};
-
-// In numbers, so that a wrong constant shows too.
-const Row rows[] = {
-    {0x0, 1024, 4096, 0x10000},  {0x1, 1024, 4096, 0x2B00},   {0x9, 1024, 4096, 0x300},   {0xD, 1024, 4096, 0x2800},
-    {0x6, 1024, 4096, 0x2800},   {0x40, 1024, 4096, 0x2800},  {0x41, 1024, 4096, 0x2800}, {0x42, 1024, 4096, 0x2800},
-    {0xE, 1024, 4096, 0x2800},   {0x43, 1024, 4096, 0x2800},  {0x44, 1024, 4096, 0x2800}, {0x45, 1024, 4096, 0x2800},
-    {0x1040, 256, 521, 0x10000}, {0x1050, 256, 521, 0x80000}, {0x1041, 256, 521, 0x2800}, {0x1042, 256, 521, 0x2800},
-    {0x1044, 256, 521, 0x2800},  {0x1045, 256, 521, 0x2800},  {0x220, 0, 0, 0x400},       {0x250, 0, 0, 0x400},
-    {0x260, 0, 0, 0x400},        {0x270, 0, 0, 0x400}};
 const CK_SLOT_ID anySlot = 12345;
 
 TEST_F(MechanismsTest, ListHasItsOrderAndIsTheSameForEverySlot) {
   std::vector<CK_MECHANISM_TYPE> expected;
-  for (const Row& row : rows) expected.push_back(row.type);
+  for (const MechanismRow& row : mechanismRows) expected.push_back(row.type);
   expected.push_back(7);
   std::vector<CK_MECHANISM_TYPE> list(23, 7);
   CK_ULONG count = 77;
@@ -43,10 +28,10 @@ TEST_F(MechanismsTest, ListHasItsOrderAndIsTheSameForEverySlot) {
 
 TEST_F(MechanismsTest, InfoTellsSizesAndFlags) {
   auto told = [](CK_MECHANISM_TYPE type) { return "- C_GetMechanismInfo -- type : " + std::to_string(type); };
-  for (const Row& row : rows) {
+  for (const MechanismRow& row : mechanismRows) {
     CK_MECHANISM_INFO info{9, 9, 9};
     does(CALL(C_GetMechanismInfo, anySlot, row.type, &info), {told(row.type), "- C_GetMechanismInfo -- exit"});
-    EXPECT_EQ(hexOf(info), hexOf(CK_MECHANISM_INFO{row.least, row.most, row.flags})) << row.type;
+    EXPECT_EQ(hexOf(info), hexOf(CK_MECHANISM_INFO{row.smallest, row.largest, row.flags})) << row.type;
   }
   CK_MECHANISM_INFO info{9, 9, 9};
   bad(CALL(C_GetMechanismInfo, anySlot, 0x1043, nullptr), ": pInfo is NULL");

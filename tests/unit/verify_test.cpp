@@ -38,7 +38,8 @@ std::string asked(const std::string& input, const std::string& key, bool pss = f
 // asked for.
 TEST_F(VerifyTest, EveryMechanismInOneAndInSeveralParts) {
   int context = 0;
-  for (const auto& [type, wholeHash, pss, hash] : signatureMechanisms) {
+  for (const auto& [type, smallest, largest, flags, wholeHash, pss, hash] : mechanismRows) {
+    if ((flags & CKF_VERIFY) == 0) continue;
     ok(init(type));
     const Lines hashing = wholeHash == 0 ? Lines{} : hashed(wholeHash, ++context, "ab");
     does(verify_, hashing + Lines{converted, asked(hashOf(wholeHash, "ab"), derKey, pss)});
