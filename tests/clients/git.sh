@@ -5,9 +5,7 @@ useStandard
 PATH=$PATH:/usr/sbin
 
 createTokenWithKeys
-printf '#!/bin/sh\ncat "%s/pin"\n' "$work" >askpass
-chmod +x askpass
-export SSH_ASKPASS=$work/askpass SSH_ASKPASS_REQUIRE=force
+answerSsh
 mkdir ~/.ssh
 email=me@example.com label=ec
 git config --global user.name Me

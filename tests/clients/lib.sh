@@ -79,10 +79,10 @@ background() {
   servers+=($!)
 }
 
-# eventually COMMAND...: succeeds within ten seconds; shows what the last attempt printed.
+# eventually COMMAND...: succeeds within forty seconds; shows what the last attempt printed.
 eventually() {
   local result=1
-  for _ in {1..100}; do
+  for _ in {1..400}; do
     if "$@" >"$work/attempt" 2>&1; then
       result=0
       break
@@ -129,8 +129,15 @@ clientCertificate() {
   quietly loggedIn --write-object "$1.der" --type cert --label "$1" --id "$2"
 }
 
+# SSH programs get the PIN from a program.
+answerSsh() {
+  printf '#!/bin/sh\ncat "%s/pin"\n' "$work" >askpass
+  chmod +x askpass
+  export SSH_ASKPASS=$work/askpass SSH_ASKPASS_REQUIRE=force
+}
+
 # The programs are set up with the standard module.
-useStandard() { [[ ! -f $standard ]] || module=$standard; }
+useStandard() { module=$standard; }
 
 # recipe HEADING: runs the commands of docs/clients.md below that heading, as a user would.
 recipe() {
@@ -180,13 +187,13 @@ verifyCms() { # FILE CERTIFICATE [OPTION...]
   openssl cms -verify -binary -inform DER -in "$1" -CAfile "$2" -purpose any -out verified "${@:3}" && cmp verified document
 }
 
-# nodePackages FOLDER [PACKAGE...]: pkcs11js for Node.js, from npm. compileAddon FOLDER COMPILER [OPTION...]:
+# nodePackages FOLDER [PACKAGE...]: pkcs11js and graphene for Node.js, from npm. compileAddon FOLDER COMPILER [OPTION...]:
 # compiles the addon of pkcs11js. Both keep what an earlier run left in the folder.
 nodePackages() {
   [[ ! -d $1/node_modules ]] || return 0
   mkdir -p "$1"
   quietly env HOME="$userHome" npm install --prefix "$1" --no-save --no-package-lock --ignore-scripts --force --no-audit \
-    --no-fund pkcs11js@2.1 node-api-headers@1 "${@:2}"
+    --no-fund pkcs11js@2.1 node-api-headers@1 graphene-pk11@2 "${@:2}"
 }
 compileAddon() {
   local modules=$1/node_modules addon=$1/node_modules/pkcs11js/build/Release/pkcs11.node

@@ -1,6 +1,8 @@
 #!/bin/bash
 # nginx with two worker processes and the pkcs11 engine: the module is loaded before the fork and used after it.
+# Runs once more, as nginx.sh LINUX WINDOWS standard, with the standard module.
 source "$(dirname "$0")/lib.sh"
+[[ ${3-} != standard ]] || useStandard
 
 createTokenWithKeys
 configureEngine
@@ -40,14 +42,14 @@ http {
 }
 END
 OPENSSL_CONF=$work/engine.cnf startNginx
-request() { curl --silent --show-error --fail --max-time 20 --cacert "$1.crt" "https://localhost:$2/"; }
+request() { curl --silent --show-error --fail --max-time 90 --cacert "$1.crt" "https://localhost:$2/"; }
 requests() {
   local key=$1 port=$2 running=() number
   for number in {1..20}; do
     { request "$key" "$port" && echo; } >"$key.$number" 2>&1 &
     running+=($!)
   done
-  for number in "${running[@]}"; do wait "$number" || return 1; done
+  for number in "${running[@]}"; do wait "$number" || { cat "$key".[0-9]*; return 1; }; done
 }
 inParallel() {
   requests rsa "$rsaPort" & local rsa=$!
@@ -57,3 +59,4 @@ check "20 requests with each key" inParallel
 for key in rsa ec; do
   shows "both workers answered, $key" '^2$' eval "sort -u $key.[0-9]* | grep -c '^[0-9]*\$'"
 done
+[[ ${3-} == standard ]] || "$here/nginx.sh" "$linux" "$windows" standard

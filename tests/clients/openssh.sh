@@ -7,9 +7,8 @@ quietly loggedIn --keypairgen --id 03 --label ec384 --key-type EC:secp384r1
 check "read the public keys" eval "ssh-keygen -D '$module' >keys"
 shows "three of them" '^3$' grep -c '^ssh-rsa .* rsa$\|^ecdsa-sha2-nistp256 .* ec$\|^ecdsa-sha2-nistp384 .* ec384$' keys
 
-printf '#!/bin/sh\ncat "%s/pin"\n' "$work" >askpass
-chmod +x askpass
-export SSH_ASKPASS=$work/askpass SSH_ASKPASS_REQUIRE=force SSH_AUTH_SOCK=$work/agent
+answerSsh
+export SSH_AUTH_SOCK=$work/agent
 background ssh-agent -D -a "$SSH_AUTH_SOCK" -P "$linux/bin/*"
 eventually test -S "$SSH_AUTH_SOCK"
 shows "add the token to the agent" 'Card added' ssh-add -s "$module"

@@ -10,7 +10,7 @@ scripts=()
 for name in "$@"; do
   case $name in
     clients)
-      scripts+=("$folder"/{pkcs11_tool,gnutls,openssl_engine,nginx,nss,java,openssh,osslsigncode,p11_kit}.sh)
+      scripts+=("$folder"/{pkcs11_tool,gnutls,openssl_engine,nginx,nss,java,openssh,osslsigncode,p11_kit,standard}.sh)
       scripts+=("$folder"/{node_windows,documents}.sh "$folder/../../packaging/windows/test_package.sh")
       ;;
     desktop) scripts+=("$folder"/{browsers,report_page,pdfsig,openvpn,git,gpgsm}.sh) ;;
@@ -24,7 +24,7 @@ passed=0 failed=0
 for script in "${scripts[@]}"; do
   start=$SECONDS
   stopped=0
-  timeout 300 "$script" "${builds[@]}" >"$output" 2>&1 || stopped=1
+  timeout 600 "$script" "${builds[@]}" >"$output" 2>&1 || stopped=1
   good=$(grep -c '^ok: ' "$output" || true)
   bad=$(grep -c '^FAILED: ' "$output" || true)
   if [[ $stopped == 1 && $bad == 0 ]] || [[ $good == 0 && $bad == 0 ]]; then bad=1; fi
