@@ -14,8 +14,9 @@ const CK_FUNCTION_LIST functionList = {.version = {standardVersionMajor, standar
                                        CRYPTOKI_FUNCTIONS(ENTRY)};
 #undef ENTRY
 
-// The library needs the system's locks. CKF_LIBRARY_CANT_CREATE_OS_THREADS is accepted, as p11-kit sets it for every
-// library: the one thread of the module below runs no code of the application.
+// The library needs the system's locks, and the module below it a thread. With CKF_OS_LOCKING_OK threads are the
+// system's, and p11-kit forbids every library to create some: the module's one, which runs no code of the application,
+// is then created all the same.
 void checkArguments(const CK_C_INITIALIZE_ARGS& arguments) {
   if (arguments.pReserved) throw Refusal(CKR_ARGUMENTS_BAD, "pReserved is not NULL");
   const int callbacks = (arguments.CreateMutex ? 1 : 0) + (arguments.DestroyMutex ? 1 : 0) +
@@ -24,6 +25,9 @@ void checkArguments(const CK_C_INITIALIZE_ARGS& arguments) {
   const CK_FLAGS flags = arguments.flags;
   if (callbacks != 0 && (flags & CKF_OS_LOCKING_OK) == 0) {
     throw Refusal(CKR_CANT_LOCK, "the library uses the system's locks only, flags=", flags);
+  }
+  if ((flags & (CKF_LIBRARY_CANT_CREATE_OS_THREADS | CKF_OS_LOCKING_OK)) == CKF_LIBRARY_CANT_CREATE_OS_THREADS) {
+    throw Refusal(CKR_NEED_TO_CREATE_THREADS, "the module creates a thread, flags=", flags);
   }
 }
 

@@ -51,7 +51,10 @@ CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR
     if (!isPossiblePin(pin)) return call.refuse(CKR_PIN_INCORRECT, "no PIN of this token, ulPinLen=", ulPinLen);
 
     const CK_RV code = loginToModule(module, token, userType, pin);
-    if (code == CKR_PIN_INCORRECT || code == CKR_PIN_LOCKED) return call.refuse(code, "the token refused the PIN");
+    if (code == CKR_PIN_INCORRECT || code == CKR_PIN_LOCKED) {
+      if (userType == CKU_USER) state.tokens.countWrongPin(module, token);
+      return call.refuse(code, "the token refused the PIN");
+    }
     if (code != CKR_OK) throw moduleFailure(module, token, "C_Login", code);
     if (wanted == Login::user && !pins.keep(token.slot, pin)) {
       endLogin(module, token);
@@ -99,6 +102,7 @@ CK_RV C_SetPIN(CK_SESSION_HANDLE hSession, CK_UTF8CHAR_PTR pOldPin, CK_ULONG ulO
       return CKR_OK;
     }
     // The module does not say why; both PINs had a possible form, so the token has refused the old one.
+    state.tokens.countWrongPin(module, token);
     const Refusal failure = moduleFailure(module, token, "C_SetPIN", code, CKR_PIN_INCORRECT);
     if (failure.code() == CKR_PIN_INCORRECT && (token.flags & CKF_USER_PIN_LOCKED) != 0) {
       return call.refuse(CKR_PIN_LOCKED, "the PIN is locked");

@@ -100,7 +100,8 @@ void endLogin(ModuleLock& module, Token& token) {
   token.login = Login::none;
   ++token.logouts;
   pins.drop(token.slot);
-  module.state().objects.dropIf([&](const Object& object) { return object.token == &token && object.isPrivate; });
+  module.state().objects.dropIf(
+      [&](const Object& object) { return object.token == &token && object.isPrivate && object.moduleHandle == 0; });
 }
 
 void forgetToken(ModuleLock& module, Token& token) {

@@ -19,7 +19,7 @@ void useLogin(ModuleLock& module, Token& token);
 // Logs the user or security officer in to the module, checked by the token; the code is the module's.
 CK_RV loginToModule(ModuleLock& module, Token& token, CK_USER_TYPE userType, std::span<CK_UTF8CHAR> pin);
 
-// Ends the token's login here and in the module, and all private objects with it.
+// Ends the token's login here and in the module, and with it the private objects that this library holds.
 void endLogin(ModuleLock& module, Token& token);
 
 // Forgets what belonged to a token that is gone: sessions of the module, login, session objects and private objects.

@@ -100,7 +100,7 @@ bool matchesAll(ModuleLock& module, Object& object, const Template& wanted) {
 class Collector {
  public:
   Collector(ModuleLock& module, const Session& session, const Template& wanted)
-      : module_(module), session_(session), wanted_(wanted), class_(wanted.number(CKA_CLASS)) {}
+      : module_(module), session_(session), wanted_(wanted) {}
 
   std::vector<CK_OBJECT_HANDLE> collect() {
     if (wants(CKO_PUBLIC_KEY) || wants(CKO_PRIVATE_KEY)) collectKeys();
@@ -111,7 +111,10 @@ class Collector {
   }
 
  private:
-  bool wants(CK_OBJECT_CLASS objectClass) const { return class_.value_or(objectClass) == objectClass; }
+  bool wants(CK_OBJECT_CLASS objectClass) const {
+    const auto wanted = wanted_.bytes(CKA_CLASS);
+    return !wanted || (wanted->size() == sizeof objectClass && wanted_.number(CKA_CLASS) == objectClass);
+  }
 
   void collectKeys() {
     for (const CK_OBJECT_HANDLE handle : searchClass(module_, session_.token, CKO_PUBLIC_KEY, wanted_)) {
@@ -140,7 +143,6 @@ class Collector {
   ModuleLock& module_;
   const Session& session_;
   const Template& wanted_;
-  const std::optional<CK_ULONG> class_;
   std::vector<CK_OBJECT_HANDLE> found_;
 };
 

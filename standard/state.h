@@ -20,6 +20,7 @@ struct State {
   ModuleLibrary module;  // first: unloaded last
 
   std::mutex mutex;                   // the module lock; see ModuleLock
+  std::mutex turnstile;               // held by the next one to get the module lock
   std::condition_variable idle;       // with the module lock: no key is being generated
   unsigned generating = 0;            // keys being generated outside the lock, under the login as it is
   Token* loggedIn = nullptr;          // whose PIN the module has; null when it has none
@@ -44,7 +45,11 @@ extern PinStore& pins;
 // recursive. Calls that touch neither keys nor objects nor slots may be made without it.
 class ModuleLock {
  public:
-  explicit ModuleLock(State& state) : state_(state), lock_(state.mutex) {}
+  explicit ModuleLock(State& state) : state_(state) {
+    // A thread that returns for the lock at once queues up with the others.
+    const std::lock_guard turn(state.turnstile);
+    lock_ = std::unique_lock(state.mutex);
+  }
 
   const ModuleLibrary& operator->() const { return state_.module; }
   State& state() { return state_; }

@@ -73,7 +73,8 @@ void TokenTable::refresh(ModuleLock& module) {
     token.moduleSlot = moduleSlot;
     token.label = textIn(slotInfo.slotDescription);  // the module shortens the label of the token's own record
     token.model = textIn(info.model);
-    token.flags = info.flags;
+    token.lastTry = token.lastTry && (info.flags & CKF_USER_PIN_COUNT_LOW) != 0;
+    token.flags = info.flags | (token.lastTry ? CKF_USER_PIN_FINAL_TRY : 0U);
     token.firmware = info.firmwareVersion;
     token.hasPssAndOaep = info.firmwareVersion.major >= 2;
     if (token.present) continue;
@@ -87,6 +88,14 @@ void TokenTable::refresh(ModuleLock& module) {
     events_.insert(slot);
     forgetToken(module, *token);
   }
+}
+
+// The module says "low" of two tries and of one. Low before and after a wrong PIN, it is one.
+void TokenTable::countWrongPin(ModuleLock& module, Token& token) {
+  const bool wasLow = (token.flags & CKF_USER_PIN_COUNT_LOW) != 0;
+  refresh(module);
+  token.lastTry = wasLow && (token.flags & CKF_USER_PIN_COUNT_LOW) != 0;
+  if (token.lastTry) token.flags |= CKF_USER_PIN_FINAL_TRY;
 }
 
 std::optional<CK_SLOT_ID> TokenTable::takeEvent() {

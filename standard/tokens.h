@@ -29,13 +29,14 @@ struct Token {
   std::atomic<bool> present = false;
   std::atomic<unsigned> insertion = 0;  // counts how often the token came; sessions of an earlier one are dead
   std::atomic<Login> login = Login::none;
-  std::atomic<unsigned> logouts = 0;  // private objects and operations with private keys of an earlier count are dead
+  std::atomic<unsigned> logouts = 0;  // operations with private keys of an earlier count are dead
   std::atomic<bool> hasPssAndOaep = false;
 
   // Used under the module lock.
   std::string label;
   std::string model;
   CK_FLAGS flags = 0;
+  bool lastTry = false;  // of the PIN, as far as this process has seen wrong ones
   CK_VERSION firmware{};
   CK_SLOT_ID moduleSlot = 0;            // of the module's last listing
   CK_SESSION_HANDLE moduleSession = 0;  // for pairs of calls that are made under the lock; 0 when none is open
@@ -68,6 +69,9 @@ class TokenTable {
 
   // The token whose slot this is, present or not; null when there was none. A token stays until C_Finalize.
   Token* inSlot(CK_SLOT_ID slot);
+
+  // To be called after a wrong PIN: finds out whether the next try is the last.
+  void countWrongPin(ModuleLock& module, Token& token);
 
   // Takes the event of a slot whose token came or went, of the lowest slot first.
   std::optional<CK_SLOT_ID> takeEvent();
