@@ -201,7 +201,7 @@ fs::path tokenRoot() {
     const char* value = ::secure_getenv(name);
     return fs::path(value ? value : "");
   };
-  if (const fs::path root = variable("TAVRIN_SOFT_TOKENS"); !root.empty()) return root;
+  if (fs::path root = variable("TAVRIN_SOFT_TOKENS"); !root.empty()) return root;
   if (const fs::path data = variable("XDG_DATA_HOME"); data.is_absolute()) return data / "tavrin/soft-tokens";
   if (const fs::path home = variable("HOME"); home.is_absolute()) return home / ".local/share/tavrin/soft-tokens";
   throw Failure(Status::deviceFault, "no folder for tokens: set TAVRIN_SOFT_TOKENS or HOME");

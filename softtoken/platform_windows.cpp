@@ -194,7 +194,7 @@ FileLock::~FileLock() {
 }
 
 fs::path tokenRoot() {
-  if (const fs::path root = variable(L"TAVRIN_SOFT_TOKENS"); !root.empty()) return root;
+  if (fs::path root = variable(L"TAVRIN_SOFT_TOKENS"); !root.empty()) return root;
   const fs::path data = variable(L"LOCALAPPDATA");
   if (!data.is_absolute())
     throw Failure(Status::deviceFault, "no folder for tokens: set TAVRIN_SOFT_TOKENS or LOCALAPPDATA");
