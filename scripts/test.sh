@@ -1,8 +1,9 @@
 #!/bin/bash
-# Builds everything for every target and runs all tests: scripts/test.sh [STEP ...]
-# Steps: format, linux, bench, linux-asan, linux-tsan, fuzz, windows, clients, desktop, tidy, reproducible; all by default, in this
-# order. The last line counts the tests of all targets, each of the other steps being one; the exit code is 0 if none
-# failed.
+# Builds everything for every target and runs all tests: scripts/test.sh [quick | STEP ...]
+# Steps: format linux windows linux-asan linux-tsan tidy reproducible bench clients desktop fuzz; all by default.
+# "quick" is format and linux. It does not run the tests again while no file has changed since they passed.
+# Builds and checks run one after another; beside them run the tests of what has been built. The last line counts the
+# tests of all targets; each build and each other check is one. The exit code is 0 if none failed.
 set -euo pipefail
 exec </dev/null
 cd "$(dirname "$0")/.."
@@ -11,31 +12,101 @@ logs=$top/build/test-logs
 jobs=$(nproc)
 passed=0
 failed=0
+builds=(linux windows linux-asan linux-tsan)
+checks=(format tidy reproducible)
+runs=(bench clients desktop fuzz)
 
 say() { printf '%s\n' "$*"; }
 
-# attempt WHAT LOG COMMAND...: one step that counts as one test; the log is shown when it fails.
-attempt() {
-  local what=$1 log=$logs/$2 start=$SECONDS
-  shift 2
-  if "$@" >"$log" 2>&1; then
-    passed=$((passed + 1))
-    say "   ok: $what ($((SECONDS - start)) s)"
+# count PASSED FAILED: adds to the totals.
+count() {
+  passed=$((passed + $1))
+  failed=$((failed + $2))
+}
+
+has() { # NAME LIST...
+  local item
+  for item in "${@:2}"; do [[ $item != "$1" ]] || return 0; done
+  return 1
+}
+
+# measured LOG COMMAND...: runs the command with its output in the log. Sets `took` to its wall-clock and CPU seconds.
+measured() {
+  local log=$1 start=$SECONDS status=0
+  shift
+  TIMEFORMAT='%U %S'
+  { time "$@" >"$log" 2>&1; } 2>"$log.time" || status=$?
+  took="$((SECONDS - start)) s, $(awk '{printf "%.0f", $1 + $2}' "$log.time") s of CPU"
+  rm -f "$log.time"
+  return $status
+}
+
+# report NAME WHAT STATUS TOOK: a build, check or run that counts as one test; its log is shown when it failed.
+report() {
+  if [[ $3 == 0 ]]; then
+    count 1 0
+    say "== $1: $2 ok ($4)"
     return 0
   fi
-  failed=$((failed + 1))
-  tail -n 200 "$log"
-  say "   FAILED: $what; the whole output is in ${log#"$top"/}"
+  count 0 1
+  tail -n 200 "$logs/$1.log" || true
+  say "== $1: $2 FAILED ($4); the whole output is in build/test-logs/$1.log"
   return 1
 }
 
 build() {
-  cmake --preset "$1" && cmake --build --preset "$1" --parallel "$jobs"
+  local targets=(all)
+  [[ $1 != linux-asan ]] || targets=(all fuzz_targets)
+  cmake --preset "$1" && cmake --build --preset "$1" --parallel "$jobs" --target "${targets[@]}"
+}
+
+checkFormat() {
+  find . \( -path ./build -o -path ./.git \) -prune -o \( -name '*.cpp' -o -name '*.h' \) -print0 |
+    xargs -0 -n 32 -P "$jobs" clang-format --dry-run --Werror
+}
+
+# The module's sources are built for two ABIs on Linux; one is enough here. Without the precompiled headers, a source
+# that does not include what it uses is an error.
+checkTidy() {
+  cmake --preset linux && mkdir -p build/tidy &&
+    jq 'map(select(.command | contains("tavrin_module_winabi.dir") | not) |
+          .command |= gsub(" -Winvalid-pch -include [^ ]*cmake_pch.hxx"; ""))' \
+      build/linux/compile_commands.json >build/tidy/compile_commands.json &&
+    run-clang-tidy -quiet -p build/tidy -j "$jobs" "^$top/(src|softtoken|standard|tool|examples)/"
+}
+
+# Builds the Windows libraries again, from a copy in another folder and without the compiler cache, and compares them.
+checkReproducible() {
+  local copy=$top/build/reproducible/a-copy-in-another-folder library
+  rm -rf "$copy" && mkdir -p "$copy" &&
+    tar -c --exclude=./build --exclude=./.git . | tar -x -C "$copy" &&
+    (cd "$copy" && export CCACHE_DISABLE=1 && cmake --preset windows -DTAVRIN_BUILD_TESTS=OFF &&
+      cmake --build --preset windows --parallel "$jobs" --target TavrinPKCS11 TavrinDSCLibrary) || return 1
+  for library in TavrinPKCS11.dll TavrinDSCLibrary.dll; do
+    cmp "$copy/build/windows/bin/$library" "build/windows/bin/$library" || return 1
+  done
+  rm -rf build/reproducible
+}
+
+# buildAll STEP...: makes the builds and checks among the steps. Prints for each its name, exit code and time.
+buildAll() {
+  local name status
+  for name in format "${builds[@]}" tidy reproducible; do
+    has "$name" "$@" || continue
+    status=0
+    case $name in
+      format) measured "$logs/$name.log" checkFormat || status=$? ;;
+      tidy) measured "$logs/$name.log" checkTidy || status=$? ;;
+      reproducible) measured "$logs/$name.log" checkReproducible || status=$? ;;
+      *) measured "$logs/$name.log" build "$name" || status=$? ;;
+    esac
+    say "$name $status $took"
+  done
 }
 
 # Adds up a report of ctest: the cases that a GoogleTest program printed, one for any other test, whose name has a point.
-# A test that failed without naming a case counts as a failed one, and so does a program that stopped on its way or did
-# not start: Wine has answered 0 for both. Prints "passed failed".
+# A test that failed without naming a case counts as a failed one, and so does a program that stopped early or did not
+# start: Wine has answered 0 for both. Prints "passed failed".
 countCases() {
   awk '/<testcase / {good = /status="run"/; program = !/name="[^"]*\./; ok = bad = underway = 0}
        /^\[=+\] Running / || /<system-out>.*\[=+\] Running / {underway = 1}
@@ -47,125 +118,121 @@ countCases() {
        END {print passed + 0, failed + 0}' "$1"
 }
 
-# runTests PRESET [WRAPPER...]
+# runTests PRESET: the tests of a build.
 runTests() {
-  local preset=$1 report=$logs/$1.xml log=$logs/$1-tests.log start=$SECONDS status=0 good=0 bad=0
-  shift
-  rm -f "$report"
-  "$@" ctest --preset "$preset" --parallel "$jobs" --output-junit "$report" --test-output-size-passed 1000000 \
-    --quiet --output-log "$log" || status=$?
-  [[ ! -s $report ]] || read -r good bad < <(countCases "$report")
+  local preset=$1 junit=$logs/$1.xml log=$logs/$1-tests.log status=0 good=0 bad=0 wrapper=()
+  rm -f "$junit"
+  # ThreadSanitizer needs addresses that some kernels randomise too widely. This turns that off where it can be.
+  if [[ $preset == linux-tsan ]] && setarch -R true 2>/dev/null; then wrapper=(setarch -R); fi
+  # Wine makes its prefix once, so that no test waits for it.
+  [[ $preset != windows ]] || scripts/wine.sh wineboot -i >/dev/null 2>&1 || true
+  measured "$log" "${wrapper[@]}" ctest --preset "$preset" --parallel "$jobs" --output-junit "$junit" \
+    --test-output-size-passed 1000000 || status=$?
+  [[ ! -s $junit ]] || read -r good bad < <(countCases "$junit")
   [[ $status -eq 0 || $bad -gt 0 ]] || bad=1
-  passed=$((passed + good))
-  failed=$((failed + bad))
-  say "   $good tests passed, $bad failed ($((SECONDS - start)) s)"
-  [[ $bad -gt 0 ]] || return 0
-  grep -E -B 40 '^\[ +FAILED|FAILED:|\*\*\*Failed|\*\*\*Timeout' "$log" | tail -n 200 || true
-  say "   FAILED; the whole output is in ${log#"$top"/}"
+  count "$good" "$bad"
+  if [[ $bad -gt 0 ]]; then
+    grep -E -B 40 '^\[ +FAILED|FAILED:|\*\*\*Failed|\*\*\*Timeout' "$log" | tail -n 200 || true
+    say "   the whole output is in ${log#"$top"/}"
+  fi
+  say "== $preset: $good tests passed, $bad failed ($took)"
+  [[ $bad -eq 0 ]]
 }
 
-buildAndTest() {
-  say "== $1: build and test"
-  attempt "build" "$1-build.log" build "$1" && runTests "$@"
+fingerprint() {
+  git ls-files -z --cached --others --exclude-standard 2>/dev/null | xargs -0 sha256sum 2>/dev/null | sha256sum
+}
+
+# The tests of the linux build for "quick".
+runTestsIfChanged() {
+  local state=$logs/quick-passed now before good
+  now=$(fingerprint)
+  if [[ -s $state ]] && read -r before good <"$state" && [[ $before == "${now%% *}" ]]; then
+    count "$good" 0
+    say "== linux: $good tests passed before; no file has changed since"
+    return
+  fi
+  rm -f "$state"
+  good=$passed
+  ! runTests linux || [[ $(fingerprint) != "$now" ]] || say "${now%% *} $((passed - good))" >"$state"
 }
 
 # runClients GROUP: "clients" needs the builds for linux and windows, "desktop" that for linux.
 runClients() {
-  local log=$logs/$1.log start=$SECONDS good=0 bad=0
+  local log=$logs/$1.log good=0 bad=0
   mkdir -p build/windows
-  tests/clients/run.sh build/linux build/windows "$1" >"$log" 2>&1 || true
+  measured "$log" tests/clients/run.sh build/linux build/windows "$1" || true
   sed 's/^/   /' "$log"
   read -r good bad < <(sed -nE '$s/^([0-9]+) passed, ([0-9]+) failed$/\1 \2/p' "$log") || bad=1
-  passed=$((passed + good))
-  failed=$((failed + bad))
-  say "   $good checks passed, $bad failed ($((SECONDS - start)) s)"
+  count "$good" "$bad"
+  say "== $1: $good checks passed, $bad failed ($took)"
 }
 
-checkFormat() {
-  find . \( -path ./build -o -path ./.git \) -prune -o \( -name '*.cpp' -o -name '*.h' \) -print0 |
-    xargs -0 clang-format --dry-run --Werror
+runAsOne() { # NAME COMMAND...
+  local status=0
+  measured "$logs/$1.log" "${@:2}" || status=$?
+  ! report "$1" "a short run" $status "$took" || sed 's/^/   /' "$logs/$1.log"
 }
 
-# The module's sources are built for two ABIs; looking at them in that of Windows is enough.
-checkTidy() {
-  cmake --preset linux && mkdir -p build/tidy &&
-    jq 'map(select(.command | contains("tavrin_module_native.dir") | not))' build/linux/compile_commands.json \
-      >build/tidy/compile_commands.json &&
-    run-clang-tidy -quiet -p build/tidy -j "$jobs" "^$top/(src|softtoken|tool|examples)/"
-}
-
-# Builds both libraries for Windows once more, from a copy that lies elsewhere, and compares the files.
-checkReproducible() {
-  local copy=$top/build/reproducible/a-copy-that-lies-elsewhere library
-  rm -rf "$copy" && mkdir -p "$copy" &&
-    tar -c --exclude=./build --exclude=./.git . | tar -x -C "$copy" &&
-    (cd "$copy" && cmake --preset windows -DTAVRIN_BUILD_TESTS=OFF &&
-      cmake --build --preset windows --parallel "$jobs" --target TavrinPKCS11 TavrinDSCLibrary) || return 1
-  for library in TavrinPKCS11.dll TavrinDSCLibrary.dll; do
-    cmp "$copy/build/windows/bin/$library" "build/windows/bin/$library" || return 1
-  done
-  rm -rf build/reproducible
-}
-
-step() {
+run() {
   case $1 in
-    format)
-      say "== format: all sources are as clang-format writes them"
-      attempt "format" format.log checkFormat
-      ;;
-    linux | linux-asan)
-      buildAndTest "$1"
-      ;;
-    bench)
-      # Only to see that they run; scripts/bench.sh takes longer and is surer.
-      say "== bench: a short run of the benchmarks"
-      attempt "bench" bench.log scripts/bench.sh --benchmark_repetitions=3 --benchmark_min_time=0.02 &&
-        sed 's/^/   /' "$logs/bench.log"
-      ;;
-    linux-tsan)
-      # ThreadSanitizer needs addresses that some kernels randomise too widely; leave that off where it can be.
-      if setarch -R true 2>/dev/null; then buildAndTest "$1" setarch -R; else buildAndTest "$1"; fi
-      ;;
-    fuzz)
-      say "== fuzz: a short run of each target"
-      attempt "fuzz" fuzz.log scripts/fuzz.sh && sed 's/^/   /' "$logs/fuzz.log"
-      ;;
-    windows)
-      scripts/wine.sh wineboot -i >/dev/null 2>&1 || true # once, so that no test waits for it
-      buildAndTest "$1"
-      ;;
-    clients)
-      say "== clients: real clients, the packages, and the commands of the guides"
-      runClients clients
-      ;;
-    desktop)
-      say "== desktop: browsers and other programs of a user's desktop"
-      runClients desktop
-      ;;
-    tidy)
-      say "== tidy: clang-tidy has nothing to say"
-      attempt "tidy" tidy.log checkTidy
-      ;;
-    reproducible)
-      say "== reproducible: another checkout gives the same DLLs"
-      attempt "reproducible" reproducible.log checkReproducible
-      ;;
-    *)
-      say "unknown step '$1'; there are: format linux bench linux-asan linux-tsan fuzz windows clients desktop tidy reproducible" >&2
-      exit 2
-      ;;
+    clients | desktop) runClients "$1" ;;
+    # Only to see that they run; scripts/bench.sh alone takes longer and measures better.
+    bench) runAsOne bench scripts/bench.sh --benchmark_repetitions=3 --benchmark_min_time=0.02 ;;
+    fuzz) runAsOne fuzz scripts/fuzz.sh ;;
   esac
 }
 
-scripts/setup.sh --clients
+# What can run once a build is there.
+runAfter() {
+  case $1 in
+    linux) say bench desktop ;;
+    windows) say clients ;;
+    linux-asan) say fuzz ;;
+  esac
+}
+
+quick=
+steps=("$@")
+if [[ $* == quick ]]; then
+  quick=1
+  steps=(format linux)
+elif [[ $# -eq 0 ]]; then
+  steps=("${builds[@]}" "${checks[@]}" "${runs[@]}")
+fi
+for name in "${steps[@]}"; do
+  if ! has "$name" "${builds[@]}" "${checks[@]}" "${runs[@]}"; then
+    say "unknown step '$name'; the steps are: ${checks[*]} ${builds[*]} ${runs[*]}" >&2
+    exit 2
+  fi
+done
+
+if has clients "${steps[@]}" || has desktop "${steps[@]}"; then scripts/setup.sh --clients; else scripts/setup.sh; fi
 mkdir -p "$logs"
 export ASAN_OPTIONS=detect_leaks=1:detect_stack_use_after_return=1:check_initialization_order=1:strict_string_checks=1
 export UBSAN_OPTIONS=print_stacktrace=1
 export TSAN_OPTIONS=second_deadlock_stack=1
-steps=("$@")
-[[ $# -gt 0 ]] || steps=(format linux bench linux-asan linux-tsan fuzz windows clients desktop tidy reproducible)
+
+done=()
+runOnce() {
+  if has "$1" "${steps[@]}" && ! has "$1" "${done[@]}"; then
+    done+=("$1")
+    run "$1" || true
+  fi
+}
+while read -r -u 3 name status took; do
+  done+=("$name")
+  if has "$name" "${checks[@]}"; then
+    report "$name" "check" "$status" "$took" || true
+    continue
+  fi
+  report "$name" "build" "$status" "$took" || continue
+  if [[ -n $quick ]]; then runTestsIfChanged; else runTests "$name" || true; fi
+  for next in $(runAfter "$name"); do runOnce "$next"; done
+done 3< <(buildAll "${steps[@]}")
+for name in "${runs[@]}"; do runOnce "$name"; done
 for name in "${steps[@]}"; do
-  step "$name" || true
+  has "$name" "${done[@]}" || report "$name" "was not run:" 1 "0 s" || true
 done
 
 say "== finished after $((SECONDS / 60)) min $((SECONDS % 60)) s"
