@@ -1,8 +1,8 @@
 #!/bin/bash
 # Builds the fuzz targets and runs them: scripts/fuzz.sh [--long] [TARGET ...]
-# Without --long for about a minute, in a way that is the same each time; with it for an hour or so, ten million calls
-# of the random walk included. What was found of new inputs stays in build/fuzz-corpus for the next run. An input that
-# breaks something is left in build/fuzz-findings; give its file to build/linux-fuzz/bin/TARGET to see it again.
+# Without --long it takes about a minute and does the same each time. With --long it takes an hour or more, with ten
+# million calls of the random walk. New inputs that it finds stay in build/fuzz-corpus for the next run. An input that
+# makes a target fail is left in build/fuzz-findings; build/linux-asan/bin/TARGET FILE runs it again.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -24,21 +24,30 @@ declare -A limits=(
 cmake --preset linux-fuzz >/dev/null
 cmake --build --preset linux-fuzz --parallel "$(nproc)" >/dev/null
 mkdir -p build/fuzz-findings
-for target in "${targets[@]}"; do
+
+fuzz() { # TARGET
+  local target=$1 few many longest found=build/fuzz-corpus/$1 log=build/fuzz-findings/$1.log
   read -r few many longest <<<"${limits[$target]}"
-  found=build/fuzz-corpus/$target
-  log=build/fuzz-findings/$target.log
-  options=(-len_control=0 -max_len="$longest" -artifact_prefix="build/fuzz-findings/$target-" -runs="$many")
+  local options=(-len_control=0 -max_len="$longest" -artifact_prefix="build/fuzz-findings/$target-" -runs="$many")
   if [[ -z $long ]]; then
     options+=(-runs="$few" -seed=1)
-    found=build/fuzz-corpus/none
+    found=build/fuzz-corpus/none-$target
     rm -rf "$found"
   fi
   mkdir -p "$found"
-  if ! build/linux-fuzz/bin/"$target" "${options[@]}" "$found" "fuzz/corpus/${target%_fuzz}" >"$log" 2>&1; then
+  if ! build/linux-asan/bin/"$target" "${options[@]}" "$found" "fuzz/corpus/${target%_fuzz}" >"$log" 2>&1; then
     grep -vE 'NEW|REDUCE|pulse|RELOAD' "$log" | tail -n 60
     echo "fuzz: $target found something; the whole output is in $log" >&2
-    exit 1
+    return 1
   fi
   echo "$target: $(grep -E '^Done|calls' "$log" | paste -sd ';' | sed 's/;/; /')"
+}
+
+running=()
+for target in "${targets[@]}"; do
+  fuzz "$target" &
+  running+=($!)
 done
+failed=0
+for process in "${running[@]}"; do wait "$process" || failed=1; done
+exit $failed

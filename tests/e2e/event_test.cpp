@@ -31,7 +31,7 @@ TEST(Events, UnpluggingWakesTheWaiterAndLogsOut) {
   runTool("E2E_UNPLUG");
   const auto unplugged = std::chrono::steady_clock::now();
   EXPECT_EQ(waiter.get(), CKR_OK);
-  EXPECT_LT(std::chrono::steady_clock::now() - unplugged, std::chrono::milliseconds(2500));
+  EXPECT_LT(std::chrono::steady_clock::now() - unplugged, std::chrono::seconds(10));
   EXPECT_EQ(token.state(), CKS_RW_PUBLIC_SESSION);
   EXPECT_TRUE(slotsWithToken(token.module).empty());
 

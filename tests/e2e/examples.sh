@@ -20,7 +20,7 @@ grep -q 'no key labelled "no such key"' error || fail "unclear: $(cat error)"
 : >events
 launch wait_for_token "$E2E_MODULE" 3 >>events &
 waitForLines() {
-  for _ in {1..100}; do
+  for _ in {1..600}; do
     [[ $(wc -l <events) -lt $1 ]] || return 0
     sleep 0.1
   done

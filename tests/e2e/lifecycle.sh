@@ -1,6 +1,6 @@
 #!/bin/bash
-# Processes that end, or let go of the module, without finalising it: the exit code is the process's own, nothing
-# crashes, and it takes no longer than two seconds.
+# Processes that end, or unload the module, without finalising it: the exit code is the process's own, nothing crashes,
+# and it takes at most two seconds.
 source "$(dirname "$0")/common.sh"
 
 # The monitor thread of a process that ends without finalising is never joined; that is what is tested here.
@@ -9,28 +9,46 @@ export TSAN_OPTIONS=${TSAN_OPTIONS:+$TSAN_OPTIONS:}report_thread_leaks=0
 createToken lifecycle
 run sign_file "$E2E_MODULE" "file:$(native "$E2E_PIN_FILE")" key "$(native "$E2E_PIN_FILE")" key rsa >/dev/null
 
-milliseconds() { echo $((${EPOCHREALTIME/./} / 1000)); }
-
 # Windows does not fork, and ThreadSanitizer lets no forked process start threads.
 ways='return exit _exit unload'
 [[ $E2E_SYSTEM == Windows || $E2E_SANITIZERS == *thread* ]] || ways+=' fork'
 
-for tested in "$library" "$standardLibrary"; do
-  name=$(basename "$tested")
-  for state in loaded initialised loggedIn signing waiting; do
-    for way in $ways; do
-      { E2E_MODULE=$(native "$tested") launch lifecycle_child $state $way 2>errors && echo 0 >code || echo $? >code; } | {
-        read -r line
-        [[ $line == leaving* ]] || fail "$name, $state, $way: $line $(cat errors)"
-        milliseconds >left
-      }
-      code=$(cat code)
-      ended=$(milliseconds)
-      [[ $code == 42 ]] || fail "$name, $state, $way: exit code $code $(cat errors)"
-      took=$((ended - $(cat left)))
-      [[ $way != unload ]] || took=$((took - 1200))
-      [[ $took -le 2000 ]] || fail "$name, $state, $way: took $took ms"
-      echo "$name, $state, $way: exit code $code after $took ms"
+milliseconds() { echo $((${EPOCHREALTIME/./} / 1000)); }
+
+# leave STATE WAY: prints the time between the announcement of leaving and the end of the process.
+leave() {
+  local file=$1-$2 code held=0
+  [[ $2 != unload ]] || held=1200 # it waits that long after unloading
+  { launch lifecycle_child "$1" "$2" 2>"$file.errors" && echo 0 >"$file.code" || echo $? >"$file.code"; } | {
+    read -r line
+    [[ $line == leaving* ]] || fail "$1, $2: $line $(<"$file.errors")"
+    milliseconds >"$file.left"
+  } || exit 1
+  code=$(<"$file.code")
+  [[ $code == 42 ]] || fail "$1, $2: exit code $code $(<"$file.errors")"
+  echo $(($(milliseconds) - $(<"$file.left") - held))
+}
+
+# A busy machine may delay one process. A fault delays each, so the fastest of four counts.
+tryWays() { # STATE
+  local way took
+  for way in $ways; do
+    for _ in {1..4}; do
+      took=$(leave "$1" "$way")
+      [[ $took -gt 2000 ]] || break
     done
+    [[ $took -le 2000 ]] || fail "$1, $way: took $took ms"
+    echo "${E2E_MODULE##*/}, $1, $way: left after $took ms"
   done
+}
+
+# The states at the same time, because these processes mostly wait.
+for tested in "$library" "$standardLibrary"; do
+  E2E_MODULE=$(native "$tested")
+  tests=()
+  for state in loaded initialised loggedIn signing waiting; do
+    tryWays $state &
+    tests+=($!)
+  done
+  for test in "${tests[@]}"; do wait "$test"; done
 done

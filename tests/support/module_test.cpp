@@ -211,7 +211,7 @@ void ModuleTest::setFirmware(const char* version) {
 }
 
 bool ModuleTest::waitForListings(int count) {
-  const auto timeout = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  const auto timeout = std::chrono::steady_clock::now() + std::chrono::seconds(20);
   const int enough = fake::backgroundListings() + count;
   while (fake::backgroundListings() < enough) {
     if (std::chrono::steady_clock::now() > timeout) return false;
