@@ -1,6 +1,7 @@
 #!/bin/bash
 # Builds everything for every target and runs all tests: scripts/test.sh [quick | STEP ...]
-# Steps: format linux windows linux-asan linux-tsan tidy reproducible bench clients desktop fuzz; all by default.
+# Steps: format linux windows linux-asan linux-tsan tidy reproducible bench package clients desktop fuzz; all by
+# default.
 # "quick" is format and linux. It does not run the tests again while no file has changed since they passed.
 # Builds and checks run one after another; beside them run the tests of what has been built. The last line counts the
 # tests of all targets; each build and each other check is one. The exit code is 0 if none failed.
@@ -14,7 +15,7 @@ passed=0
 failed=0
 builds=(linux windows linux-asan linux-tsan)
 checks=(format tidy reproducible)
-runs=(bench clients desktop fuzz)
+runs=(bench package clients desktop fuzz)
 
 say() { printf '%s\n' "$*"; }
 
@@ -77,13 +78,14 @@ checkTidy() {
 
 # Builds the Windows libraries again, from a copy in another folder and without the compiler cache, and compares them.
 checkReproducible() {
-  local copy=$top/build/reproducible/a-copy-in-another-folder library
+  local copy=$top/build/reproducible/a-copy-in-another-folder library libraries
+  libraries=(TavrinPKCS11 TavrinPKCS11Standard TavrinDSCLibrary)
   rm -rf "$copy" && mkdir -p "$copy" &&
     tar -c --exclude=./build --exclude=./.git . | tar -x -C "$copy" &&
     (cd "$copy" && export CCACHE_DISABLE=1 && cmake --preset windows -DTAVRIN_BUILD_TESTS=OFF &&
-      cmake --build --preset windows --parallel "$jobs" --target TavrinPKCS11 TavrinDSCLibrary) || return 1
-  for library in TavrinPKCS11.dll TavrinDSCLibrary.dll; do
-    cmp "$copy/build/windows/bin/$library" "build/windows/bin/$library" || return 1
+      cmake --build --preset windows --parallel "$jobs" --target "${libraries[@]}") || return 1
+  for library in "${libraries[@]}"; do
+    cmp "$copy/build/windows/bin/$library.dll" "build/windows/bin/$library.dll" || return 1
   done
   rm -rf build/reproducible
 }
@@ -157,11 +159,11 @@ runTestsIfChanged() {
   ! runTests linux || [[ $(fingerprint) != "$now" ]] || say "${now%% *} $((passed - good))" >"$state"
 }
 
-# runClients GROUP: "clients" needs the builds for linux and windows, "desktop" that for linux.
+# runClients NAME GROUP|SCRIPT: "clients" needs the builds for linux and windows, the others that for linux.
 runClients() {
   local log=$logs/$1.log good=0 bad=0
   mkdir -p build/windows
-  measured "$log" tests/clients/run.sh build/linux build/windows "$1" || true
+  measured "$log" tests/clients/run.sh build/linux build/windows "$2" || true
   sed 's/^/   /' "$log"
   read -r good bad < <(sed -nE '$s/^([0-9]+) passed, ([0-9]+) failed$/\1 \2/p' "$log") || bad=1
   count "$good" "$bad"
@@ -176,7 +178,8 @@ runAsOne() { # NAME COMMAND...
 
 run() {
   case $1 in
-    clients | desktop) runClients "$1" ;;
+    clients | desktop) runClients "$1" "$1" ;;
+    package) runClients package "$top/packaging/debian/test_package.sh" ;;
     # Only to see that they run; scripts/bench.sh alone takes longer and measures better.
     bench) runAsOne bench scripts/bench.sh --benchmark_repetitions=3 --benchmark_min_time=0.02 ;;
     fuzz) runAsOne fuzz scripts/fuzz.sh ;;
@@ -186,7 +189,7 @@ run() {
 # What can run once a build is there.
 runAfter() {
   case $1 in
-    linux) say bench desktop ;;
+    linux) say bench package desktop ;;
     windows) say clients ;;
     linux-asan) say fuzz ;;
   esac
@@ -207,7 +210,11 @@ for name in "${steps[@]}"; do
   fi
 done
 
-if has clients "${steps[@]}" || has desktop "${steps[@]}"; then scripts/setup.sh --clients; else scripts/setup.sh; fi
+setupOptions=()
+for name in package clients desktop; do
+  ! has "$name" "${steps[@]}" || setupOptions=(--clients)
+done
+scripts/setup.sh "${setupOptions[@]}"
 mkdir -p "$logs"
 export ASAN_OPTIONS=detect_leaks=1:detect_stack_use_after_return=1:check_initialization_order=1:strict_string_checks=1
 export UBSAN_OPTIONS=print_stacktrace=1
