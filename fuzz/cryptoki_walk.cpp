@@ -1,6 +1,6 @@
 // Random walks through Cryptoki: a byte string is played as calls with valid, null, stale and foreign handles,
 // templates and lengths, over the scripted device library, whose tokens come, go and fail underneath. Every answer that
-// the model of slots, sessions, logins and operations foretells is compared, and every session's state after each call.
+// the model of slots, sessions, logins and operations predicts is compared, and every session's state after each call.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -53,7 +53,7 @@ void plug(const std::string& serial) {
   fake::edit()->devices.push_back(device);
 }
 
-// Values of a template in memory of their own, so that no byte beside them goes unnoticed.
+// Each value of a template has memory of its own, so that a sanitizer sees every access beyond it.
 class RandomTemplate {
  public:
   explicit RandomTemplate(FuzzInput& input) {

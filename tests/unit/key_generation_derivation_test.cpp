@@ -71,7 +71,7 @@ TEST_F(KeyGenerationTest, TemplatesDecideWhatTheDeviceIsAskedFor) {
     Template publicKey;
     Template privateKey;
     int keyType;
-    int bits;  // 0: not told
+    int bits;  // 0: not logged
     std::string asked;
   };
   const Row rows[] = {

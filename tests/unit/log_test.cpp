@@ -1,4 +1,4 @@
-// Where the log stands, how its lines look, and what the configured level lets through.
+// The place of the log, the form of its lines, and the lines that the configured level selects.
 #include <chrono>
 #include <filesystem>
 #include <fstream>

@@ -9,7 +9,7 @@ class LoginTest : public ModuleTest {
     ModuleTest::SetUp();
     addToken();
   }
-  // Whether a user counts as logged in, which the state of a new session tells.
+  // Whether a user is logged in, by the state of a new session.
   bool loggedIn() {
     const CK_SESSION_HANDLE session = open(readOnly, slot1 + 1);
     const bool user = state(session) == CKS_RO_USER_FUNCTIONS;
@@ -59,7 +59,7 @@ TEST_F(LoginTest, LoginAsksTheDeviceAndRaisesTheSessionsOfTheToken) {
   const CK_SESSION_HANDLE a = open(readOnly);
   const CK_SESSION_HANDLE other = open(readWrite, slot1 + 1);
   const CK_SESSION_HANDLE b = open(readWrite);
-  // The PIN is as long as the caller says, whatever follows it.
+  // The PIN has the given length; the bytes after it do not count.
   does(CALL(C_Login, b, CKU_USER, bytes("12345678"), 4), askedUser("1234") + told("2"));
   expectStates({{a, 1}, {b, 3}, {other, 2}});
 

@@ -58,7 +58,7 @@ TEST_F(MonitorTest, UnpluggingLogsTheUserOutAndChangesOfTheCountAreEvents) {
   EXPECT_EQ(login(officer, CKU_SO).make(), CKR_SESSION_READ_ONLY_EXISTS);
   const CK_SESSION_HANDLE user = open();
   EXPECT_EQ(state(user), CKS_RW_USER_FUNCTIONS);
-  // Two devices come and the token goes: one event.
+  // Two devices are connected and the token is removed: one event.
   fake::edit()->devices = {fake::device("TK10"), fake::device("TK")};
   does(wait_, waited);
   expect(poll_, CKR_NO_EVENT, nothing);

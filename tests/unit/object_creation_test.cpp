@@ -36,7 +36,7 @@ std::string parsed(const std::string& der) { return "> getCertificateDetails '" 
 std::string imported(const std::string& label, const std::string& id, const std::string& der) {
   return "> importCertificate TK1 pin='1234' number=0  label='" + label + "' id='" + id + "' '" + der + "' inst";
 }
-// What is told of a template: the types of its attributes that have a value.
+// The lines for a template: the types of its attributes that have a value.
 Lines seen(const Template& attributes) {
   Lines lines;
   for (CK_ULONG i = 0; i < attributes.size(); ++i) {

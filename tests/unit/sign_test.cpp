@@ -62,7 +62,7 @@ TEST_F(SignTest, AnEmptyHashIsSignedToo) {
   EXPECT_EQ(Lines(did.end() - 3, did.end()), (Lines{"- Sign input hash : NULL or empty", asked(""), returned(CKR_OK)}));
 }
 
-// One buffer holds the key pair that was resolved last, whatever for.
+// One buffer holds the key pair that was resolved last, by any call.
 TEST_F(SignTest, DeviceIsGivenTheKeyThatWasResolvedLastAndWithoutLoginNoPassword) {
   ok(C_Logout(session_));
   ok(init(CKM_RSA_PKCS));

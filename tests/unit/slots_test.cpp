@@ -1,4 +1,4 @@
-// Slots over the connected devices, and what is told of them and their tokens.
+// The slots of the connected devices, and the information on them and their tokens.
 #include <algorithm>
 #include <cstring>
 
