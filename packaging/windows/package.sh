@@ -65,11 +65,9 @@ sign() {
 
 # The folder of the zip. Its documents refer to the examples and headers beside them.
 collect() {
-  local folder=$work/$name library
+  local folder=$work/$name
   mkdir -p "$folder"/{examples,include,src/devlib,TavrinDSC/Certificates}
-  cp "$bin"/{TavrinPKCS11.dll,TavrinDSCLibrary.dll,tavrin-tool.exe,sign_file.exe,wait_for_token.exe} "$folder/"
-  library=$bin/TavrinPKCS11Standard.dll
-  [[ ! -e $library ]] || cp "$library" "$folder/"
+  cp "$bin"/{TavrinPKCS11,TavrinPKCS11Standard,TavrinDSCLibrary}.dll "$bin"/{tavrin-tool,sign_file,wait_for_token}.exe "$folder/"
   chmod 644 "$folder"/*.{dll,exe}
   cp "$here/README.md" "$top/CHANGELOG.md" "$folder/"
   cp -R "$top/docs" "$folder/docs"

@@ -36,7 +36,7 @@ check "SHA256SUMS" eval '(cd packages && sha256sum --check --strict SHA256SUMS &
 
 quietly unzip "packages/tavrin-$version-windows-x64.zip"
 zip=$work/tavrin-$version-windows-x64
-for file in TavrinPKCS11.dll TavrinDSCLibrary.dll tavrin-tool.exe include/pkcs11.h examples/sign_file.cpp; do
+for file in TavrinPKCS11.dll TavrinPKCS11Standard.dll TavrinDSCLibrary.dll tavrin-tool.exe include/pkcs11.h examples/sign_file.cpp; do
   [[ -f $zip/$file ]] || echo "$file"
 done >missing
 brokenLinks "$zip" >>missing

@@ -11,7 +11,7 @@ for name in "$@"; do
   case $name in
     clients)
       scripts+=("$folder"/{pkcs11_tool,gnutls,openssl_engine,nginx,nss,java,openssh,osslsigncode,p11_kit,standard}.sh)
-      scripts+=("$folder"/{node_windows,documents}.sh "$folder/../../packaging/windows/test_package.sh")
+      scripts+=("$folder"/{node_windows,documents}.sh "$folder/../../packaging"/{windows,debian}/test_package.sh)
       ;;
     desktop) scripts+=("$folder"/{browsers,report_page,pdfsig,openvpn,git,gpgsm}.sh) ;;
     *) scripts+=("$name") ;;
