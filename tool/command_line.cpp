@@ -4,6 +4,7 @@
 #include <iostream>
 #include <numeric>
 
+#include "tool/import_command.h"
 #include "tool/log_commands.h"
 #include "tool/manual.h"
 #include "tool/report_command.h"
@@ -108,6 +109,7 @@ std::unique_ptr<CLI::App> makeCommandLine(Action& action) {
   app->get_formatter()->column_width(28);
   app->set_version_flag("--version", std::string("tavrin-tool ") + TAVRIN_VERSION);
   app->require_subcommand(1);
+  addImportCommand(*app, action);
   addStatusCommand(*app, action);
   addLogCommands(*app, action);
   addReportCommand(*app, action);

@@ -1,14 +1,13 @@
 #include "tool/module_probe.h"
 
 #include <algorithm>
-#include <cstdio>
 
-#include "pkcs11.h"
 #include "softtoken/failure.h"
 #include "softtoken/token_folders.h"
 #include "tool/console.h"
 #include "tool/log_files.h"
 #include "tool/module_file.h"
+#include "tool/module_session.h"
 
 namespace tool {
 namespace {
@@ -18,99 +17,9 @@ using softtoken::ByteView;
 using softtoken::Failure;
 using softtoken::Status;
 
-void check(CK_RV result, const char* call) {
-  if (result == CKR_OK) return;
-  char code[24];
-  std::snprintf(code, sizeof code, "0x%08lX", static_cast<unsigned long>(result));
-  throw Failure(Status::deviceFault, std::string(call) + " failed with " + code);
+std::string versionText(CK_VERSION version) {
+  return std::to_string(version.major) + "." + std::to_string(version.minor);
 }
-
-// Fields end at a NUL, or are padded with blanks.
-template <std::size_t size>
-std::string textOf(const CK_UTF8CHAR (&field)[size]) {
-  std::string text(field, std::find(field, field + size, '\0'));
-  text.erase(text.find_last_not_of(' ') + 1);
-  return text;
-}
-
-std::string textOf(CK_VERSION version) { return std::to_string(version.major) + "." + std::to_string(version.minor); }
-
-class Library {
- public:
-  Library(const std::filesystem::path& file, std::string& warning) : handle_(loadLibrary(file, warning)) {}
-  ~Library() { unloadLibrary(handle_); }
-  Library(const Library&) = delete;
-  Library& operator=(const Library&) = delete;
-
-  void* find(const char* name) const { return findFunction(handle_, name); }
-
- private:
-  void* handle_;
-};
-
-class InitialisedModule {
- public:
-  explicit InitialisedModule(CK_FUNCTION_LIST* functions) : functions_(functions) {
-    check(functions->C_Initialize(nullptr), "C_Initialize");
-  }
-  ~InitialisedModule() { functions_->C_Finalize(nullptr); }
-  InitialisedModule(const InitialisedModule&) = delete;
-  InitialisedModule& operator=(const InitialisedModule&) = delete;
-
- private:
-  CK_FUNCTION_LIST* functions_;
-};
-
-// A read-only session.
-class Session {
- public:
-  Session(CK_FUNCTION_LIST* functions, CK_SLOT_ID slot) : functions_(functions) {
-    check(functions->C_OpenSession(slot, CKF_SERIAL_SESSION, nullptr, nullptr, &handle_), "C_OpenSession");
-  }
-  ~Session() { functions_->C_CloseSession(handle_); }
-  Session(const Session&) = delete;
-  Session& operator=(const Session&) = delete;
-
-  std::vector<CK_OBJECT_HANDLE> objects(CK_OBJECT_CLASS objectClass) const {
-    CK_ATTRIBUTE wanted = {CKA_CLASS, &objectClass, sizeof objectClass};
-    check(functions_->C_FindObjectsInit(handle_, &wanted, 1), "C_FindObjectsInit");
-    std::vector<CK_OBJECT_HANDLE> found;
-    CK_OBJECT_HANDLE batch[64];
-    CK_ULONG count = 0;
-    CK_RV result = CKR_OK;
-    while ((result = functions_->C_FindObjects(handle_, batch, std::size(batch), &count)) == CKR_OK && count > 0)
-      found.insert(found.end(), batch, batch + count);
-    functions_->C_FindObjectsFinal(handle_);
-    check(result, "C_FindObjects");
-    return found;
-  }
-
-  Bytes bytes(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const {
-    CK_ATTRIBUTE attribute = {type, nullptr, 0};
-    check(functions_->C_GetAttributeValue(handle_, object, &attribute, 1), "C_GetAttributeValue");
-    if (attribute.ulValueLen == CK_UNAVAILABLE_INFORMATION) return {};
-    Bytes value(attribute.ulValueLen);
-    attribute.pValue = value.data();
-    if (!value.empty()) check(functions_->C_GetAttributeValue(handle_, object, &attribute, 1), "C_GetAttributeValue");
-    return value;
-  }
-
-  std::string text(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const {
-    const Bytes value = bytes(object, type);
-    return {value.begin(), std::ranges::find(value, 0)};
-  }
-
-  CK_ULONG number(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const {
-    CK_ULONG value = 0;
-    CK_ATTRIBUTE attribute = {type, &value, sizeof value};
-    check(functions_->C_GetAttributeValue(handle_, object, &attribute, 1), "C_GetAttributeValue");
-    return value;
-  }
-
- private:
-  CK_FUNCTION_LIST* functions_;
-  CK_SESSION_HANDLE handle_ = 0;
-};
 
 // An EC point comes inside a DER OCTET STRING.
 Bytes pointIn(const Bytes& octetString) {
@@ -147,10 +56,10 @@ void readToken(CK_FUNCTION_LIST* functions, CK_SLOT_ID slot, ProbedToken& token)
   check(functions->C_GetTokenInfo(slot, &info), "C_GetTokenInfo");
   token.label = textOf(info.label);
   token.serial = textOf(info.serialNumber);
-  token.firmware = textOf(info.firmwareVersion);
+  token.firmware = versionText(info.firmwareVersion);
   token.model = textOf(info.model);
   token.tries = triesIn(info.flags);
-  const Session session(functions, slot);
+  const Session session(functions, slot, true);
   for (const CK_OBJECT_HANDLE object : session.objects(CKO_PUBLIC_KEY)) token.keys.push_back(readKey(session, object));
   for (const CK_OBJECT_HANDLE object : session.objects(CKO_CERTIFICATE)) {
     token.certificates.push_back(
@@ -185,21 +94,12 @@ bool isSoftToken(const ProbedModule& result) {
   return std::filesystem::exists(softtoken::tokenRoot(), error);
 }
 
-std::vector<CK_SLOT_ID> slotsWithToken(CK_FUNCTION_LIST* functions) {
-  CK_ULONG count = 0;
-  check(functions->C_GetSlotList(CK_TRUE, nullptr, &count), "C_GetSlotList");
-  std::vector<CK_SLOT_ID> slots(count);
-  if (count > 0) check(functions->C_GetSlotList(CK_TRUE, slots.data(), &count), "C_GetSlotList");
-  slots.resize(std::min<std::size_t>(count, slots.size()));
-  return slots;
-}
-
 void readModule(CK_FUNCTION_LIST* functions, ProbedModule& result) {
   const InitialisedModule initialised(functions);
   CK_INFO info{};
   check(functions->C_GetInfo(&info), "C_GetInfo");
-  result.libraryVersion = textOf(info.libraryVersion);
-  result.cryptokiVersion = textOf(info.cryptokiVersion);
+  result.libraryVersion = versionText(info.libraryVersion);
+  result.cryptokiVersion = versionText(info.cryptokiVersion);
   for (const CK_SLOT_ID slot : slotsWithToken(functions)) {
     ProbedToken& token = result.tokens.emplace_back();
     try {
@@ -241,15 +141,10 @@ class OwnLog {
 LoadedFile loadedFile(const std::string& path) { return {path, path.empty() ? std::string() : fileVersion(path)}; }
 
 void loadAndRead(const std::filesystem::path& file, ProbedModule& result) {
-  const Library library(file, result.warning);
-  void* address = library.find("C_GetFunctionList");
-  if (!address) throw Failure(Status::notFound, softtoken::textOf(file) + " is no Cryptoki module");
-  result.module = loadedFile(fileOfFunction(address));
+  const LoadedModule module(file, result.warning);
+  result.module = loadedFile(module.path());
   result.deviceLibrary = loadedFile(fileOfLibrary(deviceLibraryFileName));
-  const auto getFunctionList = reinterpret_cast<CK_C_GetFunctionList>(address);
-  CK_FUNCTION_LIST* functions = nullptr;
-  check(getFunctionList(&functions), "C_GetFunctionList");
-  readModule(functions, result);
+  readModule(module.functions(), result);
 }
 
 }  // namespace
