@@ -12,11 +12,12 @@ if [[ ${1-} == --long ]]; then
   shift
 fi
 targets=("$@")
-[[ $# -gt 0 ]] || targets=(cryptoki_walk token_file_fuzz ca_file_fuzz)
+[[ $# -gt 0 ]] || targets=(cryptoki_walk standard_walk token_file_fuzz ca_file_fuzz)
 
 # Inputs of a short run, of a long one, and the longest input.
 declare -A limits=(
   [cryptoki_walk]='3000 120000 1500'
+  [standard_walk]='600 13000 1500'
   [token_file_fuzz]='20000 5000000 20000'
   [ca_file_fuzz]='20000 5000000 8000'
 )
@@ -35,7 +36,9 @@ fuzz() { # TARGET
     rm -rf "$found"
   fi
   mkdir -p "$found"
-  if ! build/linux-asan/bin/"$target" "${options[@]}" "$found" "fuzz/corpus/${target%_fuzz}" >"$log" 2>&1; then
+  corpus=fuzz/corpus/${target%_fuzz}
+  [[ -d $corpus ]] || corpus=fuzz/corpus/cryptoki_walk # any bytes are a walk
+  if ! build/linux-asan/bin/"$target" "${options[@]}" "$found" "$corpus" >"$log" 2>&1; then
     grep -vE 'NEW|REDUCE|pulse|RELOAD' "$log" | tail -n 60
     echo "fuzz: $target found something; the whole output is in $log" >&2
     return 1

@@ -113,6 +113,11 @@ int play(const char* operation, const Arguments&... arguments) {
   return struck.kind == Fault::Kind::status ? struck.value : 0;
 }
 
+std::string sized(std::string result, std::size_t length) {
+  if (script.resultsAsLongAsReal) result.resize(length, 'x');
+  return result;
+}
+
 int deliver(const std::string& result, std::uint8_t* out, int* length) {
   std::copy(result.begin(), result.end(), out);
   const Fault& struck = mine().struck;
@@ -422,7 +427,9 @@ int tavrin_finalHash(void* context, std::uint8_t* digest, int* length, void* ins
   const int status = play("finalHash", contextName(context), arg("room", *length), instanceName(instance));
   if (status != 0 || !context) return status != 0 ? status : 9;
   const auto* hash = static_cast<const Hash*>(context);
-  return deliver(("H" + std::to_string(hash->code) + "(" + hash->data + ")").substr(0, 64), digest, length);
+  const std::string result = ("H" + std::to_string(hash->code) + "(" + hash->data + ")").substr(0, 64);
+  constexpr std::size_t lengths[] = {20, 32, 48, 64};  // of the codes 2 to 5
+  return deliver(sized(result, lengths[(hash->code - 2) & 3]), digest, length);
 }
 
 int tavrin_signHash(const char* device, const std::uint8_t* recordId, const char* password, const std::uint8_t* input,
@@ -430,7 +437,12 @@ int tavrin_signHash(const char* device, const std::uint8_t* recordId, const char
                     bool pss) {
   const int status = play("signHash", device, record(recordId), arg("pin", password), arg("input", input, inputLength),
                           arg("room", *signatureLength), arg("flag", flag), instanceName(instance), arg("pss", pss));
-  return status != 0 ? status : deliver("S(" + string(input, inputLength) + ")", signature, signatureLength);
+  if (status != 0) return status;
+  std::size_t length = 256;
+  for (const TavrinKeyPair& key : listOf(device, &Device::keyPairs)) {
+    if (record(key.recordId) == record(recordId) && key.keyType >= 5) length = key.publicKeyLength - 1;
+  }
+  return deliver(sized("S(" + string(input, inputLength) + ")", length), signature, signatureLength);
 }
 
 int tavrin_verifySignatureHash(std::uint32_t keyType, const char* device, const std::uint8_t* input, int inputLength,
@@ -447,7 +459,8 @@ int tavrin_encrypt(EncryptionType type, PaddingMode padding, const std::uint8_t*
   const int status = play("encrypt", arg("type", static_cast<int>(type)), arg("padding", static_cast<int>(padding)),
                           arg("data", data, dataLength), arg("room", *ciphertextLength),
                           arg("key", publicKey, publicKeyLength), instanceName(instance));
-  return status != 0 ? status : deliver("E(" + string(data, dataLength) + ")", ciphertext, ciphertextLength);
+  return status != 0 ? status
+                     : deliver(sized("E(" + string(data, dataLength) + ")", 256), ciphertext, ciphertextLength);
 }
 
 int tavrin_decrypt(const char* device, const std::uint8_t* recordId, const char* password,
@@ -455,7 +468,8 @@ int tavrin_decrypt(const char* device, const std::uint8_t* recordId, const char*
                    bool flag, void* instance) {
   const int status = play("decrypt", device, record(recordId), arg("pin", password),
                           arg("data", ciphertext, ciphertextLength), arg("flag", flag), instanceName(instance));
-  return status != 0 ? status : lend("P(" + string(ciphertext, ciphertextLength) + ")", plaintext, plaintextLength);
+  return status != 0 ? status
+                     : lend(sized("P(" + string(ciphertext, ciphertextLength) + ")", 100), plaintext, plaintextLength);
 }
 
 int tavrin_ecdhDerive(const char* device, const std::uint8_t* recordId, const char* password,
@@ -463,7 +477,7 @@ int tavrin_ecdhDerive(const char* device, const std::uint8_t* recordId, const ch
                       void* instance) {
   const int status = play("ecdhDerive", device, record(recordId), arg("pin", password),
                           arg("peer", peerPoint, peerPointLength), instanceName(instance));
-  return status != 0 ? status : lend("Z(" + string(peerPoint, peerPointLength) + ")", secret, secretLength);
+  return status != 0 ? status : lend(sized("Z(" + string(peerPoint, peerPointLength) + ")", 32), secret, secretLength);
 }
 
 int tavrin_generateRamdomNumber(const char* device, int count, std::uint8_t* out, bool flag, void* instance) {

@@ -1,0 +1,561 @@
+// Random walks through the standard module over the module over the scripted device library, whose tokens come, go and
+// fail underneath. A small model of tokens, sessions, logins and operations foretells the codes; a signature must be
+// asked of the right token and key, a length query of nobody, and a handle must name one object for ever.
+#include <functional>
+#include <initializer_list>
+#include <map>
+#include <set>
+
+#include "fake_device_library.h"
+#include "load_module.h"
+#include "walk.h"
+
+namespace {
+
+enum Operation { search, digest, sign, verify, encrypt, decrypt };
+enum Login { nobody, user, officer };
+constexpr std::size_t mostSessions = 12;
+const char* const serials[] = {"TK1", "TK2", "TK3"};
+const std::string modulus(256, 'R'), point = '\x04' + std::string(64, 'P');
+
+CK_FUNCTION_LIST* f = nullptr;
+unsigned long callsMade = 0;
+
+struct ModelToken {
+  CK_SLOT_ID slot = 0;  // for the life of the process
+  bool present = false;
+  bool unsure = false;   // pulled, and nobody may have noticed yet
+  bool changed = false;  // no longer the objects of a new one
+  Login login = nobody;
+};
+ModelToken tokens[std::size(serials)];
+
+struct ModelSession {
+  ModelToken* token;
+  bool readWrite;
+  bool dead = false;
+  std::set<Operation> active{};
+
+  CK_STATE state() const {
+    if (token->login == officer) return CKS_RW_SO_FUNCTIONS;
+    return (readWrite ? CKS_RW_PUBLIC_SESSION : CKS_RO_PUBLIC_SESSION) + (token->login == user ? 1U : 0U);
+  }
+};
+
+void plug(const std::string& serial) {
+  fake::Device device = fake::device(serial);
+  device.keyPairs = {fake::keyPair(1, 2, modulus, "RSA"), fake::keyPair(2, 5, point, "EC", 3)};
+  device.certificates = {fake::certificate(1, "CN=User|CN=Root|01", "Certificate")};
+  fake::edit()->devices.push_back(device);
+}
+
+class Walk {
+ public:
+  // Every walk begins with three tokens that have just come, and no session.
+  Walk(const std::uint8_t* data, std::size_t size) : input_(data, size) {
+    fake::reset();
+    refresh();
+    for (const char* serial : serials) plug(serial);
+    fake::edit()->counter = 3;
+    fake::edit()->resultsAsLongAsReal = true;
+    fake::edit()->record = [this](const std::string& line) {
+      for (const char* name : {"signHash", "decrypt", "ecdhDerive", "encrypt "}) {
+        if (line.starts_with(name)) asked_ = line;
+      }
+    };
+    for (ModelToken& token : tokens) token = {token.slot, true};
+    readSlots();
+    CK_SLOT_ID slot = 0;
+    while (f->C_WaitForSlotEvent(CKF_DONT_BLOCK, &slot, nullptr) == CKR_OK) {
+    }
+  }
+  ~Walk() {
+    for (const auto& [handle, session] : sessions_) same("C_CloseSession", f->C_CloseSession(handle), CKR_OK);
+    fake::edit()->record = nullptr;
+  }
+
+  void run() {
+    static constexpr void (Walk::*steps[])() = {
+        &Walk::changeDevices,  &Walk::lookAtSlots, &Walk::open,      &Walk::open,      &Walk::close,
+        &Walk::logIn,          &Walk::logIn,       &Walk::logOut,    &Walk::setPin,    &Walk::startSearch,
+        &Walk::continueSearch, &Walk::begin,       &Walk::begin,     &Walk::proceed,   &Walk::proceed,
+        &Walk::proceed,        &Walk::useObject,   &Walk::useObject, &Walk::useObject, &Walk::restart};
+    while (!input_.isEmpty()) {
+      asked_.clear();
+      faulty_ = input_.chance(24);
+      if (faulty_) fail();
+      (this->*steps[input_.below(std::size(steps))])();
+      fake::edit()->faults.clear();
+      ++callsMade;
+      if (quiet_ == 0 || --quiet_ == 0) settle();
+    }
+  }
+
+ private:
+  // The code must be one of these, or any failure when the device library was told to fail.
+  void expect(const char* what, CK_RV code, std::initializer_list<CK_RV> codes) {
+    if (faulty_ && code != CKR_OK) return;
+    if (std::find(codes.begin(), codes.end(), code) == codes.end()) stop(what, code, *codes.begin());
+  }
+
+  void fail() {
+    static constexpr const char* operations[] = {"signHash",
+                                                 "initHash",
+                                                 "updateHash",
+                                                 "finalHash",
+                                                 "verifySignatureHash",
+                                                 "encrypt",
+                                                 "decrypt",
+                                                 "ecdhDerive",
+                                                 "generateKeyPair",
+                                                 "importCertificate",
+                                                 "deleteKeyPair",
+                                                 "importPfx",
+                                                 "updateKeyPairDetails",
+                                                 "deleteCertificate",
+                                                 "changeUserPassword",
+                                                 "getKeyPairList",
+                                                 "getCertificateDetails",
+                                                 "generateRamdomNumber"};
+    const auto kind = static_cast<fake::Fault::Kind>(input_.below(5));
+    static constexpr int values[] = {7, -1, 0, 100000};
+    fake::fault(operations[input_.below(std::size(operations))], kind, values[input_.below(4)],
+                static_cast<int>(1 + input_.below(2)));
+  }
+
+  // The library is made to look at the devices, and all its sessions must be as the model has them.
+  void settle() {
+    quiet_ = 0;
+    for (ModelToken& token : tokens) {
+      if (!token.unsure) continue;
+      token = {token.slot};
+      for (auto& [handle, session] : sessions_) session.dead = session.dead || session.token == &token;
+    }
+    refresh();
+    CK_SESSION_INFO info{};
+    for (const auto& [handle, session] : sessions_) {
+      same("C_GetSessionInfo", f->C_GetSessionInfo(handle, &info), session.dead ? CKR_DEVICE_REMOVED : CKR_OK);
+      if (session.dead) continue;
+      same("a session's state", info.state, session.state());
+      same("a session's slot", info.slotID, session.token->slot);
+    }
+  }
+
+  static void refresh() {
+    CK_ULONG count = 0;
+    same("C_GetSlotList", f->C_GetSlotList(CK_TRUE, nullptr, &count), CKR_OK);
+    same("the number of tokens", count, static_cast<CK_ULONG>(fake::edit()->devices.size()));
+  }
+
+  // Each token is in the slot that it had before.
+  static void readSlots() {
+    CK_SLOT_ID slots[8];
+    CK_ULONG count = 8;
+    same("C_GetSlotList", f->C_GetSlotList(CK_TRUE, nullptr, &count), CKR_OK);
+    same("C_GetSlotList", f->C_GetSlotList(CK_TRUE, slots, &count), CKR_OK);
+    for (CK_ULONG i = 0; i < count; ++i) {
+      CK_TOKEN_INFO info;
+      same("C_GetTokenInfo", f->C_GetTokenInfo(slots[i], &info), CKR_OK);
+      ModelToken& token = tokens[info.serialNumber[2] - '1'];
+      if (token.slot != 0) same("a token's slot", slots[i], token.slot);
+      token.slot = slots[i];
+    }
+  }
+
+  CK_SESSION_HANDLE anySession() {
+    const std::size_t choice = input_.byte();
+    if (choice < 240 && !sessions_.empty()) {
+      return std::next(sessions_.begin(), static_cast<long>(choice % sessions_.size()))->first;
+    }
+    return choice % 2 == 0 ? closed_ : 0x7FFFFFFF;
+  }
+
+  // The session that a call was for, if the model knows how it is.
+  ModelSession* sessionOf(const char* what, CK_SESSION_HANDLE handle, CK_RV code) {
+    const auto place = sessions_.find(handle);
+    if (place == sessions_.end()) return expect(what, code, {CKR_SESSION_HANDLE_INVALID}), nullptr;
+    if (place->second.token->unsure) return nullptr;
+    if (place->second.dead) return expect(what, code, {CKR_DEVICE_REMOVED}), nullptr;
+    return &place->second;
+  }
+
+  CK_OBJECT_HANDLE anyObject() {
+    const std::size_t choice = input_.byte();
+    if (choice < 240 && !found_.empty()) return found_[choice % found_.size()];
+    return choice % 8;
+  }
+
+  void changeDevices() {
+    const std::size_t which = input_.below(std::size(tokens));
+    ModelToken& token = tokens[which];
+    if (token.unsure) return;
+    if (!token.present) {
+      plug(serials[which]);
+      token.present = true;
+      return refresh();
+    }
+    std::erase_if(fake::edit()->devices,
+                  [&](const auto& device) { return device.info.serialNumber == serials[which]; });
+    token.unsure = true;
+    quiet_ = 1 + static_cast<unsigned>(input_.below(5));
+  }
+
+  void lookAtSlots() {
+    const ModelToken& token = tokens[input_.below(std::size(tokens))];
+    CK_SLOT_INFO slot{};
+    CK_TOKEN_INFO info{};
+    same("C_GetSlotInfo", f->C_GetSlotInfo(token.slot, &slot), CKR_OK);
+    const bool present = token.present && !token.unsure;
+    same("CKF_TOKEN_PRESENT", slot.flags & CKF_TOKEN_PRESENT, present ? CKF_TOKEN_PRESENT : 0U);
+    const CK_RV code = f->C_GetTokenInfo(token.slot, &info);
+    same("C_GetTokenInfo", code, present ? CKR_OK : CKR_TOKEN_NOT_PRESENT);
+    if (!present) return;
+    CK_ULONG count = 0;
+    for (const auto& [handle, session] : sessions_) count += session.token == &token && !session.dead ? 1 : 0;
+    same("the number of sessions", info.ulSessionCount, count);
+    same("an unknown slot", f->C_GetTokenInfo(1234, &info), CKR_SLOT_ID_INVALID);
+  }
+
+  void open() {
+    ModelToken& token = tokens[input_.below(std::size(tokens))];
+    const CK_FLAGS flags = input_.chance(240) ? CKF_SERIAL_SESSION | (input_.byte() & CKF_RW_SESSION) : 0;
+    CK_SESSION_HANDLE handle = 0;
+    if (sessions_.size() >= mostSessions) return;
+    const CK_RV code = f->C_OpenSession(token.slot, flags, nullptr, nullptr, &handle);
+    const bool readWrite = (flags & CKF_RW_SESSION) != 0;
+    if (token.unsure || !token.present) {
+      expect("C_OpenSession", code,
+             {flags == 0 ? CKR_SESSION_PARALLEL_NOT_SUPPORTED : CKR_TOKEN_NOT_PRESENT, CKR_TOKEN_NOT_PRESENT});
+    } else if (flags == 0) {
+      expect("C_OpenSession", code, {CKR_SESSION_PARALLEL_NOT_SUPPORTED});
+    } else {
+      expect("C_OpenSession", code, {!readWrite && token.login == officer ? CKR_SESSION_READ_WRITE_SO_EXISTS : CKR_OK});
+    }
+    if (code != CKR_OK) return;
+    if (handle <= last_) stop("a new session", handle, last_ + 1);
+    last_ = handle;
+    sessions_.insert({handle, {&token, readWrite}});
+  }
+
+  void endLoginWithLastSession(ModelToken& token) {
+    for (const auto& [handle, session] : sessions_) {
+      if (session.token == &token && !session.dead) return;
+    }
+    token.login = nobody;
+  }
+
+  void close() {
+    if (input_.chance(32)) {
+      ModelToken& token = tokens[input_.below(std::size(tokens))];
+      expect("C_CloseAllSessions", f->C_CloseAllSessions(token.slot), {CKR_OK});
+      std::erase_if(sessions_, [&](const auto& one) { return one.second.token == &token; });
+      return endLoginWithLastSession(token);
+    }
+    const CK_SESSION_HANDLE handle = anySession();
+    const CK_RV code = f->C_CloseSession(handle);
+    const auto place = sessions_.find(handle);
+    expect("C_CloseSession", code, {place == sessions_.end() ? CKR_SESSION_HANDLE_INVALID : CKR_OK});
+    if (place == sessions_.end()) return;
+    ModelToken& token = *place->second.token;
+    sessions_.erase(place);
+    closed_ = handle;
+    endLoginWithLastSession(token);
+  }
+
+  std::string anyPin() {
+    static const std::string pins[] = {"1234", "12345", "123", std::string(63, 'x'), std::string(64, 'x')};
+    const std::size_t choice = input_.byte();
+    return pins[choice < 200 ? choice % 2 : choice % std::size(pins)];
+  }
+  static bool isPossible(const std::string& pin) { return pin.size() >= 4 && pin.size() <= 63; }
+
+  void logIn() {
+    const CK_SESSION_HANDLE handle = anySession();
+    const auto type = static_cast<CK_USER_TYPE>(input_.chance(180) ? CKU_USER : input_.below(4));
+    std::string pin = anyPin();
+    const bool wrong = !faulty_ && input_.chance(32);
+    if (wrong) fake::fail("validatePassword", 7);
+    const CK_RV code = f->C_Login(handle, type, bytesOf(pin), lengthOf(pin));
+    const ModelSession* session = sessionOf("C_Login", handle, code);
+    if (!session) return;
+    ModelToken& token = *session->token;
+    if (type > CKU_CONTEXT_SPECIFIC) return expect("C_Login", code, {CKR_USER_TYPE_INVALID});
+    if (type == CKU_CONTEXT_SPECIFIC) {
+      return expect("C_Login", code, {CKR_OPERATION_NOT_INITIALIZED, CKR_USER_ANOTHER_ALREADY_LOGGED_IN});
+    }
+    const Login wanted = type == CKU_SO ? officer : user;
+    if (token.login == wanted) return expect("C_Login", code, {CKR_USER_ALREADY_LOGGED_IN});
+    if (token.login != nobody) return expect("C_Login", code, {CKR_USER_ANOTHER_ALREADY_LOGGED_IN});
+    for (const auto& [other, one] : sessions_) {
+      const bool reads = type == CKU_SO && one.token == &token && !one.dead && !one.readWrite;
+      if (reads) return expect("C_Login", code, {CKR_SESSION_READ_ONLY_EXISTS});
+    }
+    expect("C_Login", code, {wrong || !isPossible(pin) ? CKR_PIN_INCORRECT : CKR_OK});
+    if (code == CKR_OK) token.login = wanted;
+  }
+
+  void logOut() {
+    const CK_SESSION_HANDLE handle = anySession();
+    const CK_RV code = f->C_Logout(handle);
+    const ModelSession* session = sessionOf("C_Logout", handle, code);
+    if (!session) return;
+    expect("C_Logout", code, {session->token->login == nobody ? CKR_USER_NOT_LOGGED_IN : CKR_OK});
+    if (code != CKR_OK) return;
+    session->token->login = nobody;
+    for (auto& [other, one] : sessions_) {
+      if (one.token == session->token)
+        std::erase_if(one.active, [](auto what) { return what == sign || what == decrypt; });
+    }
+  }
+
+  void setPin() {
+    const CK_SESSION_HANDLE handle = anySession();
+    std::string before = anyPin(), after = anyPin();
+    const CK_RV code = f->C_SetPIN(handle, bytesOf(before), lengthOf(before), bytesOf(after), lengthOf(after));
+    const ModelSession* session = sessionOf("C_SetPIN", handle, code);
+    if (!session) return;
+    if (!session->readWrite) return expect("C_SetPIN", code, {CKR_SESSION_READ_ONLY});
+    if (!isPossible(before) || !isPossible(after))
+      return expect("C_SetPIN", code, {CKR_PIN_LEN_RANGE, CKR_PIN_INCORRECT});
+    expect("C_SetPIN", code, {session->token->login == officer ? CKR_FUNCTION_NOT_SUPPORTED : CKR_OK});
+  }
+
+  void startSearch() {
+    const CK_SESSION_HANDLE handle = anySession();
+    RandomTemplate wanted(input_);
+    const bool all = input_.chance(128);
+    const CK_RV code = f->C_FindObjectsInit(handle, all ? nullptr : wanted.data(), all ? 0 : wanted.size());
+    ModelSession* session = sessionOf("C_FindObjectsInit", handle, code);
+    if (!session) return;
+    if (session->active.contains(search)) return expect("C_FindObjectsInit", code, {CKR_OPERATION_ACTIVE});
+    if (all) expect("C_FindObjectsInit", code, {CKR_OK});
+    if (code != CKR_OK) return;
+    session->active.insert(search);
+    if (all && !session->token->changed) readAll(handle, *session);
+  }
+
+  // A search for everything on a token that is as it came.
+  void readAll(CK_SESSION_HANDLE handle, ModelSession& session) {
+    CK_OBJECT_HANDLE objects[8];
+    CK_ULONG count = 0;
+    expect("C_FindObjects", f->C_FindObjects(handle, objects, 8, &count), {CKR_OK});
+    expect("C_FindObjectsFinal", f->C_FindObjectsFinal(handle), {CKR_OK});
+    session.active.erase(search);
+    if (faulty_) return;
+    same("the number of objects", count, session.token->login == user ? 5 : 3);
+    for (CK_ULONG i = 0; i < count; ++i) recognise(handle, *session.token, objects[i]);
+    found_.insert(found_.end(), objects, objects + count);
+    if (found_.size() > 40) found_.erase(found_.begin(), found_.end() - 40);
+  }
+
+  // What the handle names is what it named when it was first seen, in this walk or an earlier one.
+  static void recognise(CK_SESSION_HANDLE handle, const ModelToken& token, CK_OBJECT_HANDLE object) {
+    static std::map<CK_OBJECT_HANDLE, std::string> known;
+    CK_OBJECT_CLASS objectClass = 99;
+    CK_KEY_TYPE keyType = 99;
+    CK_ATTRIBUTE attributes[] = {{CKA_CLASS, &objectClass, sizeof objectClass},
+                                 {CKA_KEY_TYPE, &keyType, sizeof keyType}};
+    f->C_GetAttributeValue(handle, object, attributes, 2);
+    const std::string is =
+        std::to_string(token.slot) + ' ' + std::to_string(objectClass) + ' ' + std::to_string(keyType);
+    const auto [place, isNew] = known.insert({object, is});
+    if (!isNew && place->second != is)
+      stop(("the object " + is + " that was " + place->second).c_str(), object, object);
+  }
+
+  void continueSearch() {
+    const CK_SESSION_HANDLE handle = anySession();
+    const bool ends = input_.chance(128);
+    const auto room = static_cast<CK_ULONG>(input_.below(9));
+    const auto objects = std::make_unique<CK_OBJECT_HANDLE[]>(room);
+    CK_ULONG count = 0;
+    const CK_RV code = ends ? f->C_FindObjectsFinal(handle) : f->C_FindObjects(handle, objects.get(), room, &count);
+    ModelSession* session = sessionOf("a search", handle, code);
+    if (!session) return;
+    expect("a search", code, {session->active.contains(search) ? CKR_OK : CKR_OPERATION_NOT_INITIALIZED});
+    if (ends && code == CKR_OK) session->active.erase(search);
+    if (code == CKR_OK && count > room) stop("the number of objects found", count, room);
+  }
+
+  void begin() {
+    static constexpr CK_MECHANISM_TYPE types[] = {
+        CKM_RSA_PKCS, CKM_SHA256,       CKM_SHA256_RSA_PKCS,     CKM_ECDSA_SHA256, CKM_RSA_PKCS_OAEP,
+        CKM_SHA_1,    CKM_RSA_PKCS_PSS, CKM_SHA512_RSA_PKCS_PSS, CKM_ECDSA,        0x80000001};
+    const CK_SESSION_HANDLE handle = anySession();
+    const CK_OBJECT_HANDLE key = anyObject();
+    CK_RSA_PKCS_PSS_PARAMS pss{CKM_SHA512, CKG_MGF1_SHA512, 64};
+    CK_RSA_PKCS_OAEP_PARAMS oaep{CKM_SHA_1, CKG_MGF1_SHA1, CKZ_DATA_SPECIFIED, nullptr, 0};
+    CK_MECHANISM mechanism{types[input_.below(std::size(types))], nullptr, 0};
+    if (mechanism.mechanism == CKM_SHA512_RSA_PKCS_PSS) mechanism = {mechanism.mechanism, &pss, sizeof pss};
+    if (mechanism.mechanism == CKM_RSA_PKCS_OAEP) mechanism = {mechanism.mechanism, &oaep, sizeof oaep};
+    if (input_.chance(16)) mechanism.ulParameterLen = static_cast<CK_ULONG>(input_.below(40));
+    CK_MECHANISM_PTR given = input_.chance(8) ? nullptr : &mechanism;
+    if (mechanism.ulParameterLen > 0 && !mechanism.pParameter) mechanism.pParameter = &pss;
+    const auto operation = static_cast<Operation>(digest + input_.below(5));
+    const CK_C_SignInit inits[] = {nullptr,         nullptr,          f->C_SignInit,
+                                   f->C_VerifyInit, f->C_EncryptInit, f->C_DecryptInit};
+    const CK_RV code = operation == digest ? f->C_DigestInit(handle, given) : inits[operation](handle, given, key);
+    ModelSession* session = sessionOf("an Init call", handle, code);
+    if (!session) return;
+    if (session->active.contains(operation)) {
+      if (code == CKR_OK) stop("an Init call", code, CKR_OPERATION_ACTIVE);
+      return;
+    }
+    if (code == CKR_OPERATION_ACTIVE || code == CKR_OPERATION_NOT_INITIALIZED) stop("an Init call", code, CKR_OK);
+    if (code != CKR_OK) return;
+    const bool isPrivate = operation == sign || operation == decrypt;
+    if (isPrivate && session->token->login != user) stop("an Init call", code, CKR_USER_NOT_LOGGED_IN);
+    session->active.insert(operation);
+    keys_[{handle, operation}] = key;
+  }
+
+  void proceed() {
+    const CK_SESSION_HANDLE handle = anySession();
+    std::string text = input_.text(64);
+    const auto data = std::make_unique<CK_BYTE[]>(text.size());
+    std::memcpy(data.get(), text.data(), text.size());
+    const CK_ULONG size = lengthOf(text);
+    CK_BYTE_PTR in = input_.chance(8) ? nullptr : data.get();
+    CK_BYTE cipher[256] = {1}, buffer[1024];
+    CK_BYTE_PTR out = input_.chance(64) ? nullptr : buffer;
+    CK_ULONG room = input_.chance(32) ? static_cast<CK_ULONG>(input_.byte()) : sizeof buffer;
+    CK_ULONG_PTR outSize = input_.chance(8) ? nullptr : &room;
+    const struct {
+      const char* name;
+      Operation operation;
+      bool update, last;
+      std::function<CK_RV()> call;
+    } steps[] = {
+        {"C_Digest", digest, false, false, [&] { return f->C_Digest(handle, in, size, out, outSize); }},
+        {"C_DigestUpdate", digest, true, false, [&] { return f->C_DigestUpdate(handle, in, size); }},
+        {"C_DigestFinal", digest, false, false, [&] { return f->C_DigestFinal(handle, out, outSize); }},
+        {"C_Sign", sign, false, false, [&] { return f->C_Sign(handle, in, size, out, outSize); }},
+        {"C_SignUpdate", sign, true, false, [&] { return f->C_SignUpdate(handle, in, size); }},
+        {"C_SignFinal", sign, false, false, [&] { return f->C_SignFinal(handle, out, outSize); }},
+        {"C_Verify", verify, false, true, [&] { return f->C_Verify(handle, in, size, cipher, 256 - size % 2); }},
+        {"C_VerifyUpdate", verify, true, false, [&] { return f->C_VerifyUpdate(handle, in, size); }},
+        {"C_VerifyFinal", verify, false, true, [&] { return f->C_VerifyFinal(handle, cipher, size < 32 ? 64 : 256); }},
+        {"C_Encrypt", encrypt, false, false, [&] { return f->C_Encrypt(handle, in, size, out, outSize); }},
+        {"C_EncryptUpdate", encrypt, true, false, [&] { return f->C_EncryptUpdate(handle, in, size, out, outSize); }},
+        {"C_EncryptFinal", encrypt, false, false, [&] { return f->C_EncryptFinal(handle, out, outSize); }},
+        {"C_Decrypt", decrypt, false, false, [&] { return f->C_Decrypt(handle, cipher, 256, out, outSize); }},
+        {"C_DecryptUpdate", decrypt, true, false, [&] { return f->C_DecryptUpdate(handle, in, size, out, outSize); }},
+        {"C_DecryptFinal", decrypt, false, false, [&] { return f->C_DecryptFinal(handle, out, outSize); }}};
+    const auto& step = steps[input_.below(std::size(steps))];
+    const CK_ULONG given = room;
+    const CK_RV code = step.call();
+    ModelSession* session = sessionOf(step.name, handle, code);
+    if (!session) return;
+    if (!session->active.contains(step.operation)) return same(step.name, code, CKR_OPERATION_NOT_INITIALIZED);
+    if (code == CKR_OPERATION_NOT_INITIALIZED) stop(step.name, code, CKR_OK);
+    const bool isQuery = !out && code == CKR_OK;
+    if ((!out || code == CKR_BUFFER_TOO_SMALL) && !step.last && step.operation >= sign && step.operation != decrypt &&
+        !asked_.empty()) {
+      stop(("the device was asked for a length: " + asked_).c_str(), code, 0);
+    }
+    if (code == CKR_OK && out && !step.update && !step.last && room > given)
+      stop("the length of a result", room, given);
+    if (step.operation == sign && !asked_.empty()) checkKey(*session, keys_[{handle, sign}], handle);
+    const bool stays = code == CKR_BUFFER_TOO_SMALL || (step.update && code == CKR_OK) || (isQuery && !step.last);
+    if (!stays) session->active.erase(step.operation);
+  }
+
+  // The device was asked for a signature by the token of the session, and by the key of the Init call.
+  void checkKey(const ModelSession& session, CK_OBJECT_HANDLE key, CK_SESSION_HANDLE handle) {
+    const std::string serial = serials[session.token - tokens];
+    CK_KEY_TYPE keyType = 99;
+    CK_ATTRIBUTE attribute{CKA_KEY_TYPE, &keyType, sizeof keyType};
+    if (session.token->changed || f->C_GetAttributeValue(handle, key, &attribute, 1) != CKR_OK) return;
+    const std::string expected = "signHash " + serial + (keyType == CKK_RSA ? " key-1 " : " key-2 ");
+    if (!asked_.starts_with(expected)) stop(("a signature asked as " + asked_).c_str(), 1, 0);
+  }
+
+  void useObject() {
+    const CK_SESSION_HANDLE handle = anySession();
+    const CK_OBJECT_HANDLE object = anyObject();
+    RandomTemplate wanted(input_), other(input_);
+    CK_MECHANISM generation{input_.chance(128) ? CKM_RSA_PKCS_KEY_PAIR_GEN : CKM_EC_KEY_PAIR_GEN, nullptr, 0};
+    std::string peer = input_.chance(200) ? point : input_.text(8);
+    const auto kdf = static_cast<CK_EC_KDF_TYPE>(1 + input_.below(6));
+    CK_ECDH1_DERIVE_PARAMS parameters{kdf, 0, nullptr, lengthOf(peer), bytesOf(peer)};
+    CK_MECHANISM derivation{CKM_ECDH1_DERIVE, &parameters, sizeof parameters};
+    CK_BYTE bytes[16];
+    const auto few = static_cast<CK_ULONG>(input_.below(sizeof bytes + 1));
+    CK_OBJECT_HANDLE made[2] = {};
+    CK_ULONG size = 0;
+    enum { reads, changes, needsUser };
+    const struct {
+      const char* name;
+      int does;
+      std::function<CK_RV()> call;
+    } calls[] = {
+        {"C_GetObjectSize", reads, [&] { return f->C_GetObjectSize(handle, object, &size); }},
+        {"C_GetAttributeValue", reads,
+         [&] { return f->C_GetAttributeValue(handle, object, wanted.data(), wanted.size()); }},
+        {"C_GenerateRandom", reads, [&] { return f->C_GenerateRandom(handle, bytes, few); }},
+        {"C_SetAttributeValue", changes,
+         [&] { return f->C_SetAttributeValue(handle, object, wanted.data(), wanted.size()); }},
+        {"C_CreateObject", changes, [&] { return f->C_CreateObject(handle, wanted.data(), wanted.size(), made); }},
+        {"C_CopyObject", changes, [&] { return f->C_CopyObject(handle, object, wanted.data(), wanted.size(), made); }},
+        {"C_DestroyObject", changes, [&] { return f->C_DestroyObject(handle, object); }},
+        {"C_GenerateKeyPair", needsUser,
+         [&] {
+           return f->C_GenerateKeyPair(handle, &generation, wanted.data(), wanted.size(), other.data(), other.size(),
+                                       made, made + 1);
+         }},
+        {"C_DeriveKey", needsUser,
+         [&] { return f->C_DeriveKey(handle, &derivation, object, wanted.data(), wanted.size(), made); }}};
+    const auto& chosen = calls[input_.below(std::size(calls))];
+    const CK_RV code = chosen.call();
+    const ModelSession* session = sessionOf(chosen.name, handle, code);
+    if (!session) return;
+    if (chosen.does != reads && (code == CKR_OK || faulty_)) session->token->changed = true;
+    const bool allowed = chosen.does != needsUser || session->token->login == user;
+    if (code == CKR_OK && !allowed) stop(chosen.name, code, CKR_USER_NOT_LOGGED_IN);
+    if (made[0] != 0) found_.push_back(made[0]);
+  }
+
+  // Costs a thread, so it comes rarely.
+  void restart() {
+    if (!input_.chance(8)) return;
+    same("C_Finalize", f->C_Finalize(nullptr), CKR_OK);
+    CK_ULONG count = 0;
+    same("C_GetSlotList", f->C_GetSlotList(CK_TRUE, nullptr, &count), CKR_CRYPTOKI_NOT_INITIALIZED);
+    fake::edit()->faults.clear();
+    same("C_Initialize", f->C_Initialize(nullptr), CKR_OK);
+    sessions_.clear();
+    found_.clear();
+    for (ModelToken& token : tokens) token = {token.slot, token.present && !token.unsure, false, token.changed};
+    quiet_ = 0;
+    readSlots();
+  }
+
+  FuzzInput input_;
+  std::map<CK_SESSION_HANDLE, ModelSession> sessions_;
+  std::map<std::pair<CK_SESSION_HANDLE, Operation>, CK_OBJECT_HANDLE> keys_;
+  std::vector<CK_OBJECT_HANDLE> found_;
+  std::string asked_;  // the last operation of the device library that uses a key
+  CK_SESSION_HANDLE closed_ = 0;
+  static inline CK_SESSION_HANDLE last_ = 0;
+  bool faulty_ = false;
+  unsigned quiet_ = 0;  // steps until the library is made to look at the devices
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  setenv("TAVRIN_REGISTRY", "/nonexistent", 1);
+  setenv("TAVRIN_HOME", "home", 1);
+  void* library = openLibrary(WALK_FOLDER "/libtavrin-pkcs11-standard.so");
+  const auto list = reinterpret_cast<CK_C_GetFunctionList>(findFunction(library, "C_GetFunctionList"));
+  same("C_GetFunctionList", list(&f), CKR_OK);
+  fake::reset();
+  same("C_Initialize", f->C_Initialize(nullptr), CKR_OK);
+  std::atexit([] { std::fprintf(stderr, "%lu calls, not counting those that compare sessions\n", callsMade); });
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  Walk(data, size).run();
+  return 0;
+}
