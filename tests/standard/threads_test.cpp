@@ -145,7 +145,7 @@ TEST_F(ThreadTest, SessionsCloseUnderTheirUsers) {
       }
     });
   }
-  for (int i = 0; i < 100; ++i) is(closeAndWait(), CKR_OK);
+  for (int i = 0; i < 20; ++i) is(closeAndWait(), CKR_OK);
   over = true;
   for (std::thread& thread : threads) thread.join();
 }
