@@ -51,7 +51,7 @@ struct Script {
   std::vector<std::pair<std::string, std::vector<std::uint8_t>>> files;  // what the folder of CA files holds
   std::uint32_t nextId = 0x20;                                           // of the next record that is created
   bool resultsAsLongAsReal = false;  // hashes, signatures and so on are padded or cut to the length of their kind
-  std::function<void(const std::string&)> record;                        // receives each line, on the test's thread
+  std::function<void(const std::string&)> record;  // receives each line, on the test's thread
 };
 
 // The script, locked against the operations as long as this lives. Use it in one expression: edit()->devices.clear().
