@@ -26,6 +26,7 @@ struct ModelToken {
   bool present = false;
   bool unsure = false;   // pulled, and nobody may have noticed yet
   bool changed = false;  // no longer the objects of a new one
+  bool hides = false;    // a public key was destroyed alone: its number is hidden for the life of the library
   Login login = nobody;
 };
 ModelToken tokens[std::size(serials)];
@@ -63,7 +64,7 @@ class Walk {
         if (line.starts_with(name)) asked_ = line;
       }
     };
-    for (ModelToken& token : tokens) token = {token.slot, true};
+    for (ModelToken& token : tokens) token = {.slot = token.slot, .present = true, .hides = token.hides};
     readSlots();
     CK_SLOT_ID slot = 0;
     while (f->C_WaitForSlotEvent(CKF_DONT_BLOCK, &slot, nullptr) == CKR_OK) {
@@ -128,7 +129,7 @@ class Walk {
     quiet_ = 0;
     for (ModelToken& token : tokens) {
       if (!token.unsure) continue;
-      token = {token.slot};
+      token = {.slot = token.slot, .hides = token.hides};
       for (auto& [handle, session] : sessions_) session.dead = session.dead || session.token == &token;
     }
     refresh();
@@ -342,7 +343,8 @@ class Walk {
     expect("C_FindObjectsFinal", f->C_FindObjectsFinal(handle), {CKR_OK});
     session.active.erase(search);
     if (faulty_) return;
-    same("the number of objects", count, session.token->login == user ? 5 : 3);
+    const CK_ULONG all = session.token->login == user ? 5 : 3;
+    if (!session.token->hides || count > all) same("the number of objects", count, all);
     for (CK_ULONG i = 0; i < count; ++i) recognise(handle, *session.token, objects[i]);
     found_.insert(found_.end(), objects, objects + count);
     if (found_.size() > 40) found_.erase(found_.begin(), found_.end() - 40);
@@ -510,6 +512,7 @@ class Walk {
     const ModelSession* session = sessionOf(chosen.name, handle, code);
     if (!session) return;
     if (chosen.does != reads && (code == CKR_OK || faulty_)) session->token->changed = true;
+    if (code == CKR_OK && chosen.name == std::string("C_DestroyObject")) session->token->hides = true;
     const bool allowed = chosen.does != needsUser || session->token->login == user;
     if (code == CKR_OK && !allowed) stop(chosen.name, code, CKR_USER_NOT_LOGGED_IN);
     if (made[0] != 0) found_.push_back(made[0]);
@@ -525,7 +528,11 @@ class Walk {
     same("C_Initialize", f->C_Initialize(nullptr), CKR_OK);
     sessions_.clear();
     found_.clear();
-    for (ModelToken& token : tokens) token = {token.slot, token.present && !token.unsure, false, token.changed};
+    for (ModelToken& token : tokens)
+      token = {.slot = token.slot,
+               .present = token.present && !token.unsure,
+               .changed = token.changed,
+               .hides = token.hides};
     quiet_ = 0;
     readSlots();
   }
@@ -546,6 +553,7 @@ class Walk {
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   setenv("TAVRIN_REGISTRY", "/nonexistent", 1);
   setenv("TAVRIN_HOME", "home", 1);
+  openLibrary(WALK_FOLDER "/libtavrin-pkcs11.so");  // libFuzzer's counters must not be unloaded
   void* library = openLibrary(WALK_FOLDER "/libtavrin-pkcs11-standard.so");
   const auto list = reinterpret_cast<CK_C_GetFunctionList>(findFunction(library, "C_GetFunctionList"));
   same("C_GetFunctionList", list(&f), CKR_OK);
