@@ -72,7 +72,9 @@ char lowered(char letter) { return letter >= 'A' && letter <= 'Z' ? static_cast<
 
 bool holds(const std::string& line, const Options& options) {
   if (!options.ignoreCase) return line.find(options.text) != std::string::npos;
-  return options.text.empty() || !std::ranges::search(line, options.text, {}, lowered, lowered).empty();
+  const auto same = [](char one, char other) { return lowered(one) == lowered(other); };
+  return options.text.empty() ||
+         std::search(line.begin(), line.end(), options.text.begin(), options.text.end(), same) != line.end();
 }
 
 bool wanted(const LogEntry& entry, const Options& options) {
