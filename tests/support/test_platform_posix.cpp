@@ -76,7 +76,7 @@ std::string processState() {
 }
 
 void onSmallStack(const std::function<void()>& work) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef TESTS_WITH_SANITIZERS
   constexpr std::size_t size = 256 * 1024;
 #else
   constexpr std::size_t size = 64 * 1024;
@@ -149,7 +149,7 @@ bool limitFileSize(std::optional<std::size_t> size) {
 }
 
 bool limitMemory([[maybe_unused]] bool limited) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef TESTS_WITH_SANITIZERS
   return false;
 #else
   rlimit limit{};
