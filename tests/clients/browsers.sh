@@ -43,16 +43,24 @@ export DISPLAY
 
 # typeInto WINDOW-TITLE KEY... TEXT: presses the keys, types the text, presses Return.
 typeInto() {
-  local window
-  window=$(eventually xdotool search --onlyvisible --name "$1" | tail -1)
-  xdotool windowfocus --sync "$window"
+  local key
+  eventually focus "$1" >/dev/null
   sleep 0.5
   for key in "${@:2:$#-2}"; do xdotool key "$key"; done
   xdotool type --delay 20 "${!#}"
   xdotool key Return
 }
+# A window that has just appeared cannot always be focused yet.
+focus() {
+  local window
+  window=$(xdotool search --onlyvisible --name "$1" | tail -1)
+  [[ -n $window ]] && timeout 5 xdotool windowfocus --sync "$window"
+}
 visit() { typeInto "$browser" ctrl+l "https://localhost:$port/$1"; }
 visited() { eventually grep -x "/$1 $2" visits; }
+# asked PATH WINDOW-TITLE: visits the page until the browser asks for the PIN; on a busy machine it may miss keys.
+asked() { visit "$1" && sleep 4 && xdotool search --onlyvisible --name "$2"; }
+unlock() { quietly eventually asked "$1" "$2" && typeInto "$2" "$PIN"; }
 
 browser='Mozilla Firefox'
 profile=$work/profile
@@ -64,8 +72,7 @@ user_pref("datareporting.policy.dataSubmissionEnabled", false);
 user_pref("browser.aboutwelcome.enabled", false);
 END
 background firefox-esr --profile "$profile" --no-remote about:blank
-visit first
-typeInto 'Password Required' "$PIN"
+unlock first 'Password Required'
 check "Firefox logs in" visited first 'SUCCESS CN=User rsa'
 quietly "$tool" token unplug client
 sleep 2
@@ -73,8 +80,7 @@ visit pulled
 check "without the token it does not" visited pulled 'NONE -'
 quietly "$tool" token plug client
 sleep 2
-visit again
-typeInto 'Password Required' "$PIN"
+unlock again 'Password Required'
 check "with the token back it does" visited again 'SUCCESS CN=User rsa'
 
 browser=Chromium
@@ -82,8 +88,7 @@ recipe Chromium
 options=()
 [[ $EUID != 0 ]] || options=(--no-sandbox) # the sandbox does not work as root
 background chromium "${options[@]}" --no-first-run --user-data-dir="$work/chromium" about:blank
-visit chromium
-typeInto 'Unlock Security Device' "$PIN"
+unlock chromium 'Unlock Security Device'
 # Return accepts the certificate that the browser has selected in its list.
 answered() { xdotool key Return && visited chromium 'SUCCESS CN=User rsa'; }
 check "Chromium logs in" eventually answered
