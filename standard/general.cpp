@@ -40,9 +40,14 @@ void startModule(State& state) {
   // The module reports success even when the device library does not start.
   CK_INFO info{};
   if (state.module->C_GetInfo(&info) != CKR_OK) throw Refusal(CKR_GENERAL_ERROR, "the device library does not start");
-  ModuleLock module(state);
-  state.tokens.refresh(module);
-  state.tokens.clearEvents();
+  try {
+    ModuleLock module(state);
+    state.tokens.refresh(module);
+    state.tokens.clearEvents();
+  } catch (...) {
+    state.module->C_Finalize(nullptr);
+    throw;
+  }
 }
 
 void waitForWaiters(State& state) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "standard/module_calls.h"
+#include "standard/refusal.h"
 
 namespace tavrin::standard {
 namespace {
@@ -25,7 +26,11 @@ std::vector<CK_SLOT_ID> listModuleSlots(ModuleLock& module) {
     slots.resize(count);
     if (code == CKR_OK) code = module->C_GetSlotList(CK_TRUE, slots.data(), &count);
   }
-  slots.resize(code == CKR_OK ? count : 0);
+  // Taking a failure for an empty list would end all sessions and logins.
+  if (code != CKR_OK) {
+    throw Refusal(code == CKR_HOST_MEMORY ? code : CKR_GENERAL_ERROR, "C_GetSlotList of the module failed: ", code);
+  }
+  slots.resize(count);
   return slots;
 }
 

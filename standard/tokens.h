@@ -64,7 +64,8 @@ extern SlotNumbers& slotNumbers;
 // The tokens that were seen since C_Initialize. All functions need the module lock, except `inSlot`.
 class TokenTable {
  public:
-  // Lists the tokens through the module: notices which came and went, and reads their texts and flags afresh.
+  // Lists the tokens through the module: notices which came and went, and reads their texts and flags afresh. Throws
+  // CKR_HOST_MEMORY or CKR_GENERAL_ERROR, and changes nothing, when the module cannot list them.
   void refresh(ModuleLock& module);
 
   // The token whose slot this is, present or not; null when there was none. A token stays until C_Finalize.

@@ -16,7 +16,7 @@ const std::string p256{"\x06\x08\x2A\x86\x48\xCE\x3D\x03\x01\x07"}, p384{"\x06\x
 
 namespace {
 
-CK_SLOT_ID slots[2];
+CK_SLOT_ID slots[3];
 
 std::string setting(const char* name) {
   const char* value = std::getenv(name);
@@ -264,6 +264,7 @@ void StandardTest::SetUp() {
     ASSERT_TRUE(is(f->C_GetTokenInfo(found[i], &info), CKR_OK));
     if (std::memcmp(info.label, "first ", 6) == 0) slots[0] = found[i];
     if (std::memcmp(info.label, "second ", 7) == 0) slots[1] = found[i];
+    if (std::memcmp(info.label, "third ", 6) == 0) slots[2] = found[i];
   }
 }
 

@@ -138,7 +138,7 @@ class Session {
   CK_RV into(CK_ULONG room, Call call);
 };
 
-// The slots of the two tokens that the script made.
+// The slots of the tokens that the script made.
 CK_SLOT_ID slotOf(int token);
 std::string fileNamed(const char* name);
 CK_BYTE* bytesOf(const std::string& text);

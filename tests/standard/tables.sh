@@ -12,7 +12,7 @@ if [[ $E2E_SYSTEM != Windows && -z $E2E_SANITIZERS ]]; then
   mkdir softhsm
   printf 'directories.tokendir = %s/softhsm\nobjectstore.backend = file\nlog.level = ERROR\n' "$PWD" >softhsm.conf
   export SOFTHSM2_CONF=$PWD/softhsm.conf
-  for token in first second; do
+  for token in first second third; do
     softhsm2-util --init-token --free --label $token --pin "$(<pin)" --so-pin "$(<so-pin)" >/dev/null
   done
   E2E_MODULE=$softHsm STANDARD_PEER=softhsm run standard_test "$@" || fail "the rows differ on SoftHSM2"
@@ -20,4 +20,5 @@ fi
 
 createToken first
 createToken second
+createToken third
 E2E_MODULE=$(native "$standardLibrary") run standard_test "$@"

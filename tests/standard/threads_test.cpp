@@ -150,18 +150,16 @@ TEST_F(ThreadTest, SessionsCloseUnderTheirUsers) {
   for (std::thread& thread : threads) thread.join();
 }
 
-class LastTest : public StandardTest {};
-
-// Last, since the token is of no use afterwards.
-TEST_F(LastTest, PinsThatAreLocked) {
+// With a token of its own, which is of no use afterwards.
+TEST_F(StandardTest, PinsThatAreLocked) {
   if (isSoftHsm()) GTEST_SKIP() << "it never locks a PIN";
-  const Session session(0, 1);
+  const Session session(0, 2);
   CK_TOKEN_INFO info;
   constexpr CK_FLAGS low = CKF_USER_PIN_COUNT_LOW, last = CKF_USER_PIN_FINAL_TRY, locked = CKF_USER_PIN_LOCKED;
   CK_RV code = CKR_PIN_INCORRECT;
   CK_FLAGS before = 0;
   for (int tries = 0; tries < 20; ++tries) {
-    is(f->C_GetTokenInfo(slotOf(1), &info), CKR_OK);
+    is(f->C_GetTokenInfo(slotOf(2), &info), CKR_OK);
     const CK_FLAGS flags = info.flags & (low | last | locked);
     EXPECT_GE(flags, before) << "the flags never grow weaker";
     code = session.login(CKU_USER, "not the PIN");
@@ -170,7 +168,7 @@ TEST_F(LastTest, PinsThatAreLocked) {
     if (code == CKR_PIN_LOCKED) break;
   }
   EXPECT_NE(before & (low | last), 0U) << "the last tries are announced";
-  is(f->C_GetTokenInfo(slotOf(1), &info), CKR_OK);
+  is(f->C_GetTokenInfo(slotOf(2), &info), CKR_OK);
   EXPECT_NE(info.flags & locked, 0U);
   is(session.login(), CKR_PIN_LOCKED);
 }
