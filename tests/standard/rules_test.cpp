@@ -63,7 +63,7 @@ TEST_F(StandardTest, General) {
   EXPECT_EQ(info.cryptokiVersion.major, 2);
   EXPECT_EQ(info.cryptokiVersion.minor, 40);
   EXPECT_EQ(f->version.minor, 40);
-  EXPECT_EQ(info.flags, 0U);
+  EXPECT_EQ(+info.flags, 0U);
   const Session session;
   is(f->C_GetFunctionStatus(session), CKR_FUNCTION_NOT_PARALLEL);
   is(f->C_CancelFunction(session), CKR_FUNCTION_NOT_PARALLEL);
@@ -111,10 +111,10 @@ TEST_F(StandardTest, Slots) {
   constexpr CK_FLAGS wanted = CKF_RNG | CKF_LOGIN_REQUIRED | CKF_USER_PIN_INITIALIZED | CKF_TOKEN_INITIALIZED;
   EXPECT_EQ(token.flags & (wanted | CKF_WRITE_PROTECTED | CKF_USER_PIN_LOCKED | CKF_SO_PIN_LOCKED), wanted);
   if (token.ulSessionCount != CK_UNAVAILABLE_INFORMATION) {
-    EXPECT_EQ(token.ulSessionCount, 2U);
-    EXPECT_EQ(token.ulRwSessionCount, 1U);
+    EXPECT_EQ(+token.ulSessionCount, 2U);
+    EXPECT_EQ(+token.ulRwSessionCount, 1U);
   }
-  EXPECT_LE(token.ulMinPinLen, 4U);
+  EXPECT_LE(+token.ulMinPinLen, 4U);
 
   std::vector<CK_MECHANISM_TYPE> types(200);
   is(f->C_GetMechanismList(none, nullptr, &count), CKR_SLOT_ID_INVALID);
@@ -147,9 +147,9 @@ TEST_F(StandardTest, Sessions) {
   const Session reader(0), writer, other(0, 1);
   is(f->C_GetSessionInfo(reader, nullptr), CKR_ARGUMENTS_BAD);
   is(f->C_GetSessionInfo(reader, &info), CKR_OK);
-  EXPECT_EQ(info.slotID, slotOf(0));
-  EXPECT_EQ(info.flags, CKF_SERIAL_SESSION);
-  EXPECT_EQ(info.state, CKS_RO_PUBLIC_SESSION);
+  EXPECT_EQ(+info.slotID, slotOf(0));
+  EXPECT_EQ(+info.flags, CKF_SERIAL_SESSION);
+  EXPECT_EQ(+info.state, CKS_RO_PUBLIC_SESSION);
   EXPECT_EQ(writer.state(), CKS_RW_PUBLIC_SESSION);
   is(f->C_CloseSession(reader), CKR_OK);
   is(f->C_CloseSession(reader), CKR_SESSION_HANDLE_INVALID);
