@@ -100,8 +100,8 @@ void endLogin(ModuleLock& module, Token& token) {
   token.login = Login::none;
   ++token.logouts;
   pins.drop(token.slot);
-  module.state().objects.dropIf(
-      [&](const Object& object) { return object.token == &token && object.isPrivate && object.moduleHandle == 0; });
+  // The standard ends the handles of private objects for good: the next login gives new ones.
+  module.state().objects.dropIf([&](const Object& object) { return object.token == &token && object.isPrivate; });
 }
 
 void forgetToken(ModuleLock& module, Token& token) {
