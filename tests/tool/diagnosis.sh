@@ -15,7 +15,9 @@ tool 3 status
 says out 'software token anna' 'complete with issuers on the token' 'has ID' '--set-id 0123'
 tool 3 status --json
 json '.tokens[0].keys[0].certificates[0] | .id, .chain' '"0123","on token"'
-json '.tokens[0].softwareToken, ([.log.today[].program] | contains(["tavrin-tool"]))' 'true,false'
+json '.tokens[0].softwareToken' true
+# Under Wine all tests share one log folder.
+[[ $E2E_SYSTEM == Windows ]] || json '[.log.today[].program] | contains(["tavrin-tool"])' false
 env -u TAVRIN_HOME "${BASH:-bash}" -c '"$@"' - ${E2E_RUNNER:+"$E2E_RUNNER"} "$E2E_BIN/tavrin-tool$exe" status --json </dev/null |
   tr -d '\r' >out || true
 json '.caFolder.shared, ([.warnings[] | select(contains("TAVRIN_HOME"))] | length)' 'false,1'
