@@ -14,7 +14,7 @@ check "make the packages" "$packaging/package.sh" packages
 shows "lintian has nothing to say" '^$' eval 'lintian packages/*.deb && echo'
 
 if [[ ! -s $clean ]]; then
-  quietly mmdebstrap --variant=apt --include=gnutls-bin "$(. /etc/os-release && echo "$VERSION_CODENAME")" "$clean.new"
+  quietly mmdebstrap --format=tar --variant=apt --include=gnutls-bin "$(. /etc/os-release && echo "$VERSION_CODENAME")" "$clean.new"
   mv "$clean.new" "$clean"
 fi
 mkdir "$debian"

@@ -24,7 +24,7 @@ export top
 for guide in application-developers administrators maker-engineers; do
   folder=$work/$guide
   mkdir -p "$folder/build" "$work/tokens-$guide"
-  for entry in CMakeLists.txt CMakePresets.json cmake include src softtoken tool examples packaging scripts; do
+  for entry in CMakeLists.txt CMakePresets.json cmake include src softtoken standard tool examples packaging scripts; do
     ln -s "$top/$entry" "$folder/$entry"
   done
   ln -s "$linux" "$folder/build/linux"

@@ -5,7 +5,7 @@ source "$(dirname "$0")/lib.sh"
 createTokenWithKeys
 check "install" cmake --install "$linux" --prefix "$work/usr"
 registration=$(find usr -name tavrin.module)
-shows "the module file names the installed module" "^module: $work/usr/lib.*/libtavrin-pkcs11.so$" cat "$registration"
+shows "the module file names the installed module" "^module: $work/usr/lib.*/libtavrin-pkcs11-standard.so$" cat "$registration"
 # p11-kit reads module files from a fixed folder only. A mount namespace puts the installed folder in its place.
 registered() {
   unshare --user --map-root-user --mount sh -ec 'mount --bind "$1" /usr/share/p11-kit/modules; shift; exec "$@"' sh "$(dirname "$registration")" "$@"
