@@ -13,7 +13,7 @@ listed() { (cd "$debian" && find etc usr -path '*tavrin*' | LC_ALL=C sort); }
 check "make the packages" "$packaging/package.sh" packages
 shows "lintian has nothing to say" '^$' eval 'lintian packages/*.deb && echo'
 
-if [[ ! -s $clean ]]; then
+if [[ ! -f $clean ]]; then
   quietly mmdebstrap --format=tar --variant=apt --include=gnutls-bin "$(. /etc/os-release && echo "$VERSION_CODENAME")" "$clean.new"
   mv "$clean.new" "$clean"
 fi
