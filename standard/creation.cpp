@@ -222,7 +222,7 @@ std::shared_ptr<Object> keepKeyPair(ModuleLock& module, const Session& session, 
     old->kept = true;
     objects.release(*old);
   }
-  const auto made = objects.ofModule(session.token, original.moduleHandle);
+  auto made = objects.ofModule(session.token, original.moduleHandle);
   made->imported = original.imported;
   relabel(module, *made, changes);
   return made;

@@ -4,7 +4,7 @@ namespace tavrin::standard {
 
 std::shared_ptr<Object> requiredKey(ModuleLock& module, const Session& session, CK_OBJECT_HANDLE handle,
                                     const Mechanism& mechanism, CK_ATTRIBUTE_TYPE use) {
-  const std::shared_ptr<Object> key = findVisible(module, session, handle);
+  std::shared_ptr<Object> key = findVisible(module, session, handle);
   if (!key || key->objectClass == CKO_CERTIFICATE) throw Refusal(CKR_KEY_HANDLE_INVALID, "invalid hKey=", handle);
   const Attributes& attributes = knownAttributes(module, *key);
   if (attributes.number(CKA_KEY_TYPE) != mechanism.keyType) {

@@ -40,7 +40,8 @@ std::shared_ptr<Object> ObjectTable::find(CK_OBJECT_HANDLE handle) const {
 std::shared_ptr<Object> ObjectTable::add(Object object) {
   object.handle = ++lastHandle;
   if (object.moduleHandle != 0) byModule_[{object.token, object.moduleHandle}] = object.handle;
-  return objects_.emplace(object.handle, std::make_shared<Object>(std::move(object))).first->second;
+  const CK_OBJECT_HANDLE handle = object.handle;
+  return objects_.emplace(handle, std::make_shared<Object>(std::move(object))).first->second;
 }
 
 std::shared_ptr<Object> ObjectTable::ofModule(Token& token, CK_OBJECT_HANDLE moduleHandle) {

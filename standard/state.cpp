@@ -13,9 +13,9 @@ namespace tavrin::standard {
 namespace {
 
 struct Globals {
+  PinStore pins;  // first, as it fills whole pages
   Lifecycle lifecycle;
   SlotNumbers slotNumbers;
-  PinStore pins;
   // States of the parents of a forked process: neither used nor released in the child.
   std::vector<std::shared_ptr<State>> inherited;
 };

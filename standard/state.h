@@ -28,7 +28,7 @@ struct State {
   std::atomic<unsigned> waiters = 0;  // threads that wait for a slot event in the module
 
   // For the results of the module's searches: as many objects as its handles can name.
-  std::vector<CK_OBJECT_HANDLE> foundInModule = std::vector<CK_OBJECT_HANDLE>(3 * 0x1000);
+  std::vector<CK_OBJECT_HANDLE> foundInModule = std::vector<CK_OBJECT_HANDLE>(0x3000);
 
   TokenTable tokens;
   ObjectTable objects;

@@ -14,7 +14,7 @@ namespace tool {
 class ConsoleOutput {
  public:
   ConsoleOutput();
-  ~ConsoleOutput();
+  ~ConsoleOutput();  // NOLINT(performance-trivially-destructible): on Windows it restores the code page
   ConsoleOutput(const ConsoleOutput&) = delete;
   ConsoleOutput& operator=(const ConsoleOutput&) = delete;
 

@@ -15,9 +15,10 @@ class DerFields {
 
   softtoken::DerElement take(std::uint8_t tag) {
     const auto element = softtoken::takeElement(rest_, tag);
-    if (!element)
+    if (!element) {
       throw softtoken::Failure(softtoken::Status::badArgument,
                                "the file is damaged, or in an encoding other than DER (openssl can convert it)");
+    }
     return *element;
   }
   DerFields inside(std::uint8_t tag) { return DerFields(take(tag).content); }

@@ -89,9 +89,10 @@ CK_SLOT_ID chooseSlot(CK_FUNCTION_LIST* functions, const std::string& label) {
     check(functions->C_GetTokenInfo(slot, &info), "C_GetTokenInfo");
     if (label.empty() || textOf(info.label) == label) found.push_back(slot);
   }
-  if (found.empty())
+  if (found.empty()) {
     throw Failure(Status::notFound,
                   label.empty() ? "no token is connected" : "no token with the label " + label + " is connected");
+  }
   if (found.size() > 1) throw Failure(Status::badArgument, "several tokens are connected; choose one with --token");
   return found.front();
 }
@@ -165,12 +166,14 @@ class Import {
     attributes.add(CKA_VALUE, key.scalar);
     CK_RV result = CKR_OK;
     const CK_OBJECT_HANDLE object = attributes.create(functions_, session_, result);
-    if (!key.isRsa() && result != CKR_OK)
+    if (!key.isRsa() && result != CKR_OK) {
       throw Failure(Status::wrongKeyType,
                     "this token takes no elliptic-curve keys from outside; generate the key on the token");
-    if (result == CKR_FUNCTION_FAILED)
+    }
+    if (result == CKR_FUNCTION_FAILED) {
       throw Failure(Status::badArgument,
                     "the token refused the key; it takes RSA keys of 1024, 2048, 3072 or 4096 bits");
+    }
     requireStored(result, "the key");
     // Tokens store a new key without its ID.
     CK_ATTRIBUTE idAttribute = {CKA_ID, const_cast<std::uint8_t*>(id.data()), static_cast<CK_ULONG>(id.size())};

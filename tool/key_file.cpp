@@ -94,9 +94,10 @@ SecretBytes decoded(std::string_view base64) {
 
 std::optional<PrivateKey> keyIn(const PemBlock& block, const AskPassword& askPassword) {
   if (!block.kind.ends_with("PRIVATE KEY")) return std::nullopt;
-  if (block.body.find("Proc-Type:") != block.body.npos)
+  if (block.body.find("Proc-Type:") != block.body.npos) {
     throw Failure(Status::badArgument,
                   "the key is encrypted in OpenSSL's old form; convert it with: openssl pkcs8 -topk8");
+  }
   const SecretBytes der = decoded(block.body);
   if (block.kind == "PRIVATE KEY") return privateKeyIn(der);
   if (block.kind == "RSA PRIVATE KEY") return rsaKeyIn(der);

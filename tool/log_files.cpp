@@ -125,6 +125,7 @@ std::string_view messageIn(std::string_view line) {
 
 void LogReader::read(const std::vector<LogFile>& files, const std::function<void(const LogEntry&)>& take) {
   std::vector<std::unique_ptr<EntryStream>> streams;
+  streams.reserve(files.size());
   for (const LogFile& file : files) streams.push_back(std::make_unique<EntryStream>(file, positions_[file.path]));
   for (;;) {
     std::erase_if(streams, [](const auto& stream) { return stream->atEnd(); });

@@ -117,6 +117,7 @@ void writeCompletion(const CLI::App& app, std::ostream& script) {
   std::vector<std::pair<std::string, const CLI::App*>> commands;
   collect(app, {}, commands);
   std::vector<std::string> names;
+  names.reserve(commands.size());
   for (const auto& [words, command] : commands) names.push_back("'" + words + "'");
   script
       << "# Completion of tavrin-tool's commands, options, tokens and programs for bash.\n"

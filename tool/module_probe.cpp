@@ -15,7 +15,6 @@ namespace {
 using softtoken::Bytes;
 using softtoken::ByteView;
 using softtoken::Failure;
-using softtoken::Status;
 
 std::string versionText(CK_VERSION version) {
   return std::to_string(version.major) + "." + std::to_string(version.minor);

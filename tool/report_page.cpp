@@ -90,9 +90,11 @@ bool isHexDigit(char letter) { return (letter >= '0' && letter <= '9') || (lette
 // Replaces what identifies people, keys or data: quoted names, paths, and bytes in hexadecimal.
 std::string withoutNames(std::string_view message) {
   for (const std::string_view start : {"CA Folder: ", "unexpected failure: ", "Find init id : ", "base key id :: ",
-                                       "public key :: ", "Sign input hash : "})
-    if (const auto at = message.find(start); at != message.npos)
+                                       "public key :: ", "Sign input hash : "}) {
+    if (const auto at = message.find(start); at != message.npos) {
       return std::string(message.substr(0, at + start.size())) + "(hidden)";
+    }
+  }
   std::string result;
   for (std::size_t at = 0; at < message.size();) {
     const std::size_t quote = message[at] == '\'' ? message.rfind('\'') : at;
@@ -202,8 +204,9 @@ std::string ReportPage::filters() const {
       "<input type=checkbox id=brief><label for=brief>without details</label>";
   for (std::size_t i = 0; i < programs_.size() && programs_.size() > 1; ++i) {
     const std::string id = std::string("p").append(std::to_string(i));
-    rules += "#" + id + ":not(:checked)~main ." + id + "{display:none}\n";
-    boxes += "<input type=checkbox checked id=" + id + "><label for=" + id + ">" + escaped(programs_[i]) + "</label>";
+    rules.append("#").append(id).append(":not(:checked)~main .").append(id).append("{display:none}\n");
+    boxes.append("<input type=checkbox checked id=").append(id).append("><label for=").append(id).append(">");
+    boxes.append(escaped(programs_[i])).append("</label>");
   }
   return "<style>\n" + rules + "</style>\n" + boxes + "<input id=search type=search placeholder=search hidden>\n";
 }

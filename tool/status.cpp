@@ -25,9 +25,11 @@ namespace {
 // The issuers of a token's certificates.
 CaFolder::Issuers issuersOn(const ProbedToken& token) {
   CaFolder::Issuers issuers;
-  for (const StoredCertificate& certificate : token.certificates)
-    if (const auto facts = readFacts(certificate.der))
+  for (const StoredCertificate& certificate : token.certificates) {
+    if (const auto facts = readFacts(certificate.der)) {
       issuers.emplace(tavrin::extractCommonName(facts->subject), tavrin::extractCommonName(facts->issuer));
+    }
+  }
   return issuers;
 }
 
@@ -108,9 +110,10 @@ void judgeIds(const TokenStatus& token, const std::string& tokenName, SystemStat
     std::string text = "the key \"" + key.key->label + "\" on " + tokenName + " has " + shownId(key.key->id) +
                        " and its certificate has " + shownId(certificate.id) +
                        ", so applications do not find the one by the other";
-    if (!certificate.id.empty() && !key.key->id.empty())
+    if (!certificate.id.empty() && !key.key->id.empty()) {
       text += "; give the key the certificate's ID: pkcs11-tool --module " + status.module.module.path +
               " --login --type privkey --id " + hexOf(key.key->id) + " --set-id " + hexOf(certificate.id);
+    }
     status.warnings.push_back(text);
   }
 }
@@ -141,9 +144,11 @@ void judgeSetAside(SystemStatus& status) {
 
 std::string noToken(const SystemStatus& status) {
   std::string text = "no token is connected";
-  for (const SetAsideToken& token : status.module.setAside)
-    if (token.state == "unplugged")
+  for (const SetAsideToken& token : status.module.setAside) {
+    if (token.state == "unplugged") {
       text += "; the software token " + token.name + " is unplugged: tavrin-tool token plug " + token.name;
+    }
+  }
   return text;
 }
 
@@ -184,9 +189,10 @@ void judgeLog(SystemStatus& status) {
                               "; remove it or have its owner do so");
   }
   const std::filesystem::path foreign = std::filesystem::path(temporary) / folder.filename();
-  if (!temporary.empty() && !ownerOf(foreign).empty() && foreign.lexically_normal() != folder)
+  if (!temporary.empty() && !ownerOf(foreign).empty() && foreign.lexically_normal() != folder) {
     status.warnings.push_back("the log is in " + status.logFolder + ", as " + softtoken::textOf(foreign) +
                               " belongs to " + ownerOf(foreign));
+  }
 }
 
 // Gives numbered words for names, the same word for the same name.

@@ -67,9 +67,10 @@ std::vector<ModuleSetting> moduleSettings() {
   std::vector<ModuleSetting> settings;
   const fs::path home = platform::environmentVariable("HOME");
   for (const fs::path& folder :
-       {fs::path("/usr/share/p11-kit/modules"), fs::path("/etc/pkcs11/modules"), home / ".config/pkcs11/modules"})
+       {fs::path("/usr/share/p11-kit/modules"), fs::path("/etc/pkcs11/modules"), home / ".config/pkcs11/modules"}) {
     for (const fs::path& file : entriesOf(folder))
       if (file.extension() == ".module") addSettings(file, "p11-kit", "module", settings);
+  }
   addSettings(home / ".pki/nssdb/pkcs11.txt", "NSS", "library", settings);
   for (const fs::path& profile : entriesOf(home / ".mozilla/firefox"))
     addSettings(profile / "pkcs11.txt", "Firefox", "library", settings);

@@ -88,11 +88,12 @@ std::string printable(std::string_view text) {
 void printTable(const std::vector<std::vector<std::string>>& rows) {
   std::vector<std::size_t> widths(rows.front().size());
   std::vector<std::vector<std::string>> shown = rows;
-  for (auto& row : shown)
+  for (auto& row : shown) {
     for (std::size_t i = 0; i < row.size(); ++i) {
       row[i] = printable(row[i]);
       widths[i] = std::max(widths[i], widthOf(row[i]));
     }
+  }
   for (const auto& row : shown) {
     std::string line;
     for (std::size_t i = 0; i < row.size(); ++i) line += row[i] + std::string(widths[i] - widthOf(row[i]) + 2, ' ');
