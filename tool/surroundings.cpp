@@ -22,9 +22,10 @@ void judgeSearchPath(const fs::path& module, std::vector<std::string>& warnings)
   if (!fs::exists(own, error)) return;
   for (const fs::path& folder : librarySearchPath()) {
     const fs::path file = folder / deviceLibraryFileName;
-    if (fs::exists(file, error) && !isSameFile(file, own))
+    if (fs::exists(file, error) && !isSameFile(file, own)) {
       warnings.push_back("another device library is in the search path: " + textOf(file) +
                          "; programs may load it in place of " + textOf(own));
+    }
   }
 }
 
@@ -35,15 +36,17 @@ void judgeSettings(const fs::path& module, std::vector<std::string>& warnings) {
       settings, [&](const ModuleSetting& setting) { return setting.program == "p11-kit" && namesModule(setting); });
   for (const ModuleSetting& setting : settings) {
     std::error_code error;
-    if (setting.library.is_absolute() && !fs::exists(setting.library, error))
+    if (setting.library.is_absolute() && !fs::exists(setting.library, error)) {
       warnings.push_back(setting.program + "'s setting in " + textOf(setting.file) + " names a missing file, " +
                          textOf(setting.library));
+    }
     const bool proxied = std::ranges::any_of(settings, [&](const ModuleSetting& other) {
       return other.file == setting.file && textOf(other.library.filename()).starts_with("p11-kit");
     });
-    if (inP11Kit && setting.program != "p11-kit" && proxied && namesModule(setting))
+    if (inP11Kit && setting.program != "p11-kit" && proxied && namesModule(setting)) {
       warnings.push_back(setting.program + "'s setting in " + textOf(setting.file) +
                          " loads the module twice, directly and through p11-kit; remove one of the two");
+    }
   }
 }
 
