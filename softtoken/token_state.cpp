@@ -52,10 +52,10 @@ bool startsWith(ByteView content, std::string_view header) {
   return content.size() >= header.size() && std::ranges::equal(content.first(header.size()), viewOf(header));
 }
 
-// Removes the proof from the end of the content.
+// Removes the proof from the end of the content, which keeps its header.
 FileProof takeProof(ByteView& content) {
   FileProof proof{};
-  if (content.size() < sizeof proof.mac) failDamaged();
+  if (content.size() < stateHeader.size() + sizeof proof.mac) failDamaged();
   std::ranges::copy(content.last(sizeof proof.mac), proof.mac.begin());
   content = content.first(content.size() - sizeof proof.mac);
   proof.contentHash = sha256(content);
