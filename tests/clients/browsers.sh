@@ -7,21 +7,11 @@ unset TAVRIN_HOME
 
 createTokenWithKeys
 certificateAuthority
-openssl genrsa -out server.key 2>/dev/null
-openssl rsa -in server.key -pubout -out server.pem 2>/dev/null
-issue server.pem server.crt /CN=localhost subjectAltName=DNS:localhost
+serverCertificate /CN=localhost subjectAltName=DNS:localhost
 clientCertificate rsa 01
 port=$(port)
-cat >nginx.conf <<END
-daemon off;
-user $(id -un);
-pid $work/nginx.pid;
-events {}
-http {
-  log_format visit '\$uri \$ssl_client_verify \$ssl_client_s_dn';
+startNginx '' "log_format visit '\$uri \$ssl_client_verify \$ssl_client_s_dn';
   access_log $work/visits visit;
-  client_body_temp_path $work/body;
-  ssl_session_cache off;
   ssl_session_tickets off;
   keepalive_timeout 0;
   server {
@@ -30,11 +20,8 @@ http {
     ssl_certificate_key $work/server.key;
     ssl_client_certificate $work/ca.crt;
     ssl_verify_client optional;
-    location / { default_type text/plain; return 200 "Hello"; }
-  }
-}
-END
-startNginx
+    location / { default_type text/plain; return 200 Hello; }
+  }"
 Xvfb -displayfd 3 -screen 0 1200x900x24 3>display 2>/dev/null &
 servers+=($!)
 quietly eventually test -s display
@@ -52,9 +39,7 @@ typeInto() {
 }
 # A window that has just appeared cannot always be focused yet.
 focus() {
-  local window
-  window=$(xdotool search --onlyvisible --name "$1" | tail -1)
-  [[ -n $window ]] && timeout 5 xdotool windowfocus --sync "$window"
+  timeout 5 xdotool windowfocus --sync "$(xdotool search --onlyvisible --name "$1" | tail -1)"
 }
 visit() { typeInto "$browser" ctrl+l "https://localhost:$port/$1"; }
 visited() { eventually grep -x "/$1 $2" visits; }
@@ -66,11 +51,8 @@ browser='Mozilla Firefox'
 profile=$work/profile
 mkdir "$profile"
 recipe Firefox
-cat >"$profile/user.js" <<END
-user_pref("security.default_personal_cert", "Select Automatically");
-user_pref("datareporting.policy.dataSubmissionEnabled", false);
-user_pref("browser.aboutwelcome.enabled", false);
-END
+printf 'user_pref("%s", %s);\n' security.default_personal_cert '"Select Automatically"' \
+  datareporting.policy.dataSubmissionEnabled false browser.aboutwelcome.enabled false >"$profile/user.js"
 background firefox-esr --profile "$profile" --no-remote about:blank
 unlock first 'Password Required'
 check "Firefox logs in" visited first 'SUCCESS CN=User rsa'

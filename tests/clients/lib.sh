@@ -15,10 +15,7 @@ servers=()
 
 cleanup() {
   [[ $? == 0 ]] || sed 's/^/    /' "$work/output" || true
-  if [[ ${#servers[@]} != 0 ]]; then
-    kill "${servers[@]}" 2>/dev/null || true
-    wait || true
-  fi
+  [[ ${#servers[@]} == 0 ]] || { kill "${servers[@]}" 2>/dev/null; wait; } || true
   rm -rf "$work" || { sleep 1 && rm -rf "$work"; } # a browser's child processes end a little later
 }
 trap cleanup EXIT
@@ -45,25 +42,15 @@ failed() {
   sed 's/^/    /' "$work/output"
 }
 
-# check WHAT COMMAND...: the command succeeds.
-check() {
-  local what=$1
-  shift
-  if "$@" >"$work/output" 2>&1; then passed "$what"; else failed "$what"; fi
-}
-
-# shows WHAT PATTERN COMMAND...: the command succeeds, and a line of its output matches the pattern.
-shows() {
-  local what=$1 pattern=$2
-  shift 2
-  if "$@" >"$work/output" 2>&1 && grep -qE -- "$pattern" "$work/output"; then passed "$what"; else failed "$what"; fi
-}
-
-# refuses WHAT PATTERN COMMAND...: the command fails, and a line of its output matches the pattern.
-refuses() {
-  local what=$1 pattern=$2
-  shift 2
-  if ! "$@" >"$work/output" 2>&1 && grep -qE -- "$pattern" "$work/output"; then passed "$what"; else failed "$what"; fi
+# check WHAT COMMAND...: the command succeeds. shows WHAT PATTERN COMMAND...: and a line of its output matches the pattern.
+# refuses WHAT PATTERN COMMAND...: it fails, and a line matches.
+check() { ended 0 "$1" '' "${@:2}"; }
+shows() { ended 0 "$@"; }
+refuses() { ended 1 "$@"; }
+ended() {
+  local code=0
+  "${@:4}" >"$work/output" 2>&1 || code=1
+  if [[ $code == "$1" ]] && { [[ -z $3 ]] || grep -qE -- "$3" "$work/output"; }; then passed "$2"; else failed "$2"; fi
 }
 
 # quietly COMMAND...: preparation; shows the output and ends the script only if the command fails.
@@ -83,10 +70,7 @@ background() {
 eventually() {
   local result=1
   for _ in {1..400}; do
-    if "$@" >"$work/attempt" 2>&1; then
-      result=0
-      break
-    fi
+    "$@" >"$work/attempt" 2>&1 && result=0 && break
     sleep 0.1
   done
   cat "$work/attempt"
@@ -113,6 +97,7 @@ createTokenWithKeys() {
 }
 
 # A certificate authority in ca.crt, and certificates that it issues: issue PUBLIC-KEY CERTIFICATE SUBJECT [EXTENSION...]
+# and serverCertificate SUBJECT EXTENSION..., in server.crt with server.key.
 certificateAuthority() {
   openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.crt -subj "/CN=Test authority" -days 30 2>/dev/null
 }
@@ -121,6 +106,10 @@ issue() {
   openssl req -new -key ca.key -subj "$3" -out request
   quietly openssl x509 -req -in request -force_pubkey "$1" -CA ca.crt -CAkey ca.key -CAcreateserial -days 30 \
     -extfile extensions -out "$2"
+}
+serverCertificate() {
+  openssl genrsa -out server.key 2>/dev/null
+  issue <(openssl pkey -in server.key -pubout) server.crt "$@"
 }
 # clientCertificate LABEL ID: a certificate for TLS clients and signers in LABEL.crt and on the token.
 clientCertificate() {
@@ -136,7 +125,6 @@ answerSsh() {
   export SSH_ASKPASS=$work/askpass SSH_ASKPASS_REQUIRE=force
 }
 
-# The programs are set up with the standard module.
 useStandard() { module=$standard; }
 
 # recipe HEADING: runs the commands of docs/clients.md below that heading, as a user would.
@@ -149,28 +137,19 @@ recipe() {
   passed "the recipe for $1"
 }
 
-# nginx with the configuration that the script wrote into nginx.conf.
+# startNginx MAIN HTTP: nginx in the foreground with these directives.
 startNginx() {
+  echo "daemon off; user $(id -un); pid $work/nginx.pid; error_log $work/nginx.log; $1
+    events {}
+    http { client_body_temp_path $work/body; ssl_session_cache off; $2 }" >nginx.conf
   background "$(PATH=$PATH:/usr/sbin command -v nginx)" -p "$work" -e "$work/nginx.log" -c "$work/nginx.conf"
   check "the server starts" eventually test -s nginx.pid
 }
 
 # The configuration by which OpenSSL's engine finds the module, and the URIs of the keys with their PIN's file.
 configureEngine() {
-  cat >engine.cnf <<END
-openssl_conf = start
-[start]
-engines = engines
-[engines]
-pkcs11 = tavrin
-[tavrin]
-engine_id = pkcs11
-MODULE_PATH = $module
-init = 0
-[req]
-distinguished_name = name
-[name]
-END
+  printf '%s\n' 'openssl_conf = start' '[start]' 'engines = engines' '[engines]' 'pkcs11 = tavrin' '[tavrin]' 'engine_id = pkcs11' \
+    "MODULE_PATH = $module" 'init = 0' '[req]' 'distinguished_name = name' '[name]' >engine.cnf
   rsaKey="pkcs11:object=rsa;type=private;pin-source=file:$work/bare-pin"
   ecKey="pkcs11:object=ec;type=private;pin-source=file:$work/bare-pin"
 }

@@ -5,29 +5,20 @@ token="Client token"
 certs() { certutil "$1" -d db -h "$token" -f pin "${@:2}"; }
 
 createTokenWithKeys
-head -c 64 /dev/urandom >noise
 mkdir db
 quietly certutil -N -d db --empty-password
 shows "add the module" 'Module "tavrin" added' modutil -dbdir db -force -add tavrin -libfile "$module"
-shows "the token in its slot" "Token Name: $token" modutil -dbdir db -list tavrin
 shows "its URI has no NULs" 'pkcs11:token=Client%20token;' certutil -U -d db
-shows "list the keys" '> ec +02 ' certs -K
-
-check "generate RSA with a certificate" certs -S -x -z noise -n nssrsa -s "CN=NSS RSA,E=rsa@example.com" -t CT,CT,CT -g 2048 -k rsa -m 1
-shows "NSS knows it as the user's own" "^$token:nssrsa +CTu,Cu,Cu" certs -L
-refuses "generating EC gives an RSA key" SEC_ERROR_BAD_DATA certs -S -x -z noise -n nssec -s "CN=NSS EC" -t ,, -k ec -q nistp256 -m 2
+check "generate RSA with a certificate" certs -S -x -z document -n nssrsa -s "CN=NSS RSA,E=rsa@example.com" -t CT,CT,CT -g 2048 -k rsa -m 1
+refuses "generating EC gives an RSA key" SEC_ERROR_BAD_DATA certs -S -x -z document -n nssec -s "CN=NSS EC" -t ,, -k ec -q nistp256 -m 2
 shows "without a certificate" 'rsa +[0-9a-f]{40} +\(orphan\)' certs -K
-
 # NSS finds a certificate's key by an ID that is the SHA-1 of its modulus or point.
 id=$(openssl pkey -pubin -in ec.pem -outform DER | tail -c 65 | sha1sum | cut -c 1-40)
 check "give the EC key the ID that NSS expects" loggedIn --set-id "$id" --type privkey --id 02
 check "certificate for it" certs -S -x -n nssec -s "CN=NSS EC,E=ec@example.com" -t CT,CT,CT -k "$id" -m 3
-shows "NSS knows it as the user's own" "^$token:nssec +CTu,Cu,Cu" certs -L
-check "request" certs -R -s CN=request -k 01 -o request.der
-check "openssl verifies" openssl req -inform DER -in request.der -verify -noout
-
 for name in nssrsa nssec; do
-  check "export $name" certs -L -n "$token:$name" -a -o $name.pem
+  shows "NSS knows $name as the user's own" "^$token:$name +CTu,Cu,Cu" certs -L
+  quietly certs -L -n "$token:$name" -a -o $name.pem
   check "CMS signature" cmsutil -S -d db -f pin -N "$token:$name" -i document -o $name.cms -H SHA256
   check "openssl verifies" verifyCms $name.cms $name.pem
 done

@@ -22,7 +22,7 @@ while read -r type key name; do
 done <keys
 
 ssh-keygen -q -t ed25519 -N '' -f user
-check "sign a certificate" ssh-keygen -q -D "$module" -s rsa.pub -I me -n "$(id -un)" user.pub
+check "sign a certificate" ssh-keygen -q -D "$module" -s rsa.pub -I me -n me user.pub
 shows "it names the CA" "$(ssh-keygen -lf rsa.pub | cut -d' ' -f2 | sed 's/+/\\+/g') \(using rsa-sha2-512\)" ssh-keygen -L -f user-cert.pub
 shows "remove the token" 'Card removed' ssh-add -e "$module"
 refuses "no keys are left" 'no identities' ssh-add -L

@@ -6,9 +6,7 @@ PATH=$PATH:/usr/sbin
 
 createTokenWithKeys
 certificateAuthority
-openssl genrsa -out server.key 2>/dev/null
-openssl rsa -in server.key -pubout -out server.pem 2>/dev/null
-issue server.pem server.crt /CN=vpn extendedKeyUsage=serverAuth keyUsage=digitalSignature
+serverCertificate /CN=vpn extendedKeyUsage=serverAuth keyUsage=digitalSignature
 clientCertificate rsa 01
 clientCertificate ec 02
 # In a subshell, since exec ends the shell if the connection fails.

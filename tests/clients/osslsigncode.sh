@@ -3,14 +3,10 @@
 source "$(dirname "$0")/lib.sh"
 
 createTokenWithKeys
-configureEngine
+certificateAuthority
 engine=$(find "$(openssl version -e | cut -d'"' -f2)" -name pkcs11.so)
-openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.crt -subj /CN=CA -days 30 2>/dev/null
-printf 'extendedKeyUsage=codeSigning\nkeyUsage=digitalSignature\n' >extensions
 for key in rsa ec; do
-  private=${key}Key
-  quietly withEngine req -keyform engine -new -key "${!private}" -subj "/CN=Signer $key" -out $key.csr
-  quietly openssl x509 -req -in $key.csr -CA ca.crt -CAkey ca.key -CAcreateserial -extfile extensions -days 30 -out $key.crt
+  issue $key.pem $key.crt "/CN=Signer $key" extendedKeyUsage=codeSigning keyUsage=digitalSignature
   check "sign a program, $key" osslsigncode sign -pkcs11engine "$engine" -pkcs11module "$module" -certs $key.crt \
     -key "pkcs11:object=$key;type=private" -readpass bare-pin -h sha256 -in "$windows/bin/sign_file.exe" -out $key.exe
   shows "verify it" 'Signature verification: ok' osslsigncode verify -CAfile ca.crt -in $key.exe

@@ -1,15 +1,8 @@
 // java Threads.java CONFIGURATION [LOCK]: four threads sign with the keys "jrsa" and "jec" of the token by turns, with LOCK
 // one after the other. Java itself verifies every signature with the certificate of the key that was asked for.
-import java.security.KeyStore;
-import java.security.PrivateKey;
-import java.security.Provider;
-import java.security.Security;
-import java.security.Signature;
-import java.security.SignatureException;
+import java.security.*;
 import java.util.ArrayList;
-import java.util.concurrent.Callable;
-import java.util.concurrent.Executors;
-import java.util.concurrent.Future;
+import java.util.concurrent.*;
 
 public class Threads {
   public static void main(String[] arguments) throws Exception {
@@ -21,7 +14,7 @@ public class Threads {
     for (int thread = 0; thread < 4; ++thread) {
       int first = thread;
       Object lock = arguments.length > 1 ? store : new Object();
-      Callable<Integer> work = () -> {
+      results.add(threads.submit(() -> {
         int right = 0;
         for (int round = first; round < first + 50; ++round) {
           String alias = round % 2 == 0 ? "jrsa" : "jec", kind = round % 2 == 0 ? "SHA256withRSA" : "SHA256withECDSA";
@@ -38,12 +31,10 @@ public class Threads {
           verifier.update(data);
           try {
             if (verifier.verify(signature)) ++right;
-          } catch (SignatureException wrongLength) {
-          }
+          } catch (SignatureException wrongLength) {}
         }
         return right;
-      };
-      results.add(threads.submit(work));
+      }));
     }
     int right = 0;
     for (var result : results) right += result.get();

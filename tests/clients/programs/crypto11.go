@@ -18,17 +18,13 @@ import (
 	"github.com/ThalesIgnite/crypto11"
 )
 
-func must(err error) {
-	if err != nil {
-		log.Fatal(err)
-	}
-}
-
-func expect(fact bool, what string) {
+func expect(fact bool, what any) {
 	if !fact {
 		log.Fatal("not true: ", what)
 	}
 }
+
+func must(err error) { expect(err == nil, err) }
 
 // A certificate by the key's own signature, which x509 verifies with the public key.
 func selfSigned(key crypto.Signer, serial int64) *x509.Certificate {
@@ -46,13 +42,13 @@ func main() {
 	log.SetFlags(0)
 	token, err := crypto11.Configure(&crypto11.Config{Path: os.Args[1], TokenLabel: "Client token", Pin: os.Getenv("PIN")})
 	must(err)
-	rsaKey, err := token.GenerateRSAKeyPairWithLabel([]byte{0x31}, []byte("go rsa"), 2048)
+	ids := [][]byte{{0x31}, {0x32}}
+	rsaKey, err := token.GenerateRSAKeyPairWithLabel(ids[0], []byte("go rsa"), 2048)
 	must(err)
-	ecKey, err := token.GenerateECDSAKeyPairWithLabel([]byte{0x32}, []byte("go ec"), elliptic.P256())
+	ecKey, err := token.GenerateECDSAKeyPairWithLabel(ids[1], []byte("go ec"), elliptic.P256())
 	must(err)
-	for serial, key := range []crypto.Signer{rsaKey, ecKey} {
-		id := []byte{byte(0x31 + serial)}
-		must(token.ImportCertificateWithLabel(id, id, selfSigned(key, int64(serial+1))))
+	for i, key := range []crypto.Signer{rsaKey, ecKey} {
+		must(token.ImportCertificateWithLabel(ids[i], ids[i], selfSigned(key, int64(i+1))))
 	}
 	pairs, err := token.FindAllPairedCertificates()
 	must(err)
@@ -77,10 +73,10 @@ func main() {
 	}
 	threads.Wait()
 	must(token.DeleteCertificate(nil, nil, big.NewInt(1)))
-	certificate, err := token.FindCertificate([]byte{0x31}, nil, nil)
-	expect(err == nil && certificate == nil, "the certificate with this serial number is gone")
-	certificate, err = token.FindCertificate([]byte{0x32}, nil, nil)
-	expect(err == nil && certificate != nil, "the other is not")
+	for i, id := range ids {
+		certificate, err := token.FindCertificate(id, nil, nil)
+		expect(err == nil && (certificate == nil) == (i == 0), "only the certificate with this serial number is gone")
+	}
 	must(rsaKey.Delete())
 	keys, err := token.FindKeyPairs(nil, []byte("go rsa"))
 	expect(err == nil && len(keys) == 0, "the key is gone")

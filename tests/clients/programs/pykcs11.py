@@ -30,14 +30,14 @@ for name, identifier, mechanism, public in (
                             PyKCS11.Mechanism(mechanism, None))
 
 rsa, ec = find("py rsa", ck.CKO_PRIVATE_KEY), find("py ec", ck.CKO_PRIVATE_KEY)
-signature = bytes(session.sign(rsa, data, PyKCS11.Mechanism(ck.CKM_SHA256_RSA_PKCS, None)))
+withHash = PyKCS11.Mechanism(ck.CKM_SHA256_RSA_PKCS, None)
+signature = bytes(session.sign(rsa, data, withHash))
 open("py-rsa.sig", "wb").write(signature)
-assert session.verify(find("py rsa", ck.CKO_PUBLIC_KEY), data, signature, PyKCS11.Mechanism(ck.CKM_SHA256_RSA_PKCS, None))
-assert not session.verify(find("py rsa", ck.CKO_PUBLIC_KEY), data + b"!", signature, PyKCS11.Mechanism(ck.CKM_SHA256_RSA_PKCS, None))
+for document, right in (data, True), (data + b"!", False):
+    assert session.verify(find("py rsa", ck.CKO_PUBLIC_KEY), document, signature, withHash) == right
 open("py-ec.raw", "wb").write(bytes(session.sign(ec, hashlib.sha256(data).digest(), PyKCS11.Mechanism(ck.CKM_ECDSA, None))))
 assert bytes(session.digest(data, PyKCS11.Mechanism(ck.CKM_SHA256, None))) == hashlib.sha256(data).digest()
 assert session.getAttributeValue(rsa, [ck.CKA_KEY_TYPE, ck.CKA_TOKEN, ck.CKA_PRIVATE_EXPONENT]) == [ck.CKK_RSA, True, None]
-assert len(session.generateRandom(32)) == 32
 session.setAttributeValue(rsa, [(ck.CKA_LABEL, "renamed")])
 assert bytes(session.getAttributeValue(find("renamed", ck.CKO_PRIVATE_KEY), [ck.CKA_ID])[0]) == b"\x21"
 session.logout()
