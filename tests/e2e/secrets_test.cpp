@@ -33,21 +33,18 @@ Bytes masked(Bytes bytes) {
   return bytes;
 }
 
-CK_ULONG sizeOf(const Bytes& bytes) { return static_cast<CK_ULONG>(bytes.size()); }
-
 // ---- The process that is searched ----
 
-// A secret that was handed over, wiped when it goes.
-class Given : public Bytes {
- public:
+void wipe(Bytes& bytes) {
+  for (volatile CK_BYTE& byte : bytes) byte = 0;
+}
+
+// A secret that was handed over, wiped by the destructor.
+struct Given : Bytes {
   explicit Given(const std::string& name) : Bytes(masked(readFile(name))) {}
   ~Given() { wipe(*this); }
   Given(const Given&) = delete;
   Given& operator=(const Given&) = delete;
-
-  static void wipe(Bytes& bytes) {
-    for (volatile CK_BYTE& byte : bytes) byte = 0;
-  }
 };
 
 // Lets the other process search.
@@ -98,6 +95,8 @@ class Victim {
 
  private:
   CryptokiModule& module() { return token_->module; }
+  CK_OBJECT_HANDLE privateKey(const char* label) { return token_->find(CKO_PRIVATE_KEY, label); }
+  static CK_ULONG sizeOf(const Bytes& bytes) { return static_cast<CK_ULONG>(bytes.size()); }
 
   void login(CK_USER_TYPE user, const char* name, CK_RV expected) {
     Given pin(name);
@@ -105,25 +104,19 @@ class Victim {
   }
 
   void changePassword(const char* from, CK_RV expected) {
-    Given old(from);
-    Given fresh("new password");
+    Given old(from), fresh("new password");
     const CK_RV result = module()->C_SetPIN(token_->handle, old.data(), sizeOf(old), fresh.data(), sizeOf(fresh));
     expect(result, expected, "C_SetPIN");
   }
 
   void importKey(CK_RV expected) {
-    CK_OBJECT_CLASS objectClass = CKO_PRIVATE_KEY;
-    CK_OBJECT_HANDLE made = 0;
-    Given modulus("modulus");
-    Given exponent("imported exponent");
-    Given prime("imported prime 1");
+    Given modulus("modulus"), exponent("imported exponent"), prime("imported prime 1");
     if (expected != CKR_OK) modulus.back() ^= 2;
-    CK_ATTRIBUTE parts[] = {{CKA_CLASS, &objectClass, sizeof objectClass},
-                            {CKA_LABEL, const_cast<char*>("imported"), 8},
-                            {CKA_MODULUS, modulus.data(), sizeOf(modulus)},
-                            {CKA_PRIVATE_EXPONENT, exponent.data(), sizeOf(exponent)},
-                            {CKA_PRIME_1, prime.data(), sizeOf(prime)}};
-    expect(module()->C_CreateObject(token_->handle, parts, std::size(parts), &made), expected, "C_CreateObject");
+    const Attributes parts{{CKA_LABEL, textView("imported")},
+                           {CKA_MODULUS, modulus},
+                           {CKA_PRIVATE_EXPONENT, exponent},
+                           {CKA_PRIME_1, prime}};
+    expect(token_->create(CKO_PRIVATE_KEY, parts, &made_), expected, "C_CreateObject");
   }
 
   void sign() {
@@ -133,71 +126,54 @@ class Victim {
                                                               {"ec", CKM_ECDSA_SHA256}};
     const Bytes data(5000, 'd');
     for (const auto& [label, mechanism] : ways) {
-      const CK_OBJECT_HANDLE key = token_->find(CKO_PRIVATE_KEY, label);
-      const Bytes signature = token_->sign(mechanism, key, data);
+      const Bytes signature = token_->sign(mechanism, privateKey(label), data);
       check(token_->verify(mechanism, token_->find(CKO_PUBLIC_KEY, label), data, signature), "C_Verify");
-      token_->signInParts(mechanism, key, data);
+      token_->sign(mechanism, privateKey(label), data, true);
     }
   }
 
-  // A certificate comes and goes, and a key is labelled anew.
+  // Creates and deletes a certificate, and labels a key anew.
   void manage() {
-    CK_OBJECT_CLASS objectClass = CKO_CERTIFICATE;
-    CK_OBJECT_HANDLE made = 0;
-    Given certificate("certificate");
-    CK_ATTRIBUTE parts[] = {{CKA_CLASS, &objectClass, sizeof objectClass},
-                            {CKA_LABEL, const_cast<char*>("mine"), 4},
-                            {CKA_VALUE, certificate.data(), sizeOf(certificate)}};
+    const Given certificate("certificate");
     CK_ATTRIBUTE label = {CKA_LABEL, const_cast<char*>("ec"), 2};
-    check(module()->C_CreateObject(token_->handle, parts, std::size(parts), &made), "C_CreateObject");
-    check(module()->C_DestroyObject(token_->handle, made), "C_DestroyObject");
-    check(module()->C_SetAttributeValue(token_->handle, token_->find(CKO_PRIVATE_KEY, "ec"), &label, 1),
-          "C_SetAttributeValue");
+    check(token_->create(CKO_CERTIFICATE, {{CKA_VALUE, certificate}}, &made_), "C_CreateObject");
+    check(module()->C_DestroyObject(token_->handle, made_), "C_DestroyObject");
+    check(module()->C_SetAttributeValue(token_->handle, privateKey("ec"), &label, 1), "C_SetAttributeValue");
   }
 
   void decrypt(CK_MECHANISM_TYPE mechanism) {
     const Given message("message");
     const CK_OBJECT_HANDLE publicKey = token_->find(CKO_PUBLIC_KEY, "rsa");
-    const CK_OBJECT_HANDLE key = token_->find(CKO_PRIVATE_KEY, "rsa");
     const Bytes sent = token_->compute(module()->C_EncryptInit, module()->C_Encrypt, mechanism, publicKey, message);
-    Bytes plain = token_->compute(module()->C_DecryptInit, module()->C_Decrypt, mechanism, key, sent);
+    Bytes plain = token_->compute(module()->C_DecryptInit, module()->C_Decrypt, mechanism, privateKey("rsa"), sent);
     if (plain != message) throw std::runtime_error("decrypted to something else");
-    Given::wipe(plain);
+    wipe(plain);
   }
 
   // What no key of the token signs or decrypts, and what is no certificate.
   void refused() {
-    Bytes wrong(600, 'w');
-    Bytes out(1024);
+    Bytes wrong(600, 'w'), out(1024);
     auto length = sizeOf(out);
     CK_MECHANISM raw = {CKM_RSA_PKCS, nullptr, 0};
-    const CK_OBJECT_HANDLE key = token_->find(CKO_PRIVATE_KEY, "rsa");
+    const CK_OBJECT_HANDLE key = privateKey("rsa");
     check(module()->C_SignInit(token_->handle, &raw, key), "C_SignInit");
-    expect(module()->C_Sign(token_->handle, wrong.data(), sizeOf(wrong), out.data(), &length), CKR_FUNCTION_FAILED,
-           "C_Sign");
+    expect(module()->C_Sign(token_->handle, wrong.data(), 600, out.data(), &length), CKR_FUNCTION_FAILED, "C_Sign");
     check(module()->C_DecryptInit(token_->handle, &raw, key), "C_DecryptInit");
-    expect(module()->C_Decrypt(token_->handle, wrong.data(), sizeOf(wrong), out.data(), &length), CKR_FUNCTION_FAILED,
-           "C_Decrypt");
-    CK_OBJECT_CLASS objectClass = CKO_CERTIFICATE;
-    CK_OBJECT_HANDLE made = 0;
-    CK_ATTRIBUTE parts[] = {{CKA_CLASS, &objectClass, sizeof objectClass}, {CKA_VALUE, wrong.data(), sizeOf(wrong)}};
-    expect(module()->C_CreateObject(token_->handle, parts, 2, &made), CKR_DATA_INVALID, "C_CreateObject");
+    const CK_RV result = module()->C_Decrypt(token_->handle, wrong.data(), 600, out.data(), &length);
+    expect(result, CKR_FUNCTION_FAILED, "C_Decrypt");
+    expect(token_->create(CKO_CERTIFICATE, {{CKA_VALUE, wrong}}, &made_), CKR_DATA_INVALID, "C_CreateObject");
   }
 
   void derive(CK_EC_KDF_TYPE kdf, CK_RV expected) {
     Given peer("peer");
     if (expected != CKR_OK) peer.back() ^= 1;  // no point of the curve
-    CK_ECDH1_DERIVE_PARAMS parameters = {kdf, 0, nullptr, sizeOf(peer), peer.data()};
-    CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameters, sizeof parameters};
-    CK_OBJECT_HANDLE made = 0;
-    const CK_OBJECT_HANDLE key = token_->find(CKO_PRIVATE_KEY, "ec");
-    expect(module()->C_DeriveKey(token_->handle, &mechanism, key, nullptr, 0, &made), expected, "C_DeriveKey");
-    if (expected != CKR_OK) return;
-    Bytes secret = token_->attribute(made, CKA_VALUE);
-    Given::wipe(secret);
+    Bytes secret;
+    expect(token_->derive(kdf, privateKey("ec"), peer, &secret), expected, "C_DeriveKey");
+    wipe(secret);
   }
 
   std::unique_ptr<TokenSession> token_ = std::make_unique<TokenSession>();
+  CK_OBJECT_HANDLE made_ = 0;
 };
 
 // ---- The search ----
@@ -261,13 +237,12 @@ class Search {
 class SecretsTest : public testing::Test {
  protected:
   void SetUp() override {
-    folder_ = fs::temp_directory_path() / ("tavrin-secrets-test-" + std::to_string(testPlatform::processId()));
+    folder_ = testPlatform::freshFolder("secrets-test");
     fs::create_directories(folder_ / "log");
     fs::current_path(folder_);
-    testPlatform::useFolder((folder_ / "log").string());
+    testPlatform::useFolder(folder_ / "log");
     testPlatform::setLogLevel(3);
     testPlatform::setEnvironment("TAVRIN_SOFT_TOKENS", (folder_ / "tokens").string().c_str());
-    testPlatform::setEnvironment("E2E_MODULE", (testPlatform::programFolder() + "/" MODULE_FILE).c_str());
   }
 
   void TearDown() override {
@@ -394,5 +369,7 @@ int main(int argc, char** argv) {
     }
   }
   testing::InitGoogleTest(&argc, argv);
+  const fs::path module = fs::absolute(argv[0]).parent_path() / MODULE_FILE;
+  testPlatform::setEnvironment("E2E_MODULE", module.string().c_str());
   return RUN_ALL_TESTS();
 }

@@ -9,9 +9,12 @@ for hash in sha1 sha256 sha384 sha512; do
   openssl dgst -$hash -binary -out data.$hash data
 done
 
-# A key for import, as PKCS#1 DER, and what openssl encrypted for it.
-openssl genrsa -out imported.key 2048 2>/dev/null
-openssl rsa -in imported.key -traditional -outform DER -out imported.der 2>/dev/null
+# A key for import: modulus, private exponent and prime. And what openssl encrypted for it.
+openssl genrsa -traditional -out imported.key 2048 2>/dev/null
+openssl asn1parse -in imported.key | sed -n 's/.*INTEGER *://p' >numbers
+for part in 2:n 4:d 5:p; do
+  printf '%b' "$(sed -n "${part%:*}s/../\\\\x&/gp" numbers)" >"imported.${part#*:}"
+done
 openssl rsa -in imported.key -pubout -out imported.pem 2>/dev/null
 for padding in pkcs1 oaep; do
   openssl pkeyutl -encrypt -pubin -inkey imported.pem -pkeyopt rsa_padding_mode:$padding -in short -out openssl.$padding

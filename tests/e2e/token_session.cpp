@@ -25,20 +25,23 @@ void writeFile(const std::string& name, const Bytes& contents) {
 
 namespace {
 
-CK_ULONG sizeOf(const Bytes& bytes) { return static_cast<CK_ULONG>(bytes.size()); }
+CK_ULONG sizeOf(View bytes) { return static_cast<CK_ULONG>(bytes.size()); }
+CK_BYTE* pointerTo(View bytes) { return const_cast<CK_BYTE*>(bytes.data()); }
+View numberView(const CK_ULONG& number) { return {reinterpret_cast<const CK_BYTE*>(&number), sizeof number}; }
 
-CK_BYTE* pointerTo(const Bytes& bytes) { return const_cast<CK_BYTE*>(bytes.data()); }
-
-CK_ATTRIBUTE textAttribute(CK_ATTRIBUTE_TYPE type, const std::string& text) {
-  return {type, const_cast<char*>(text.c_str()), static_cast<CK_ULONG>(text.size())};
+std::vector<CK_ATTRIBUTE> templateOf(const Attributes& attributes) {
+  std::vector<CK_ATTRIBUTE> made;
+  for (const auto& [type, value] : attributes) made.push_back({type, pointerTo(value), sizeOf(value)});
+  return made;
 }
 
-template <typename Call>
-void inPieces(const Bytes& data, Call call) {
-  const std::size_t piece = data.size() / 3 + 1;
-  for (std::size_t at = 0; at < data.size(); at += piece) {
-    check(call(pointerTo(data) + at, static_cast<CK_ULONG>(std::min(piece, data.size() - at))), "an update");
-  }
+Bytes fetch(const std::function<CK_RV(CK_BYTE_PTR, CK_ULONG_PTR)>& call) {
+  CK_ULONG length = 0;
+  check(call(nullptr, &length), "a length query");
+  Bytes result(length);
+  check(call(result.data(), &length), "a data call");
+  result.resize(length);
+  return result;
 }
 
 }  // namespace
@@ -54,7 +57,7 @@ CK_RV TokenSession::login() {
   std::ifstream file(setting("E2E_PIN_FILE"));
   std::string pin;
   std::getline(file, pin);
-  return module->C_Login(handle, CKU_USER, reinterpret_cast<CK_BYTE*>(pin.data()), static_cast<CK_ULONG>(pin.size()));
+  return module->C_Login(handle, CKU_USER, pointerTo(textView(pin)), sizeOf(textView(pin)));
 }
 
 CK_STATE TokenSession::state() {
@@ -64,10 +67,10 @@ CK_STATE TokenSession::state() {
 }
 
 std::vector<CK_OBJECT_HANDLE> TokenSession::findAll(CK_OBJECT_CLASS objectClass, const std::string& label) {
-  CK_ATTRIBUTE wanted[] = {{CKA_CLASS, &objectClass, sizeof(objectClass)}, textAttribute(CKA_LABEL, label)};
+  auto wanted = templateOf({{CKA_CLASS, numberView(objectClass)}, {CKA_LABEL, textView(label)}});
   std::vector<CK_OBJECT_HANDLE> found(64);
   CK_ULONG count = 0;
-  check(module->C_FindObjectsInit(handle, wanted, label.empty() ? 1 : 2), "C_FindObjectsInit");
+  check(module->C_FindObjectsInit(handle, wanted.data(), label.empty() ? 1 : 2), "C_FindObjectsInit");
   check(module->C_FindObjects(handle, found.data(), 64, &count), "C_FindObjects");
   check(module->C_FindObjectsFinal(handle), "C_FindObjectsFinal");
   found.resize(count);
@@ -80,65 +83,71 @@ CK_OBJECT_HANDLE TokenSession::find(CK_OBJECT_CLASS objectClass, const std::stri
 }
 
 Bytes TokenSession::attribute(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) {
-  CK_ATTRIBUTE wanted = {type, nullptr, 0};
-  check(module->C_GetAttributeValue(handle, object, &wanted, 1), "C_GetAttributeValue");
-  Bytes value(wanted.ulValueLen);
-  wanted.pValue = value.data();
-  check(module->C_GetAttributeValue(handle, object, &wanted, 1), "C_GetAttributeValue");
-  return value;
+  return fetch([&](CK_BYTE_PTR value, CK_ULONG_PTR length) {
+    CK_ATTRIBUTE wanted = {type, value, *length};
+    const CK_RV result = module->C_GetAttributeValue(handle, object, &wanted, 1);
+    *length = wanted.ulValueLen;
+    return result;
+  });
 }
 
 void TokenSession::generate(const std::string& label, const Bytes& curve) {
-  CK_KEY_TYPE keyType = curve.empty() ? CKK_RSA : CKK_EC;
-  CK_ULONG bits = 2048;
-  CK_ATTRIBUTE publicTemplate[] = {curve.empty() ? CK_ATTRIBUTE{CKA_MODULUS_BITS, &bits, sizeof(bits)}
-                                                 : CK_ATTRIBUTE{CKA_EC_PARAMS, pointerTo(curve), sizeOf(curve)}};
-  CK_ATTRIBUTE privateTemplate[] = {{CKA_KEY_TYPE, &keyType, sizeof(keyType)}, textAttribute(CKA_LABEL, label)};
-  CK_MECHANISM mechanism = {curve.empty() ? CKM_RSA_PKCS_KEY_PAIR_GEN : CKM_EC_KEY_PAIR_GEN, nullptr, 0};
-  CK_OBJECT_HANDLE publicKey = CK_INVALID_HANDLE;
-  CK_OBJECT_HANDLE privateKey = CK_INVALID_HANDLE;
-  check(module->C_GenerateKeyPair(handle, &mechanism, publicTemplate, 1, privateTemplate, 2, &publicKey, &privateKey),
+  const bool rsa = curve.empty();
+  const CK_KEY_TYPE keyType = rsa ? CKK_RSA : CKK_EC;
+  const CK_ULONG bits = 2048;
+  auto publicPart =
+      templateOf({rsa ? std::pair{CKA_MODULUS_BITS, numberView(bits)} : std::pair{CKA_EC_PARAMS, View(curve)}});
+  auto privatePart = templateOf({{CKA_KEY_TYPE, numberView(keyType)}, {CKA_LABEL, textView(label)}});
+  CK_MECHANISM mechanism = {rsa ? CKM_RSA_PKCS_KEY_PAIR_GEN : CKM_EC_KEY_PAIR_GEN, nullptr, 0};
+  CK_OBJECT_HANDLE made[2];
+  check(module->C_GenerateKeyPair(handle, &mechanism, publicPart.data(), 1, privatePart.data(), 2, made, made + 1),
         "C_GenerateKeyPair");
 }
 
-Bytes TokenSession::compute(CK_C_SignInit init, CK_C_Sign call, CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key,
-                            const Bytes& data) {
-  CK_MECHANISM argument = {mechanism, nullptr, 0};
-  CK_ULONG length = 0;
-  check(init(handle, &argument, key), "an Init call");
-  check(call(handle, pointerTo(data), sizeOf(data), nullptr, &length), "a length query");
-  Bytes result(length);
-  check(call(handle, pointerTo(data), sizeOf(data), result.data(), &length), "a data call");
-  result.resize(length);
+CK_RV TokenSession::create(CK_OBJECT_CLASS objectClass, const Attributes& more, CK_OBJECT_HANDLE* made) {
+  auto attributes = templateOf(more);
+  attributes.push_back({CKA_CLASS, &objectClass, sizeof objectClass});
+  return module->C_CreateObject(handle, attributes.data(), static_cast<CK_ULONG>(attributes.size()), made);
+}
+
+CK_RV TokenSession::derive(CK_EC_KDF_TYPE kdf, CK_OBJECT_HANDLE key, View peer, Bytes* secret) {
+  CK_ECDH1_DERIVE_PARAMS parameters = {kdf, 0, nullptr, sizeOf(peer), pointerTo(peer)};
+  CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameters, sizeof parameters};
+  CK_OBJECT_HANDLE made = CK_INVALID_HANDLE;
+  const CK_RV result = module->C_DeriveKey(handle, &mechanism, key, nullptr, 0, &made);
+  if (result == CKR_OK) *secret = attribute(made, CKA_VALUE);
   return result;
 }
 
-Bytes TokenSession::sign(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key, const Bytes& data) {
-  return compute(module->C_SignInit, module->C_Sign, mechanism, key, data);
+void TokenSession::update(CK_C_SignUpdate call, View data) {
+  for (const std::size_t piece = data.size() / 3 + 1; !data.empty();
+       data = data.subspan(std::min(piece, data.size()))) {
+    check(call(handle, pointerTo(data), sizeOf(data.first(std::min(piece, data.size())))), "an update");
+  }
 }
 
-Bytes TokenSession::signInParts(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key, const Bytes& data) {
+Bytes TokenSession::compute(CK_C_SignInit init, CK_C_Sign call, CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key,
+                            View data) {
   CK_MECHANISM argument = {mechanism, nullptr, 0};
-  CK_ULONG length = 0;
+  check(init(handle, &argument, key), "an Init call");
+  return fetch([&](CK_BYTE_PTR result, CK_ULONG_PTR length) {
+    return call(handle, pointerTo(data), sizeOf(data), result, length);
+  });
+}
+
+Bytes TokenSession::sign(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key, View data, bool inParts) {
+  if (!inParts) return compute(module->C_SignInit, module->C_Sign, mechanism, key, data);
+  CK_MECHANISM argument = {mechanism, nullptr, 0};
   check(module->C_SignInit(handle, &argument, key), "C_SignInit");
-  inPieces(data, [&](CK_BYTE* piece, CK_ULONG size) { return module->C_SignUpdate(handle, piece, size); });
-  check(module->C_SignFinal(handle, nullptr, &length), "C_SignFinal");
-  Bytes signature(length);
-  check(module->C_SignFinal(handle, signature.data(), &length), "C_SignFinal");
-  return signature;
+  update(module->C_SignUpdate, data);
+  return fetch([&](CK_BYTE_PTR result, CK_ULONG_PTR length) { return module->C_SignFinal(handle, result, length); });
 }
 
-CK_RV TokenSession::verify(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key, const Bytes& data,
-                           const Bytes& signature) {
+CK_RV TokenSession::verify(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key, View data, View signature, bool inParts) {
   CK_MECHANISM argument = {mechanism, nullptr, 0};
   check(module->C_VerifyInit(handle, &argument, key), "C_VerifyInit");
-  return module->C_Verify(handle, pointerTo(data), sizeOf(data), pointerTo(signature), sizeOf(signature));
-}
-
-CK_RV TokenSession::verifyInParts(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key, const Bytes& data,
-                                  const Bytes& signature) {
-  CK_MECHANISM argument = {mechanism, nullptr, 0};
-  check(module->C_VerifyInit(handle, &argument, key), "C_VerifyInit");
-  inPieces(data, [&](CK_BYTE* piece, CK_ULONG size) { return module->C_VerifyUpdate(handle, piece, size); });
-  return module->C_VerifyFinal(handle, pointerTo(signature), sizeOf(signature));
+  CK_BYTE* const given = pointerTo(signature);
+  if (!inParts) return module->C_Verify(handle, pointerTo(data), sizeOf(data), given, sizeOf(signature));
+  update(module->C_VerifyUpdate, data);
+  return module->C_VerifyFinal(handle, given, sizeOf(signature));
 }

@@ -37,8 +37,7 @@ TavrinCertificate certificateRecord() {
 Bytes publicKeyOf(const TavrinKeyPair& key) { return {key.publicKey, key.publicKey + key.publicKeyLength}; }
 
 void SoftTokenTest::SetUp() {
-  root = fs::temp_directory_path() / ("tavrin-softtoken-test-" + std::to_string(testPlatform::processId()));
-  fs::remove_all(root);
+  root = testPlatform::freshFolder("softtoken-test");
   testPlatform::setEnvironment("TAVRIN_SOFT_TOKENS", root.string().c_str());
   softtoken::createToken({.name = "one", .label = "First"}, pin, soPin);
   device = otherProcess().state()->serial;

@@ -13,23 +13,18 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A temporary folder of this process's own, for as long as its tests run.
-class TestFolder : public ::testing::Environment {
- public:
+// A temporary folder for as long as the tests run.
+struct TestFolder : ::testing::Environment {
   void SetUp() override {
-    path_ = fs::temp_directory_path() / ("tavrin-unit-" + std::to_string(testPlatform::processId()));
-    fs::create_directories(path_);
-    testPlatform::useFolder(path_.string());
+    path = testPlatform::freshFolder("unit");
+    testPlatform::useFolder(path);
     testPlatform::setEnvironment("TAVRIN_HOME", nullptr);
   }
   void TearDown() override {
     testPlatform::setLogLevel(std::nullopt);
-    fs::remove_all(path_);
+    fs::remove_all(path);
   }
-  const fs::path& path() const { return path_; }
-
- private:
-  fs::path path_;
+  fs::path path;
 };
 
 auto* const testFolder =
@@ -75,19 +70,13 @@ std::string returned(CK_RV code) {
 
 std::string hexText(const std::string& bytes) { return fake::hex(bytes.data(), bytes.size()); }
 
-Template::Template(std::initializer_list<std::pair<CK_ATTRIBUTE_TYPE, std::string>> attributes) {
-  for (const auto& [type, value] : attributes) {
-    values_.push_back(value);
+CK_ATTRIBUTE_PTR Template::data() const {
+  attributes_.clear();
+  for (auto& [type, value] : values_) {
     const bool none = value == nothing;
-    attributes_.push_back(
-        {type, none ? nullptr : values_.back().data(), none ? 1 : static_cast<CK_ULONG>(value.size())});
+    attributes_.push_back({type, none ? nullptr : value.data(), none ? 1 : static_cast<CK_ULONG>(value.size())});
   }
-}
-
-Template::Template(const Template& other) : values_(other.values_), attributes_(other.attributes_) {
-  for (std::size_t i = 0; i < values_.size(); ++i) {
-    if (attributes_[i].pValue) attributes_[i].pValue = values_[i].data();
-  }
+  return attributes_.data();
 }
 
 std::string Template::value(std::size_t index) const {
@@ -222,7 +211,7 @@ bool ModuleTest::waitForListings(int count) {
 
 void ModuleTest::logLevel(std::uint32_t level) { testPlatform::setLogLevel(level); }
 
-std::string ModuleTest::logFolder() { return (testFolder->path() / "Quorvane Telemantix").string(); }
+std::string ModuleTest::logFolder() { return (testFolder->path / "Quorvane Telemantix").string(); }
 
 std::string ModuleTest::rawLog() {
   std::string text;

@@ -5,7 +5,6 @@
 
 #include <array>
 #include <cstddef>
-#include <deque>
 #include <functional>
 #include <string>
 #include <utility>
@@ -54,17 +53,16 @@ std::string hexOf(const Structure& structure) {
 class Template {
  public:
   inline static const std::string nothing = "\x01nothing";
-  Template(std::initializer_list<std::pair<CK_ATTRIBUTE_TYPE, std::string>> attributes);
-  Template(const Template& other);
-  Template& operator=(const Template&) = delete;
-  CK_ATTRIBUTE_PTR data() const { return const_cast<CK_ATTRIBUTE_PTR>(attributes_.data()); }
-  CK_ULONG size() const { return static_cast<CK_ULONG>(attributes_.size()); }
+  Template(std::initializer_list<std::pair<CK_ATTRIBUTE_TYPE, std::string>> attributes)
+      : values_(attributes), attributes_(attributes.size()) {}
+  CK_ATTRIBUTE_PTR data() const;  // new ones for each call: length() and value() look at the last
+  CK_ULONG size() const { return static_cast<CK_ULONG>(values_.size()); }
   CK_ULONG length(std::size_t index) const { return attributes_[index].ulValueLen; }
   std::string value(std::size_t index) const;
 
  private:
-  std::deque<std::string> values_;
-  std::vector<CK_ATTRIBUTE> attributes_;
+  mutable std::vector<std::pair<CK_ATTRIBUTE_TYPE, std::string>> values_;
+  mutable std::vector<CK_ATTRIBUTE> attributes_;
 };
 
 // A place for a call's output and its length. Both hold odd values, so that what a call leaves alone shows.

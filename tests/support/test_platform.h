@@ -2,23 +2,36 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <optional>
+#include <random>
 #include <span>
 #include <string>
 #include <vector>
 
 namespace testPlatform {
 
-int processId();
-
 // Sets an environment variable of this process; null removes it.
 void setEnvironment(const char* name, const char* value);
 
-// Sends this process to `folder`, which exists, for its temporary files and its registry (where that is a folder).
-void useFolder(const std::string& folder);
-// The same for the temporary files alone.
-void useTemporaryFolder(const std::string& folder);
+// A new folder below the usual one for temporary files.
+inline std::filesystem::path freshFolder(const std::string& name) {
+  auto folder =
+      std::filesystem::temp_directory_path() / ("tavrin-" + name + "-" + std::to_string(std::random_device()()));
+  std::filesystem::create_directories(folder);
+  return folder;
+}
+
+// Sends this process to `folder` for its temporary files.
+inline void useTemporaryFolder(const std::filesystem::path& folder) {
+  for (const char* name : {"TMPDIR", "TMP", "TEMP"}) setEnvironment(name, folder.string().c_str());
+}
+// The same, and for its registry, where that is a folder.
+inline void useFolder(const std::filesystem::path& folder) {
+  useTemporaryFolder(folder);
+  setEnvironment("TAVRIN_REGISTRY", (folder / "registry").string().c_str());
+}
 
 // The registry's log level as a 32-bit value; nothing removes it.
 void setLogLevel(std::optional<std::uint32_t> level);
@@ -43,8 +56,8 @@ std::string processState();
 // Runs `work` on a thread with a stack of 64 KiB, and waits for it. Sanitizers get four times as much.
 void onSmallStack(const std::function<void()>& work);
 
-// Does `work` in the child of a fork, and waits for it: what the work returned, or another code if it threw or crashed.
-// -1 where there is no fork.
+// Does `work` in the child of a fork, and waits for it: what the work returned, or 101 if it crashed. -1
+// where there is no fork.
 int exitCodeOfFork(int (*work)());
 
 // Starts this program once more, with other arguments, none of which has blanks or quotes.
@@ -63,13 +76,7 @@ bool limitFileSize(std::optional<std::size_t> size);
 // cannot be done: on Windows and under sanitizers.
 bool limitMemory(bool limited);
 
-// The environment variables, one at a time, that name the place of the user's data.
-std::vector<const char*> dataFolderVariables();
-
 // How many handles or descriptors this process has open.
 std::size_t openHandles();
-
-// The folder of the running test program, as the system spells it, without a closing separator.
-std::string programFolder();
 
 }  // namespace testPlatform

@@ -30,29 +30,11 @@ void writeLogLevel(const std::string& text) {
 
 }  // namespace
 
-int processId() { return getpid(); }
-
-void setEnvironment(const char* name, const char* value) {
-  if (value) {
-    setenv(name, value, 1);
-  } else {
-    unsetenv(name);
-  }
-}
-
-void useFolder(const std::string& folder) {
-  useTemporaryFolder(folder);
-  setEnvironment("TAVRIN_REGISTRY", (folder + "/registry").c_str());
-}
-
-void useTemporaryFolder(const std::string& folder) { setEnvironment("TMPDIR", folder.c_str()); }
+void setEnvironment(const char* name, const char* value) { value ? setenv(name, value, 1) : unsetenv(name); }
 
 void setLogLevel(std::optional<std::uint32_t> level) {
-  if (level) {
-    writeLogLevel(std::to_string(*level));
-  } else {
-    std::filesystem::remove(logLevelFile());
-  }
+  if (level) return writeLogLevel(std::to_string(*level));
+  std::filesystem::remove(logLevelFile());
 }
 
 std::vector<OddLogLevel> oddLogLevels() {
@@ -96,14 +78,7 @@ void onSmallStack(const std::function<void()>& work) {
 
 int exitCodeOfFork(int (*work)()) {
   const pid_t child = fork();
-  if (child == 0) {
-    try {
-      std::_Exit(work());
-    } catch (const std::exception& error) {
-      std::fprintf(stderr, "in the child: %s\n", error.what());
-      std::_Exit(100);
-    }
-  }
+  if (child == 0) std::_Exit(work());
   int status = 0;
   waitpid(child, &status, 0);
   return WIFEXITED(status) ? WEXITSTATUS(status) : 101;
@@ -162,13 +137,9 @@ bool limitMemory([[maybe_unused]] bool limited) {
 #endif
 }
 
-std::vector<const char*> dataFolderVariables() { return {"HOME"}; }
-
 std::size_t openHandles() {
   const std::filesystem::directory_iterator descriptors("/proc/self/fd");
   return static_cast<std::size_t>(std::distance(begin(descriptors), end(descriptors)));
 }
-
-std::string programFolder() { return std::filesystem::read_symlink("/proc/self/exe").parent_path().string(); }
 
 }  // namespace testPlatform

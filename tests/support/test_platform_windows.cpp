@@ -25,16 +25,7 @@ void writeLogLevel(DWORD type, const void* bytes, DWORD length) {
 
 }  // namespace
 
-int processId() { return static_cast<int>(GetCurrentProcessId()); }
-
 void setEnvironment(const char* name, const char* value) { SetEnvironmentVariableA(name, value); }
-
-void useFolder(const std::string& folder) { useTemporaryFolder(folder); }
-
-void useTemporaryFolder(const std::string& folder) {
-  setEnvironment("TMP", folder.c_str());
-  setEnvironment("TEMP", folder.c_str());
-}
 
 void setLogLevel(std::optional<std::uint32_t> level) {
   writeLogLevel(REG_DWORD, level ? &*level : nullptr, sizeof(std::uint32_t));
@@ -116,19 +107,10 @@ bool limitFileSize(std::optional<std::size_t>) { return false; }
 
 bool limitMemory(bool) { return false; }
 
-std::vector<const char*> dataFolderVariables() { return {"LOCALAPPDATA"}; }
-
 std::size_t openHandles() {
   DWORD count = 0;
   GetProcessHandleCount(GetCurrentProcess(), &count);
   return count;
-}
-
-std::string programFolder() {
-  char path[MAX_PATH] = {};
-  GetModuleFileNameA(nullptr, path, sizeof path);
-  *std::strrchr(path, '\\') = '\0';
-  return path;
 }
 
 }  // namespace testPlatform

@@ -2,9 +2,12 @@
 #include <filesystem>
 
 #include "module_test.h"
+#include "platform/platform.h"
 #include "test_platform.h"
 
 namespace {
+
+namespace fs = std::filesystem;
 
 class ObjectCreationTest : public ModuleTest {
  protected:
@@ -47,7 +50,7 @@ Lines seen(const Template& attributes) {
   return lines;
 }
 
-const std::string separator(1, static_cast<char>(std::filesystem::path::preferred_separator));
+const std::string separator(1, static_cast<char>(fs::path::preferred_separator));
 const std::string folder = "home" + separator + "TavrinDSC" + separator + "Certificates";
 const Lines lookedForFiles{"- CA Folder: " + folder,
                            "> getFilesWithExtensionsAndConvertDER " + folder + " .cer.der.pem.crt null"};
@@ -166,7 +169,7 @@ TEST_F(ObjectCreationTest, WithoutHomeCaFilesAreLookedForBesideTheProgram) {
     testPlatform::setEnvironment("TAVRIN_HOME", home);
     const Lines lines = run(create({{CKA_VALUE, leaf}}));
     EXPECT_EQ(lines[3], "- TAVRIN_HOME not set \xE2\x80\x94 Using Windows defaults");
-    EXPECT_EQ(lines[4], "- CA Folder: " + testPlatform::programFolder() + folder.substr(4));
+    EXPECT_EQ(lines[4], "- CA Folder: " + fs::path(platform::programPath()).parent_path().string() + folder.substr(4));
   }
 }
 
