@@ -4,7 +4,7 @@
 #include <atomic>
 #include <cctype>
 #include <cstring>
-#include <map>
+#include <list>
 #include <memory>
 #include <new>
 #include <sstream>
@@ -30,7 +30,8 @@ std::atomic<int> strays;
 std::atomic<int> faultsLeft;  // spares operations the exclusive lock while nothing is to fail
 char instanceObject;
 
-// What the library keeps for a thread. No thread_local: mingw destroys such objects when their memory is gone already.
+// What the library keeps for a thread. Not thread_local itself: mingw destroys such objects after their memory is
+// freed.
 struct ThreadState {
   Fault struck;  // that strikes the operation which the thread is in
   std::vector<std::unique_ptr<Hash>> hashes;
@@ -40,15 +41,14 @@ struct ThreadState {
 };
 
 ThreadState& mine() {
-  static std::shared_mutex mutex;
-  static std::map<std::thread::id, ThreadState> states;
-  const auto id = std::this_thread::get_id();
-  {
-    const std::shared_lock lock(mutex);
-    if (const auto found = states.find(id); found != states.end()) return found->second;
+  static std::mutex mutex;
+  static std::list<ThreadState> states;
+  thread_local ThreadState* state = nullptr;
+  if (!state) {
+    const std::lock_guard lock(mutex);
+    state = &states.emplace_back();
   }
-  const std::unique_lock lock(mutex);
-  return states[id];
+  return *state;
 }
 
 bool onTestThread() { return std::this_thread::get_id() == testThread.load(); }
@@ -113,12 +113,9 @@ int play(const char* operation, const Arguments&... arguments) {
   return struck.kind == Fault::Kind::status ? struck.value : 0;
 }
 
-std::string sized(std::string result, std::size_t length) {
-  if (script.resultsAsLongAsReal) result.resize(length, 'x');
-  return result;
-}
-
-int deliver(const std::string& result, std::uint8_t* out, int* length) {
+// `real` is how long a result of this kind is.
+int deliver(std::string result, std::size_t real, std::uint8_t* out, int* length) {
+  if (script.resultsAsLongAsReal) result.resize(real, 'x');
   std::copy(result.begin(), result.end(), out);
   const Fault& struck = mine().struck;
   *length = struck.kind == Fault::Kind::length ? struck.value : static_cast<int>(result.size());
@@ -126,11 +123,11 @@ int deliver(const std::string& result, std::uint8_t* out, int* length) {
 }
 
 // The same for results in the library's own buffer.
-int lend(const std::string& result, std::uint8_t** out, int* length) {
+int lend(const std::string& result, std::size_t real, std::uint8_t** out, int* length) {
   Bytes& buffer = mine().buffer;
   buffer.resize(5000);  // room for lengths that lie
   *out = mine().struck.kind == Fault::Kind::nothing ? nullptr : buffer.data();
-  return deliver(result, buffer.data(), length);
+  return deliver(result, real, buffer.data(), length);
 }
 
 std::string string(const void* bytes, int length) {
@@ -429,7 +426,7 @@ int tavrin_finalHash(void* context, std::uint8_t* digest, int* length, void* ins
   const auto* hash = static_cast<const Hash*>(context);
   const std::string result = ("H" + std::to_string(hash->code) + "(" + hash->data + ")").substr(0, 64);
   constexpr std::size_t lengths[] = {20, 32, 48, 64};  // of the codes 2 to 5
-  return deliver(sized(result, lengths[(hash->code - 2) & 3]), digest, length);
+  return deliver(result, lengths[(hash->code - 2) & 3], digest, length);
 }
 
 int tavrin_signHash(const char* device, const std::uint8_t* recordId, const char* password, const std::uint8_t* input,
@@ -442,7 +439,7 @@ int tavrin_signHash(const char* device, const std::uint8_t* recordId, const char
   for (const TavrinKeyPair& key : listOf(device, &Device::keyPairs)) {
     if (record(key.recordId) == record(recordId) && key.keyType >= 5) length = key.publicKeyLength - 1;
   }
-  return deliver(sized("S(" + string(input, inputLength) + ")", length), signature, signatureLength);
+  return deliver("S(" + string(input, inputLength) + ")", length, signature, signatureLength);
 }
 
 int tavrin_verifySignatureHash(std::uint32_t keyType, const char* device, const std::uint8_t* input, int inputLength,
@@ -456,28 +453,29 @@ int tavrin_verifySignatureHash(std::uint32_t keyType, const char* device, const 
 int tavrin_encrypt(EncryptionType type, PaddingMode padding, const std::uint8_t* data, int dataLength,
                    std::uint8_t* ciphertext, int* ciphertextLength, const std::uint8_t* publicKey, int publicKeyLength,
                    void* instance) {
-  const int status = play("encrypt", arg("type", static_cast<int>(type)), arg("padding", static_cast<int>(padding)),
-                          arg("data", data, dataLength), arg("room", *ciphertextLength),
-                          arg("key", publicKey, publicKeyLength), instanceName(instance));
-  return status != 0 ? status
-                     : deliver(sized("E(" + string(data, dataLength) + ")", 256), ciphertext, ciphertextLength);
+  if (const int status = play("encrypt", arg("type", static_cast<int>(type)), arg("padding", static_cast<int>(padding)),
+                              arg("data", data, dataLength), arg("room", *ciphertextLength),
+                              arg("key", publicKey, publicKeyLength), instanceName(instance)))
+    return status;
+  return deliver("E(" + string(data, dataLength) + ")", 256, ciphertext, ciphertextLength);
 }
 
 int tavrin_decrypt(const char* device, const std::uint8_t* recordId, const char* password,
                    const std::uint8_t* ciphertext, int ciphertextLength, std::uint8_t** plaintext, int* plaintextLength,
                    bool flag, void* instance) {
-  const int status = play("decrypt", device, record(recordId), arg("pin", password),
-                          arg("data", ciphertext, ciphertextLength), arg("flag", flag), instanceName(instance));
-  return status != 0 ? status
-                     : lend(sized("P(" + string(ciphertext, ciphertextLength) + ")", 100), plaintext, plaintextLength);
+  if (const int status = play("decrypt", device, record(recordId), arg("pin", password),
+                              arg("data", ciphertext, ciphertextLength), arg("flag", flag), instanceName(instance)))
+    return status;
+  return lend("P(" + string(ciphertext, ciphertextLength) + ")", 100, plaintext, plaintextLength);
 }
 
 int tavrin_ecdhDerive(const char* device, const std::uint8_t* recordId, const char* password,
                       const std::uint8_t* peerPoint, int peerPointLength, std::uint8_t** secret, int* secretLength,
                       void* instance) {
-  const int status = play("ecdhDerive", device, record(recordId), arg("pin", password),
-                          arg("peer", peerPoint, peerPointLength), instanceName(instance));
-  return status != 0 ? status : lend(sized("Z(" + string(peerPoint, peerPointLength) + ")", 32), secret, secretLength);
+  if (const int status = play("ecdhDerive", device, record(recordId), arg("pin", password),
+                              arg("peer", peerPoint, peerPointLength), instanceName(instance)))
+    return status;
+  return lend("Z(" + string(peerPoint, peerPointLength) + ")", 32, secret, secretLength);
 }
 
 int tavrin_generateRamdomNumber(const char* device, int count, std::uint8_t* out, bool flag, void* instance) {

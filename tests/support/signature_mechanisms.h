@@ -11,10 +11,6 @@ inline std::string hashUpdated(int context, const std::string& data) {
 inline std::string hashFinished(int context, int room = 64) {
   return "> finalHash ctx=" + std::to_string(context) + " room=" + std::to_string(room) + " inst";
 }
-// The three calls for a whole message, and the hash.
-inline Lines hashed(int code, int context, const std::string& data) {
-  return {hashBegun(code), hashUpdated(context, data), hashFinished(context)};
-}
 inline std::string hashOf(int code, const std::string& data) {
   return code == 0 ? data : "H" + std::to_string(code) + "(" + data + ")";
 }

@@ -73,21 +73,6 @@ TEST_F(LogTest, LevelIsTheFirstByteOfTheValueAndIsReadForEveryLine) {
   }
 }
 
-TEST_F(LogTest, LevelThatHasLongBeenTheSameCountsAtOnceWhenItChanges) {
-  const CK_SESSION_HANDLE bad = 1;
-  const Lines silent{"= 0xB3"};
-  const Lines refused{"C_CloseSession: invalid hSession=1", "= 0xB3"};
-  testPlatform::setLogLevel(2);
-  std::this_thread::sleep_for(std::chrono::milliseconds(2100));
-  EXPECT_EQ(run(CALL(C_CloseSession, bad)), refused);
-  for (int i = 0; i < 100; ++i) {
-    testPlatform::setLogLevel(1);
-    ASSERT_EQ(run(CALL(C_CloseSession, bad)), silent) << i;
-    testPlatform::setLogLevel(2);
-    ASSERT_EQ(run(CALL(C_CloseSession, bad)), refused) << i;
-  }
-}
-
 TEST_F(LogTest, LinesThatCannotBeWrittenAreDroppedWithAWordOnTheOutput) {
   ASSERT_TRUE(waitForMonitorsLines());
   logLevel(2);

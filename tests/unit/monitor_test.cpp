@@ -78,6 +78,13 @@ TEST_F(MonitorTest, UnpluggingLogsTheUserOutAndChangesOfTheCountAreEvents) {
   EXPECT_EQ(logged("DEBUG ::=>Session monitor thread started.\n"), 2);
   EXPECT_EQ(logged("DEBUG ::=>Session monitor thread stopped.\n"), 2);
   EXPECT_EQ(fake::strayListings(), 0);
+
+  // By now the log level has been the same for two seconds, so that it may be cached. A change counts at once.
+  for (int i = 0; i < 200; ++i) {
+    logLevel(i % 2 == 0 ? 1 : 2);
+    const Lines line = i % 2 == 0 ? Lines{} : Lines{"C_CloseSession: not initialized"};
+    ASSERT_EQ(run(CALL(C_CloseSession, 1)), line + Lines{returned(CKR_CRYPTOKI_NOT_INITIALIZED)}) << i;
+  }
 }
 
 TEST_F(MonitorTest, FinalizeIsQuickAndWakesWhoeverWaits) {
@@ -85,7 +92,7 @@ TEST_F(MonitorTest, FinalizeIsQuickAndWakesWhoeverWaits) {
   restart({});
   ok(poll_);
   slot_ = 77;
-  auto fastest = std::chrono::steady_clock::duration::max();
+  std::chrono::steady_clock::duration took{};
   for (int i = 0; i < 10; ++i) {
     CK_RV code = CKR_OK;
     std::thread waiter([&] { code = wait_.make(); });
@@ -93,12 +100,12 @@ TEST_F(MonitorTest, FinalizeIsQuickAndWakesWhoeverWaits) {
     if (i % 2 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(20));
     const auto start = std::chrono::steady_clock::now();
     ok(C_Finalize(nullptr));
-    fastest = std::min(fastest, std::chrono::steady_clock::now() - start);
+    took += std::chrono::steady_clock::now() - start;
     waiter.join();
     EXPECT_EQ(code, CKR_CRYPTOKI_NOT_INITIALIZED);
     ok(C_Initialize(nullptr));
   }
-  EXPECT_LT(fastest, std::chrono::milliseconds(100));
+  EXPECT_LT(took, std::chrono::seconds(5)) << "each time the rest of the second between two looks";
   EXPECT_GT(logged("ERROR ::=>C_WaitForSlotEvent: monitor stopped, returning CKR_CRYPTOKI_NOT_INITIALIZED\n"), 0);
   EXPECT_EQ(slot_, 77u);
 }

@@ -1,4 +1,4 @@
-// The slots of the connected devices, and the information on them and their tokens.
+// The slots of the connected devices, the information on them and their tokens, and the session table.
 #include <algorithm>
 #include <cstring>
 
@@ -68,68 +68,57 @@ TEST_F(SlotsTest, InfoRefusals) {
   bad(CALL(C_GetTokenInfo, slot1, nullptr), ": pInfo is NULL");
 }
 
-TEST_F(SlotsTest, SlotInfoIsZeroFilledAndCutToItsFields) {
+TEST_F(SlotsTest, InfoIsZeroFilledAndCutToItsFields) {
   struct Row {
-    std::size_t label;  // its length
+    std::size_t label;       // its length
+    std::size_t shownLabel;  // its length in CK_TOKEN_INFO
+    std::string model;
+    std::string serial;
+    std::int32_t retries;
+    CK_FLAGS flags;
     const char* firmware;
     CK_VERSION version;
   };
-  for (const Row& row : {Row{5, "2.1.7", {2, 1}}, Row{0, "3", {3, 0}}, Row{63, "", {0, 0}},
-                         Row{64, "300.257.1", {44, 1}}, Row{200, "v2. 5x", {0, 5}}}) {
-    fake::edit()->devices[0].info.label = std::string(row.label, 'x');
-    setFirmware(row.firmware);
-    CK_SLOT_INFO expected{};
-    std::memset(expected.slotDescription, 'x', std::min<std::size_t>(row.label, 64));
-    std::memcpy(expected.manufacturerID, "Quorvane Telemantix", 19);
-    expected.flags = 7;
-    expected.hardwareVersion = {1, 0};
-    expected.firmwareVersion = row.version;
-    CK_SLOT_INFO info;
-    std::memset(&info, 0xFF, sizeof info);
-    does(CALL(C_GetSlotInfo, slot1, &info));
-    EXPECT_EQ(hexOf(info), hexOf(expected)) << row.label;
-  }
-}
-
-TEST_F(SlotsTest, TokenInfoIsZeroFilledAndCutToItsFields) {
-  struct Row {
-    std::size_t label;       // its length
-    std::size_t shownLabel;  // its length
-    const char* model;
-    const char* serial;
-    std::int32_t retries;
-    CK_FLAGS flags;
-  };
-  const Row rows[] = {{5, 5, "Model", "TK1", 10, 0x40D},
-                      {0, 0, "", "0123456789ABCDEF", 3, 0x40D},
-                      {30, 30, "0123456789ABCDEF", "0123456789ABCDEFGH", 2, 0x1040D},
-                      {31, 30, "0123456789ABCDEFGH", "TK1", 1, 0x1040D},
-                      {32, 30, "M", "TK1", 0, 0x4040D},
-                      {33, 32, "M", "TK1", -1, 0x40D},
-                      {100, 32, "M", "TK1", 0x7FFFFFFF, 0x40D}};
+  const Row rows[] = {{5, 5, "Model", "TK1", 10, 0x40D, "2.1.7", {2, 1}},
+                      {0, 0, "", "0123456789ABCDEF", 3, 0x40D, "3", {3, 0}},
+                      {30, 30, "0123456789ABCDEF", "0123456789ABCDEFGH", 2, 0x1040D, "", {0, 0}},
+                      {31, 30, "0123456789ABCDEFGH", "TK1", 1, 0x1040D, "300.257.1", {44, 1}},
+                      {32, 30, "M", "TK1", 0, 0x4040D, "v2. 5x", {0, 5}},
+                      {33, 32, "M", "TK1", -1, 0x40D, "2.1.7", {2, 1}},
+                      {63, 32, "M", "TK1", 0x7FFFFFFF, 0x40D, "2.1.7", {2, 1}},
+                      {64, 32, "M", "TK1", 10, 0x40D, "2.1.7", {2, 1}},
+                      {200, 32, "M", "TK1", 10, 0x40D, "2.1.7", {2, 1}}};
   for (const Row& row : rows) {
     fake::Device device = fake::device(row.serial);
     device.info.label = std::string(row.label, 'x');
     device.info.model = row.model;
     device.info.remainingRetries = row.retries;
     fake::edit()->devices = {device};
-    ok(listSlots());
-    CK_TOKEN_INFO expected{};
-    std::memset(expected.label, 'x', row.shownLabel);
-    std::memcpy(expected.manufacturerID, "Quorvane Telemantix", 19);
-    std::memcpy(expected.model, row.model, std::min<std::size_t>(std::strlen(row.model), 16));
-    std::memcpy(expected.serialNumber, row.serial, std::min<std::size_t>(std::strlen(row.serial), 16));
-    expected.flags = row.flags;
-    expected.ulMaxPinLen = 63;
-    expected.ulMinPinLen = 4;
-    std::memset(&expected.ulTotalPublicMemory, 0xFF, 4 * sizeof(CK_ULONG));
-    expected.hardwareVersion = {1, 0};
-    expected.firmwareVersion = {2, 1};
-    std::memset(expected.utcTime, ' ', 16);
-    CK_TOKEN_INFO info;
-    std::memset(&info, 0xFF, sizeof info);
-    ok(C_GetTokenInfo(slot1, &info));
-    EXPECT_EQ(hexOf(info), hexOf(expected)) << row.label;
+    setFirmware(row.firmware);
+    CK_SLOT_INFO slot{}, readSlot;
+    std::memset(slot.slotDescription, 'x', std::min<std::size_t>(row.label, 64));
+    std::memcpy(slot.manufacturerID, "Quorvane Telemantix", 19);
+    slot.flags = 7;
+    slot.hardwareVersion = {1, 0};
+    slot.firmwareVersion = row.version;
+    CK_TOKEN_INFO token{}, readToken;
+    std::memset(token.label, 'x', row.shownLabel);
+    std::memcpy(token.manufacturerID, "Quorvane Telemantix", 19);
+    row.model.copy(reinterpret_cast<char*>(token.model), 16);
+    row.serial.copy(reinterpret_cast<char*>(token.serialNumber), 16);
+    token.flags = row.flags;
+    token.ulMaxPinLen = 63;
+    token.ulMinPinLen = 4;
+    std::memset(&token.ulTotalPublicMemory, 0xFF, 4 * sizeof(CK_ULONG));
+    token.hardwareVersion = {1, 0};
+    token.firmwareVersion = row.version;
+    std::memset(token.utcTime, ' ', 16);
+    std::memset(&readSlot, 0xFF, sizeof readSlot);
+    std::memset(&readToken, 0xFF, sizeof readToken);
+    does(CALL(C_GetSlotInfo, slot1, &readSlot));
+    ok(C_GetTokenInfo(slot1, &readToken));
+    EXPECT_EQ(hexOf(readSlot), hexOf(slot)) << row.label;
+    EXPECT_EQ(hexOf(readToken), hexOf(token)) << row.label;
   }
 }
 
@@ -147,6 +136,32 @@ TEST_F(SlotsTest, SessionCountsAreThoseOfPublicSessionsOfAllSlots) {
   expectCounts(slot1, 1, 2);
   ok(login(session));
   expectCounts(slot1 + 1, 0, 1);
+}
+
+TEST_F(SlotsTest, SessionRefusals) {
+  const Lines noSlot{": invalid slotID=1342177282"};
+  expect(CALL(C_OpenSession, slot1 + 1, 0, nullptr, nullptr, nullptr), CKR_SLOT_ID_INVALID, noSlot);
+  expect(CALL(C_CloseAllSessions, slot1 + 1), CKR_SLOT_ID_INVALID, noSlot);
+  for (const CK_FLAGS flags : {CK_FLAGS{CKF_RW_SESSION}, CK_FLAGS{0xFFFFFFFB}}) {
+    expect(CALL(C_OpenSession, slot1, flags, nullptr, nullptr, nullptr), CKR_SESSION_PARALLEL_NOT_SUPPORTED,
+           {": CKF_SERIAL_SESSION not set, flags=" + std::to_string(flags)});
+  }
+  bad(CALL(C_OpenSession, slot1, readWrite, nullptr, nullptr, nullptr), ": phSession is NULL");
+  const CK_SESSION_HANDLE session = open();
+  bad(CALL(C_GetSessionInfo, session, nullptr), ": pInfo is NULL");
+}
+
+TEST_F(SlotsTest, SessionHandlesAndLines) {
+  addToken();
+  CK_SESSION_HANDLE session = 0;
+  CK_SESSION_INFO info{9, 9, 9, 9};
+  does(CALL(C_OpenSession, slot1 + 1, readWrite | 0x100, &session, nullptr, &session), {"- Opensession  : 1610612737"});
+  does(CALL(C_GetSessionInfo, session, &info));
+  EXPECT_EQ(hexOf(info), hexOf(CK_SESSION_INFO{slot1 + 1, CKS_RW_PUBLIC_SESSION, readWrite, 0}));
+  EXPECT_EQ(open(readOnly), 0x60000002u);
+  does(CALL(C_CloseSession, session));
+  does(CALL(C_CloseAllSessions, slot1), {"- Close all session"});
+  EXPECT_EQ(C_CloseSession(0x60000002), CKR_SESSION_HANDLE_INVALID);
 }
 
 }  // namespace
