@@ -31,14 +31,14 @@ CK_RV C_GetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, 
     const auto object = requiredObject(module, session, hObject);
     const Attributes& attributes = readAttributes(module, *object);
     CK_RV code = CKR_OK;
-    CK_ATTRIBUTE_TYPE refused = 0;
+    // Applications ask for attributes that an object may lack, so this is no error in the log.
     for (CK_ULONG i = 0; i < ulCount; ++i) {
+      const CK_ATTRIBUTE_TYPE type = pTemplate[i].type;
       const CK_RV answered = answer(*object, attributes, pTemplate[i]);
-      if (answered == CKR_OK || code != CKR_OK) continue;
-      code = answered;
-      refused = pTemplate[i].type;
+      if (answered != CKR_OK) logDebug(call.name(), ": no value for type=", type, ", result=", answered);
+      if (code == CKR_OK) code = answered;
     }
-    return code == CKR_OK ? CKR_OK : call.refuse(code, "no value for type=", refused, ", result=", code);
+    return code;
   });
 }
 

@@ -9,28 +9,55 @@
 namespace tavrin::standard {
 namespace {
 
-constexpr CK_ATTRIBUTE_TYPE flags[] = {CKA_TOKEN,
-                                       CKA_PRIVATE,
-                                       CKA_TRUSTED,
-                                       CKA_SENSITIVE,
-                                       CKA_ENCRYPT,
-                                       CKA_DECRYPT,
-                                       CKA_WRAP,
-                                       CKA_UNWRAP,
-                                       CKA_SIGN,
-                                       CKA_SIGN_RECOVER,
-                                       CKA_VERIFY,
-                                       CKA_DERIVE,
-                                       CKA_VERIFY_RECOVER,
-                                       CKA_EXTRACTABLE,
-                                       CKA_LOCAL,
-                                       CKA_MODIFIABLE,
-                                       CKA_COPYABLE,
-                                       CKA_NEVER_EXTRACTABLE,
-                                       CKA_ALWAYS_SENSITIVE,
-                                       CKA_ALWAYS_AUTHENTICATE,
-                                       CKA_DESTROYABLE,
-                                       CKA_WRAP_WITH_TRUSTED};
+// How an attribute is written, and what it is when a session object's template does not say.
+enum class Form {
+  value,       // no attribute
+  text,        // empty
+  use,         // a flag that is false, whatever the template says
+  falseFlag,   // a flag
+  trueFlag,    // a flag
+  historical,  // a flag that is false, and only the token sets
+};
+
+struct Row {
+  unsigned kinds;  // that have these attributes
+  Form form;
+  std::initializer_list<CK_ATTRIBUTE_TYPE> types;
+};
+
+constexpr unsigned allPublic = publicKey | newPublicKey;
+constexpr unsigned allPrivate = privateKey | newPrivateKey;
+constexpr unsigned allKeys = allPublic | allPrivate | secretKey;
+constexpr unsigned all = allKeys | certificate;
+
+constexpr Row table[] = {
+    {all, Form::value, {CKA_CLASS}},
+    {all, Form::use, {CKA_TOKEN}},
+    {all & ~secretKey, Form::falseFlag, {CKA_PRIVATE}},
+    {secretKey, Form::trueFlag, {CKA_PRIVATE}},
+    {all, Form::text, {CKA_LABEL, CKA_ID, CKA_START_DATE, CKA_END_DATE}},
+    {all, Form::trueFlag, {CKA_MODIFIABLE, CKA_COPYABLE, CKA_DESTROYABLE}},
+    {all & ~secretKey, Form::text, {CKA_SUBJECT}},
+    {all & ~allPrivate, Form::use, {CKA_TRUSTED}},
+    {certificate, Form::value, {CKA_CERTIFICATE_TYPE, CKA_CERTIFICATE_CATEGORY, CKA_ISSUER, CKA_SERIAL_NUMBER}},
+    {certificate, Form::value, {CKA_VALUE, CKA_CHECK_VALUE, CKA_URL, CKA_JAVA_MIDP_SECURITY_DOMAIN}},
+    {certificate, Form::value, {CKA_HASH_OF_SUBJECT_PUBLIC_KEY, CKA_HASH_OF_ISSUER_PUBLIC_KEY}},
+    {allKeys, Form::value, {CKA_KEY_TYPE}},
+    {allKeys, Form::use, {CKA_DERIVE}},
+    {allPublic | secretKey, Form::use, {CKA_WRAP, CKA_ENCRYPT, CKA_VERIFY}},
+    {allPublic, Form::use, {CKA_VERIFY_RECOVER}},
+    {allPublic, Form::value, {CKA_MODULUS_BITS, CKA_PUBLIC_EXPONENT, CKA_EC_PARAMS}},
+    {publicKey, Form::value, {CKA_MODULUS, CKA_EC_POINT}},
+    {allPrivate | secretKey, Form::falseFlag, {CKA_SENSITIVE}},
+    {allPrivate | secretKey, Form::trueFlag, {CKA_EXTRACTABLE}},
+    {allPrivate | secretKey, Form::use, {CKA_SIGN, CKA_DECRYPT, CKA_UNWRAP, CKA_WRAP_WITH_TRUSTED}},
+    {allPrivate, Form::use, {CKA_SIGN_RECOVER, CKA_ALWAYS_AUTHENTICATE}},
+    {privateKey, Form::value, {CKA_MODULUS, CKA_PUBLIC_EXPONENT, CKA_PRIVATE_EXPONENT, CKA_PRIME_1, CKA_PRIME_2}},
+    {privateKey, Form::value, {CKA_EXPONENT_1, CKA_EXPONENT_2, CKA_COEFFICIENT}},
+    {secretKey, Form::value, {CKA_VALUE_LEN}},
+    {allKeys, Form::historical, {CKA_LOCAL}},
+    {allPrivate | secretKey, Form::historical, {CKA_ALWAYS_SENSITIVE, CKA_NEVER_EXTRACTABLE}},
+};
 
 template <typename Number>
 Number numberIn(ByteView value) {
@@ -39,14 +66,21 @@ Number numberIn(ByteView value) {
   return number;
 }
 
+// The row of the attribute among the kinds and, if given, of the form; null when there is none.
+const Row* findRow(CK_ATTRIBUTE_TYPE type, unsigned kinds, std::optional<Form> form = std::nullopt) {
+  for (const Row& row : table)
+    if ((row.kinds & kinds) != 0 && (!form || row.form == *form) &&
+        std::ranges::find(row.types, type) != row.types.end())
+      return &row;
+  return nullptr;
+}
+
 }  // namespace
 
 ByteView valueOf(const CK_ATTRIBUTE& attribute) {
   if (!attribute.pValue) return {};
   return {static_cast<const std::uint8_t*>(attribute.pValue), static_cast<std::size_t>(attribute.ulValueLen)};
 }
-
-bool isFlag(CK_ATTRIBUTE_TYPE type) { return std::ranges::find(flags, type) != std::end(flags); }
 
 const SecretBytes* Attributes::find(CK_ATTRIBUTE_TYPE type) const {
   for (const auto& [known, value] : entries_)
@@ -88,6 +122,12 @@ CK_ULONG Attributes::number(CK_ATTRIBUTE_TYPE type) const {
 bool Attributes::match(const CK_ATTRIBUTE& wanted) const {
   const SecretBytes* value = find(wanted.type);
   return value && std::ranges::equal(*value, valueOf(wanted));
+}
+
+std::vector<CK_ATTRIBUTE> Attributes::asTemplate() {
+  std::vector<CK_ATTRIBUTE> result;
+  for (auto& [type, value] : entries_) result.push_back({type, value.data(), static_cast<CK_ULONG>(value.size())});
+  return result;
 }
 
 Template::Template(const CK_ATTRIBUTE* entries, CK_ULONG count) {
@@ -156,19 +196,34 @@ void Template::mustNotContradict(CK_ATTRIBUTE_TYPE type, CK_ULONG value) const {
   throw Refusal(CKR_TEMPLATE_INCONSISTENT, "unexpected value=", given, " for attribute type=", type);
 }
 
-void Template::mustBeOf(std::span<const CK_ATTRIBUTE_TYPE> known) const {
-  constexpr CK_ATTRIBUTE_TYPE histories[] = {CKA_LOCAL, CKA_ALWAYS_SENSITIVE, CKA_NEVER_EXTRACTABLE,
-                                             CKA_KEY_GEN_MECHANISM};
+void Template::mustBeOf(Kind kind) const {
   for (const CK_ATTRIBUTE& entry : entries_) {
     const CK_ATTRIBUTE_TYPE type = entry.type;
-    if (std::ranges::find(histories, type) != std::end(histories)) {
+    if (type == CKA_KEY_GEN_MECHANISM || findRow(type, all, Form::historical)) {
       throw Refusal(CKR_ATTRIBUTE_READ_ONLY, "only the token sets attribute type=", type);
     }
-    if (std::ranges::find(known, type) == known.end()) {
-      throw Refusal(CKR_ATTRIBUTE_TYPE_INVALID, "the object cannot have attribute type=", type);
-    }
-    if (isFlag(type)) static_cast<void>(flag(type));
+    const Row* row = findRow(type, kind);
+    if (!row) throw Refusal(CKR_ATTRIBUTE_TYPE_INVALID, "the object cannot have attribute type=", type);
+    if (row->form != Form::value && row->form != Form::text) static_cast<void>(flag(type));
   }
+}
+
+Attributes describeData(const Template& given, Kind kind) {
+  Attributes made;
+  for (const CK_ATTRIBUTE& entry : given.entries()) made.set(entry.type, valueOf(entry));
+  for (const Row& row : table) {
+    if ((row.kinds & kind) == 0 || row.form == Form::value) continue;
+    for (const CK_ATTRIBUTE_TYPE type : row.types) {
+      if (row.form == Form::use || row.form == Form::historical) {
+        made.setFlag(type, false);
+      } else if (!made.find(type)) {
+        if (row.form == Form::text) made.set(type, {});
+        if (row.form != Form::text) made.setFlag(type, row.form == Form::trueFlag);
+      }
+    }
+  }
+  if ((kind & allKeys) != 0) made.setNumber(CKA_KEY_GEN_MECHANISM, CK_UNAVAILABLE_INFORMATION);
+  return made;
 }
 
 void checkLabelAndId(const Template& wanted) {
@@ -180,6 +235,25 @@ void checkLabelAndId(const Template& wanted) {
   if (idLength > longestId) {
     throw Refusal(CKR_ATTRIBUTE_VALUE_INVALID, "the token cannot keep this CKA_ID, ulValueLen=", idLength);
   }
+}
+
+CK_ULONG bitsOf(ByteView number) {
+  const auto first = std::ranges::find_if(number, [](std::uint8_t byte) { return byte != 0; });
+  if (first == number.end()) return 0;
+  CK_ULONG bits = static_cast<CK_ULONG>(number.end() - first) * 8;
+  for (std::uint8_t mask = 0x80; (*first & mask) == 0; mask >>= 1) --bits;
+  return bits;
+}
+
+void checkRsaKey(const Template& publicParts, CK_ULONG bits) {
+  ByteView exponent = publicParts.bytes(CKA_PUBLIC_EXPONENT).value_or(rsaPublicExponentBytes);
+  while (!exponent.empty() && exponent.front() == 0) exponent = exponent.subspan(1);
+  if (!std::ranges::equal(exponent, rsaPublicExponentBytes)) {
+    throw Refusal(CKR_ATTRIBUTE_VALUE_INVALID, "the token's public exponent is 65537");
+  }
+  const bool isSizeOfToken = std::ranges::any_of(
+      keyTypes, [&](const KeyTypeInfo& row) { return row.algorithm == KeyAlgorithm::rsa && row.bits == bits; });
+  if (!isSizeOfToken) throw Refusal(CKR_ATTRIBUTE_VALUE_INVALID, "no size of the token, bits=", bits);
 }
 
 }  // namespace tavrin::standard

@@ -31,8 +31,21 @@ class Attributes {
 
   const std::vector<std::pair<CK_ATTRIBUTE_TYPE, SecretBytes>>& all() const { return entries_; }
 
+  // The attributes as a template, which points into this object.
+  std::vector<CK_ATTRIBUTE> asTemplate();
+
  private:
   std::vector<std::pair<CK_ATTRIBUTE_TYPE, SecretBytes>> entries_;
+};
+
+// The kinds of objects that templates make. The halves of a new pair have other attributes than keys that are given.
+enum Kind : unsigned {
+  certificate = 1,
+  publicKey = 2,
+  privateKey = 4,
+  newPublicKey = 8,
+  newPrivateKey = 16,
+  secretKey = 32,
 };
 
 // A template whose pointers have been checked: every entry has a value, or none and the length 0.
@@ -58,19 +71,27 @@ class Template {
   void mustNotContradict(CK_ATTRIBUTE_TYPE type, bool value) const;
   void mustNotContradict(CK_ATTRIBUTE_TYPE type, CK_ULONG value) const;
 
-  // Refuses with CKR_ATTRIBUTE_TYPE_INVALID what is not among the given types, and with CKR_ATTRIBUTE_READ_ONLY what
-  // tells how a key came to be.
-  void mustBeOf(std::span<const CK_ATTRIBUTE_TYPE> known) const;
+  // Refuses with CKR_ATTRIBUTE_TYPE_INVALID what an object of this kind cannot have, and with CKR_ATTRIBUTE_READ_ONLY
+  // what tells how a key came to be.
+  void mustBeOf(Kind kind) const;
 
  private:
   std::span<const CK_ATTRIBUTE> entries_;
 };
 
 ByteView valueOf(const CK_ATTRIBUTE& attribute);
-bool isFlag(CK_ATTRIBUTE_TYPE type);
+
+// The attributes of the template, and defaults for all others of its kind: no uses, not trusted, not on the token.
+Attributes describeData(const Template& given, Kind kind);
 
 // The label and ID that the token can keep: CKR_ATTRIBUTE_VALUE_INVALID for a longer one or a label with a NUL.
 inline constexpr std::size_t longestId = 128;
 void checkLabelAndId(const Template& wanted);
+
+// Refuses with CKR_ATTRIBUTE_VALUE_INVALID an RSA key that the token cannot have, by its public exponent or its size.
+void checkRsaKey(const Template& publicParts, CK_ULONG bits);
+
+// The bits of a number without its leading zeros.
+CK_ULONG bitsOf(ByteView number);
 
 }  // namespace tavrin::standard

@@ -11,105 +11,35 @@ using namespace tavrin::standard;
 
 namespace {
 
-using Types = std::span<const CK_ATTRIBUTE_TYPE>;
-
-constexpr CK_ATTRIBUTE_TYPE certificateTypes[] = {CKA_CLASS,
-                                                  CKA_TOKEN,
-                                                  CKA_PRIVATE,
-                                                  CKA_LABEL,
-                                                  CKA_MODIFIABLE,
-                                                  CKA_COPYABLE,
-                                                  CKA_DESTROYABLE,
-                                                  CKA_ID,
-                                                  CKA_CERTIFICATE_TYPE,
-                                                  CKA_TRUSTED,
-                                                  CKA_CERTIFICATE_CATEGORY,
-                                                  CKA_START_DATE,
-                                                  CKA_END_DATE,
-                                                  CKA_SUBJECT,
-                                                  CKA_ISSUER,
-                                                  CKA_SERIAL_NUMBER,
-                                                  CKA_VALUE,
-                                                  CKA_CHECK_VALUE,
-                                                  CKA_URL,
-                                                  CKA_HASH_OF_SUBJECT_PUBLIC_KEY,
-                                                  CKA_HASH_OF_ISSUER_PUBLIC_KEY,
-                                                  CKA_JAVA_MIDP_SECURITY_DOMAIN};
-constexpr CK_ATTRIBUTE_TYPE privateKeyTypes[] = {CKA_CLASS,
-                                                 CKA_TOKEN,
-                                                 CKA_PRIVATE,
-                                                 CKA_LABEL,
-                                                 CKA_MODIFIABLE,
-                                                 CKA_COPYABLE,
-                                                 CKA_DESTROYABLE,
-                                                 CKA_ID,
-                                                 CKA_DERIVE,
-                                                 CKA_SUBJECT,
-                                                 CKA_KEY_TYPE,
-                                                 CKA_START_DATE,
-                                                 CKA_END_DATE,
-                                                 CKA_SENSITIVE,
-                                                 CKA_SIGN,
-                                                 CKA_DECRYPT,
-                                                 CKA_SIGN_RECOVER,
-                                                 CKA_UNWRAP,
-                                                 CKA_EXTRACTABLE,
-                                                 CKA_WRAP_WITH_TRUSTED,
-                                                 CKA_ALWAYS_AUTHENTICATE,
-                                                 CKA_MODULUS,
-                                                 CKA_PUBLIC_EXPONENT,
-                                                 CKA_PRIVATE_EXPONENT,
-                                                 CKA_PRIME_1,
-                                                 CKA_PRIME_2,
-                                                 CKA_EXPONENT_1,
-                                                 CKA_EXPONENT_2,
-                                                 CKA_COEFFICIENT};
-constexpr CK_ATTRIBUTE_TYPE publicKeyTypes[] = {
-    CKA_CLASS,     CKA_TOKEN,   CKA_PRIVATE, CKA_LABEL,          CKA_MODIFIABLE,   CKA_COPYABLE, CKA_DESTROYABLE,
-    CKA_ID,        CKA_DERIVE,  CKA_SUBJECT, CKA_KEY_TYPE,       CKA_START_DATE,   CKA_END_DATE, CKA_TRUSTED,
-    CKA_WRAP,      CKA_ENCRYPT, CKA_VERIFY,  CKA_VERIFY_RECOVER, CKA_MODULUS_BITS, CKA_MODULUS,  CKA_PUBLIC_EXPONENT,
-    CKA_EC_PARAMS, CKA_EC_POINT};
-
-// The template as attributes of an object in this library, with the flags that are not given.
-Attributes attributesOf(const Template& given, Types flagsThatAreFalse) {
-  Attributes made;
-  for (const CK_ATTRIBUTE& entry : given.entries()) made.set(entry.type, valueOf(entry));
-  for (const CK_ATTRIBUTE_TYPE type : {CKA_LABEL, CKA_ID, CKA_SUBJECT, CKA_START_DATE, CKA_END_DATE})
-    if (!made.find(type)) made.set(type, {});
-  for (const CK_ATTRIBUTE_TYPE type : {CKA_MODIFIABLE, CKA_COPYABLE, CKA_DESTROYABLE})
-    if (!made.find(type)) made.setFlag(type, true);
-  for (const CK_ATTRIBUTE_TYPE type : flagsThatAreFalse) made.setFlag(type, false);
-  return made;
+// Some attributes of the template; empty where it has none.
+Attributes pick(const Template& given, std::initializer_list<CK_ATTRIBUTE_TYPE> types) {
+  Attributes picked;
+  for (const CK_ATTRIBUTE_TYPE type : types) picked.set(type, given.bytes(type).value_or(ByteView{}));
+  return picked;
 }
 
 // Calls C_CreateObject of the module. A new object whose handle the module cannot report is a failure.
-CK_OBJECT_HANDLE createInModule(ModuleLock& module, Token& token, std::span<CK_ATTRIBUTE> attributes) {
+CK_OBJECT_HANDLE createInModule(ModuleLock& module, Token& token, Attributes wanted) {
   useLogin(module, token);
   CK_OBJECT_HANDLE handle = 0;
-  const CK_RV code = module->C_CreateObject(lockedSession(module, token), attributes.data(),
-                                            static_cast<CK_ULONG>(attributes.size()), &handle);
+  std::vector<CK_ATTRIBUTE> entries = wanted.asTemplate();
+  const CK_RV code = module->C_CreateObject(lockedSession(module, token), entries.data(),
+                                            static_cast<CK_ULONG>(entries.size()), &handle);
   if (code == CKR_DATA_INVALID) throw Refusal(CKR_ATTRIBUTE_VALUE_INVALID, "CKA_VALUE is no certificate");
   if (code != CKR_OK) throw moduleFailure(module, token, "C_CreateObject", code, CKR_ATTRIBUTE_VALUE_INVALID);
   if (handle == 0) throw Refusal(CKR_DEVICE_ERROR, "the token does not show the new object");
   return handle;
 }
 
-CK_ATTRIBUTE entryOf(CK_ATTRIBUTE_TYPE type, ByteView value) {
-  return {type, const_cast<std::uint8_t*>(value.data()), static_cast<CK_ULONG>(value.size())};
-}
-
 std::shared_ptr<Object> createCertificate(ModuleLock& module, const Session& session, const Template& given) {
-  given.mustBeOf(certificateTypes);
+  given.mustBeOf(certificate);
   given.requiredNumber(CKA_CERTIFICATE_TYPE);
   given.mustNotContradict(CKA_CERTIFICATE_TYPE, CK_ULONG{CKC_X_509});
   given.mustNotContradict(CKA_TRUSTED, false);
   const ByteView value = given.required(CKA_VALUE);
   given.required(CKA_SUBJECT);
   if (!given.flag(CKA_TOKEN).value_or(false)) {
-    constexpr CK_ATTRIBUTE_TYPE falseFlags[] = {CKA_TOKEN, CKA_TRUSTED};
-    Attributes made = attributesOf(given, falseFlags);
-    made.setFlag(CKA_PRIVATE, given.flag(CKA_PRIVATE).value_or(false));
-    return addSessionObject(module, session, std::move(made));
+    return addSessionObject(module, session, describeData(given, certificate));
   }
   requireTokenWriteAccess(session);
   given.mustNotContradict(CKA_PRIVATE, false);
@@ -117,65 +47,36 @@ std::shared_ptr<Object> createCertificate(ModuleLock& module, const Session& ses
   if (value.size() > longestCertificate) {
     throw Refusal(CKR_ATTRIBUTE_VALUE_INVALID, "the certificate is too long, ulValueLen=", value.size());
   }
-  CK_OBJECT_CLASS objectClass = CKO_CERTIFICATE;
-  CK_ATTRIBUTE attributes[] = {{CKA_CLASS, &objectClass, sizeof objectClass},
-                               entryOf(CKA_VALUE, value),
-                               entryOf(CKA_LABEL, given.bytes(CKA_LABEL).value_or(ByteView{})),
-                               entryOf(CKA_ID, given.bytes(CKA_ID).value_or(ByteView{}))};
-  const CK_OBJECT_HANDLE handle = createInModule(module, session.token, attributes);
+  const CK_OBJECT_HANDLE handle =
+      createInModule(module, session.token, pick(given, {CKA_CLASS, CKA_VALUE, CKA_LABEL, CKA_ID}));
   module.state().objects.forget(session.token, handle);
   return module.state().objects.ofModule(session.token, handle);
 }
 
-bool isSizeOfToken(ByteView modulus) {
-  while (!modulus.empty() && modulus.front() == 0) modulus = modulus.subspan(1);
-  return std::ranges::any_of(keyTypes, [&](const KeyTypeInfo& row) {
-    return row.algorithm == KeyAlgorithm::rsa && row.bits == modulus.size() * 8 && modulus.front() >= 0x80;
-  });
-}
-
-void checkRsaKey(const Template& given) {
+// CKA_SENSITIVE and CKA_EXTRACTABLE are accepted as given: the key is known outside, but never read from the token.
+std::shared_ptr<Object> createPrivateKey(ModuleLock& module, const Session& session, const Template& given) {
+  given.mustBeOf(privateKey);
   if (given.requiredNumber(CKA_KEY_TYPE) != CKK_RSA) {
     throw Refusal(CKR_TEMPLATE_INCONSISTENT, "the token imports RSA keys only");
   }
   for (const CK_ATTRIBUTE_TYPE type : {CKA_MODULUS, CKA_PRIVATE_EXPONENT, CKA_PRIME_1}) given.required(type);
-  if (!isSizeOfToken(given.required(CKA_MODULUS))) {
-    throw Refusal(CKR_ATTRIBUTE_VALUE_INVALID, "no size of the token, CKA_MODULUS has another length");
-  }
-  ByteView exponent = given.bytes(CKA_PUBLIC_EXPONENT).value_or(rsaPublicExponentBytes);
-  while (!exponent.empty() && exponent.front() == 0) exponent = exponent.subspan(1);
-  if (!std::ranges::equal(exponent, rsaPublicExponentBytes)) {
-    throw Refusal(CKR_ATTRIBUTE_VALUE_INVALID, "the token's public exponent is 65537");
-  }
+  checkRsaKey(given, bitsOf(given.required(CKA_MODULUS)));
   given.mustNotContradict(CKA_PRIVATE, true);
   given.mustNotContradict(CKA_ALWAYS_AUTHENTICATE, false);
-}
-
-// CKA_SENSITIVE and CKA_EXTRACTABLE are accepted as given: the key is known outside, but never read from the token.
-std::shared_ptr<Object> createPrivateKey(ModuleLock& module, const Session& session, const Template& given) {
-  given.mustBeOf(privateKeyTypes);
-  checkRsaKey(given);
   const bool onToken = given.flag(CKA_TOKEN).value_or(false);
   if (onToken) requireTokenWriteAccess(session);
-  CK_OBJECT_CLASS objectClass = CKO_PRIVATE_KEY;
-  CK_KEY_TYPE keyType = CKK_RSA;
-  CK_ATTRIBUTE attributes[] = {{CKA_CLASS, &objectClass, sizeof objectClass},
-                               {CKA_KEY_TYPE, &keyType, sizeof keyType},
-                               entryOf(CKA_LABEL, given.bytes(CKA_LABEL).value_or(ByteView{})),
-                               entryOf(CKA_MODULUS, given.required(CKA_MODULUS)),
-                               entryOf(CKA_PRIVATE_EXPONENT, given.required(CKA_PRIVATE_EXPONENT)),
-                               entryOf(CKA_PRIME_1, given.required(CKA_PRIME_1))};
-  const CK_OBJECT_HANDLE handle = createInModule(module, session.token, attributes);
+  const CK_OBJECT_HANDLE handle =
+      createInModule(module, session.token,
+                     pick(given, {CKA_CLASS, CKA_KEY_TYPE, CKA_LABEL, CKA_MODULUS, CKA_PRIVATE_EXPONENT, CKA_PRIME_1}));
   const KeyPairObjects pair = addKeyPair(module, session.token, handle, onToken ? 0 : session.handle, true);
   // The module imports a key without its ID.
   relabel(module, *pair.privateKey, given);
-  readAttributes(module, *pair.publicKey);
   return pair.privateKey;
 }
 
 // A public key outside the token is data to read: the token verifies and encrypts with its own keys only.
 std::shared_ptr<Object> createPublicKey(ModuleLock& module, const Session& session, const Template& given) {
-  given.mustBeOf(publicKeyTypes);
+  given.mustBeOf(publicKey);
   given.mustNotContradict(CKA_TOKEN, false);
   given.mustNotContradict(CKA_TRUSTED, false);
   const CK_ULONG keyType = given.requiredNumber(CKA_KEY_TYPE);
@@ -189,12 +90,8 @@ std::shared_ptr<Object> createPublicKey(ModuleLock& module, const Session& sessi
        {isRsa ? CKA_EC_PARAMS : CKA_MODULUS, isRsa ? CKA_EC_POINT : CKA_PUBLIC_EXPONENT}) {
     if (given.bytes(foreign)) throw Refusal(CKR_TEMPLATE_INCONSISTENT, "not of this key type: type=", foreign);
   }
-  constexpr CK_ATTRIBUTE_TYPE falseFlags[] = {CKA_TOKEN,  CKA_TRUSTED,        CKA_ENCRYPT, CKA_WRAP,
-                                              CKA_VERIFY, CKA_VERIFY_RECOVER, CKA_DERIVE,  CKA_LOCAL};
-  Attributes made = attributesOf(given, falseFlags);
-  made.setFlag(CKA_PRIVATE, given.flag(CKA_PRIVATE).value_or(false));
-  made.setNumber(CKA_KEY_GEN_MECHANISM, CK_UNAVAILABLE_INFORMATION);
-  if (isRsa) made.setNumber(CKA_MODULUS_BITS, static_cast<CK_ULONG>(given.required(CKA_MODULUS).size()) * 8);
+  Attributes made = describeData(given, publicKey);
+  if (isRsa) made.setNumber(CKA_MODULUS_BITS, bitsOf(given.required(CKA_MODULUS)));
   return addSessionObject(module, session, std::move(made));
 }
 
@@ -254,12 +151,11 @@ std::shared_ptr<Object> copyObject(ModuleLock& module, const Session& session, O
   if (original.objectClass != CKO_CERTIFICATE) {
     throw Refusal(CKR_TEMPLATE_INCONSISTENT, "the token cannot keep the object, handle=", original.handle);
   }
-  std::vector<CK_ATTRIBUTE> entries;
-  for (const CK_ATTRIBUTE_TYPE type : {CKA_CLASS, CKA_CERTIFICATE_TYPE, CKA_VALUE, CKA_SUBJECT, CKA_LABEL, CKA_ID}) {
-    entries.push_back(entryOf(type, changes.bytes(type).value_or(*attributes.find(type))));
-  }
-  const std::uint8_t yes = CK_TRUE;
-  entries.push_back(entryOf(CKA_TOKEN, {&yes, 1}));
+  Attributes made;
+  for (const CK_ATTRIBUTE_TYPE type : {CKA_CLASS, CKA_CERTIFICATE_TYPE, CKA_VALUE, CKA_SUBJECT, CKA_LABEL, CKA_ID})
+    made.set(type, changes.bytes(type).value_or(*attributes.find(type)));
+  made.setFlag(CKA_TOKEN, true);
+  const std::vector<CK_ATTRIBUTE> entries = made.asTemplate();
   return createCertificate(module, session, Template(entries.data(), static_cast<CK_ULONG>(entries.size())));
 }
 

@@ -39,30 +39,6 @@ void checkPoint(ByteView point, std::size_t length) {
   throw Refusal(CKR_MECHANISM_PARAM_INVALID, "no point of the key's curve, ulPublicDataLen=", point.size());
 }
 
-constexpr CK_ATTRIBUTE_TYPE secretTypes[] = {CKA_CLASS,
-                                             CKA_TOKEN,
-                                             CKA_PRIVATE,
-                                             CKA_LABEL,
-                                             CKA_MODIFIABLE,
-                                             CKA_COPYABLE,
-                                             CKA_DESTROYABLE,
-                                             CKA_ID,
-                                             CKA_DERIVE,
-                                             CKA_KEY_TYPE,
-                                             CKA_VALUE_LEN,
-                                             CKA_START_DATE,
-                                             CKA_END_DATE,
-                                             CKA_SENSITIVE,
-                                             CKA_ENCRYPT,
-                                             CKA_DECRYPT,
-                                             CKA_SIGN,
-                                             CKA_VERIFY,
-                                             CKA_WRAP,
-                                             CKA_UNWRAP,
-                                             CKA_EXTRACTABLE,
-                                             CKA_TRUSTED,
-                                             CKA_WRAP_WITH_TRUSTED};
-
 // The length that the template asks for, or nothing. A key type of a fixed length decides by itself.
 std::optional<std::size_t> readLength(const Template& wanted, CK_KEY_TYPE keyType) {
   const std::optional<CK_ULONG> length = wanted.number(CKA_VALUE_LEN);
@@ -74,28 +50,6 @@ std::optional<std::size_t> readLength(const Template& wanted, CK_KEY_TYPE keyTyp
   if (keyType == CKK_AES && !length) throw Refusal(CKR_TEMPLATE_INCOMPLETE, "an AES key needs CKA_VALUE_LEN");
   if (keyType == CKK_AES && (*length == 16 || *length == 24 || *length == 32)) return length;
   throw refusal;
-}
-
-Attributes describeSecret(const Template& wanted, CK_KEY_TYPE keyType) {
-  Attributes made;
-  made.setNumber(CKA_CLASS, CKO_SECRET_KEY);
-  made.setNumber(CKA_KEY_TYPE, keyType);
-  made.setFlag(CKA_TOKEN, false);
-  made.setFlag(CKA_PRIVATE, wanted.flag(CKA_PRIVATE).value_or(true));
-  made.setFlag(CKA_SENSITIVE, wanted.flag(CKA_SENSITIVE).value_or(false));
-  made.setFlag(CKA_EXTRACTABLE, wanted.flag(CKA_EXTRACTABLE).value_or(true));
-  for (const CK_ATTRIBUTE_TYPE type : {CKA_LABEL, CKA_ID, CKA_START_DATE, CKA_END_DATE})
-    made.set(type, wanted.bytes(type).value_or(ByteView{}));
-  for (const CK_ATTRIBUTE_TYPE type : {CKA_MODIFIABLE, CKA_COPYABLE, CKA_DESTROYABLE})
-    made.setFlag(type, wanted.flag(type).value_or(true));
-  // The library computes nothing with the secret.
-  for (const CK_ATTRIBUTE_TYPE type :
-       {CKA_DERIVE, CKA_ENCRYPT, CKA_DECRYPT, CKA_SIGN, CKA_VERIFY, CKA_WRAP, CKA_UNWRAP, CKA_TRUSTED,
-        CKA_WRAP_WITH_TRUSTED, CKA_LOCAL, CKA_ALWAYS_SENSITIVE, CKA_NEVER_EXTRACTABLE}) {
-    made.setFlag(type, false);
-  }
-  made.setNumber(CKA_KEY_GEN_MECHANISM, CK_UNAVAILABLE_INFORMATION);
-  return made;
 }
 
 // The raw secret. The module keeps a copy of it until it is unloaded.
@@ -152,14 +106,16 @@ CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OB
     const Template wanted(pTemplate, ulAttributeCount);
     const Mechanism& mechanism = requiredMechanism(given.mechanism, CKF_DERIVE, session.token);
     const Agreement agreement = readParameters(given);
-    wanted.mustBeOf(secretTypes);
+    wanted.mustBeOf(secretKey);
     wanted.mustNotContradict(CKA_CLASS, CK_ULONG{CKO_SECRET_KEY});
     wanted.mustNotContradict(CKA_TOKEN, false);
     wanted.mustNotContradict(CKA_TRUSTED, false);
     const CK_KEY_TYPE keyType = wanted.number(CKA_KEY_TYPE).value_or(CKK_GENERIC_SECRET);
     const std::optional<std::size_t> length = readLength(wanted, keyType);
 
-    Attributes made = describeSecret(wanted, keyType);
+    Attributes made = describeData(wanted, secretKey);
+    made.setNumber(CKA_CLASS, CKO_SECRET_KEY);
+    made.setNumber(CKA_KEY_TYPE, keyType);
     SecretBytes secret;
     {
       ModuleLock module(state);

@@ -71,10 +71,10 @@ CK_RV C_Digest(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen
     OperationEnd end(session.digest);
     if (!session.digest || session.digest->inParts()) return refuseNotInitialized(call);
     const ByteView data = requiredData(pData, ulDataLen);
-    if (!pulDigestLen) return call.refuse(CKR_ARGUMENTS_BAD, "pulDigestLen is NULL");
-    if (!hasRoom(call, end, session.digest->mechanism().length, pDigest, *pulDigestLen)) return end.code();
-    session.digest->update(data);
-    return deliver(session.digest->finish(), pDigest, *pulDigestLen);
+    return end.deliver(call, session.digest->mechanism().length, pDigest, requiredLength(pulDigestLen), [&] {
+      session.digest->update(data);
+      return session.digest->finish();
+    });
   });
 }
 
@@ -111,8 +111,7 @@ CK_RV C_DigestFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pDigest, CK_ULONG_PT
   return sessionCall("C_DigestFinal", hSession, [&](const Call& call, State&, Session& session) -> CK_RV {
     OperationEnd end(session.digest);
     if (!session.digest) return refuseNotInitialized(call);
-    if (!pulDigestLen) return call.refuse(CKR_ARGUMENTS_BAD, "pulDigestLen is NULL");
-    if (!hasRoom(call, end, session.digest->mechanism().length, pDigest, *pulDigestLen)) return end.code();
-    return deliver(session.digest->finish(), pDigest, *pulDigestLen);
+    return end.deliver(call, session.digest->mechanism().length, pDigest, requiredLength(pulDigestLen),
+                       [&] { return session.digest->finish(); });
   });
 }

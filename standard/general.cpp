@@ -1,7 +1,6 @@
 // C_Initialize, C_Finalize, C_GetInfo, C_GetFunctionList, and the function list itself.
 #include "platform/platform.h"
 #include "standard/call.h"
-#include "standard/lifecycle.h"
 #include "standard/texts.h"
 
 using namespace tavrin;

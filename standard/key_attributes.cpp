@@ -8,25 +8,24 @@
 namespace tavrin::standard {
 namespace {
 
-// What the module says of a key pair or certificate. Larger than any of its records.
+// What the module says of a key pair, by its public half, or of a certificate. Larger than any of its records.
 struct Record {
   std::uint8_t label[160];
-  std::uint8_t id[128];
+  std::uint8_t id[longestId];
   std::uint8_t value[3072];
   CK_KEY_TYPE keyType = 0;
   CK_ULONG bits = 0;
-  CK_BBOOL sign = CK_FALSE;
-  CK_BBOOL decrypt = CK_FALSE;
-  CK_ATTRIBUTE read[7];
+  CK_BBOOL verify = CK_FALSE;
+  CK_BBOOL encrypt = CK_FALSE;
+  CK_ATTRIBUTE read[7]{{CKA_VALUE, value, sizeof value},
+                       {CKA_LABEL, label, sizeof label},
+                       {CKA_ID, id, sizeof id},
+                       {CKA_KEY_TYPE, &keyType, sizeof keyType},
+                       {CKA_MODULUS_BITS, &bits, sizeof bits},
+                       {CKA_VERIFY, &verify, sizeof verify},
+                       {CKA_ENCRYPT, &encrypt, sizeof encrypt}};
 
-  explicit Record(bool isPrivateKey)
-      : read{{CKA_VALUE, value, sizeof value},
-             {CKA_LABEL, label, sizeof label},
-             {CKA_ID, id, sizeof id},
-             {CKA_KEY_TYPE, &keyType, sizeof keyType},
-             {CKA_MODULUS_BITS, &bits, sizeof bits},
-             {isPrivateKey ? CKA_SIGN : CKA_VERIFY, &sign, sizeof sign},
-             {isPrivateKey ? CKA_DECRYPT : CKA_ENCRYPT, &decrypt, sizeof decrypt}} {}
+  Record() = default;
   Record(const Record&) = delete;
   Record& operator=(const Record&) = delete;
 
@@ -36,9 +35,12 @@ struct Record {
 };
 
 // Throws when the module has no such object any more.
-void readFromModule(ModuleLock& module, Object& object, CK_ATTRIBUTE* wanted, CK_ULONG count) {
+void readFromModule(ModuleLock& module, Object& object, std::span<CK_ATTRIBUTE> wanted) {
   Token& token = *object.token;
-  const CK_RV code = module->C_GetAttributeValue(lockedSession(module, token), object.moduleHandle, wanted, count);
+  const CK_OBJECT_HANDLE handle =
+      object.isTokenKey() ? moduleHandleOf(CKO_PUBLIC_KEY, object.moduleHandle) : object.moduleHandle;
+  const CK_RV code = module->C_GetAttributeValue(lockedSession(module, token), handle, wanted.data(),
+                                                 static_cast<CK_ULONG>(wanted.size()));
   if (code == CKR_OK) return;
   const Refusal failure = moduleFailure(module, token, "C_GetAttributeValue", code, CKR_OBJECT_HANDLE_INVALID);
   if (failure.code() == CKR_OBJECT_HANDLE_INVALID) module.state().objects.drop(object);
@@ -66,58 +68,12 @@ SecretBytes encodePoint(ByteView point) {
   return der;
 }
 
-CK_ULONG bitsOf(ByteView number) {
-  const auto first = std::ranges::find_if(number, [](std::uint8_t byte) { return byte != 0; });
-  if (first == number.end()) return 0;
-  CK_ULONG bits = static_cast<CK_ULONG>(number.end() - first) * 8;
-  for (std::uint8_t mask = 0x80; (*first & mask) == 0; mask >>= 1) --bits;
-  return bits;
-}
-
-void describeObject(Attributes& made, const Object& object, const Record& record) {
-  made.setNumber(CKA_CLASS, object.objectClass);
-  made.setFlag(CKA_TOKEN, object.session == 0);
-  made.setFlag(CKA_PRIVATE, object.isPrivate);
-  made.set(CKA_LABEL, record.labelBytes());
-  made.set(CKA_ID, record.idBytes());
-  made.setFlag(CKA_MODIFIABLE, object.isTokenKey());  // the module cannot change a certificate
-  made.setFlag(CKA_COPYABLE, object.session != 0 || !object.isPrivate);
-  made.setFlag(CKA_DESTROYABLE, true);
-  made.set(CKA_START_DATE, {});
-  made.set(CKA_END_DATE, {});
-}
-
-void describePublicKey(Attributes& made, const Record& record, bool isRsa) {
-  made.setFlag(CKA_TRUSTED, false);
-  made.setFlag(CKA_ENCRYPT, isRsa && record.decrypt != CK_FALSE);
-  made.setFlag(CKA_VERIFY, record.sign != CK_FALSE);
-  for (const CK_ATTRIBUTE_TYPE type : {CKA_VERIFY_RECOVER, CKA_WRAP, CKA_DERIVE}) made.setFlag(type, false);
-  if (isRsa) {
-    made.setNumber(CKA_MODULUS_BITS, bitsOf(record.valueBytes()));
-  } else {
-    made.set(CKA_EC_POINT, encodePoint(record.valueBytes()));
-  }
-}
-
-void describePrivateKey(Attributes& made, const Object& object, const Record& record, bool isRsa) {
-  made.setFlag(CKA_SENSITIVE, true);
-  made.setFlag(CKA_ALWAYS_SENSITIVE, !object.imported);
-  made.setFlag(CKA_EXTRACTABLE, false);
-  made.setFlag(CKA_NEVER_EXTRACTABLE, !object.imported);
-  made.setFlag(CKA_DECRYPT, isRsa && record.decrypt != CK_FALSE);
-  made.setFlag(CKA_SIGN, record.sign != CK_FALSE);
-  made.setFlag(CKA_DERIVE, !isRsa);
-  for (const CK_ATTRIBUTE_TYPE type : {CKA_SIGN_RECOVER, CKA_UNWRAP, CKA_WRAP_WITH_TRUSTED, CKA_ALWAYS_AUTHENTICATE})
-    made.setFlag(type, false);
-}
-
 void describeKey(Attributes& made, const Object& object, const Record& record) {
   const bool isRsa = record.keyType == CKK_RSA;
   made.setNumber(CKA_KEY_TYPE, record.keyType);
-  made.set(CKA_SUBJECT, {});
   made.setFlag(CKA_LOCAL, !object.imported);
   const CK_MECHANISM_TYPE generation = isRsa ? CKM_RSA_PKCS_KEY_PAIR_GEN : CKM_EC_KEY_PAIR_GEN;
-  made.setNumber(CKA_KEY_GEN_MECHANISM, object.imported ? CK_UNAVAILABLE_INFORMATION : generation);
+  if (!object.imported) made.setNumber(CKA_KEY_GEN_MECHANISM, generation);
   if (isRsa) {
     made.set(CKA_MODULUS, record.valueBytes());
     made.set(CKA_PUBLIC_EXPONENT, rsaPublicExponentBytes);
@@ -126,10 +82,22 @@ void describeKey(Attributes& made, const Object& object, const Record& record) {
         keyTypes, [&](const KeyTypeInfo& row) { return row.algorithm == KeyAlgorithm::ec && row.bits == record.bits; });
     if (curve != std::end(keyTypes)) made.set(CKA_EC_PARAMS, curve->curve);
   }
-  if (object.objectClass == CKO_PUBLIC_KEY) {
-    describePublicKey(made, record, isRsa);
+  if (object.isPrivate) {
+    made.setFlag(CKA_SENSITIVE, true);
+    made.setFlag(CKA_ALWAYS_SENSITIVE, !object.imported);
+    made.setFlag(CKA_EXTRACTABLE, false);
+    made.setFlag(CKA_NEVER_EXTRACTABLE, !object.imported);
+    made.setFlag(CKA_DECRYPT, isRsa && record.encrypt != CK_FALSE);
+    made.setFlag(CKA_SIGN, record.verify != CK_FALSE);
+    made.setFlag(CKA_DERIVE, !isRsa);
+    return;
+  }
+  made.setFlag(CKA_ENCRYPT, isRsa && record.encrypt != CK_FALSE);
+  made.setFlag(CKA_VERIFY, record.verify != CK_FALSE);
+  if (isRsa) {
+    made.setNumber(CKA_MODULUS_BITS, bitsOf(record.valueBytes()));
   } else {
-    describePrivateKey(made, object, record, isRsa);
+    made.set(CKA_EC_POINT, encodePoint(record.valueBytes()));
   }
 }
 
@@ -137,35 +105,51 @@ void describeKey(Attributes& made, const Object& object, const Record& record) {
 void describeCertificate(ModuleLock& module, Attributes& made, Object& object, const Record& record) {
   made.setNumber(CKA_CERTIFICATE_TYPE, CKC_X_509);
   made.setNumber(CKA_CERTIFICATE_CATEGORY, 0);
-  made.setFlag(CKA_TRUSTED, false);
   made.set(CKA_VALUE, record.valueBytes());
   std::vector<std::uint8_t> names(3 * sizeof record.value);
   CK_ATTRIBUTE read[] = {{CKA_SUBJECT, names.data(), sizeof record.value},
                          {CKA_ISSUER, names.data() + sizeof record.value, sizeof record.value},
                          {CKA_SERIAL_NUMBER, names.data() + 2 * sizeof record.value, sizeof record.value}};
-  readFromModule(module, object, read, std::size(read));
+  readFromModule(module, object, read);
   for (const CK_ATTRIBUTE& entry : read) made.set(entry.type, valueOf(entry));
+}
+
+void describe(ModuleLock& module, Object& object, const Record& record) {
+  const Kind kind = !object.isTokenKey() ? certificate : object.isPrivate ? newPrivateKey : newPublicKey;
+  auto made = std::make_shared<Attributes>(describeData(Template(nullptr, 0), kind));
+  made->setNumber(CKA_CLASS, object.objectClass);
+  made->setFlag(CKA_TOKEN, object.session == 0);
+  made->setFlag(CKA_PRIVATE, object.isPrivate);
+  made->set(CKA_LABEL, record.labelBytes());
+  made->set(CKA_ID, record.idBytes());
+  made->setFlag(CKA_MODIFIABLE, object.isTokenKey());  // the module cannot change a certificate
+  made->setFlag(CKA_COPYABLE, object.session != 0 || !object.isPrivate);
+  if (object.isTokenKey()) {
+    describeKey(*made, object, record);
+  } else {
+    describeCertificate(module, *made, object, record);
+  }
+  object.attributes = std::move(made);
 }
 
 }  // namespace
 
 const Attributes& readAttributes(ModuleLock& module, Object& object) {
   if (object.moduleHandle == 0) return *object.attributes;
-  Record record(object.objectClass == CKO_PRIVATE_KEY);
-  readFromModule(module, object, record.read, object.isTokenKey() ? std::size(record.read) : 3);
+  Record record;
+  readFromModule(module, object, std::span(record.read).first(object.isTokenKey() ? std::size(record.read) : 3));
   compareIdentity(module, object, record.valueBytes());
   const Attributes* known = object.attributes.get();
   if (known && isSame(*known, CKA_LABEL, record.labelBytes()) && isSame(*known, CKA_ID, record.idBytes())) {
     return *known;
   }
-  auto made = std::make_shared<Attributes>();
-  describeObject(*made, object, record);
-  if (object.isTokenKey()) {
-    describeKey(*made, object, record);
-  } else {
-    describeCertificate(module, *made, object, record);
+  describe(module, object, record);
+  // One reading serves both halves of a pair: the module looks through all of the token's pairs each time.
+  const auto other = object.isTokenKey() ? module.state().objects.otherHalf(object) : nullptr;
+  if (other && !other->attributes) {
+    compareIdentity(module, *other, record.valueBytes());
+    describe(module, *other, record);
   }
-  object.attributes = made;
   return *object.attributes;
 }
 
@@ -176,7 +160,7 @@ const Attributes& knownAttributes(ModuleLock& module, Object& object) {
 void checkIdentity(ModuleLock& module, Object& object) {
   std::uint8_t value[3072];
   CK_ATTRIBUTE read{CKA_VALUE, value, sizeof value};
-  readFromModule(module, object, &read, 1);
+  readFromModule(module, object, {&read, 1});
   compareIdentity(module, object, valueOf(read));
 }
 

@@ -1,32 +1,67 @@
-// What operations with keys share: finding the key at the beginning, and the module's calls at the end.
+// What operations with keys share: their beginning, their calls, and the module's calls with the key.
 #pragma once
 
-#include "standard/call.h"
+#include "standard/output.h"
 
 namespace tavrin::standard {
+
+// One of the four ways to use a key.
+struct KeyUse {
+  std::unique_ptr<KeyOperation> Session::*operation;
+  CK_FLAGS flag;                // of the mechanisms that can do it
+  CK_ATTRIBUTE_TYPE attribute;  // of the keys that may do it
+};
 
 // The key, checked for the mechanism and the use that the attribute allows: CKR_KEY_HANDLE_INVALID,
 // CKR_KEY_TYPE_INCONSISTENT or CKR_KEY_FUNCTION_NOT_PERMITTED otherwise.
 std::shared_ptr<Object> requiredKey(ModuleLock& module, const Session& session, CK_OBJECT_HANDLE handle,
                                     const Mechanism& mechanism, CK_ATTRIBUTE_TYPE use);
 
-// The bytes of a signature or ciphertext that this key makes.
-std::size_t resultLengthOf(const Object& key);
+// The four Init calls: checks mechanism, parameter and key, in this order, and remembers the operation.
+CK_RV beginUse(const char* name, CK_SESSION_HANDLE hSession, const KeyUse& use, const CK_MECHANISM* pMechanism,
+               CK_OBJECT_HANDLE hKey) noexcept;
 
-// Makes calls to the module with the operation's key: `body(session)` returns the code of the first call that fails.
+// What the body of a later call works with.
+struct UseCall {
+  const Call& call;
+  State& state;
+  KeyOperation& operation;
+  OperationEnd<KeyOperation>& end;
+};
+
+// How a later call treats its operation: data in one call exclude data in parts.
+enum class Data { inOneCall, inParts };
+
+// A call that needs the operation: runs `body(UseCall)`.
+template <typename Body>
+CK_RV useCall(const char* name, CK_SESSION_HANDLE hSession, const KeyUse& use, Data data, Body&& body) noexcept {
+  return sessionCall(name, hSession, [&](const Call& call, State& state, Session& session) -> CK_RV {
+    std::unique_ptr<KeyOperation>& operation = session.*use.operation;
+    OperationEnd end(operation);
+    const bool excluded = operation && data == Data::inOneCall && operation->inParts;
+    if (!operation || operation->isOver() || excluded) return refuseNotInitialized(call);
+    return body(UseCall{call, state, *operation, end});
+  });
+}
+
+// Calls the module's Init function with the operation's key, then `body(session)`, which returns the code of its call.
 // The key is compared with the one at Init first. Throws `otherwise` for a failure of the token.
 template <typename Body>
-void useKey(State& state, KeyOperation& operation, const char* function, CK_RV otherwise, Body&& body) {
+void useKey(State& state, KeyOperation& operation, CK_C_SignInit init, CK_MECHANISM_TYPE mechanism, CK_RV otherwise,
+            Body&& body) {
   ModuleLock module(state);
   Token& token = *operation.key->token;
   if (operation.key->isPrivate) useLogin(module, token);
   if (operation.isOver()) throw Refusal(CKR_OPERATION_NOT_INITIALIZED, "the operation ended with the login");
   checkIdentity(module, *operation.key);
-  const CK_RV code = body(lockedSession(module, token));
+  CK_MECHANISM given{mechanism, nullptr, 0};
+  const CK_SESSION_HANDLE session = lockedSession(module, token);
+  CK_RV code = init(session, &given, operation.key->moduleHandle);
+  if (code == CKR_OK) code = body(session);
   if (code == CKR_OK) return;
   // The module may still be in the operation.
   spoilLockedSession(module, token);
-  throw moduleFailure(module, token, function, code, otherwise);
+  throw moduleFailure(module, token, "the operation", code, otherwise);
 }
 
 }  // namespace tavrin::standard

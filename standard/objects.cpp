@@ -56,6 +56,12 @@ std::shared_ptr<Object> ObjectTable::ofModule(Token& token, CK_OBJECT_HANDLE mod
   return add(std::move(object));
 }
 
+std::shared_ptr<Object> ObjectTable::otherHalf(const Object& object) const {
+  const CK_OBJECT_CLASS other = object.objectClass == CKO_PUBLIC_KEY ? CKO_PRIVATE_KEY : CKO_PUBLIC_KEY;
+  const auto place = byModule_.find({object.token, moduleHandleOf(other, object.moduleHandle)});
+  return place == byModule_.end() ? nullptr : find(place->second);
+}
+
 void ObjectTable::release(const Object& object) {
   const auto place = byModule_.find({object.token, object.moduleHandle});
   if (place != byModule_.end() && place->second == object.handle) byModule_.erase(place);
@@ -100,22 +106,19 @@ void deleteFromToken(ModuleLock& module, Object& object) {
   readAttributes(module, object);  // that it is still the object of this handle
   useLogin(module, token);
   // The module deletes key pairs by their private half.
-  const bool isKey = object.isTokenKey();
-  const CK_OBJECT_HANDLE handle = isKey ? moduleHandleOf(CKO_PRIVATE_KEY, object.moduleHandle) : object.moduleHandle;
+  const auto other = object.isTokenKey() ? module.state().objects.otherHalf(object) : nullptr;
+  const CK_OBJECT_HANDLE handle =
+      object.isTokenKey() ? moduleHandleOf(CKO_PRIVATE_KEY, object.moduleHandle) : object.moduleHandle;
   const CK_RV code = module->C_DestroyObject(lockedSession(module, token), handle);
   if (code != CKR_OK) throw moduleFailure(module, token, "C_DestroyObject", code);
   ObjectTable& objects = module.state().objects;
-  for (const auto& other : objects.all()) {
-    if (other->token != &token || other->moduleHandle == 0) continue;
-    const bool sameObject = other->moduleHandle == object.moduleHandle;
-    const bool samePair =
-        isKey && other->isTokenKey() && moduleHandleOf(CKO_PRIVATE_KEY, other->moduleHandle) == handle;
-    if (!sameObject && !samePair) continue;
-    if (other->objectClass == CKO_PUBLIC_KEY && other->attributes) {
-      objects.release(*other);
-      other->moduleHandle = 0;
+  for (Object* gone : {&object, other.get()}) {
+    if (!gone) continue;
+    if (gone->objectClass == CKO_PUBLIC_KEY && gone->attributes) {
+      objects.release(*gone);
+      gone->moduleHandle = 0;
     } else {
-      objects.drop(*other);
+      objects.drop(*gone);
     }
   }
 }

@@ -46,6 +46,9 @@ class ObjectTable {
   // The object that the module shows under this handle, known already or new; null when it is hidden.
   std::shared_ptr<Object> ofModule(Token& token, CK_OBJECT_HANDLE moduleHandle);
 
+  // The other half of a key pair; null when it is not known.
+  std::shared_ptr<Object> otherHalf(const Object& object) const;
+
   // Forgets the object. What the module shows under the same handle later is another one.
   void drop(const Object& object);
 

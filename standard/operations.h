@@ -41,7 +41,7 @@ class HashRun {
   bool finished_ = false;
 };
 
-// What operations with a key have in common. Those with a private key end with the login.
+// A signature, verification, encryption or decryption. One with a private key ends with the login.
 struct KeyOperation {
   KeyOperation(const Mechanism& itsMechanism, std::shared_ptr<Object> itsKey);
 
@@ -51,18 +51,10 @@ struct KeyOperation {
   const std::shared_ptr<Object> key;
   const unsigned logouts;
   std::size_t resultLength = 0;  // of a signature or ciphertext; at most this much for a plaintext
-  SecretBytes collected;         // the parts, where the token wants them together
+  std::size_t digestLength = 0;  // that a raw PSS mechanism takes
   bool inParts = false;
-};
-
-struct SignatureOperation : KeyOperation {
-  using KeyOperation::KeyOperation;
-  std::size_t digestLength = 0;   // that a raw PSS mechanism takes
-  std::unique_ptr<HashRun> hash;  // of data in parts
-};
-
-struct CipherOperation : KeyOperation {
-  using KeyOperation::KeyOperation;
+  SecretBytes collected;          // the parts, where the token wants them together
+  std::unique_ptr<HashRun> hash;  // of the parts otherwise
 };
 
 }  // namespace tavrin::standard

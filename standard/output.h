@@ -24,36 +24,31 @@ class OperationEnd {
 
   CK_RV goOn(CK_RV code = CKR_OK) {
     goesOn_ = true;
-    code_ = code;
     return code;
   }
-  // What the call answers when it goes on.
-  CK_RV code() const { return code_; }
+
+  // Delivers a result of so many bytes, which `make()` returns, to the caller's buffer.
+  template <typename Make>
+  CK_RV deliver(const Call& call, std::size_t needed, CK_BYTE* out, CK_ULONG& length, Make&& make) {
+    const CK_ULONG room = length;
+    if (out && room >= needed) {
+      std::ranges::copy(make(), out);
+      length = static_cast<CK_ULONG>(needed);
+      return CKR_OK;
+    }
+    length = static_cast<CK_ULONG>(needed);
+    if (!out) return goOn();
+    return goOn(call.refuse(CKR_BUFFER_TOO_SMALL, "buffer too small, provided=", room, " required=", needed));
+  }
 
  private:
   std::unique_ptr<Operation>& operation_;
   bool goesOn_ = false;
-  CK_RV code_ = CKR_OK;
 };
 
-// That the caller's buffer can take so many bytes. Otherwise the operation goes on with the answer end.code().
-template <typename Operation>
-bool hasRoom(const Call& call, OperationEnd<Operation>& end, std::size_t needed, const CK_BYTE* out, CK_ULONG& length) {
-  const CK_ULONG room = length;
-  if (out && room >= needed) return true;
-  length = static_cast<CK_ULONG>(needed);
-  if (!out) {
-    end.goOn();
-  } else {
-    end.goOn(call.refuse(CKR_BUFFER_TOO_SMALL, "buffer too small, provided=", room, " required=", needed));
-  }
-  return false;
-}
-
-inline CK_RV deliver(ByteView result, CK_BYTE* out, CK_ULONG& length) {
-  std::ranges::copy(result, out);
-  length = static_cast<CK_ULONG>(result.size());
-  return CKR_OK;
+inline CK_ULONG& requiredLength(CK_ULONG* length) {
+  if (!length) throw Refusal(CKR_ARGUMENTS_BAD, "the pointer to the result's length is NULL");
+  return *length;
 }
 
 inline CK_RV refuseNotInitialized(const Call& call) {

@@ -81,9 +81,9 @@ bool matches(ModuleLock& module, Object& object, const CK_ATTRIBUTE& entry) {
     return value.size() == sizeof(CK_BBOOL) && value.front() == (has ? CK_TRUE : CK_FALSE);
   }
   if (inModule && isFilter(entry, object.objectClass)) return true;
-  const bool changes = type == CKA_LABEL || type == CKA_ID;
-  const Attributes& attributes = changes ? readAttributes(module, object) : knownAttributes(module, object);
-  return attributes.match(entry) && !isSensitive(object, attributes, type);
+  const Attributes& known = knownAttributes(module, object);
+  if (!known.match(entry) || isSensitive(object, known, type)) return false;
+  return (type != CKA_LABEL && type != CKA_ID) || readAttributes(module, object).match(entry);
 }
 
 bool matchesAll(ModuleLock& module, Object& object, const Template& wanted) {
@@ -117,21 +117,22 @@ class Collector {
   }
 
   void collectKeys() {
+    const bool privateToo = wants(CKO_PRIVATE_KEY) && session_.token.login == Login::user;
     for (const CK_OBJECT_HANDLE handle : searchClass(module_, session_.token, CKO_PUBLIC_KEY, wanted_)) {
-      considerModuleObject(handle);
-      considerModuleObject(moduleHandleOf(CKO_PRIVATE_KEY, handle));
+      const auto publicHalf = wants(CKO_PUBLIC_KEY) ? ofModule(handle) : nullptr;
+      const auto privateHalf = privateToo ? ofModule(moduleHandleOf(CKO_PRIVATE_KEY, handle)) : nullptr;
+      consider(publicHalf);
+      consider(privateHalf);
     }
   }
 
   void collectCertificates() {
     for (const CK_OBJECT_HANDLE handle : searchClass(module_, session_.token, CKO_CERTIFICATE, wanted_))
-      considerModuleObject(handle);
+      if (handle != unreadableCertificate) consider(ofModule(handle));
   }
 
-  void considerModuleObject(CK_OBJECT_HANDLE handle) {
-    if (handle == unreadableCertificate || !wants(classOfModuleHandle(handle))) return;
-    if (classOfModuleHandle(handle) == CKO_PRIVATE_KEY && session_.token.login != Login::user) return;
-    consider(module_.state().objects.ofModule(session_.token, handle));
+  std::shared_ptr<Object> ofModule(CK_OBJECT_HANDLE handle) {
+    return module_.state().objects.ofModule(session_.token, handle);
   }
 
   void consider(const std::shared_ptr<Object>& object) {

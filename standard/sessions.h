@@ -24,10 +24,10 @@ struct Session {
   bool closed = false;  // by a call that ran before the one that waits for the mutex
   std::optional<Search> search;
   std::unique_ptr<HashRun> digest;
-  std::unique_ptr<SignatureOperation> signing;
-  std::unique_ptr<SignatureOperation> verification;
-  std::unique_ptr<CipherOperation> encryption;
-  std::unique_ptr<CipherOperation> decryption;
+  std::unique_ptr<KeyOperation> signing;
+  std::unique_ptr<KeyOperation> verification;
+  std::unique_ptr<KeyOperation> encryption;
+  std::unique_ptr<KeyOperation> decryption;
 
   // That the token is the one that the session was opened on, never removed since as far as anybody has noticed.
   bool isAlive() const { return token.present && token.insertion == insertion; }

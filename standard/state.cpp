@@ -7,7 +7,6 @@
 #include <new>
 
 #include "platform/platform.h"
-#include "standard/lifecycle.h"
 
 namespace tavrin::standard {
 namespace {

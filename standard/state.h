@@ -35,6 +35,15 @@ struct State {
   SessionTable sessions;
 };
 
+// Who has the state: changed by C_Initialize and C_Finalize alone.
+struct Lifecycle {
+  std::mutex changing;    // held by C_Initialize and C_Finalize
+  std::mutex stateMutex;  // guards `state`; held for nothing else
+  std::shared_ptr<State> state;
+  void* pin = nullptr;  // keeps this library loaded while there is a state
+};
+extern Lifecycle& lifecycle;
+
 // The state, or null while the library is not initialised. A caller keeps it alive for its call.
 std::shared_ptr<State> currentState();
 
