@@ -132,10 +132,12 @@ json '.level, .meaning' '2,"errors"'
 tool 0 token unplug anna
 ${E2E_RUNNER:+"$E2E_RUNNER"} "$E2E_BIN/tavrin-tool$exe" log --follow --program $client </dev/null >followed 2>/dev/null &
 trap 'kill %1 2>/dev/null || true' EXIT
-sleep 2
-before=$(wc -l <followed)
+# awaited CONDITION: within ten seconds
+awaited() { for ((i = 0; i < 100; ++i)); do eval "$1" && break || sleep 0.1; done; }
+before=$(run tavrin-tool log --program $client | wc -l)
+awaited '(($(wc -l <followed) >= before))'
 ! run $client none &>/dev/null || fail "there should be no token"
-for ((i = 0; i < 100 && $(wc -l <followed) <= before; ++i)); do sleep 0.1; done
+awaited '(($(wc -l <followed) > before))'
 [[ $(tail -n 1 followed | tr -d '\r') == *"ERROR ::=>No valid token found" ]] || fail "not followed: $(cat followed)"
 # A shorter file that takes the log's place is read from its beginning.
 launch tavrin-tool status --json >out || true
@@ -143,7 +145,7 @@ logFile=$(jq -r ".log.today[] | select(.program == \"$client\") | .path" out)
 [[ $E2E_SYSTEM == Linux ]] || logFile=$("$E2E_RUNNER" winepath -u "$logFile" </dev/null | tr -d '\r')
 cp "$logFile" kept.LOG
 echo '01/01::00:00:00:000-> ->ERROR ::=>anew' >"$logFile"
-for ((i = 0; i < 100; ++i)); do [[ $(tail -n 1 followed) == *anew* ]] && break || sleep 0.1; done
+awaited '[[ $(tail -n 1 followed) == *anew* ]]'
 [[ $(tail -n 1 followed) == *anew* ]] || fail "the new file is not followed: $(tail -n 3 followed)"
 cp kept.LOG "$logFile"
 tool 0 log --errors --program $client.exe --grep 'valid token'
