@@ -4,13 +4,16 @@
 #include "objects/ca_installation.h"
 #include "softtoken/certificates.h"
 #include "tool/certificate_facts.h"
+#include "tool/console.h"
 #include "tool/module_file.h"
 
 namespace tool {
 
 CaFolder::CaFolder()
     : shared_(tavrin::caFolder("one") == tavrin::caFolder("another")),
-      path_(softtoken::textOf(std::filesystem::path(tavrin::caFolder(programFolder().string())).make_preferred())) {
+      path_(
+          softtoken::textOf((shared_ ? systemPath(tavrin::caFolder("")) : programFolder().concat(tavrin::caFolder("")))
+                                .make_preferred())) {
   for (const auto& [file, der] : softtoken::certificatesInFolder(path_, tavrin::caFileExtensions())) {
     // Larger ones fit on no token, and the module leaves them out.
     if (der.size() > sizeof TavrinCertificate::certificate) continue;

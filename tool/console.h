@@ -2,6 +2,7 @@
 // the same order. All text is UTF-8.
 #pragma once
 
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
@@ -40,6 +41,12 @@ std::vector<std::string> commandLine(int argc, char** argv);
 
 // Nothing when the variable is not set.
 std::optional<softtoken::SecretBytes> secretVariable(const char* name);
+
+// The variable's value; empty when it is not set.
+std::string environmentText(const char* name);
+
+// A path in the system's 8-bit encoding, in which the module's own functions name files.
+std::filesystem::path systemPath(const std::string& text);
 
 // Asks on the terminal, even when the standard streams are redirected, and reads a line without showing it. Throws
 // Failure when there is no terminal or the user cancels. A signal that ends the process restores the terminal first.

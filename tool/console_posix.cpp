@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "platform/platform.h"
 #include "softtoken/failure.h"
 #include "tool/console.h"
 
@@ -124,12 +125,17 @@ SilencedOutput::~SilencedOutput() {
 
 std::vector<std::string> commandLine(int argc, char** argv) { return {argv, argv + argc}; }
 
+// The environment is not trusted in a program that runs with other rights than its caller's.
 std::optional<SecretBytes> secretVariable(const char* name) {
-  const char* value = std::getenv(name);
+  const char* value = ::secure_getenv(name);
   if (!value) return std::nullopt;
   const softtoken::ByteView bytes = softtoken::viewOf(value);
   return SecretBytes(bytes.begin(), bytes.end());
 }
+
+std::string environmentText(const char* name) { return platform::environmentVariable(name); }
+
+std::filesystem::path systemPath(const std::string& text) { return text; }
 
 SecretBytes askSecret(const std::string& question) {
   const SilentTerminal terminal;
@@ -144,11 +150,7 @@ bool inputIsTerminal() { return ::isatty(STDIN_FILENO) == 1; }
 bool outputIsTerminal() { return ::isatty(STDOUT_FILENO) == 1; }
 
 bool outputTakesColour() {
-  const auto variable = [](const char* name) {
-    const char* value = std::getenv(name);
-    return std::string(value ? value : "");
-  };
-  return outputIsTerminal() && variable("NO_COLOR").empty() && variable("TERM") != "dumb";
+  return outputIsTerminal() && environmentText("NO_COLOR").empty() && environmentText("TERM") != "dumb";
 }
 
 }  // namespace tool

@@ -129,6 +129,18 @@ std::optional<SecretBytes> secretVariable(const char* name) {
   return toUtf8<SecretBytes>(value.data(), length);
 }
 
+std::string environmentText(const char* name) {
+  const std::optional<SecretBytes> value = secretVariable(name);
+  return value ? std::string(value->begin(), value->end()) : std::string();
+}
+
+std::filesystem::path systemPath(const std::string& text) {
+  const auto count = static_cast<int>(text.size());
+  std::wstring wide(static_cast<std::size_t>(::MultiByteToWideChar(CP_ACP, 0, text.data(), count, nullptr, 0)), L'\0');
+  ::MultiByteToWideChar(CP_ACP, 0, text.data(), count, wide.data(), static_cast<int>(wide.size()));
+  return wide;
+}
+
 SecretBytes askSecret(const std::string& question) {
   const SilentTerminal terminal;
   terminal.write(question);

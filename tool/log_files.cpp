@@ -8,6 +8,7 @@
 #include "platform/platform.h"
 #include "softtoken/failure.h"
 #include "softtoken/platform.h"
+#include "tool/console.h"
 
 namespace tool {
 namespace {
@@ -94,7 +95,7 @@ class EntryStream {
 
 }  // namespace
 
-fs::path logFolder() { return fs::path(tavrin::logFolder()).lexically_normal(); }
+fs::path logFolder() { return systemPath(tavrin::logFolder()).lexically_normal(); }
 
 std::string today() { return tavrin::logFileName(platform::localTime()).substr(0, 10); }
 

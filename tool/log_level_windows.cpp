@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "log/log_location.h"
 #include "softtoken/failure.h"
 #include "tool/log_level.h"
 
@@ -9,8 +10,8 @@ namespace tool {
 
 void setLogLevel(int level) {
   const auto value = static_cast<DWORD>(level);
-  const LSTATUS status = ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, L"Software\\Quorvane Telemantix\\Tavrin", L"logLevel",
-                                           REG_DWORD, &value, sizeof value);
+  const LSTATUS status = ::RegSetKeyValueA(HKEY_LOCAL_MACHINE, tavrin::registryKey, tavrin::logLevelValue, REG_DWORD,
+                                           &value, sizeof value);
   if (status == ERROR_SUCCESS) return;
   const std::string reason =
       status == ERROR_ACCESS_DENIED ? "run this as administrator" : "Windows error " + std::to_string(status);

@@ -44,11 +44,10 @@ std::string reasonOf(const std::filesystem::path& file, DWORD error) {
   if (machine == IMAGE_FILE_MACHINE_I386) return "the file is a 32-bit DLL, and this program is a 64-bit one";
   if (machine != IMAGE_FILE_MACHINE_AMD64) return "the file is a DLL for another kind of processor";
   const std::string number = " (Windows error " + std::to_string(error) + ")";
-  if (error == ERROR_MOD_NOT_FOUND)
-    return std::string("a DLL that it needs is missing, probably ") + "TavrinDSCLibrary.dll" + number;
+  if (error == ERROR_MOD_NOT_FOUND) return "a DLL that it needs is missing, probably TavrinDSCLibrary.dll" + number;
   if (error == ERROR_PROC_NOT_FOUND)
-    return "TavrinDSCLibrary.dll lacks an operation of the module; probably it was built with another kind of "
-           "compiler" +
+    return "TavrinDSCLibrary.dll lacks an operation of the module. Probably this module is a mingw-w64 build and the "
+           "library one of Microsoft's compiler; build the module with the library's compiler" +
            number;
   return "it cannot be loaded" + number;
 }

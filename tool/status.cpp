@@ -10,7 +10,6 @@
 
 #include "log/log.h"
 #include "objects/ca_installation.h"
-#include "platform/platform.h"
 #include "softtoken/failure.h"
 #include "softtoken/platform.h"
 #include "tool/ca_folder.h"
@@ -181,7 +180,7 @@ bool canLog(const std::filesystem::path& folder) {
 
 void judgeLog(SystemStatus& status) {
   const std::filesystem::path folder = logFolder();
-  const std::string temporary = platform::environmentVariable("TMPDIR");
+  const std::string temporary = environmentText("TMPDIR");
   if (!canLog(folder)) {
     const std::string owner = ownerOf(folder);
     status.warnings.push_back("the log cannot be written to " + status.logFolder +

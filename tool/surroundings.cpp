@@ -1,8 +1,10 @@
 #include "tool/surroundings.h"
 
 #include <algorithm>
+#include <fstream>
 
 #include "softtoken/platform.h"
+#include "tool/console.h"
 #include "tool/module_file.h"
 
 namespace tool {
@@ -11,9 +13,55 @@ namespace {
 namespace fs = std::filesystem;
 using softtoken::textOf;
 
+// A module that a setting names.
+struct ModuleSetting {
+  std::string program;
+  fs::path file;
+  fs::path library;  // as it is written there
+};
+
 bool isSameFile(const fs::path& left, const fs::path& right) {
   std::error_code error;
   return !left.empty() && !right.empty() && fs::equivalent(left, right, error) && !error;
+}
+
+std::string trimmed(std::string text) {
+  text.erase(0, text.find_first_not_of(" \t\""));
+  text.erase(text.find_last_not_of(" \t\r\";") + 1);
+  return text;
+}
+
+void addSettings(const SettingsFile& settingsFile, std::vector<ModuleSetting>& settings) {
+  std::ifstream stream(settingsFile.file);
+  for (std::string line; std::getline(stream, line);) {
+    const std::string text = trimmed(line);
+    if (!text.starts_with(settingsFile.key)) continue;
+    std::string value = trimmed(text.substr(settingsFile.key.size()));
+    if (value.empty() || (value[0] != '=' && value[0] != ':')) continue;
+    value = trimmed(value.substr(1));
+    if (!value.empty()) settings.push_back({settingsFile.program, settingsFile.file, softtoken::pathOf(value)});
+  }
+}
+
+// Java's list of providers names the configurations of its PKCS#11 modules.
+void addJavaSettings(std::vector<ModuleSetting>& settings) {
+  const std::string java = environmentText("JAVA_HOME");
+  if (java.empty()) return;
+  std::ifstream stream(softtoken::pathOf(java) / "conf" / "security" / "java.security");
+  const std::string provider = "SunPKCS11 ";
+  for (std::string line; std::getline(stream, line);) {
+    const auto at = line.find(provider);
+    if (!line.starts_with("security.provider.") || at == std::string::npos) continue;
+    const fs::path configuration = softtoken::pathOf(trimmed(line.substr(at + provider.size())));
+    addSettings({"Java", configuration, "library"}, settings);
+  }
+}
+
+std::vector<ModuleSetting> moduleSettings() {
+  std::vector<ModuleSetting> settings;
+  for (const SettingsFile& file : knownSettingsFiles()) addSettings(file, settings);
+  addJavaSettings(settings);
+  return settings;
 }
 
 void judgeSearchPath(const fs::path& module, std::vector<std::string>& warnings) {
@@ -51,6 +99,14 @@ void judgeSettings(const fs::path& module, std::vector<std::string>& warnings) {
 }
 
 }  // namespace
+
+std::vector<SettingsFile> nssProfiles(const std::string& program, const fs::path& folder) {
+  std::vector<SettingsFile> files;
+  std::error_code error;
+  for (fs::directory_iterator entry(folder, error), end; !error && entry != end; entry.increment(error))
+    files.push_back({program, entry->path() / "pkcs11.txt", "library"});
+  return files;
+}
 
 std::vector<std::string> disturbances(const fs::path& module) {
   std::vector<std::string> warnings;

@@ -1,60 +1,16 @@
 #include <pwd.h>
 #include <sys/stat.h>
 
-#include <fstream>
-
-#include "platform/platform.h"
+#include "tool/console.h"
 #include "tool/surroundings.h"
 
 namespace tool {
-namespace {
 
 namespace fs = std::filesystem;
 
-std::string trimmed(std::string text) {
-  text.erase(0, text.find_first_not_of(" \t\""));
-  text.erase(text.find_last_not_of(" \t\r\";") + 1);
-  return text;
-}
-
-std::vector<fs::path> entriesOf(const fs::path& folder) {
-  std::vector<fs::path> entries;
-  std::error_code error;
-  for (fs::directory_iterator entry(folder, error), end; !error && entry != end; entry.increment(error))
-    entries.push_back(entry->path());
-  return entries;
-}
-
-// The libraries in lines such as library=/usr/lib/module.so or module: module.so.
-void addSettings(const fs::path& file, const std::string& program, const std::string& key,
-                 std::vector<ModuleSetting>& settings) {
-  std::ifstream stream(file);
-  for (std::string line; std::getline(stream, line);) {
-    const std::string text = trimmed(line);
-    if (!text.starts_with(key)) continue;
-    std::string value = trimmed(text.substr(key.size()));
-    if (value.empty() || (value[0] != '=' && value[0] != ':')) continue;
-    value = trimmed(value.substr(1));
-    if (!value.empty()) settings.push_back({file, program, value});
-  }
-}
-
-// Java's list of providers names the configurations of its PKCS#11 modules.
-void addJavaSettings(const fs::path& securityFile, std::vector<ModuleSetting>& settings) {
-  std::ifstream stream(securityFile);
-  const std::string provider = "SunPKCS11 ";
-  for (std::string line; std::getline(stream, line);) {
-    const auto at = line.find(provider);
-    if (line.starts_with("security.provider.") && at != std::string::npos)
-      addSettings(trimmed(line.substr(at + provider.size())), "Java", "library", settings);
-  }
-}
-
-}  // namespace
-
 std::vector<fs::path> librarySearchPath() {
   std::vector<fs::path> folders;
-  std::string rest = platform::environmentVariable("LD_LIBRARY_PATH");
+  std::string rest = environmentText("LD_LIBRARY_PATH");
   while (!rest.empty()) {
     const std::string folder = rest.substr(0, rest.find(':'));
     rest.erase(0, folder.size() + 1);
@@ -63,20 +19,19 @@ std::vector<fs::path> librarySearchPath() {
   return folders;
 }
 
-std::vector<ModuleSetting> moduleSettings() {
-  std::vector<ModuleSetting> settings;
-  const fs::path home = platform::environmentVariable("HOME");
+std::vector<SettingsFile> knownSettingsFiles() {
+  const fs::path home = environmentText("HOME");
+  std::vector<SettingsFile> files = nssProfiles("Firefox", home / ".mozilla/firefox");
+  const std::vector<SettingsFile> mail = nssProfiles("Thunderbird", home / ".thunderbird");
+  files.insert(files.end(), mail.begin(), mail.end());
+  files.push_back({"NSS", home / ".pki/nssdb/pkcs11.txt", "library"});
   for (const fs::path& folder :
        {fs::path("/usr/share/p11-kit/modules"), fs::path("/etc/pkcs11/modules"), home / ".config/pkcs11/modules"}) {
-    for (const fs::path& file : entriesOf(folder))
-      if (file.extension() == ".module") addSettings(file, "p11-kit", "module", settings);
+    std::error_code error;
+    for (fs::directory_iterator entry(folder, error), end; !error && entry != end; entry.increment(error))
+      if (entry->path().extension() == ".module") files.push_back({"p11-kit", entry->path(), "module"});
   }
-  addSettings(home / ".pki/nssdb/pkcs11.txt", "NSS", "library", settings);
-  for (const fs::path& profile : entriesOf(home / ".mozilla/firefox"))
-    addSettings(profile / "pkcs11.txt", "Firefox", "library", settings);
-  if (const std::string java = platform::environmentVariable("JAVA_HOME"); !java.empty())
-    addJavaSettings(fs::path(java) / "conf/security/java.security", settings);
-  return settings;
+  return files;
 }
 
 std::string ownerOf(const fs::path& entry) {

@@ -1,5 +1,5 @@
-#include "platform/platform.h"
 #include "softtoken/platform.h"
+#include "tool/console.h"
 #include "tool/surroundings.h"
 
 namespace tool {
@@ -8,17 +8,22 @@ namespace fs = std::filesystem;
 
 std::vector<fs::path> librarySearchPath() {
   std::vector<fs::path> folders;
-  std::string rest = platform::environmentVariable("PATH");
+  std::string rest = environmentText("PATH");
   while (!rest.empty()) {
     const std::string folder = rest.substr(0, rest.find(';'));
     rest.erase(0, folder.size() + 1);
-    if (!folder.empty()) folders.emplace_back(folder);
+    if (!folder.empty()) folders.push_back(softtoken::pathOf(folder));
   }
   return folders;
 }
 
-// No setting is read on Windows: programs are configured in their own windows there.
-std::vector<ModuleSetting> moduleSettings() { return {}; }
+std::vector<SettingsFile> knownSettingsFiles() {
+  const fs::path profiles = softtoken::pathOf(environmentText("APPDATA"));
+  std::vector<SettingsFile> files = nssProfiles("Firefox", profiles / "Mozilla" / "Firefox" / "Profiles");
+  const std::vector<SettingsFile> mail = nssProfiles("Thunderbird", profiles / "Thunderbird" / "Profiles");
+  files.insert(files.end(), mail.begin(), mail.end());
+  return files;
+}
 
 std::string ownerOf(const fs::path&) { return {}; }
 

@@ -164,6 +164,16 @@ else
   script -qec "'$E2E_BIN/tavrin-tool' token create sig & sleep 1; kill -TERM \$!; wait \$!; echo code \$?; stty -a" \
     terminal < <(sleep 3) >/dev/null || fail "no terminal"
   says terminal 'new user password' 'code 143' ' echo '
+  # A mistyped repetition is asked for again.
+  : >typed
+  script -qfec "'$E2E_BIN/tavrin-tool' token create typed --so-pin-file so-pin" typed < <(
+    for row in 1:first 2:mistyped 3:"$(cat pin)" 4:"$(cat pin)"; do
+      awaited '(($(grep -oE "(new|repeat the) user password" typed | wc -l) >= ${row%%:*}))'
+      sleep 0.1 && echo "${row#*:}"
+    done
+  ) >/dev/null || fail "not created: $(cat typed)"
+  says typed 'The two entries differ.' 'created typed'
+  run sign_file "$E2E_MODULE" "file:$pin" key "$pin" typed.1 ec >/dev/null || fail "the repeated password is not the token's"
   [[ $(onTerminal | head -n 1) == $'\e[31m'*$'\e[0m'* && $(onTerminal NO_COLOR=1) != *$'\e'* ]] || fail "wrong colours"
 fi
 echo "tavrin-tool did what it was told"

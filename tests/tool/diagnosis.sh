@@ -1,7 +1,9 @@
 #!/bin/bash
 # What tavrin-tool's status, log and report say when something is wrong.
 source "$(dirname "$0")/lib.sh"
-mkdir -p home/TavrinDSC/Certificates
+export LC_ALL=C.UTF-8
+TAVRIN_HOME=$(native "$E2E_FOLDER/höme") # Windows' 8-bit encoding is not UTF-8
+mkdir -p höme/TavrinDSC/Certificates
 tool 0 log level 3
 createToken anna >/dev/null
 makeKey
@@ -23,6 +25,7 @@ env -u TAVRIN_HOME "${BASH:-bash}" -c '"$@"' - ${E2E_RUNNER:+"$E2E_RUNNER"} "$E2
 json '.caFolder.shared, ([.warnings[] | select(contains("TAVRIN_HOME"))] | length)' 'false,1'
 certify Right Root 200
 tool 0 status
+says out höme
 createToken full >/dev/null
 createToken damaged >/dev/null
 echo x >tokens/damaged/token
@@ -36,22 +39,69 @@ rm -r tokens/damaged
 tool 0 token remove full --yes
 tool 0 token plug anna
 tool 1 status --module "$(native "$E2E_FOLDER/none.dll")"
-[[ $E2E_SYSTEM == Linux ]] || {
-  says out 'there is no such file'
-  tool 1 status --module "$(native "$E2E_FOLDER/made.pem")"
-  says out 'the file is no DLL'
-}
-if [[ $E2E_SYSTEM == Linux ]]; then
+# Other programs' settings, and another device library in the search path.
+mkdir -p path app/Mozilla/Firefox/Profiles/x user/.mozilla/firefox/x user/.config/pkcs11/modules java/conf/security
+touch "path/$(basename "$deviceLibrary")"
+printf '%s\n' "library=$(native /nowhere/module)" "library=$library" 'library=p11-kit-proxy.so' |
+  tee app/Mozilla/Firefox/Profiles/x/pkcs11.txt >user/.mozilla/firefox/x/pkcs11.txt
+echo "module: $library" >user/.config/pkcs11/modules/tavrin.module
+echo "security.provider.13=SunPKCS11 $(native "$E2E_FOLDER/java.cfg")" >java/conf/security/java.security
+echo "library = $(native /nowhere/java)" >java.cfg
+if [[ $E2E_SYSTEM == Windows ]]; then
+  printf '@%s\r\n' "set PATH=Z:$E2E_FOLDER/path;%PATH%" "set APPDATA=Z:$E2E_FOLDER/app" "set JAVA_HOME=Z:$E2E_FOLDER/java" \
+    "\"Z:$E2E_BIN/tavrin-tool.exe\" status" >disturbed.bat
+  "$E2E_RUNNER" cmd /c disturbed.bat </dev/null >out || true
+else
+  LD_LIBRARY_PATH=$E2E_FOLDER/path HOME=$E2E_FOLDER/user JAVA_HOME=$E2E_FOLDER/java launch tavrin-tool status >out || true
+  says out 'loads the module twice, directly and through p11-kit'
+fi
+says out 'another device library is in the search path' "Firefox's setting in" "names a missing file, $(native /nowhere/module)" \
+  "Java's setting in" "names a missing file, $(native /nowhere/java)"
+
+if [[ $E2E_SYSTEM == Windows ]]; then
+  # Files that are no DLL for this processor, and a module without its device library.
+  header() { printf 'MZ%58s\x40\0\0\0PE\0\0%b%200s' '' "$1" '' | tr ' ' '\0'; }
+  header '\x4c\x01' >small.dll && header '\x64\xaa' >arm.dll && mkdir alone
+  cp "$library" "$E2E_BIN/tavrin-tool.exe" alone
+  for row in "none:there is no such file" "made.pem:the file is no DLL" "small.dll:the file is a 32-bit DLL" \
+    "arm.dll:another kind of processor"; do
+    tool 1 status --module "$(native "$E2E_FOLDER/${row%%:*}")"
+    says out "${row#*:}"
+  done
+  "$E2E_RUNNER" alone/tavrin-tool.exe status </dev/null >out || true
+  says out 'a DLL that it needs is missing, probably TavrinDSCLibrary.dll (Windows error 126)'
+else
   # The log cannot be written: standard output stays JSON although the module complains there.
-  mv "tmp/Quorvane Telemantix" kept && touch "tmp/Quorvane Telemantix"
+  log="tmp/Quorvane Telemantix"
+  mv "$log" kept && touch "$log"
   tool 3 status --json
   json '[.warnings[] | select(contains("the log cannot be written"))] | length' 1
-  rm "tmp/Quorvane Telemantix" && mv kept "tmp/Quorvane Telemantix"
-  # Another device library in the search path, and an NSS database with a missing file.
-  mkdir -p path user/.pki/nssdb && touch path/libTavrinDSCLibrary.so
-  echo 'library=/nowhere/module.so' >user/.pki/nssdb/pkcs11.txt
-  LD_LIBRARY_PATH=$E2E_FOLDER/path HOME=$E2E_FOLDER/user launch tavrin-tool status >out || true
-  says out 'another device library is in the search path' 'names a missing file, /nowhere/module.so'
+  rm "$log" && mv kept "$log"
+  [[ $EUID != 0 ]] || {
+    chown nobody "$log"
+    tool 3 status
+    says out 'the log is in /tmp/tavrin-0/' 'belongs to nobody'
+    chown root "$log"
+  }
+  # A token's folder that cannot be read; root must not be allowed to read everything.
+  limited() { if [[ $EUID == 0 ]]; then setpriv --bounding-set=-dac_override,-dac_read_search "$@"; else "$@"; fi; }
+  chmod 0 tokens/anna
+  limited "$E2E_BIN/tavrin-tool" status >out || true
+  says out 'unreadable' 'anna'
+  chmod 700 tokens/anna
+  # What is shown follows the token.
+  : >watched
+  script -qfec "echo \$\$ >watcher; exec '$E2E_BIN/tavrin-tool' status --watch" watched < <(
+    shows() { for ((i = 0; i < 100 && $(grep -c "$1" watched) < $2; ++i)); do sleep 0.1; done; }
+    shows 'tries left' 1
+    run tavrin-tool token unplug anna >&2
+    shows 'no token is connected' 1
+    run tavrin-tool token plug anna >&2
+    shows 'tries left' 2
+    kill "$(cat watcher)"
+  ) >/dev/null || true
+  [[ $(grep -oE 'tries left|no token is connected' watched | tr '\n' ,) == 'tries left,no token is connected,tries left,' ]] ||
+    fail "not watched: $(cat -v watched)"
 fi
 
 # The log of a wrong PIN, as support reads it.
