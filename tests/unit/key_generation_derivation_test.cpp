@@ -16,9 +16,7 @@ class KeyGenerationTest : public SessionTest {
   CK_OBJECT_HANDLE private_ = 77;
 };
 
-const std::string yes(1, '\1');
-const std::string no(1, '\0');
-const std::string ec = number(CKK_EC);
+const std::string yes(1, '\1'), no(1, '\0'), ec = number(CKK_EC);
 const std::string p256("\x06\x08\x2A\x86\x48\xCE\x3D\x03\x01\x07");
 const std::string p384("\x06\x05\x2B\x81\x04\x00\x22", 7);
 const std::string p521("\x06\x05\x2B\x81\x04\x00\x23", 7);
@@ -65,16 +63,8 @@ TEST_F(KeyGenerationTest, Refusals) {
 }
 
 TEST_F(KeyGenerationTest, TemplatesDecideWhatTheDeviceIsAskedFor) {
-  const std::string x200(200, 'x');
-  const std::string x128(128, 'x');
-  struct Row {
-    Template publicKey;
-    Template privateKey;
-    int keyType;
-    int bits;  // 0: not logged
-    std::string asked;
-  };
-  const Row rows[] = {
+  const std::string x200(200, 'x'), x128(128, 'x');
+  const std::tuple<Template, Template, int, int, std::string> rows[] = {
       {token, token, 0, 0, asked(2, 1)},
       {{{CKA_MODULUS_BITS, number(1024)}}, {{CKA_SIGN, yes}}, 0, 1024, asked(1, 1)},
       {{{CKA_MODULUS_BITS, number(2048)}}, {{CKA_DECRYPT, yes}}, 0, 2048, asked(2, 2)},
@@ -90,11 +80,11 @@ TEST_F(KeyGenerationTest, TemplatesDecideWhatTheDeviceIsAskedFor) {
       {{{CKA_LABEL, "x"}, {CKA_DECRYPT, yes}}, {{CKA_LABEL, "key"}, {CKA_ID, "id"}}, 0, 0, asked(2, 1, "key", "id")},
       {token, {{CKA_LABEL, x200}, {CKA_ID, x200}}, 0, 0, asked(2, 1, x128, x128)}};
   CK_OBJECT_HANDLE next = 0x20;
-  for (const Row& row : rows) {
+  for (const auto& [publicKey, privateKey, keyType, bits, request] : rows) {
     SCOPED_TRACE(next);
-    Lines lines{keyTypeTold(row.keyType)};
-    if (row.bits != 0) lines.push_back(bitsTold(row.bits));
-    does(generate(row.publicKey, row.privateKey), lines + Lines{row.asked, "- C_GenerateKeyPair - exit"});
+    Lines lines{keyTypeTold(keyType)};
+    if (bits != 0) lines.push_back(bitsTold(bits));
+    does(generate(publicKey, privateKey), lines + Lines{request, "- C_GenerateKeyPair - exit"});
     EXPECT_EQ(public_, 0x70001000 + next);
     EXPECT_EQ(private_, 0x70000000 + next);
     ++next;
@@ -159,36 +149,31 @@ TEST_F(KeyDerivationTest, NoSecretAndOneTooLongAreFailures) {
 }
 
 TEST_F(KeyDerivationTest, SecretIsHashedAndCutAsAsked) {
-  struct Row {
-    CK_EC_KDF_TYPE kdf;
-    int hash;  // its code; 0: none
-    int room;
-    Template attributes;
-    std::string secret;
-  };
-  const Row rows[] = {{CKD_NULL, 0, 0, {}, "Z(peer)"},
-                      {9, 0, 0, {{CKA_CLASS, number(CKO_SECRET_KEY)}, {CKA_LABEL, "x"}}, "Z(peer)"},
-                      {CKD_SHA1_KDF, 1, 20, {}, "H1(Z(peer))"},
-                      {CKD_SHA256_KDF, 4, 32, {}, "H4(Z(peer))"},
-                      {CKD_SHA256_KDF, 4, 32, {{CKA_VALUE_LEN, number(4)}}, "H4(Z"},
-                      {CKD_NULL, 0, 0, {{CKA_VALUE_LEN, number(3)}}, "Z(p"},
-                      {CKD_NULL, 0, 0, {{CKA_LABEL, "x"}, {CKA_VALUE_LEN, "\x09"}}, std::string("Z(peer)\0\0", 9)},
-                      {CKD_NULL, 0, 0, {{CKA_VALUE_LEN, number(0)}}, "Z(peer)"},
-                      {CKD_NULL, 0, 0, {{CKA_VALUE_LEN, Template::nothing}}, "Z(peer)"}};
+  // The function, the code of its hash (0: none), the room for the hash, the template and the secret.
+  const std::tuple<CK_EC_KDF_TYPE, int, int, Template, std::string> rows[] = {
+      {CKD_NULL, 0, 0, {}, "Z(peer)"},
+      {9, 0, 0, {{CKA_CLASS, number(CKO_SECRET_KEY)}, {CKA_LABEL, "x"}}, "Z(peer)"},
+      {CKD_SHA1_KDF, 1, 20, {}, "H1(Z(peer))"},
+      {CKD_SHA256_KDF, 4, 32, {}, "H4(Z(peer))"},
+      {CKD_SHA256_KDF, 4, 32, {{CKA_VALUE_LEN, number(4)}}, "H4(Z"},
+      {CKD_NULL, 0, 0, {{CKA_VALUE_LEN, number(3)}}, "Z(p"},
+      {CKD_NULL, 0, 0, {{CKA_LABEL, "x"}, {CKA_VALUE_LEN, "\x09"}}, std::string("Z(peer)\0\0", 9)},
+      {CKD_NULL, 0, 0, {{CKA_VALUE_LEN, number(0)}}, "Z(peer)"},
+      {CKD_NULL, 0, 0, {{CKA_VALUE_LEN, Template::nothing}}, "Z(peer)"}};
   int context = 0;
   CK_OBJECT_HANDLE last = derive(session_, "first");
   EXPECT_GE(last, 0x70003000u);
-  for (const Row& row : rows) {
+  for (const auto& [kdf, hash, room, attributes, derived] : rows) {
     ++last;
     Lines lines = deviceAsked;
-    if (row.hash != 0) {
+    if (hash != 0) {
       ++context;
-      lines = lines + Lines{hashBegun(row.hash), hashUpdated(context, "Z(peer)"), hashFinished(context, row.room)};
+      lines = lines + Lines{hashBegun(hash), hashUpdated(context, "Z(peer)"), hashFinished(context, room)};
     }
-    does(deriveKey(row.kdf, row.attributes), lines + Lines{"- C_DeriveKey: done, handle=" + std::to_string(last) +
-                                                           " len=" + std::to_string(row.secret.size())});
+    does(deriveKey(kdf, attributes), lines + Lines{"- C_DeriveKey: done, handle=" + std::to_string(last) +
+                                                   " len=" + std::to_string(derived.size())});
     EXPECT_EQ(key_, last);
-    EXPECT_EQ(secret(), row.secret);
+    EXPECT_EQ(secret(), derived);
   }
   // Secrets and their handles outlive sessions and the module's restart.
   ok(C_Finalize(nullptr));

@@ -67,21 +67,24 @@ TEST_F(ObjectCreationTest, CreateRefusals) {
   bad(CALL(C_CreateObject, session_, nullptr, 0, nullptr), ": pTemplate is NULL");
   bad(CALL(C_CreateObject, session_, &attribute, 0, nullptr), ": ulCount<=0");
   bad(CALL(C_CreateObject, session_, &attribute, 1, nullptr), ": phObject is NULL");
-  struct Row {
-    Template attributes;
-    Lines told;
-    CK_RV code = CKR_FUNCTION_FAILED;
-  };
-  const Row rows[] = {
+  const std::tuple<Template, Lines, CK_RV> rows[] = {
       {{{CKA_CLASS, number(2)}}, {"Provided object class not supported : 2"}, CKR_FUNCTION_NOT_SUPPORTED},
-      {{{CKA_CLASS, key}, {CKA_KEY_TYPE, number(CKK_EC)}}, {"ECC keypair not supported for import"}},
-      {{{CKA_CLASS, key}, {CKA_PRIVATE_EXPONENT, "d"}, {CKA_PRIME_1, "p"}}, lacksNumbers},
-      {{{CKA_CLASS, key}, {CKA_MODULUS, "n"}, {CKA_PRIVATE_EXPONENT, ""}, {CKA_PRIME_1, "p"}}, lacksNumbers},
-      {{{CKA_CLASS, key}, {CKA_MODULUS, "n"}, {CKA_PRIVATE_EXPONENT, "d"}, {CKA_PRIME_2, "q"}}, lacksNumbers},
-      {{{CKA_LABEL, "x"}, {CKA_VALUE, Template::nothing}}, {"Certificate data not available in create object"}},
+      {{{CKA_CLASS, key}, {CKA_KEY_TYPE, number(CKK_EC)}},
+       {"ECC keypair not supported for import"},
+       CKR_FUNCTION_FAILED},
+      {{{CKA_CLASS, key}, {CKA_PRIVATE_EXPONENT, "d"}, {CKA_PRIME_1, "p"}}, lacksNumbers, CKR_FUNCTION_FAILED},
+      {{{CKA_CLASS, key}, {CKA_MODULUS, "n"}, {CKA_PRIVATE_EXPONENT, ""}, {CKA_PRIME_1, "p"}},
+       lacksNumbers,
+       CKR_FUNCTION_FAILED},
+      {{{CKA_CLASS, key}, {CKA_MODULUS, "n"}, {CKA_PRIVATE_EXPONENT, "d"}, {CKA_PRIME_2, "q"}},
+       lacksNumbers,
+       CKR_FUNCTION_FAILED},
+      {{{CKA_LABEL, "x"}, {CKA_VALUE, Template::nothing}},
+       {"Certificate data not available in create object"},
+       CKR_FUNCTION_FAILED},
       {{{CKA_VALUE, std::string(3073, 'x')}}, {": certificate too long, ulValueLen=3073"}, CKR_DATA_LEN_RANGE},
       {{{CKA_VALUE, "none"}}, {parsed("none"), "- certificate parsing failed"}, CKR_DATA_INVALID}};
-  for (const Row& row : rows) expect(create(row.attributes), row.code, seen(row.attributes) + row.told);
+  for (const auto& [attributes, told, code] : rows) expect(create(attributes), code, seen(attributes) + told);
   EXPECT_EQ(created_, 77u);
 }
 

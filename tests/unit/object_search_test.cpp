@@ -70,40 +70,36 @@ TEST_F(ObjectSearchTest, FirstCriterionPresentDecides) {
   fake::edit()->devices[0].certificates.push_back(fake::certificate(5, "CN=Other|CN=Root|02", "Certificate 2"));
   fake::edit()->devices[0].keyPairs.push_back(fake::keyPair(3, 2, "rsa-modulus", "RSA key"));
   const CK_SESSION_HANDLE session = openLoggedIn();
-  struct Row {
-    CK_OBJECT_CLASS objectClass;
-    Template more;
-    Handles found;
-  };
   const std::string der1 = "CN=User|CN=Root|01";
-  const Row rows[] = {{CKO_CERTIFICATE, {}, {certificate1, certificate5}},
-                      {CKO_CERTIFICATE, {{CKA_LABEL, "Certificate"}}, {certificate1}},
-                      {CKO_CERTIFICATE, {{CKA_LABEL, std::string("Certificate\0 and more", 21)}}, {certificate1}},
-                      {CKO_CERTIFICATE, {{CKA_LABEL, std::string(1, '\0')}}, {certificate1, certificate5}},
-                      {CKO_CERTIFICATE, {{CKA_VALUE, der1}}, {certificate1}},
-                      {CKO_CERTIFICATE, {{CKA_VALUE, der1 + "|"}}, {}},
-                      {CKO_CERTIFICATE, {{CKA_ID, "id-"}}, {}},
-                      {CKO_CERTIFICATE, {{CKA_SUBJECT, "CN=Other"}}, {certificate5}},
-                      {CKO_CERTIFICATE, {{CKA_SUBJECT, "no"}, {CKA_ID, "id-5"}}, {certificate5}},
-                      {CKO_CERTIFICATE, {{CKA_ID, "id-5"}, {CKA_VALUE, der1}}, {certificate1}},
-                      {CKO_CERTIFICATE, {{CKA_VALUE, der1}, {CKA_LABEL, "Certificate 2"}}, {certificate5}},
-                      {CKO_CERTIFICATE, {{CKA_ID, "id-1"}, {CKA_ID, "id-5"}}, {certificate5}},
-                      {CKO_PUBLIC_KEY, {{CKA_CLASS, certificates}, {CKA_ID, "id-5"}}, {certificate5}},
-                      {CKO_PRIVATE_KEY, {}, {rsaPrivate, ecPrivate, private3}},
-                      {CKO_PRIVATE_KEY, {{CKA_LABEL, "RSA key"}}, {rsaPrivate, private3}},
-                      {CKO_PUBLIC_KEY, {{CKA_VALUE, "ec-point"}}, {ecPublic}},
-                      {CKO_PUBLIC_KEY, {{CKA_MODULUS, "rsa-modulus"}}, {rsaPublic, public3}},
-                      {CKO_PUBLIC_KEY, {{CKA_SUBJECT, "no criterion here"}}, {rsaPublic, ecPublic, public3}},
-                      {CKO_PRIVATE_KEY, {{CKA_ID, "id-3"}, {CKA_MODULUS, "ec-point"}}, {private3}},
-                      {CKO_PRIVATE_KEY, {{CKA_ID, "id-3"}, {CKA_VALUE, "ec-point"}}, {ecPrivate}},
-                      {CKO_SECRET_KEY, {}, {}},
-                      {CKO_VENDOR_DEFINED, {}, {}}};
-  for (const Row& row : rows) {
-    CK_OBJECT_CLASS objectClass = row.objectClass;
-    std::vector<CK_ATTRIBUTE> attributes(row.more.data(), row.more.data() + row.more.size());
-    attributes.insert(attributes.begin(), {CKA_CLASS, &objectClass, sizeof objectClass});
+  const std::tuple<CK_OBJECT_CLASS, Template, Handles> rows[] = {
+      {CKO_CERTIFICATE, {}, {certificate1, certificate5}},
+      {CKO_CERTIFICATE, {{CKA_LABEL, "Certificate"}}, {certificate1}},
+      {CKO_CERTIFICATE, {{CKA_LABEL, std::string("Certificate\0 and more", 21)}}, {certificate1}},
+      {CKO_CERTIFICATE, {{CKA_LABEL, std::string(1, '\0')}}, {certificate1, certificate5}},
+      {CKO_CERTIFICATE, {{CKA_VALUE, der1}}, {certificate1}},
+      {CKO_CERTIFICATE, {{CKA_VALUE, der1 + "|"}}, {}},
+      {CKO_CERTIFICATE, {{CKA_ID, "id-"}}, {}},
+      {CKO_CERTIFICATE, {{CKA_SUBJECT, "CN=Other"}}, {certificate5}},
+      {CKO_CERTIFICATE, {{CKA_SUBJECT, "no"}, {CKA_ID, "id-5"}}, {certificate5}},
+      {CKO_CERTIFICATE, {{CKA_ID, "id-5"}, {CKA_VALUE, der1}}, {certificate1}},
+      {CKO_CERTIFICATE, {{CKA_VALUE, der1}, {CKA_LABEL, "Certificate 2"}}, {certificate5}},
+      {CKO_CERTIFICATE, {{CKA_ID, "id-1"}, {CKA_ID, "id-5"}}, {certificate5}},
+      {CKO_PUBLIC_KEY, {{CKA_CLASS, certificates}, {CKA_ID, "id-5"}}, {certificate5}},
+      {CKO_PRIVATE_KEY, {}, {rsaPrivate, ecPrivate, private3}},
+      {CKO_PRIVATE_KEY, {{CKA_LABEL, "RSA key"}}, {rsaPrivate, private3}},
+      {CKO_PUBLIC_KEY, {{CKA_VALUE, "ec-point"}}, {ecPublic}},
+      {CKO_PUBLIC_KEY, {{CKA_MODULUS, "rsa-modulus"}}, {rsaPublic, public3}},
+      {CKO_PUBLIC_KEY, {{CKA_SUBJECT, "no criterion here"}}, {rsaPublic, ecPublic, public3}},
+      {CKO_PRIVATE_KEY, {{CKA_ID, "id-3"}, {CKA_MODULUS, "ec-point"}}, {private3}},
+      {CKO_PRIVATE_KEY, {{CKA_ID, "id-3"}, {CKA_VALUE, "ec-point"}}, {ecPrivate}},
+      {CKO_SECRET_KEY, {}, {}},
+      {CKO_VENDOR_DEFINED, {}, {}}};
+  for (const auto& [objectClass, more, found] : rows) {
+    std::vector<CK_ATTRIBUTE> attributes(more.data(), more.data() + more.size());
+    CK_OBJECT_CLASS wanted = objectClass;
+    attributes.insert(attributes.begin(), {CKA_CLASS, &wanted, sizeof wanted});
     ok(CALL(C_FindObjectsInit, session, attributes.data(), static_cast<CK_ULONG>(attributes.size())));
-    EXPECT_EQ(results(session), row.found) << "row " << (&row - rows);
+    EXPECT_EQ(results(session), found) << "class " << objectClass << ", " << ::testing::PrintToString(found);
   }
   // Without a class no criterion counts.
   EXPECT_EQ(find(session, {{CKA_LABEL, "none"}, {CKA_ID, "none"}, {CKA_TOKEN, "\1"}}),

@@ -145,45 +145,41 @@ TEST_F(OperationsTest, LengthQueriesKeepTheResultForTheCallThatFetchesIt) {
   const Call signEnd = CALL(C_SignFinal, session_, place, &out_.length);
   const Call encrypt = CALL(C_Encrypt, session_, bytes(data.c_str()), 2, place, &out_.length);
   const Call decrypt = CALL(C_Decrypt, session_, bytes(data.c_str()), 2, place, &out_.length);
-  struct Row {
-    Call begin;
-    Call call;
-    std::string result;
-    Lines told;  // by every call, also when the result is there
-  };
-  const Row rows[] = {{digestInit(session_), digest, "H3(ab)", {"- C_Digest Success"}},
-                      {digestInit(session_), digestEnd, "H3()", {"- C_DigestFinal Success"}},
-                      {signInit(session_, CKM_RSA_PKCS), sign, "S(ab)", {"- sign echanism : 1"}},
-                      {signInit(session_, CKM_RSA_PKCS), signEnd, "S()", {}},
-                      {encryptInit(session_), encrypt, "E(ab)", {}},
-                      {decryptInit(session_), decrypt, "P(ab)", {}}};
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.call.name);
-    auto query = [&](const char* given) {
+  // How the operation begins, the call, its result, and what every call logs, also when the result is there.
+  const std::tuple<Call, Call, std::string, Lines> rows[] = {
+      {digestInit(session_), digest, "H3(ab)", {"- C_Digest Success"}},
+      {digestInit(session_), digestEnd, "H3()", {"- C_DigestFinal Success"}},
+      {signInit(session_, CKM_RSA_PKCS), sign, "S(ab)", {"- sign echanism : 1"}},
+      {signInit(session_, CKM_RSA_PKCS), signEnd, "S()", {}},
+      {encryptInit(session_), encrypt, "E(ab)", {}},
+      {decryptInit(session_), decrypt, "P(ab)", {}}};
+  for (const auto& [begin, call, result, told] : rows) {
+    SCOPED_TRACE(call.name);
+    auto query = [&, call = call, result = result](const char* given) {
       data = given;
       place = nullptr;
-      ok(row.call);
-      EXPECT_EQ(out_.length, row.result.size());
+      ok(call);
+      EXPECT_EQ(out_.length, result.size());
       place = out_.data();
     };
-    ok(row.begin);
+    ok(begin);
     query("ab");
     data = "cd";
     place = nullptr;
-    does(row.call, row.told);
+    does(call, told);
     place = out_.data();
     out_.length = 0;  // the room does not matter
-    does(row.call, row.told);
-    EXPECT_EQ(out_.text(), row.result);
-    expectNoOperation(row.call);
+    does(call, told);
+    EXPECT_EQ(out_.text(), result);
+    expectNoOperation(call);
     // A result that nobody fetched is not the next operation's.
-    ok(row.begin);
+    ok(begin);
     query("no");
     endOperation(session_);
-    ok(row.begin);
+    ok(begin);
     data = "ab";
-    ok(row.call);
-    EXPECT_EQ(out_.text(), row.result);
+    ok(call);
+    EXPECT_EQ(out_.text(), result);
   }
 }
 
