@@ -118,26 +118,29 @@ TEST_F(SoftTokenTest, ImportsOnlyNumbersThatBelongTogether) {
   good.modulus = fromHex(vectors::modulus);
   good.privateExponent = fromHex(vectors::privateExponent);
   good.prime1 = fromHex(vectors::prime2);
-  const std::function<void(ImportPFXDetails&)> changes[] = {
-      [](auto& details) { details.modulus = altered(details.modulus); },
-      [](auto& details) { details.modulus[0] ^= 1; },
-      [](auto& details) { details.modulus.pop_back(); },
-      [](auto& details) { details.privateExponent = altered(details.privateExponent); },
-      [](auto& details) { details.privateExponent = {1}; },
-      [](auto& details) { details.privateExponent.assign(128, 0); },
-      [](auto& details) { details.privateExponent.clear(); },
-      [](auto& details) { details.privateExponent.insert(details.privateExponent.begin(), 1); },
-      [](auto& details) { details.prime1 = altered(details.prime1); },
-      [](auto& details) { details.prime1 = details.modulus; },
-      [](auto& details) { details.prime1 = {1}; },
-      [](auto& details) { details.prime1.assign(64, 0); },
-      [](auto& details) { details.prime1.clear(); },
-      [](auto& details) { details.modulus.clear(); },
-      [](auto& details) { details.modulus.assign(128, 0); },
-  };
-  for (const auto& change : changes) {
-    ImportPFXDetails bad = good;
-    change(bad);
+  using Details = ImportPFXDetails;
+  const Bytes &n = good.modulus, &d = good.privateExponent, &p = good.prime1;
+  Bytes otherStart = n, longer = d;
+  otherStart[0] ^= 1;
+  longer.insert(longer.begin(), 1);
+  const std::pair<Bytes Details::*, Bytes> changes[] = {{&Details::modulus, altered(n)},
+                                                        {&Details::modulus, otherStart},
+                                                        {&Details::modulus, {n.begin(), n.end() - 1}},
+                                                        {&Details::modulus, {}},
+                                                        {&Details::modulus, Bytes(128)},
+                                                        {&Details::privateExponent, altered(d)},
+                                                        {&Details::privateExponent, {1}},
+                                                        {&Details::privateExponent, Bytes(128)},
+                                                        {&Details::privateExponent, {}},
+                                                        {&Details::privateExponent, longer},
+                                                        {&Details::prime1, altered(p)},
+                                                        {&Details::prime1, n},
+                                                        {&Details::prime1, {1}},
+                                                        {&Details::prime1, Bytes(64)},
+                                                        {&Details::prime1, {}}};
+  for (const auto& [number, value] : changes) {
+    Details bad = good;
+    bad.*number = value;
     EXPECT_EQ(tavrin_importPfx(device.c_str(), pin, &bad, instance), badArgument);
   }
   for (Bytes* number : {&good.modulus, &good.privateExponent, &good.prime1}) number->insert(number->begin(), 70, 0);

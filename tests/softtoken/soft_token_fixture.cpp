@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "softtoken/certificates.h"
 #include "test_platform.h"
 #include "vectors.h"
 
@@ -26,9 +27,11 @@ Bytes rsaPublicKeyInfo() {
   return fromHex(der);
 }
 
+Bytes certificateInDer() { return softtoken::certificateInFile(softtoken::viewOf(vectors::certificatePem)).value(); }
+
 TavrinCertificate certificateRecord() {
   TavrinCertificate record{};
-  const Bytes der = fromHex(vectors::certificate);
+  const Bytes der = certificateInDer();
   std::ranges::copy(der, record.certificate);
   record.certificateLength = static_cast<std::uint32_t>(der.size());
   return record;
@@ -84,43 +87,61 @@ int SoftTokenTest::importCertificate(TavrinCertificate& certificate, const char*
   return tavrin_importCertificate(device.c_str(), password, &certificate, instance);
 }
 
-Made SoftTokenTest::sign(const TavrinKeyPair& key, const Bytes& input, bool pss, const char* password) {
+namespace {
+
+// What a call wrote to the caller's buffer.
+template <class Call>
+Made written(Call call) {
   Bytes out(1024);
   int length = 0;
-  const int status = tavrin_signHash(device.c_str(), key.recordId, password, input.data(),
-                                     static_cast<int>(input.size()), out.data(), &length, false, instance, pss);
+  const int status = call(out.data(), &length);
   out.resize(static_cast<std::size_t>(length));
   return {status, out};
 }
 
+// What a call left in a buffer of the library.
+template <class Call>
+Made lent(Call call) {
+  std::uint8_t* out = nullptr;
+  int length = 0;
+  const int status = call(&out, &length);
+  return {status, status == ok ? Bytes(out, out + length) : Bytes()};
+}
+
+int sizeOf(const Bytes& bytes) { return static_cast<int>(bytes.size()); }
+
+}  // namespace
+
+Made SoftTokenTest::sign(const TavrinKeyPair& key, const Bytes& input, bool pss, const char* password) {
+  return written([&](std::uint8_t* out, int* length) {
+    return tavrin_signHash(device.c_str(), key.recordId, password, input.data(), sizeOf(input), out, length, false,
+                           instance, pss);
+  });
+}
+
 int SoftTokenTest::verify(const TavrinKeyPair& key, const Bytes& input, const Bytes& signature, bool pss) {
-  return tavrin_verifySignatureHash(key.keyType, device.c_str(), input.data(), static_cast<int>(input.size()),
-                                    key.publicKey, static_cast<int>(key.publicKeyLength), signature.data(),
-                                    static_cast<int>(signature.size()), instance, pss);
+  return tavrin_verifySignatureHash(key.keyType, device.c_str(), input.data(), sizeOf(input), key.publicKey,
+                                    static_cast<int>(key.publicKeyLength), signature.data(), sizeOf(signature),
+                                    instance, pss);
 }
 
 Made SoftTokenTest::encryptRsa(const Bytes& message, PaddingMode padding) {
   const Bytes info = rsaPublicKeyInfo();
-  Bytes out(1024);
-  int length = 0;
-  const int status = tavrin_encrypt(EncryptionType::rsa1024, padding, message.data(), static_cast<int>(message.size()),
-                                    out.data(), &length, info.data(), static_cast<int>(info.size()), instance);
-  out.resize(static_cast<std::size_t>(length));
-  return {status, out};
+  return written([&](std::uint8_t* out, int* length) {
+    return tavrin_encrypt(EncryptionType::rsa1024, padding, message.data(), sizeOf(message), out, length, info.data(),
+                          sizeOf(info), instance);
+  });
 }
 
 Made SoftTokenTest::decrypt(const TavrinKeyPair& key, const Bytes& ciphertext) {
-  std::uint8_t* plain = nullptr;
-  int length = 0;
-  const int status = tavrin_decrypt(device.c_str(), key.recordId, pin, ciphertext.data(),
-                                    static_cast<int>(ciphertext.size()), &plain, &length, false, instance);
-  return {status, status == ok ? Bytes(plain, plain + length) : Bytes()};
+  return lent([&](std::uint8_t** out, int* length) {
+    return tavrin_decrypt(device.c_str(), key.recordId, pin, ciphertext.data(), sizeOf(ciphertext), out, length, false,
+                          instance);
+  });
 }
 
 Made SoftTokenTest::derive(const TavrinKeyPair& key, const Bytes& peer) {
-  std::uint8_t* secret = nullptr;
-  int length = 0;
-  const int status = tavrin_ecdhDerive(device.c_str(), key.recordId, pin, peer.data(), static_cast<int>(peer.size()),
-                                       &secret, &length, instance);
-  return {status, status == ok ? Bytes(secret, secret + length) : Bytes()};
+  return lent([&](std::uint8_t** out, int* length) {
+    return tavrin_ecdhDerive(device.c_str(), key.recordId, pin, peer.data(), sizeOf(peer), out, length, instance);
+  });
 }

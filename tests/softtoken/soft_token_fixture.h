@@ -64,7 +64,8 @@ class SoftTokenTest : public testing::Test {
   int tries = 0;
 };
 
-// A certificate's record with the vectors' certificate.
+// The vectors' certificate, and its record.
+Bytes certificateInDer();
 TavrinCertificate certificateRecord();
 Bytes rsaPublicKeyInfo();  // of the vectors' key
 Bytes publicKeyOf(const TavrinKeyPair& key);

@@ -45,6 +45,8 @@ TEST_F(SoftTokenTest, ListsWholeConnectedTokensBySerial) {
   EXPECT_EQ(info.firmwareVersion, "1.9.9");
   EXPECT_EQ(info.remainingRetries, 10);
   EXPECT_EQ(tavrin_getTokenInfo("nobody", instance).serialNumber, "");
+  EXPECT_NE(softtoken::Token(tokenFolder("two")).unlockForUser(pin).masterKey,
+            otherProcess().unlockForUser(pin).masterKey);
 
   softtoken::unplugToken("two");
   EXPECT_EQ(devices(), Devices{device});
@@ -351,7 +353,7 @@ TEST_F(SoftTokenTest, TwoProcessesAndManyThreadsLoseNothing) {
 }
 
 TEST_F(SoftTokenTest, ReadsCertificatesAndTheFilesThatHoldThem) {
-  const Bytes der = fromHex(vectors::certificate);
+  const Bytes der = certificateInDer();
   CertificateDetails details{};
   EXPECT_EQ(tavrin_getCertificateDetails(der.data(), static_cast<int>(der.size()), &details, nullptr), ok);
   EXPECT_EQ(details.subjectName, "CN=Example Root,O=Example,C=IN");

@@ -211,7 +211,16 @@ bool ModuleTest::waitForListings(int count) {
 
 void ModuleTest::logLevel(std::uint32_t level) { testPlatform::setLogLevel(level); }
 
-std::string ModuleTest::logFolder() { return (testFolder->path / "Quorvane Telemantix").string(); }
+fs::path ModuleTest::logFolder() { return testFolder->path / "Quorvane Telemantix"; }
+
+std::string ModuleTest::printedBy(const std::function<void()>& work, const fs::path& folder) {
+  ::testing::internal::CaptureStdout();
+  testPlatform::useTemporaryFolder(folder);
+  work();
+  testPlatform::useTemporaryFolder(testFolder->path);
+  std::fflush(stdout);
+  return ::testing::internal::GetCapturedStdout();
+}
 
 std::string ModuleTest::rawLog() {
   std::string text;

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstddef>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <utility>
@@ -145,8 +146,10 @@ class ModuleTest : public ::testing::Test {
 
   static void logLevel(std::uint32_t level);
   // The folder of the log files, and all that they hold, as it stands there.
-  static std::string logFolder();
+  static std::filesystem::path logFolder();
   static std::string rawLog();
+  // Does the work with `folder` as the folder for temporary files, and returns what the process prints.
+  static std::string printedBy(const std::function<void()>& work, const std::filesystem::path& folder);
 
  private:
   void takeLog();

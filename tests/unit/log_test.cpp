@@ -27,16 +27,6 @@ class LogTest : public ModuleTest {
   }
 };
 
-// What the process prints when a call has an error line to log, and its temporary files go to `temporary` meanwhile.
-std::string printedWith(const fs::path& usual, const fs::path& temporary) {
-  ::testing::internal::CaptureStdout();
-  testPlatform::useTemporaryFolder(temporary.string());
-  C_CloseSession(1);
-  std::fflush(stdout);
-  testPlatform::useTemporaryFolder(usual.string());
-  return ::testing::internal::GetCapturedStdout();
-}
-
 TEST_F(LogTest, FileIsNamedByProcessAndDayAndLinesByTime) {
   ASSERT_TRUE(waitForMonitorsLines());
   EXPECT_EQ(C_CloseSession(1), CKR_SESSION_HANDLE_INVALID);
@@ -76,16 +66,17 @@ TEST_F(LogTest, LevelIsTheFirstByteOfTheValueAndIsReadForEveryLine) {
 TEST_F(LogTest, LinesThatCannotBeWrittenAreDroppedWithAWordOnTheOutput) {
   ASSERT_TRUE(waitForMonitorsLines());
   logLevel(2);
-  const fs::path folder = fs::path(logFolder()).parent_path();
+  const fs::path folder = logFolder().parent_path();
+  const auto logLine = [] { C_CloseSession(1); };
   std::ofstream(folder / "file") << "x";
   fs::create_directories(folder / "blocked");
   std::ofstream(folder / "blocked" / "Quorvane Telemantix") << "x";  // where a folder would be
   for (const auto& [name, printed] : {std::pair{"missing", "\nUnable to getLogBaseFolderPath"},
                                       {"file", "\nUnable to getLogBaseFolderPath"},
                                       {"blocked", "\nUnable to write log"}}) {
-    EXPECT_EQ(printedWith(folder, folder / name), printed) << name;
+    EXPECT_EQ(printedBy(logLine, folder / name), printed) << name;
   }
-  EXPECT_EQ(printedWith(folder, folder), "");
+  EXPECT_EQ(printedBy(logLine, folder), "");
 }
 
 }  // namespace

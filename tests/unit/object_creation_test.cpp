@@ -123,7 +123,7 @@ TEST_F(ObjectCreationTest, CertificateWithoutCaFilesIsImportedAlone) {
 TEST_F(ObjectCreationTest, ChainsAreImportedRootFirstByTheirCommonNames) {
   const std::string longName(150, 'n');
   const std::string longFile = "CN=" + longName + "|" + longName + "|1";
-  const std::string tooLong(3073, '|');
+  const std::string tooLong(3073, '|'), longest = "CN=Inter|CN=Inter|" + std::string(3072 - 18, '1');
   const std::string a = "CN=A|CN=A|3", b = "CN=B|CN=B|2", circle = "CN=Inter|CN=Other|1", orphan = "CN=Inter|CN=None|1";
   struct Row {
     const char* name;
@@ -134,6 +134,7 @@ TEST_F(ObjectCreationTest, ChainsAreImportedRootFirstByTheirCommonNames) {
   };
   const std::vector<Row> rows = {
       {"files that are none", {"none", root, "", tooLong, inter}, leaf, {{"Root", root}, {"Inter", inter}}},
+      {"a file as long as a record", {longest}, leaf, {{"Inter", longest}}},
       {"no CA of the issuer's name", {root}, leaf, {}, "Inter"},
       {"an incomplete chain", {inter}, leaf, {}, "Root"},
       {"a circle", {circle, "CN=Other|CN=Inter|2"}, leaf, {}, "Inter"},

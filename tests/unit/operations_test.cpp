@@ -1,7 +1,7 @@
 // Which call meets which operation in progress, and how results are handed out.
 #include <algorithm>
 
-#include "signature_mechanisms.h"
+#include "module_test.h"
 
 namespace {
 

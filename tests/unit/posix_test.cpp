@@ -1,8 +1,6 @@
 // What only POSIX systems have: fork, signals, cancelled threads, limits, and other users who can write to /tmp.
-#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -185,7 +183,7 @@ class PrivateLogTest : public ModuleTest {
     ModuleTest::SetUp();
     C_Finalize(nullptr);  // the monitor would log too
     logLevel(2);
-    usual_ = fs::path(logFolder()).parent_path();
+    usual_ = logFolder().parent_path();
     folder_ = usual_ / "private";
     fs::remove_all(folder_);
     fs::create_directories(folder_);
@@ -200,14 +198,13 @@ class PrivateLogTest : public ModuleTest {
   }
   // What the process prints while it logs one line that holds `number`.
   std::string printed(CK_SESSION_HANDLE number = 1) {
-    ::testing::internal::CaptureStdout();
-    testPlatform::setEnvironment("TMPDIR", folder_.c_str());
-    ok(C_Initialize(nullptr));
-    C_CloseSession(number);
-    C_Finalize(nullptr);
-    testPlatform::useTemporaryFolder(usual_.string());
-    std::fflush(stdout);
-    return ::testing::internal::GetCapturedStdout();
+    return printedBy(
+        [&] {
+          ok(C_Initialize(nullptr));
+          C_CloseSession(number);
+          C_Finalize(nullptr);
+        },
+        folder_);
   }
 
   fs::path usual_;
@@ -306,18 +303,9 @@ TEST_F(PrivateLogTest, SetUserIdProgramsDoNotTrustTheEnvironment) {
   fs::permissions(folder_, fs::perms::others_all, fs::perm_options::add);
   logLevel(0);  // in the registry that it must not read
   testPlatform::setEnvironment("TMPDIR", folder_.c_str());
-  std::string name = program.string();
-  std::string filter = "--gtest_filter=SetUserIdProgram.*";
-  std::string disabled = "--gtest_also_run_disabled_tests";
-  char* arguments[] = {name.data(), filter.data(), disabled.data(), nullptr};
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-  pid_t child = -1;
-  ASSERT_EQ(posix_spawn(&child, name.c_str(), &actions, nullptr, arguments, environ), 0);
-  posix_spawn_file_actions_destroy(&actions);
-  EXPECT_EQ(endOf(child), 0);
-  testPlatform::useTemporaryFolder(usual_.string());
+  const std::string options = " --gtest_filter=SetUserIdProgram.* --gtest_also_run_disabled_tests >/dev/null";
+  EXPECT_EQ(std::system((program.string() + options).c_str()), 0);
+  testPlatform::useTemporaryFolder(usual_);
   EXPECT_NE(readFile(logs / logFileToday()).find("C_CloseSession: not initialized\n"), std::string::npos);
   EXPECT_FALSE(fs::exists(folder_ / "Quorvane Telemantix"));
   fs::remove_all(logs);
