@@ -60,7 +60,7 @@ class Crypto : public testing::Test {
     const std::string file = "signature." + std::to_string(++signatures);
     writeFile(file, isEc(mechanism) ? ecdsaSignatureAsDer(signature) : signature);
     openssl << "dgst -" << hashName(mechanism)
-            << (mechanism.pss ? " -sigopt rsa_padding_mode:pss -sigopt rsa_pss_saltlen:digest" : "") << " -verify "
+            << (mechanism.pss != 0 ? " -sigopt rsa_padding_mode:pss -sigopt rsa_pss_saltlen:digest" : "") << " -verify "
             << key << ".pem -signature " << file << " data\n";
   }
   static void signAndVerify(const MechanismRow& mechanism, const char* key);
@@ -80,14 +80,14 @@ void Crypto::signAndVerify(const MechanismRow& mechanism, const char* key) {
   const Bytes parts = token->sign(mechanism.type, privateKey, data, true);
   expectOpensslAccepts(mechanism, key, whole);
   expectOpensslAccepts(mechanism, key, parts);
-  const bool deterministic = !isEc(mechanism) && !mechanism.pss;
+  const bool deterministic = !isEc(mechanism) && mechanism.pss == 0;
   EXPECT_EQ(whole == parts, deterministic);
   for (const bool inParts : {false, true}) {
     const auto verify = [&](const Bytes& signedData, const Bytes& signature) {
       return token->verify(mechanism.type, publicKey, signedData, signature, inParts);
     };
     // Verification in parts never tells the device that a signature is a PSS one.
-    EXPECT_EQ(verify(data, whole), inParts && mechanism.pss ? CKR_SIGNATURE_INVALID : CKR_OK);
+    EXPECT_EQ(verify(data, whole), inParts && mechanism.pss != 0 ? CKR_SIGNATURE_INVALID : CKR_OK);
     EXPECT_EQ(verify(altered(data), whole), CKR_SIGNATURE_INVALID);
     EXPECT_EQ(verify(data, altered(whole)), CKR_SIGNATURE_INVALID);
   }

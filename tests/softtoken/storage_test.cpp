@@ -143,13 +143,6 @@ TEST_F(SoftTokenTest, OnlyAWrongPasswordSpendsATry) {
     EXPECT_EQ(otherProcess().tries().user, 10u);
     EXPECT_FALSE(fs::exists(tokenFolder() / "tries.before"));
   };
-  // Too little memory for the derivation of a key. Not under sanitizers, nor on Windows.
-  if (testPlatform::limitMemory(true)) {
-    EXPECT_EQ(login(pin), deviceFault) << "which no caller takes for a wrong password";
-    testPlatform::limitMemory(false);
-    EXPECT_EQ(tries, 10);
-    EXPECT_EQ(otherProcess().tries().user, 10u);
-  }
   const fs::path file = tokenFolder() / "token";
   const Bytes whole = softtoken::readFile(file, 1 << 20).value();
   Bytes changed(whole.begin(), whole.end() - 32);

@@ -38,10 +38,8 @@ void setLogLevel(std::optional<std::uint32_t> level);
 
 // Log levels that this platform's registry can hold in other ways than as a 32-bit value.
 struct OddLogLevel {
-  const char* name;
   std::function<void()> set;
-  bool errorsLogged;
-  bool callsLogged;
+  bool errorsLogged, callsLogged;
 };
 std::vector<OddLogLevel> oddLogLevels();
 
@@ -71,10 +69,6 @@ void forEachMemoryBlock(std::intptr_t process, const std::function<void(std::spa
 // From then on, writing to a file beyond this size fails, after what fits has been written; nothing lifts the limit.
 // False where the system has no such limit.
 bool limitFileSize(std::optional<std::size_t> size);
-
-// Leaves the process only a few MiB of memory that it does not use yet, until it is called with false. False where that
-// cannot be done: on Windows and under sanitizers.
-bool limitMemory(bool limited);
 
 // How many handles or descriptors this process has open.
 std::size_t openHandles();

@@ -38,7 +38,7 @@ void setLogLevel(std::optional<std::uint32_t> level) {
 }
 
 std::vector<OddLogLevel> oddLogLevels() {
-  return {{"a text with a line end", [] { writeLogLevel("3\n"); }, true, true}};
+  return {{[] { writeLogLevel("3\n"); }, true, true}};
 }
 
 bool appendsAtomically() { return true; }
@@ -121,20 +121,6 @@ bool limitFileSize(std::optional<std::size_t> size) {
   getrlimit(RLIMIT_FSIZE, &limit);
   limit.rlim_cur = size ? *size : limit.rlim_max;
   return setrlimit(RLIMIT_FSIZE, &limit) == 0;
-}
-
-bool limitMemory([[maybe_unused]] bool limited) {
-#ifdef TESTS_WITH_SANITIZERS
-  return false;
-#else
-  rlimit limit{};
-  getrlimit(RLIMIT_AS, &limit);
-  std::size_t pages = 0;
-  std::ifstream("/proc/self/statm") >> pages;
-  constexpr rlim_t rest = rlim_t{8} << 20;
-  limit.rlim_cur = limited ? pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + rest : limit.rlim_max;
-  return setrlimit(RLIMIT_AS, &limit) == 0;
-#endif
 }
 
 std::size_t openHandles() {

@@ -33,12 +33,10 @@ void setLogLevel(std::optional<std::uint32_t> level) {
 
 std::vector<OddLogLevel> oddLogLevels() {
   static const char zeros[33] = {};
-  return {
-      {"a text", [] { writeLogLevel(REG_SZ, "3", 2); }, true, false},
-      {"bytes", [] { writeLogLevel(REG_BINARY, "\x03\x01", 2); }, true, true},
-      {"32 bytes", [] { writeLogLevel(REG_BINARY, zeros, 32); }, false, false},
-      {"33 bytes", [] { writeLogLevel(REG_BINARY, zeros, 33); }, true, false},
-  };
+  return {{[] { writeLogLevel(REG_SZ, "3", 2); }, true, false},
+          {[] { writeLogLevel(REG_BINARY, "\x03\x01", 2); }, true, true},
+          {[] { writeLogLevel(REG_BINARY, zeros, 32); }, false, false},
+          {[] { writeLogLevel(REG_BINARY, zeros, 33); }, true, false}};
 }
 
 bool appendsAtomically() { return GetProcAddress(GetModuleHandleA("ntdll.dll"), "wine_get_version") == nullptr; }
@@ -104,8 +102,6 @@ void forEachMemoryBlock(std::intptr_t process, const std::function<void(std::spa
 }
 
 bool limitFileSize(std::optional<std::size_t>) { return false; }
-
-bool limitMemory(bool) { return false; }
 
 std::size_t openHandles() {
   DWORD count = 0;

@@ -29,12 +29,12 @@ const std::string converted = "- Public key is not der need to convert to the de
 // "rsa-modulus", converted.
 const std::string derKey = "3026" + algorithm + "0315003012020B7273612D6D6F64756C75730203010001";
 
-std::string signAsked(const std::string& input, bool pss = false, const std::string& keyAndPin = "key-1 pin='1234'") {
-  return "> signHash TK1 " + keyAndPin + " input='" + input + "' room=1024 flag=0 inst pss=" + (pss ? "1" : "0");
+std::string signAsked(const std::string& input, int pss = 0, const std::string& keyAndPin = "key-1 pin='1234'") {
+  return "> signHash TK1 " + keyAndPin + " input='" + input + "' room=1024 flag=0 inst pss=" + std::to_string(pss);
 }
-std::string verifyAsked(const std::string& input, const std::string& key, bool pss = false) {
+std::string verifyAsked(const std::string& input, const std::string& key, int pss = 0) {
   return "> verifySignatureHash type=2 TK1 input='" + input + "' key=" + key +
-         " signature='sig' inst pss=" + (pss ? "1" : "0");
+         " signature='sig' inst pss=" + std::to_string(pss);
 }
 std::string mechanismTold(CK_MECHANISM_TYPE type) { return "- sign echanism : " + std::to_string(type); }
 
@@ -168,7 +168,7 @@ TEST_F(CryptoTest, DeviceIsGivenTheKeyThatWasResolvedLastAndWithoutLoginNoPasswo
   CK_ULONG size = 0;
   ok(C_GetObjectSize(session_, ecPublic, &size));
   does(sign_, {mechanismTold(CKM_RSA_PKCS), "- Sign: password empty=1 hashLen=2 session state=2",
-               "- Sign input hash : 6162", signAsked("ab", false, "key-2 pin=''")});
+               "- Sign input hash : 6162", signAsked("ab", 0, "key-2 pin=''")});
 }
 
 // The parts of a signature that C_Sign ended, and the hash of a digest, are kept: that is how it has always been.

@@ -146,35 +146,34 @@ TEST_F(ThreadsTest, MonitorTakesNoSignalThatTheApplicationWaitsFor) {
 TEST_F(ThreadsTest, CancelledThreadsEndAfterTheirCall) {
   static std::atomic<int> calls;
   calls = 0;
-  pthread_t busy{};
-  pthread_t waiting{};
-  pthread_create(
-      &busy, nullptr,
-      [](void*) -> void* {
-        for (;; ++calls) {
-          C_CloseSession(1);
-          pthread_testcancel();
-        }
-      },
-      nullptr);
-  pthread_create(
-      &waiting, nullptr,
-      [](void*) -> void* {
-        CK_SLOT_ID slot = 0;
-        while (C_WaitForSlotEvent(0, &slot, nullptr) == CKR_OK) ++calls;
-        pthread_testcancel();
-        return nullptr;
-      },
-      nullptr);
+  const auto start = [](void* (*body)(void*)) {
+    pthread_t thread{};
+    pthread_create(&thread, nullptr, body, nullptr);
+    return thread;
+  };
+  const auto expectCancelled = [](pthread_t thread) {
+    void* result = nullptr;
+    pthread_join(thread, &result);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+  };
+  const pthread_t busy = start([](void*) -> void* {
+    for (;; ++calls) {
+      C_CloseSession(1);
+      pthread_testcancel();
+    }
+  });
+  const pthread_t waiting = start([](void*) -> void* {
+    CK_SLOT_ID slot = 0;
+    while (C_WaitForSlotEvent(0, &slot, nullptr) == CKR_OK) ++calls;
+    pthread_testcancel();
+    return nullptr;
+  });
   while (calls < 100) std::this_thread::sleep_for(1ms);
   pthread_cancel(busy);
   pthread_cancel(waiting);
-  void* result = nullptr;
-  pthread_join(busy, &result);
-  EXPECT_EQ(result, PTHREAD_CANCELED);
+  expectCancelled(busy);
   ok(C_Finalize(nullptr));  // wakes the one that waits
-  pthread_join(waiting, &result);
-  EXPECT_EQ(result, PTHREAD_CANCELED);
+  expectCancelled(waiting);
 }
 
 class PrivateLogTest : public ModuleTest {
