@@ -1,4 +1,4 @@
-// The bytes of one fuzzing input, read as choices. Behind the last byte every choice is 0.
+// The bytes of one fuzzing input, read as choices. After the last byte every choice is 0.
 #pragma once
 
 #include <cstddef>

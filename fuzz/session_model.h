@@ -1,7 +1,8 @@
-// What an application may rely on about slots, sessions, logins and operations, in a few lines and written without a
-// look at the module: the random walk compares the two after every call.
+// What an application may rely on about slots, sessions, logins and operations. It shares no code with the module, and
+// the random walk compares the two after every call.
 #pragma once
 
+#include <algorithm>
 #include <map>
 #include <optional>
 #include <string>
@@ -75,9 +76,7 @@ class SessionModel {
   // Users of tokens that are gone are logged out, security officers are not.
   void lookAtDevices(const std::vector<std::string>& connected) {
     for (auto& [handle, session] : sessions) {
-      bool there = false;
-      for (const std::string& device : connected) there = there || device == session.device;
-      if (there || !session.isUser()) continue;
+      if (!session.isUser() || std::count(connected.begin(), connected.end(), session.device) != 0) continue;
       lower(session);
       password.clear();
     }
@@ -95,9 +94,6 @@ class SessionModel {
   static constexpr CK_SESSION_HANDLE firstSession = 0x60000001;
 
   static void lower(ModelSession& session) {
-    if (session.state == CKS_RO_USER_FUNCTIONS) session.state = CKS_RO_PUBLIC_SESSION;
-    if (session.state == CKS_RW_USER_FUNCTIONS || session.state == CKS_RW_SO_FUNCTIONS) {
-      session.state = CKS_RW_PUBLIC_SESSION;
-    }
+    session.state = session.isReadOnly() ? CKS_RO_PUBLIC_SESSION : CKS_RW_PUBLIC_SESSION;
   }
 };
