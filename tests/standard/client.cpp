@@ -7,12 +7,14 @@
 #include <iterator>
 
 #include "load_module.h"
-#include "softtoken/crypto_library.h"
+#include "softtoken/ec.h"
+#include "softtoken/failure.h"
+#include "softtoken/rsa.h"
 
 CK_FUNCTION_LIST* f = nullptr;
 const char* const operationNames[] = {"digest", "sign", "verify", "encrypt", "decrypt"};
 const std::string p256{"\x06\x08\x2A\x86\x48\xCE\x3D\x03\x01\x07"}, p384{"\x06\x05\x2B\x81\x04\x00\x22", 7},
-    p521{"\x06\x05\x2B\x81\x04\x00\x23", 7};
+    p521{"\x06\x05\x2B\x81\x04\x00\x23", 7}, exponent("\1\0\1", 3);
 
 namespace {
 
@@ -23,18 +25,7 @@ std::string setting(const char* name) {
   return value ? value : "";
 }
 
-std::string code(CK_RV value) {
-  char text[24];
-  std::snprintf(text, sizeof text, "0x%lX", static_cast<unsigned long>(value));
-  return text;
-}
-
-int algorithmOf(std::size_t hashLength) {
-  return hashLength == 20   ? GCRY_MD_SHA1
-         : hashLength == 32 ? GCRY_MD_SHA256
-         : hashLength == 48 ? GCRY_MD_SHA384
-                            : GCRY_MD_SHA512;
-}
+softtoken::ByteView view(const std::string& text) { return softtoken::viewOf(text); }
 
 }  // namespace
 
@@ -52,15 +43,14 @@ Expected noSuchKey() {
 
 bool is(CK_RV got, const Expected& expected, const std::string& note, int line, const char* file) {
   if (std::find(expected.codes.begin(), expected.codes.end(), got) != expected.codes.end()) return true;
-  std::string wanted;
-  for (const CK_RV one : expected.codes) wanted += ' ' + code(one);
-  ADD_FAILURE_AT(file, line) << "got " << code(got) << ", expected" << wanted << "; " << note << "; " << expected.why;
+  ADD_FAILURE_AT(file, line) << std::hex << "got 0x" << got << ", expected 0x" << expected.codes.front() << "; " << note
+                             << "; " << expected.why;
   return false;
 }
 
-Template Template::with(std::initializer_list<Attribute> more) const {
+Template Template::with(const Template& more) const {
   Template result = *this;
-  for (const Attribute& one : more) {
+  for (const Attribute& one : more.values_) {
     result = result.without(one.type);
     result.values_.push_back(one);
   }
@@ -137,9 +127,8 @@ CK_RV Session::init(Operation operation, Mechanism mechanism, CK_OBJECT_HANDLE k
 
 CK_RV Session::once(Operation operation, const std::string& data, CK_ULONG room) {
   const CK_C_Sign calls[] = {f->C_Digest, f->C_Sign, nullptr, f->C_Encrypt, f->C_Decrypt};
-  return into(room, [&](CK_BYTE* to, CK_ULONG* size) {
-    return calls[operation](handle, bytesOf(data), lengthOf(data), to, size);
-  });
+  return into(room,
+              [&](auto to, auto size) { return calls[operation](handle, bytesOf(data), lengthOf(data), to, size); });
 }
 
 CK_RV Session::check(const std::string& data, const std::string& signature) const {
@@ -149,8 +138,7 @@ CK_RV Session::check(const std::string& data, const std::string& signature) cons
 CK_RV Session::update(Operation operation, const std::string& data, CK_ULONG room) {
   if (operation >= encrypt) {
     const auto call = operation == encrypt ? f->C_EncryptUpdate : f->C_DecryptUpdate;
-    return into(room,
-                [&](CK_BYTE* to, CK_ULONG* size) { return call(handle, bytesOf(data), lengthOf(data), to, size); });
+    return into(room, [&](auto to, auto size) { return call(handle, bytesOf(data), lengthOf(data), to, size); });
   }
   const CK_C_SignUpdate calls[] = {f->C_DigestUpdate, f->C_SignUpdate, f->C_VerifyUpdate};
   return calls[operation](handle, bytesOf(data), lengthOf(data));
@@ -191,66 +179,26 @@ std::string Session::value(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) {
   return get(object, type) == CKR_OK ? out : "";
 }
 
-CK_RV Session::set(CK_OBJECT_HANDLE object, Template changed) const {
-  return f->C_SetAttributeValue(handle, object, changed.data(), changed.size());
-}
-
-CK_RV Session::create(Template object) { return f->C_CreateObject(handle, object.data(), object.size(), &(made = 0)); }
-
-CK_RV Session::copy(CK_OBJECT_HANDLE object, Template changed) {
-  return f->C_CopyObject(handle, object, changed.data(), changed.size(), &(made = 0));
-}
-
-CK_RV Session::generate(Mechanism mechanism, Template publicKey, Template privateKey) {
-  CK_MECHANISM given = mechanism.get();
-  return f->C_GenerateKeyPair(handle, &given, publicKey.data(), publicKey.size(), privateKey.data(), privateKey.size(),
-                              &(madePublic = 0), &(made = 0));
-}
-
-CK_RV Session::derive(CK_OBJECT_HANDLE key, Mechanism mechanism, Template secret) {
-  CK_MECHANISM given = mechanism.get();
-  return f->C_DeriveKey(handle, &given, key, secret.data(), secret.size(), &(made = 0));
-}
-
 std::string hashed(CK_MECHANISM_TYPE hash, const std::string& data) {
-  const std::size_t length = hash == CKM_SHA_1 ? 20 : hash == CKM_SHA256 ? 32 : hash == CKM_SHA384 ? 48 : 64;
-  std::string result(length, '\0');
+  const int algorithm = hash == CKM_SHA_1    ? GCRY_MD_SHA1
+                        : hash == CKM_SHA256 ? GCRY_MD_SHA256
+                        : hash == CKM_SHA384 ? GCRY_MD_SHA384
+                                             : GCRY_MD_SHA512;
   softtoken::readyCryptoLibrary();
-  gcry_md_hash_buffer(algorithmOf(length), result.data(), data.data(), data.size());
-  return result;
+  const softtoken::Bytes digest = softtoken::hashOf(algorithm, view(data));
+  return {digest.begin(), digest.end()};
 }
 
-bool rsaVerifies(const std::string& modulus, const std::string& exponent, const std::string& hash,
-                 const std::string& signature, int salt) {
-  const auto size = [](const std::string& text) { return static_cast<int>(text.size()); };
-  const std::string positive = '\0' + modulus;
-  const auto key = softtoken::makeSexp("(public-key(rsa(n%b)(e%b)))", size(positive), positive.data(), size(exponent),
-                                       exponent.data());
-  const char* name = gcry_md_algo_name(algorithmOf(hash.size()));
-  const auto data = salt < 0 ? softtoken::makeSexp("(data(flags pkcs1)(hash %s %b))", name, size(hash), hash.data())
-                             : softtoken::makeSexp("(data(flags pss)(salt-length %d)(hash %s %b))", salt, name,
-                                                   size(hash), hash.data());
-  const auto value = softtoken::makeSexp("(sig-val(rsa(s%b)))", size(signature), signature.data());
-  return gcry_pk_verify(value.get(), data.get(), key.get()) == 0;
-}
-
-bool ecdsaVerifies(const std::string& parameters, const std::string& point, const std::string& hash,
-                   const std::string& signature) {
-  const char* curve = parameters == p256 ? "NIST P-256" : parameters == p384 ? "NIST P-384" : "NIST P-521";
-  const std::size_t half = parameters == p256 ? 32 : parameters == p384 ? 48 : 66;
-  if (signature.size() != 2 * half || point.size() < 2 * half + 1) return false;
-  const int length = static_cast<int>(half);
-  const std::string bare = point.substr(point.size() - 2 * half - 1);  // after the octet string's header
-  const auto key = softtoken::makeSexp("(public-key(ecc(curve %s)(q%b)))", curve, 2 * length + 1, bare.data());
-  const auto data = softtoken::makeSexp(
-      "(data(flags raw)(value %m))",
-      softtoken::mpiOf({reinterpret_cast<const std::uint8_t*>(hash.data()), std::min(hash.size(), half)}).get());
-  const auto number = [](const char* first, std::size_t size) {
-    return softtoken::mpiOf({reinterpret_cast<const std::uint8_t*>(first), size});
-  };
-  const auto value = softtoken::makeSexp("(sig-val(ecdsa(r%m)(s%m)))", number(signature.data(), half).get(),
-                                         number(signature.data() + half, half).get());
-  return gcry_pk_verify(value.get(), data.get(), key.get()) == 0;
+bool verifies(const std::string& key, const std::string& hash, const std::string& signature, bool pss) {
+  using namespace softtoken;
+  try {
+    if (key.size() >= 256)
+      return verifyRsa({{key.begin(), key.end()}, rsaPublicExponent()}, view(hash), view(signature), pss), true;
+    const Curve& curve = key.size() == 67 ? curveP256 : key.size() == 99 ? curveP384 : curveP521;
+    return verifyEcdsa(curve, view(key).last(2 * curve.length + 1), view(hash), view(signature)), true;
+  } catch (const Failure&) {
+    return false;
+  }
 }
 
 void StandardTest::SetUp() {
@@ -274,30 +222,24 @@ void KeysTest::SetUp() {
   StandardTest::SetUp();
   owner_.emplace();
   ASSERT_TRUE(is(owner_->login(), CKR_OK));
-  const auto ready = [&](const char* label, Mechanism mechanism, const Template& publicPart,
-                         const Template& privatePart, CK_OBJECT_HANDLE& privateKey, CK_OBJECT_HANDLE& publicKey) {
-    const Template common{{CKA_TOKEN, true}, {CKA_LABEL, label}, {CKA_ID, label}};
-    if (owner_->find(common).empty()) {
-      is(owner_->generate(mechanism, publicPart.with({{CKA_TOKEN, true}, {CKA_LABEL, label}, {CKA_ID, label}}),
-                          privatePart.with({{CKA_TOKEN, true}, {CKA_LABEL, label}, {CKA_ID, label}})),
-         CKR_OK);
-    }
-    const auto privates = owner_->find(common.with({{CKA_CLASS, CKO_PRIVATE_KEY}}));
-    const auto publics = owner_->find(common.with({{CKA_CLASS, CKO_PUBLIC_KEY}}));
+  const auto ready = [&](const char* label, CK_MECHANISM_TYPE type, Template both, const Template& privatePart,
+                         CK_OBJECT_HANDLE& privateKey, CK_OBJECT_HANDLE& publicKey) {
+    const Template named{{CKA_TOKEN, true}, {CKA_LABEL, label}, {CKA_ID, label}};
+    if (owner_->find(named).empty())
+      is(owner_->generate(type, both.with(named), privatePart.with(named).with({{CKA_SENSITIVE, true}})), CKR_OK);
+    const auto privates = owner_->find(named.with({{CKA_CLASS, CKO_PRIVATE_KEY}}));
+    const auto publics = owner_->find(named.with({{CKA_CLASS, CKO_PUBLIC_KEY}}));
     ASSERT_TRUE(privates.size() == 1 && publics.size() == 1) << label;
     privateKey = privates[0];
     publicKey = publics[0];
   };
-  ready("rsa", CKM_RSA_PKCS_KEY_PAIR_GEN,
-        {{CKA_MODULUS_BITS, 2048},
-         {CKA_PUBLIC_EXPONENT, std::string("\1\0\1", 3)},
-         {CKA_VERIFY, true},
-         {CKA_ENCRYPT, true}},
-        {{CKA_SIGN, true}, {CKA_DECRYPT, true}, {CKA_DERIVE, false}, {CKA_SENSITIVE, true}}, rsa_, rsaPublic_);
+  const Template rsa{
+      {CKA_MODULUS_BITS, 2048}, {CKA_PUBLIC_EXPONENT, exponent}, {CKA_VERIFY, true}, {CKA_ENCRYPT, true}};
+  ready("rsa", CKM_RSA_PKCS_KEY_PAIR_GEN, rsa, {{CKA_SIGN, true}, {CKA_DECRYPT, true}, {CKA_DERIVE, false}}, rsa_,
+        rsaPublic_);
   ready("ec", CKM_EC_KEY_PAIR_GEN, {{CKA_EC_PARAMS, p256}, {CKA_VERIFY, true}},
-        {{CKA_SIGN, true}, {CKA_DERIVE, true}, {CKA_DECRYPT, false}, {CKA_SENSITIVE, true}}, ec_, ecPublic_);
+        {{CKA_SIGN, true}, {CKA_DERIVE, true}, {CKA_DECRYPT, false}}, ec_, ecPublic_);
 }
-
 int main(int argc, char** argv) {
   testing::InitGoogleTest(&argc, argv);
   void* library = openLibrary(setting("E2E_MODULE"));

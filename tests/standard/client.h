@@ -64,7 +64,7 @@ class Template {
  public:
   Template(std::initializer_list<Attribute> attributes) : values_(attributes) {}
   // With these attributes too; those it has already get the new value.
-  Template with(std::initializer_list<Attribute> more) const;
+  Template with(const Template& more) const;
   Template without(CK_ATTRIBUTE_TYPE type) const;
   const std::vector<Attribute>& values() const { return values_; }
   CK_ATTRIBUTE* data();  // as long as this lives
@@ -122,12 +122,23 @@ class Session {
   std::vector<CK_OBJECT_HANDLE> find(Template wanted) const;
   CK_RV get(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type, CK_ULONG room = 1024);
   std::string value(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type);  // empty when it cannot be read
-  CK_RV set(CK_OBJECT_HANDLE object, Template changed) const;
-  CK_RV create(Template object);
-  CK_RV copy(CK_OBJECT_HANDLE object, Template changed);
+  CK_RV set(CK_OBJECT_HANDLE object, Template changed) const {
+    return f->C_SetAttributeValue(handle, object, changed.data(), changed.size());
+  }
+  CK_RV create(Template object) { return f->C_CreateObject(handle, object.data(), object.size(), &(made = 0)); }
+  CK_RV copy(CK_OBJECT_HANDLE object, Template changed) {
+    return f->C_CopyObject(handle, object, changed.data(), changed.size(), &(made = 0));
+  }
   CK_RV destroy(CK_OBJECT_HANDLE object) const { return f->C_DestroyObject(handle, object); }
-  CK_RV generate(Mechanism mechanism, Template publicKey, Template privateKey);
-  CK_RV derive(CK_OBJECT_HANDLE key, Mechanism mechanism, Template secret);
+  CK_RV generate(CK_MECHANISM_TYPE type, Template first, Template second) {
+    CK_MECHANISM mechanism{type, nullptr, 0};
+    return f->C_GenerateKeyPair(handle, &mechanism, first.data(), first.size(), second.data(), second.size(),
+                                &(madePublic = 0), &(made = 0));
+  }
+  CK_RV derive(CK_OBJECT_HANDLE key, Mechanism mechanism, Template secret) {
+    CK_MECHANISM given = mechanism.get();
+    return f->C_DeriveKey(handle, &given, key, secret.data(), secret.size(), &(made = 0));
+  }
 
   static std::string pinOf(CK_USER_TYPE user);
 
@@ -144,16 +155,13 @@ std::string fileNamed(const char* name);
 CK_BYTE* bytesOf(const std::string& text);
 CK_ULONG lengthOf(const std::string& text);
 
-// Whether the signature is right by libgcrypt. `hash` is the bare digest of what was signed, its length tells the
-// algorithm; `salt` is the length of a PSS signature's salt, or -1 for PKCS#1 v1.5. For EC keys, the point as it is in
-// CKA_EC_POINT, and the digest cut as the curve wants it.
-bool rsaVerifies(const std::string& modulus, const std::string& exponent, const std::string& hash,
-                 const std::string& signature, int salt = -1);
-bool ecdsaVerifies(const std::string& parameters, const std::string& point, const std::string& hash,
-                   const std::string& signature);
+// Whether the signature is right by libgcrypt. The key is a modulus or a CKA_EC_POINT, the hash the bare digest of what
+// was signed: its length tells the algorithm.
+bool verifies(const std::string& key, const std::string& hash, const std::string& signature, bool pss = false);
 std::string hashed(CK_MECHANISM_TYPE hash, const std::string& data);
 
 extern const std::string p256, p384, p521;  // CKA_EC_PARAMS
+extern const std::string exponent;          // 65537
 
 // The library initialised, and finalised in the end.
 class StandardTest : public testing::Test {

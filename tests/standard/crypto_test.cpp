@@ -36,11 +36,6 @@ TEST_F(OperationTest, InitChecksMechanismAndKey) {
   for (const Case& c : cases()) {
     SCOPED_TRACE(operationNames[c.operation]);
     Session s;
-    s.out = std::string(256, 's');
-    if (c.operation != verify) is(s.once(c.operation, c.data), noOperation);
-    if (c.operation == verify) is(s.check(c.data, s.out), noOperation);
-    is(s.update(c.operation, c.data), noOperation);
-    is(s.final(c.operation), noOperation);
     is(s.init(c.operation, unknown, c.key), CKR_MECHANISM_INVALID);
     is(s.init(c.operation, c.operation == digest ? CKM_RSA_PKCS : CKM_SHA256, c.key), CKR_MECHANISM_INVALID);
     if (c.operation == digest) {
@@ -57,9 +52,9 @@ TEST_F(OperationTest, InitChecksMechanismAndKey) {
       is(another.init(c.operation, c.mechanism, c.otherType), signature ? differs(misfit, CKR_OK, unlooked) : misfit);
     }
     EXPECT_FALSE(s.isActive(c.operation)) << "after refusals";
+    is(s.update(c.operation, c.data), noOperation);
     is(s.init(c.operation, c.mechanism, c.key), CKR_OK);
     is(s.init(c.operation, c.mechanism, c.key), CKR_OPERATION_ACTIVE);
-    is(s.init(c.operation, unknown, c.key), {CKR_OPERATION_ACTIVE, CKR_MECHANISM_INVALID});
     EXPECT_TRUE(s.isActive(c.operation)) << "refusals leave the first one";
     EXPECT_FALSE(s.isActive(c.operation)) << "which its end ends";
   }
@@ -100,15 +95,10 @@ TEST_F(OperationTest, BuffersAndEnds) {
       EXPECT_EQ(s.out, result) << "in parts as in one";
     }
     is(s.final(c.operation), noOperation);
-    is(s.update(c.operation, c.data), noOperation);
     begin();
     is(s.update(c.operation, c.data), CKR_OK);
     const Expected mixed{CKR_OPERATION_ACTIVE, CKR_OPERATION_NOT_INITIALIZED, CKR_FUNCTION_FAILED};
     is(s.once(c.operation, c.data), c.operation == digest ? differs(mixed, CKR_OK, unlooked) : mixed, "after a part");
-    const Session next;
-    is(next.init(c.operation, c.mechanism, c.key), CKR_OK, "another session is free");
-    is(f->C_CloseSession(s), CKR_OK);
-    is(s.final(c.operation), CKR_SESSION_HANDLE_INVALID);
   }
 }
 
@@ -199,11 +189,11 @@ TEST_F(OperationTest, OperationsSideBySide) {
   is(s.final(digest), CKR_OK);
   EXPECT_EQ(s.out, hashed(CKM_SHA256, "data"));
   is(s.final(sign), CKR_OK);
-  const std::string modulus = Session().value(rsa_, CKA_MODULUS), exponent = Session().value(rsa_, CKA_PUBLIC_EXPONENT);
-  EXPECT_TRUE(rsaVerifies(modulus, exponent, hashed(CKM_SHA256, "data"), s.out));
+  const std::string modulus = Session().value(rsa_, CKA_MODULUS);
+  EXPECT_TRUE(verifies(modulus, hashed(CKM_SHA256, "data"), s.out));
   is(s.final(verify), CKR_OK, "with the signature of just now");
   is(other.final(sign), CKR_OK);
-  EXPECT_TRUE(ecdsaVerifies(p256, s.value(ecPublic_, CKA_EC_POINT), hashed(CKM_SHA256, "data"), other.out));
+  EXPECT_TRUE(verifies(s.value(ecPublic_, CKA_EC_POINT), hashed(CKM_SHA256, "data"), other.out));
   is(f->C_FindObjects(s, found, 8, &count), CKR_OK);
   EXPECT_EQ(count, 4U);
 
@@ -221,7 +211,7 @@ TEST_F(KeysTest, Digests) {
   Session& s = *owner_;
   is(f->C_Logout(s), CKR_OK);
   for (const CK_MECHANISM_TYPE type : {CKM_SHA_1, CKM_SHA256, CKM_SHA384, CKM_SHA512}) {
-    for (const std::size_t size : {0u, 1u, 1000u, 100000u}) {
+    for (const std::size_t size : {0u, 1u, 100000u}) {
       const std::string data(size, 'x');
       is(s.init(digest, type), CKR_OK);
       is(s.once(digest, data), CKR_OK);
@@ -234,58 +224,44 @@ TEST_F(KeysTest, Digests) {
   }
 }
 
+// Every signature mechanism with each hash, of empty and of long data, in one part and in several.
 TEST_F(KeysTest, Signatures) {
-  const char rawOnly[] = "2.6 has the raw mechanism only";
   Session& s = *owner_;
-  const std::string modulus = s.value(rsa_, CKA_MODULUS), exponent = s.value(rsa_, CKA_PUBLIC_EXPONENT);
-  const std::string point = s.value(ecPublic_, CKA_EC_POINT);
   const struct {
-    Mechanism mechanism;
-    CK_MECHANISM_TYPE hash;
-    int salt;  // of PSS
-    bool ec;
-    bool raw;  // the digest is the data
-  } rows[] = {{CKM_SHA1_RSA_PKCS, CKM_SHA_1, -1, false, false},
-              {CKM_SHA256_RSA_PKCS, CKM_SHA256, -1, false, false},
-              {CKM_SHA384_RSA_PKCS, CKM_SHA384, -1, false, false},
-              {CKM_SHA512_RSA_PKCS, CKM_SHA512, -1, false, false},
-              {pss(CKM_SHA1_RSA_PKCS_PSS, CKM_SHA_1, CKG_MGF1_SHA1, 20), CKM_SHA_1, 20, false, false},
-              {pss(CKM_SHA256_RSA_PKCS_PSS, CKM_SHA256, CKG_MGF1_SHA256, 32), CKM_SHA256, 32, false, false},
-              {pss(CKM_SHA384_RSA_PKCS_PSS, CKM_SHA384, CKG_MGF1_SHA384, 48), CKM_SHA384, 48, false, false},
-              {pss(CKM_SHA512_RSA_PKCS_PSS, CKM_SHA512, CKG_MGF1_SHA512, 64), CKM_SHA512, 64, false, false},
-              {pss(CKM_RSA_PKCS_PSS, CKM_SHA256, CKG_MGF1_SHA256, 32), CKM_SHA256, 32, false, true},
-              {CKM_ECDSA, CKM_SHA256, -1, true, true},
-              {CKM_ECDSA, CKM_SHA_1, -1, true, true},
-              {CKM_ECDSA_SHA1, CKM_SHA_1, -1, true, false},
-              {CKM_ECDSA_SHA256, CKM_SHA256, -1, true, false},
-              {CKM_ECDSA_SHA384, CKM_SHA384, -1, true, false}};
-  for (const auto& row : rows) {
-    SCOPED_TRACE("row " + std::to_string(&row - rows));
-    const CK_OBJECT_HANDLE key = row.ec ? ec_ : rsa_, publicKey = row.ec ? ecPublic_ : rsaPublic_;
+    CK_MECHANISM_TYPE hash, rsa, pss, ec;
+    CK_RSA_PKCS_MGF_TYPE mgf;
+    CK_ULONG salt;
+  } rows[] = {{CKM_SHA_1, CKM_SHA1_RSA_PKCS, CKM_SHA1_RSA_PKCS_PSS, CKM_ECDSA_SHA1, CKG_MGF1_SHA1, 20},
+              {CKM_SHA256, CKM_SHA256_RSA_PKCS, CKM_SHA256_RSA_PKCS_PSS, CKM_ECDSA_SHA256, CKG_MGF1_SHA256, 32},
+              {CKM_SHA384, CKM_SHA384_RSA_PKCS, CKM_SHA384_RSA_PKCS_PSS, CKM_ECDSA_SHA384, CKG_MGF1_SHA384, 48},
+              {CKM_SHA512, CKM_SHA512_RSA_PKCS, CKM_SHA512_RSA_PKCS_PSS, 0, CKG_MGF1_SHA512, 64}};
+  const auto signs = [&](const Mechanism& mechanism, bool ec, bool raw, CK_MECHANISM_TYPE hashType) {
+    SCOPED_TRACE(mechanism.type);
+    const std::string key = s.value(ec ? ecPublic_ : rsa_, ec ? CKA_EC_POINT : CKA_MODULUS);
     for (const std::string& text : {std::string(), std::string(5000, 't')}) {
-      const std::string hash = hashed(row.hash, text), data = row.raw ? hash : text;
-      const auto verifies = [&] {
-        return row.ec ? ecdsaVerifies(p256, point, hash, s.out) : rsaVerifies(modulus, exponent, hash, s.out, row.salt);
-      };
-      if (!is(s.init(sign, row.mechanism, key),
-              row.ec && !row.raw ? cannot(CKR_OK, CKR_MECHANISM_INVALID, rawOnly) : CKR_OK) ||
-          (isSoftHsm() && row.ec && !row.raw)) {
-        break;
-      }
+      const std::string hash = hashed(hashType, text), data = raw ? hash : text;
+      is(s.init(sign, mechanism, ec ? ec_ : rsa_), CKR_OK);
       is(s.once(sign, data), CKR_OK);
-      EXPECT_TRUE(verifies());
+      EXPECT_TRUE(verifies(key, hash, s.out, !mechanism.parameter.empty()));
       const std::string signature = s.out;
-      is(s.init(verify, row.mechanism, publicKey), CKR_OK);
+      is(s.init(verify, mechanism, ec ? ecPublic_ : rsaPublic_), CKR_OK);
       is(s.check(data, signature), CKR_OK);
-      if (row.raw) continue;
-      is(s.init(verify, row.mechanism, publicKey), CKR_OK);
+      if (raw) continue;
+      is(s.init(verify, mechanism, ec ? ecPublic_ : rsaPublic_), CKR_OK);
       is(s.update(verify, data), CKR_OK);
       is(s.final(verify), CKR_OK);
-      is(s.init(sign, row.mechanism, key), CKR_OK);
+      is(s.init(sign, mechanism, ec ? ec_ : rsa_), CKR_OK);
       for (std::size_t at = 0; at < data.size(); at += 999) is(s.update(sign, data.substr(at, 999)), CKR_OK);
       is(s.final(sign), CKR_OK);
-      EXPECT_TRUE(verifies()) << "in parts";
+      EXPECT_TRUE(verifies(key, hash, s.out, !mechanism.parameter.empty())) << "in parts";
     }
+  };
+  for (const auto& row : rows) {
+    signs(row.rsa, false, false, row.hash);
+    signs(pss(row.pss, row.hash, row.mgf, row.salt), false, false, row.hash);
+    signs(pss(CKM_RSA_PKCS_PSS, row.hash, row.mgf, row.salt), false, true, row.hash);
+    signs(CKM_ECDSA, true, true, row.hash);
+    if (row.ec != 0 && !isSoftHsm()) signs(row.ec, true, false, row.hash);  // 2.6 has the raw mechanism only
   }
 }
 

@@ -17,8 +17,7 @@ TEST(General, InitializeChecksItsArgument) {
   const struct {
     CK_C_INITIALIZE_ARGS arguments;
     Expected code;
-  } rows[] = {{{nullptr, nullptr, nullptr, nullptr, 0, nullptr}, CKR_OK},
-              {{nullptr, nullptr, nullptr, nullptr, CKF_OS_LOCKING_OK, nullptr}, CKR_OK},
+  } rows[] = {{{nullptr, nullptr, nullptr, nullptr, CKF_OS_LOCKING_OK, nullptr}, CKR_OK},
               {{create, use, use, use, CKF_OS_LOCKING_OK, nullptr}, CKR_OK},
               {{create, use, use, use, 0, nullptr}, {CKR_OK, CKR_CANT_LOCK}},
               {{nullptr, nullptr, nullptr, nullptr, CKF_LIBRARY_CANT_CREATE_OS_THREADS, nullptr},
@@ -138,90 +137,48 @@ TEST_F(StandardTest, Slots) {
   is(f->C_WaitForSlotEvent(CKF_DONT_BLOCK, &slots[0], &count), differs(CKR_ARGUMENTS_BAD, CKR_NO_EVENT, noEvents));
 }
 
-TEST_F(StandardTest, Sessions) {
+// The random walk compares who is logged in, in every session and after every call.
+TEST_F(StandardTest, SessionsAndLogin) {
   CK_SESSION_HANDLE handle = 0;
   CK_SESSION_INFO info;
-  is(f->C_OpenSession(0xFFFFF, CKF_SERIAL_SESSION, nullptr, nullptr, &handle), CKR_SLOT_ID_INVALID);
   is(f->C_OpenSession(slotOf(0), CKF_RW_SESSION, nullptr, nullptr, &handle), CKR_SESSION_PARALLEL_NOT_SUPPORTED);
   is(f->C_OpenSession(slotOf(0), CKF_SERIAL_SESSION, nullptr, nullptr, nullptr), CKR_ARGUMENTS_BAD);
-  const Session reader(0), writer, other(0, 1);
+  is(f->C_OpenSession(0xFFFFF, CKF_SERIAL_SESSION, nullptr, nullptr, &handle), CKR_SLOT_ID_INVALID);
+  is(f->C_CloseAllSessions(0xFFFFF), CKR_SLOT_ID_INVALID);
+  const Session reader(0), writer, other(CKF_RW_SESSION, 1);
   is(f->C_GetSessionInfo(reader, nullptr), CKR_ARGUMENTS_BAD);
   is(f->C_GetSessionInfo(reader, &info), CKR_OK);
   EXPECT_EQ(+info.slotID, slotOf(0));
   EXPECT_EQ(+info.flags, CKF_SERIAL_SESSION);
-  EXPECT_EQ(+info.state, CKS_RO_PUBLIC_SESSION);
-  EXPECT_EQ(writer.state(), CKS_RW_PUBLIC_SESSION);
-  is(f->C_CloseSession(reader), CKR_OK);
-  is(f->C_CloseSession(reader), CKR_SESSION_HANDLE_INVALID);
-  is(f->C_CloseSession(0), CKR_SESSION_HANDLE_INVALID);
-  Session closed = reader;
-  CK_ULONG count = 0;
-  each(
-      CKR_SESSION_HANDLE_INVALID,
-      {f->C_GetSessionInfo(reader, &info), closed.login(), f->C_Logout(reader),
-       f->C_SetPIN(reader, nullptr, 0, nullptr, 0), closed.init(digest, CKM_SHA256), closed.init(sign, CKM_RSA_PKCS, 1),
-       closed.once(decrypt, "data"), closed.final(verify), f->C_FindObjectsInit(reader, nullptr, 0),
-       f->C_FindObjects(reader, &handle, 1, &count), closed.get(1, CKA_LABEL), closed.create({{CKA_CLASS, CKO_DATA}}),
-       closed.copy(1, {}), closed.destroy(1), closed.generate(CKM_EC_KEY_PAIR_GEN, {}, {}),
-       f->C_GenerateRandom(reader, bytesOf(std::string(4, '\0')), 4), f->C_InitPIN(reader, bytesOf("12345678"), 8)},
-      [](CK_RV code) { return code; });
-  const Session next(0);
-  EXPECT_NE(next.handle, reader.handle) << "handles do not come back";
-  is(f->C_CloseAllSessions(0xFFFFF), CKR_SLOT_ID_INVALID);
-  is(f->C_CloseAllSessions(slotOf(0)), CKR_OK);
-  is(f->C_GetSessionInfo(writer, &info), CKR_SESSION_HANDLE_INVALID);
-  is(f->C_GetSessionInfo(other, &info), CKR_OK, "sessions of another token stay");
-  is(f->C_CloseAllSessions(slotOf(0)), CKR_OK);
-}
-
-TEST_F(StandardTest, LoginOfTheUser) {
-  const Session reader(0), writer, other(CKF_RW_SESSION, 1);
-  const std::string pin = Session::pinOf(CKU_USER), wrong = "not the PIN";
   is(f->C_Logout(reader), differs(CKR_USER_NOT_LOGGED_IN, CKR_OK, "its logout has no state to check"));
   is(reader.login(7), CKR_USER_TYPE_INVALID);
-  is(reader.login(CKU_CONTEXT_SPECIFIC), CKR_OPERATION_NOT_INITIALIZED);
   is(f->C_Login(reader, CKU_USER, nullptr, 4), CKR_ARGUMENTS_BAD);
-  is(reader.login(CKU_USER, wrong), CKR_PIN_INCORRECT);
-  EXPECT_EQ(reader.state(), CKS_RO_PUBLIC_SESSION);
+  is(reader.login(CKU_USER, "not the PIN"), CKR_PIN_INCORRECT);
   is(reader.login(CKU_USER, "x"), {CKR_PIN_INCORRECT, CKR_PIN_LEN_RANGE});
+  is(writer.login(CKU_SO, Session::pinOf(CKU_SO)), CKR_SESSION_READ_ONLY_EXISTS);
   is(reader.login(), CKR_OK, "a read-only session will do");
   EXPECT_EQ(reader.state(), CKS_RO_USER_FUNCTIONS);
   EXPECT_EQ(writer.state(), CKS_RW_USER_FUNCTIONS);
   EXPECT_EQ(other.state(), CKS_RW_PUBLIC_SESSION) << "each token has its login";
-  EXPECT_EQ(Session(0).state(), CKS_RO_USER_FUNCTIONS) << "a later session";
-  is(writer.login(), CKR_USER_ALREADY_LOGGED_IN);
-  is(writer.login(CKU_USER, wrong), CKR_USER_ALREADY_LOGGED_IN);
+  is(writer.login(CKU_USER, "not the PIN"), CKR_USER_ALREADY_LOGGED_IN);
   is(writer.login(CKU_SO, Session::pinOf(CKU_SO)), {CKR_USER_ANOTHER_ALREADY_LOGGED_IN, CKR_SESSION_READ_ONLY_EXISTS});
-  is(other.login(), CKR_OK);
-  is(f->C_Logout(writer), CKR_OK);
-  EXPECT_EQ(reader.state(), CKS_RO_PUBLIC_SESSION);
-  EXPECT_EQ(other.state(), CKS_RW_USER_FUNCTIONS);
-  is(f->C_CloseSession(other), CKR_OK);
-  EXPECT_EQ(Session(0, 1).state(), CKS_RO_PUBLIC_SESSION) << "the last session's end is a logout";
-  is(writer.login(), CKR_OK);
   is(f->C_CloseAllSessions(slotOf(0)), CKR_OK);
-  EXPECT_EQ(Session(0).state(), CKS_RO_PUBLIC_SESSION);
-}
+  is(f->C_GetSessionInfo(writer, &info), CKR_SESSION_HANDLE_INVALID);
+  is(f->C_GetSessionInfo(other, &info), CKR_OK, "sessions of another token stay");
 
-TEST_F(StandardTest, LoginOfTheSecurityOfficer) {
-  const std::string pin = Session::pinOf(CKU_SO);
-  const Session writer;
-  const Session reader(0);
-  CK_SESSION_HANDLE handle = 0;
-  is(writer.login(CKU_SO, pin), CKR_SESSION_READ_ONLY_EXISTS);
-  is(f->C_CloseSession(reader), CKR_OK);
-  is(f->C_InitPIN(writer, bytesOf("12345678"), 8),
+  const Session officer;
+  EXPECT_EQ(officer.state(), CKS_RW_PUBLIC_SESSION) << "the last session's end is a logout";
+  EXPECT_GT(officer.handle, other.handle) << "handles do not come back";
+  is(f->C_InitPIN(officer, bytesOf("12345678"), 8),
      cannot({CKR_USER_NOT_LOGGED_IN, CKR_FUNCTION_NOT_SUPPORTED}, CKR_USER_NOT_LOGGED_IN, unsupported));
-  is(writer.login(CKU_SO, "not the PIN"), CKR_PIN_INCORRECT);
-  is(writer.login(CKU_SO, pin), CKR_OK);
-  EXPECT_EQ(writer.state(), CKS_RW_SO_FUNCTIONS);
-  EXPECT_EQ(Session().state(), CKS_RW_SO_FUNCTIONS);
-  is(writer.login(CKU_SO, pin), CKR_USER_ALREADY_LOGGED_IN);
-  is(writer.login(), CKR_USER_ANOTHER_ALREADY_LOGGED_IN);
+  is(officer.login(CKU_SO, "not the PIN"), CKR_PIN_INCORRECT);
+  is(officer.login(CKU_SO, Session::pinOf(CKU_SO)), CKR_OK);
+  EXPECT_EQ(officer.state(), CKS_RW_SO_FUNCTIONS);
+  is(officer.login(), CKR_USER_ANOTHER_ALREADY_LOGGED_IN);
   is(f->C_OpenSession(slotOf(0), CKF_SERIAL_SESSION, nullptr, nullptr, &handle), CKR_SESSION_READ_WRITE_SO_EXISTS);
-  EXPECT_TRUE(writer.find({{CKA_CLASS, CKO_PRIVATE_KEY}}).empty()) << "private objects are the user's";
-  is(f->C_Logout(writer), CKR_OK);
-  EXPECT_EQ(writer.state(), CKS_RW_PUBLIC_SESSION);
+  EXPECT_TRUE(officer.find({{CKA_CLASS, CKO_PRIVATE_KEY}}).empty()) << "private objects are the user's";
+  is(f->C_Logout(officer), CKR_OK);
+  EXPECT_EQ(officer.state(), CKS_RW_PUBLIC_SESSION);
 }
 
 CK_RV setPin(CK_SESSION_HANDLE session, const std::string& before, const std::string& after) {
@@ -231,20 +188,17 @@ CK_RV setPin(CK_SESSION_HANDLE session, const std::string& before, const std::st
 TEST_F(StandardTest, Pins) {
   const Session reader(0, 1), writer(CKF_RW_SESSION, 1);
   const std::string pin = Session::pinOf(CKU_USER);
-  CK_TOKEN_INFO info;
   is(setPin(reader, pin, "123456"), CKR_SESSION_READ_ONLY);
   is(setPin(writer, "not the PIN", "123456"), CKR_PIN_INCORRECT);
-  is(f->C_GetTokenInfo(slotOf(1), &info), CKR_OK);
-  if (isSoftHsm()) {
-    EXPECT_NE(info.flags & CKF_USER_PIN_COUNT_LOW, 0U);
-  }
-  is(setPin(writer, pin, "1"), CKR_PIN_LEN_RANGE);
-  is(setPin(writer, pin, std::string(300, '1')), CKR_PIN_LEN_RANGE);
+  each(CKR_PIN_LEN_RANGE, {1, 3, 64, 300}, [&](int length) {
+    if (isSoftHsm()) length = length < 4 ? length : 300;  // it takes up to 255
+    return setPin(writer, pin, std::string(static_cast<std::size_t>(length), '1'));
+  });
   is(f->C_SetPIN(writer, nullptr, 3, nullptr, 3), CKR_ARGUMENTS_BAD);
-  is(setPin(writer, pin, "123456"), CKR_OK, "no login is needed");
+  is(setPin(writer, pin, "1234"), CKR_OK, "no login is needed");
   is(writer.login(), CKR_PIN_INCORRECT);
-  is(writer.login(CKU_USER, "123456"), CKR_OK);
-  is(setPin(writer, "123456", pin), CKR_OK);
+  is(writer.login(CKU_USER, "1234"), CKR_OK);
+  is(setPin(writer, "1234", pin), CKR_OK);
   EXPECT_EQ(reader.state(), CKS_RO_USER_FUNCTIONS);
   is(f->C_Logout(writer), CKR_OK);
   is(writer.login(), CKR_OK);
@@ -257,19 +211,17 @@ TEST_F(StandardTest, WhatTheTokenCannot) {
   Template key{{CKA_CLASS, CKO_SECRET_KEY}, {CKA_VALUE_LEN, 32}, {CKA_TOKEN, false}};
   CK_OBJECT_HANDLE made = 0;
   CK_ULONG length = 0;
-  const Expected absent{CKR_FUNCTION_NOT_SUPPORTED, CKR_MECHANISM_INVALID};
-  is(f->C_GenerateKey(session, &aes, key.data(), key.size(), &made), cannot(absent, CKR_OK, "no symmetric keys"));
+  is(f->C_GenerateKey(session, &aes, key.data(), key.size(), &made),
+     cannot(CKR_FUNCTION_NOT_SUPPORTED, CKR_OK, "no symmetric keys"));
   is(f->C_WrapKey(session, &wrapping, 1, 1, nullptr, &length),
-     cannot({CKR_FUNCTION_NOT_SUPPORTED, CKR_MECHANISM_INVALID, CKR_KEY_NOT_WRAPPABLE, CKR_WRAPPING_KEY_HANDLE_INVALID},
-            CKR_WRAPPING_KEY_HANDLE_INVALID, unsupported));
+     cannot(CKR_FUNCTION_NOT_SUPPORTED, CKR_WRAPPING_KEY_HANDLE_INVALID, unsupported));
   is(f->C_UnwrapKey(session, &wrapping, 1, bytesOf("x"), 1, key.data(), key.size(), &made),
-     cannot({CKR_FUNCTION_NOT_SUPPORTED, CKR_MECHANISM_INVALID, CKR_UNWRAPPING_KEY_HANDLE_INVALID},
-            CKR_UNWRAPPING_KEY_HANDLE_INVALID, unsupported));
-  is(f->C_GetOperationState(session, nullptr, &length), CKR_FUNCTION_NOT_SUPPORTED);
-  is(f->C_SetOperationState(session, nullptr, 0, 0, 0), CKR_FUNCTION_NOT_SUPPORTED);
-  is(f->C_SignRecoverInit(session, &wrapping, 1), CKR_FUNCTION_NOT_SUPPORTED);
-  is(f->C_DigestKey(session, 1), {CKR_FUNCTION_NOT_SUPPORTED, CKR_OPERATION_NOT_INITIALIZED});
-  is(f->C_DigestEncryptUpdate(session, nullptr, 0, nullptr, &length), CKR_FUNCTION_NOT_SUPPORTED);
+     cannot(CKR_FUNCTION_NOT_SUPPORTED, CKR_UNWRAPPING_KEY_HANDLE_INVALID, unsupported));
+  each(CKR_FUNCTION_NOT_SUPPORTED,
+       {f->C_GetOperationState(session, nullptr, &length), f->C_SetOperationState(session, nullptr, 0, 0, 0),
+        f->C_SignRecoverInit(session, &wrapping, 1), f->C_DigestEncryptUpdate(session, nullptr, 0, nullptr, &length)},
+       [](CK_RV code) { return code; });
+  is(f->C_DigestKey(session, 1), CKR_OPERATION_NOT_INITIALIZED);
   is(f->C_SeedRandom(session, bytesOf("seed"), 4), cannot(CKR_RANDOM_SEED_NOT_SUPPORTED, CKR_OK, "no seed is taken"));
   std::string random(64, '\0'), again = random;
   is(f->C_GenerateRandom(session, bytesOf(random), 64), CKR_OK);
