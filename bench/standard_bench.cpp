@@ -1,128 +1,161 @@
-// The standard module beside the module that it uses: a signature, and finding a key by its ID among three.
-//
-// Usage: standard_bench MODULE STANDARD_MODULE PIN_FILE. Makes three RSA keys on the first token if there are none.
+// Calls through the standard module, compared with the same calls of the module. Each has a module of its own.
+#include <benchmark/benchmark.h>
 #include <dlfcn.h>
 
-#include <algorithm>
-#include <cstdio>
-#include <ctime>
-#include <fstream>
-#include <stdexcept>
-#include <string>
+#include <array>
+#include <atomic>
+#include <filesystem>
+#include <thread>
 #include <vector>
 
-#include "pkcs11.h"
+#include "bench/bench_token.h"
+#include "bench/compare.h"
 
+namespace bench {
 namespace {
 
-constexpr int keys = 3;
-constexpr int rounds = 15;
+using benchmark::State;
+namespace fs = std::filesystem;
 
-void check(CK_RV code, const char* what) {
-  if (code != CKR_OK) throw std::runtime_error(std::string(what) + " failed: " + std::to_string(code));
-}
+// One session, logged in, of a Cryptoki library.
+struct Client {
+  CK_FUNCTION_LIST_PTR f = nullptr;
+  CK_SESSION_HANDLE session = 0;
 
-class Library {
- public:
-  Library(const char* path, std::string pin) : file_(dlopen(path, RTLD_NOW | RTLD_LOCAL)) {
-    const auto list = file_ ? reinterpret_cast<CK_C_GetFunctionList>(dlsym(file_, "C_GetFunctionList")) : nullptr;
-    if (!list || list(&f_) != CKR_OK) throw std::runtime_error(std::string("cannot load ") + path);
-    check(f_->C_Initialize(nullptr), "C_Initialize");
-    CK_SLOT_ID slots[16];
-    CK_ULONG count = 16;
-    check(f_->C_GetSlotList(CK_TRUE, slots, &count), "C_GetSlotList");
-    if (count == 0) throw std::runtime_error("there is no token");
-    check(f_->C_OpenSession(slots[0], CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &session_),
-          "C_OpenSession");
-    auto* text = reinterpret_cast<CK_UTF8CHAR_PTR>(pin.data());
-    check(f_->C_Login(session_, CKU_USER, text, static_cast<CK_ULONG>(pin.size())), "C_Login");
-    for (CK_BYTE id = 1; id <= keys; ++id)
-      if (find(id) == CK_INVALID_HANDLE) generate(id);
+  void start() {
+    CK_SLOT_ID slots[4];
+    CK_ULONG count = 4;
+    CK_UTF8CHAR text[] = "benchmark";
+    require(f->C_Initialize(nullptr) == CKR_OK && f->C_GetSlotList(CK_TRUE, slots, &count) == CKR_OK && count == 1 &&
+                f->C_OpenSession(slots[0], CKF_SERIAL_SESSION, nullptr, nullptr, &session) == CKR_OK &&
+                f->C_Login(session, CKU_USER, text, sizeof text - 1) == CKR_OK,
+            "starting the standard module");
   }
-  ~Library() {
-    f_->C_Finalize(nullptr);
-    dlclose(file_);
-  }
-  Library(const Library&) = delete;
-  Library& operator=(const Library&) = delete;
-
-  CK_OBJECT_HANDLE find(CK_BYTE id) {
-    CK_OBJECT_CLASS objectClass = CKO_PRIVATE_KEY;
-    CK_ATTRIBUTE wanted[] = {{CKA_CLASS, &objectClass, sizeof objectClass}, {CKA_ID, &id, 1}};
-    CK_OBJECT_HANDLE found[4] = {CK_INVALID_HANDLE};
-    CK_ULONG count = 0;
-    check(f_->C_FindObjectsInit(session_, wanted, 2), "C_FindObjectsInit");
-    check(f_->C_FindObjects(session_, found, 4, &count), "C_FindObjects");
-    check(f_->C_FindObjectsFinal(session_), "C_FindObjectsFinal");
-    return found[0];
-  }
-
-  void sign(CK_OBJECT_HANDLE key) {
-    CK_MECHANISM mechanism{CKM_SHA256_RSA_PKCS, nullptr, 0};
-    CK_BYTE data[32] = {};
-    CK_BYTE signature[512];
-    CK_ULONG length = sizeof signature;
-    check(f_->C_SignInit(session_, &mechanism, key), "C_SignInit");
-    check(f_->C_Sign(session_, data, sizeof data, signature, &length), "C_Sign");
-  }
-
- private:
-  void generate(CK_BYTE id) {
-    CK_MECHANISM mechanism{CKM_RSA_PKCS_KEY_PAIR_GEN, nullptr, 0};
-    CK_ULONG bits = 2048;
-    CK_BBOOL yes = CK_TRUE;
-    CK_KEY_TYPE keyType = CKK_RSA;
-    CK_ATTRIBUTE publicKey[] = {{CKA_MODULUS_BITS, &bits, sizeof bits}, {CKA_TOKEN, &yes, 1}};
-    CK_ATTRIBUTE privateKey[] = {{CKA_KEY_TYPE, &keyType, sizeof keyType}, {CKA_ID, &id, 1}, {CKA_TOKEN, &yes, 1}};
-    CK_OBJECT_HANDLE handles[2];
-    check(f_->C_GenerateKeyPair(session_, &mechanism, publicKey, 2, privateKey, 3, &handles[0], &handles[1]),
-          "C_GenerateKeyPair");
-  }
-
-  void* file_;
-  CK_FUNCTION_LIST_PTR f_ = nullptr;
-  CK_SESSION_HANDLE session_ = 0;
 };
 
-// The least processor time of several rounds, in microseconds a call: other programs do not count.
-template <typename Body>
-double measure(int calls, Body&& body) {
-  double best = 1e30;
-  for (int round = 0; round < rounds; ++round) {
-    const std::clock_t start = std::clock();
-    for (int i = 0; i < calls; ++i) body();
-    best = std::min(best, 1e6 * static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC / calls);
+// The standard module. It is loaded from a folder of its own, as the program is linked to the module.
+Client& standard() {
+  static Client client = [] {
+    token();
+    const fs::path folder = surroundings().folder() / "standard";
+    fs::create_directory(folder);
+    for (const fs::path library : {MODULE_FILE, STANDARD_FILE}) fs::copy(library, folder / library.filename());
+    void* file = dlopen((folder / fs::path(STANDARD_FILE).filename()).c_str(), RTLD_NOW | RTLD_LOCAL);
+    const auto list = file ? reinterpret_cast<CK_C_GetFunctionList>(dlsym(file, "C_GetFunctionList")) : nullptr;
+    Client made;
+    require(list && list(&made.f) == CKR_OK, "loading the standard module");
+    made.start();
+    return made;
+  }();
+  return client;
+}
+
+Client& module() {
+  static Client client = [] {
+    Client made;
+    require(C_GetFunctionList(&made.f) == CKR_OK, "C_GetFunctionList");
+    made.session = session();
+    return made;
+  }();
+  return client;
+}
+
+CK_ULONG find(const Client& client, CK_ATTRIBUTE_TYPE type, const void* value, std::size_t length,
+              CK_OBJECT_HANDLE* found, CK_ULONG room) {
+  CK_OBJECT_CLASS objectClass = CKO_PRIVATE_KEY;
+  CK_ATTRIBUTE wanted[] = {{CKA_CLASS, &objectClass, sizeof objectClass},
+                           {type, const_cast<void*>(value), static_cast<CK_ULONG>(length)}};
+  CK_ULONG count = 0;
+  require(client.f->C_FindObjectsInit(client.session, wanted, 2) == CKR_OK &&
+              client.f->C_FindObjects(client.session, found, room, &count) == CKR_OK &&
+              client.f->C_FindObjectsFinal(client.session) == CKR_OK,
+          "searching");
+  return count;
+}
+
+CK_OBJECT_HANDLE findKey(const Client& client, const TavrinKeyPair& key) {
+  CK_OBJECT_HANDLE found = 0;
+  require(find(client, CKA_ID, key.keyId, key.keyIdLength, &found, 1) == 1, "finding a key");
+  return found;
+}
+
+void sign(const Client& client, CK_SESSION_HANDLE session, CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key) {
+  CK_MECHANISM mechanism{type, nullptr, 0};
+  std::array<CK_BYTE, 1024> data{};
+  std::array<CK_BYTE, 512> signature{};
+  CK_ULONG length = signature.size();
+  require(client.f->C_SignInit(session, &mechanism, key) == CKR_OK &&
+              client.f->C_Sign(session, data.data(), data.size(), signature.data(), &length) == CKR_OK,
+          "signing");
+}
+
+template <TavrinKeyPair BenchToken::*key, CK_MECHANISM_TYPE type>
+void signBoth(State& state) {
+  const CK_OBJECT_HANDLE ours = findKey(standard(), token().*key), theirs = findKey(module(), token().*key);
+  compare<CpuClock>(
+      state, [&] { sign(standard(), standard().session, type, ours); },
+      [&] { sign(module(), module().session, type, theirs); });
+}
+
+void findBoth(State& state) {
+  compare<CpuClock>(
+      state, [] { findKey(standard(), token().rsa); }, [] { findKey(module(), token().rsa); });
+}
+
+// 64 signatures by 16 threads, compared with 64 by one.
+void threads(State& state) {
+  const CK_OBJECT_HANDLE key = findKey(standard(), token().p256);
+  std::vector<CK_SESSION_HANDLE> sessions(16);
+  CK_SESSION_INFO info;
+  require(standard().f->C_GetSessionInfo(standard().session, &info) == CKR_OK, "C_GetSessionInfo");
+  for (CK_SESSION_HANDLE& one : sessions) {
+    require(standard().f->C_OpenSession(info.slotID, CKF_SERIAL_SESSION, nullptr, nullptr, &one) == CKR_OK,
+            "C_OpenSession");
   }
-  return best;
+  const auto signWith = [&](std::size_t count) {
+    std::vector<std::thread> running;
+    for (std::size_t i = 0; i < count; ++i) {
+      running.emplace_back([&, i] {
+        for (std::size_t round = 0; round < 64 / count; ++round) sign(standard(), sessions[i], CKM_ECDSA_SHA256, key);
+      });
+    }
+    for (std::thread& thread : running) thread.join();
+  };
+  compare(
+      state, [&] { signWith(16); }, [&] { signWith(1); });
+  for (const CK_SESSION_HANDLE one : sessions) standard().f->C_CloseSession(one);
 }
 
-struct Times {
-  double find;
-  double sign;
-};
-
-Times measureLibrary(const char* path, const std::string& pin) {
-  Library library(path, pin);
-  const CK_OBJECT_HANDLE key = library.find(2);
-  return {measure(1000, [&] { library.find(2); }), measure(100, [&] { library.sign(key); })};
+// The first search by an attribute that the module cannot compare reads every key once.
+void firstSearch(State& state) {
+  Client& client = standard();
+  setKeyPairCount(static_cast<std::size_t>(state.range(0)));
+  std::vector<CK_OBJECT_HANDLE> found(2000);
+  const CK_BBOOL yes = CK_TRUE;
+  for (auto _ : state) {
+    client.f->C_Finalize(nullptr);
+    client.start();
+    const auto start = CpuClock::now();
+    const CK_ULONG count = find(client, CKA_SIGN, &yes, 1, found.data(), 2000);
+    state.SetIterationTime(std::chrono::duration<double>(CpuClock::now() - start).count());
+    require(count == static_cast<CK_ULONG>(state.range(0)), "finding all keys");
+  }
+  restoreKeyPairs();
+  client.f->C_Finalize(nullptr);
+  client.start();
 }
+
+BENCHMARK(signBoth<&BenchToken::rsa, CKM_SHA256_RSA_PKCS>)->Name("standard module: sign, SHA-256 with RSA 2048");
+BENCHMARK(signBoth<&BenchToken::p256, CKM_ECDSA_SHA256>)->Name("standard module: sign, SHA-256 with P-256");
+BENCHMARK(findBoth)->Name("standard module: find a key by its id");
+BENCHMARK(threads)->Name("standard module: 64 signatures by 16 threads or 1");
+BENCHMARK(firstSearch)
+    ->Name("standard module: first search by use")
+    ->Arg(10)
+    ->Arg(100)
+    ->Arg(1000)
+    ->Iterations(2)
+    ->UseManualTime();
 
 }  // namespace
-
-int main(int argc, char** argv) try {
-  if (argc != 4) throw std::runtime_error("usage: standard_bench MODULE STANDARD_MODULE PIN_FILE");
-  std::string pin;
-  std::getline(std::ifstream(argv[3]) >> std::ws, pin);
-  // One after the other: only one of them may have the module initialised.
-  const Times module = measureLibrary(argv[1], pin);
-  const Times standard = measureLibrary(argv[2], pin);
-  std::printf("%-28s %10s %10s %7s\n", "microseconds a call", "module", "standard", "ratio");
-  std::printf("%-28s %10.2f %10.2f %7.3f\n", "find by ID among three", module.find, standard.find,
-              standard.find / module.find);
-  std::printf("%-28s %10.2f %10.2f %7.3f\n", "sign, RSA 2048, SHA-256", module.sign, standard.sign,
-              standard.sign / module.sign);
-  return 0;
-} catch (const std::exception& failure) {
-  std::fprintf(stderr, "%s\n", failure.what());
-  return 1;
-}
+}  // namespace bench

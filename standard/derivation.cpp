@@ -121,6 +121,7 @@ CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OB
       ModuleLock module(state);
       const auto key = requiredKey(module, session, hBaseKey, mechanism, CKA_DERIVE);
       checkPoint(agreement.publicPoint, key->identity.size());
+      checkKey(module, *key);
       secret = agree(module, *key, agreement.publicPoint);
     }
     const SecretBytes value =

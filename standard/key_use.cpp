@@ -60,13 +60,16 @@ std::shared_ptr<Object> requiredKey(ModuleLock& module, const Session& session, 
     throw Refusal(CKR_KEY_TYPE_INCONSISTENT, "the key has another type, hKey=", handle);
   }
   if (!attributes.flag(use)) throw Refusal(CKR_KEY_FUNCTION_NOT_PERMITTED, "not a use of this key, hKey=", handle);
+  return key;
+}
+
+void checkKey(ModuleLock& module, Object& key) {
   try {
-    checkIdentity(module, *key);
+    checkIdentity(module, key);
   } catch (const Refusal& refusal) {
     if (refusal.code() != CKR_OBJECT_HANDLE_INVALID) throw;
     throw Refusal(CKR_KEY_HANDLE_INVALID, refusal.reason());
   }
-  return key;
 }
 
 CK_RV beginUse(const char* name, CK_SESSION_HANDLE hSession, const KeyUse& use, const CK_MECHANISM* pMechanism,

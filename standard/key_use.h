@@ -17,6 +17,10 @@ struct KeyUse {
 std::shared_ptr<Object> requiredKey(ModuleLock& module, const Session& session, CK_OBJECT_HANDLE handle,
                                     const Mechanism& mechanism, CK_ATTRIBUTE_TYPE use);
 
+// Throws CKR_KEY_HANDLE_INVALID when the key is no longer the one that its handle first named. To be called right
+// before the module uses the key: between Init and the data another process may delete it and make another one.
+void checkKey(ModuleLock& module, Object& key);
+
 // The four Init calls: checks mechanism, parameter and key, in this order, and remembers the operation.
 CK_RV beginUse(const char* name, CK_SESSION_HANDLE hSession, const KeyUse& use, const CK_MECHANISM* pMechanism,
                CK_OBJECT_HANDLE hKey) noexcept;
@@ -45,7 +49,7 @@ CK_RV useCall(const char* name, CK_SESSION_HANDLE hSession, const KeyUse& use, D
 }
 
 // Calls the module's Init function with the operation's key, then `body(session)`, which returns the code of its call.
-// The key is compared with the one at Init first. Throws `otherwise` for a failure of the token.
+// Checks the key first. Throws `otherwise` for a failure of the token.
 template <typename Body>
 void useKey(State& state, KeyOperation& operation, CK_C_SignInit init, CK_MECHANISM_TYPE mechanism, CK_RV otherwise,
             Body&& body) {
@@ -53,7 +57,7 @@ void useKey(State& state, KeyOperation& operation, CK_C_SignInit init, CK_MECHAN
   Token& token = *operation.key->token;
   if (operation.key->isPrivate) useLogin(module, token);
   if (operation.isOver()) throw Refusal(CKR_OPERATION_NOT_INITIALIZED, "the operation ended with the login");
-  checkIdentity(module, *operation.key);
+  checkKey(module, *operation.key);
   CK_MECHANISM given{mechanism, nullptr, 0};
   const CK_SESSION_HANDLE session = lockedSession(module, token);
   CK_RV code = init(session, &given, operation.key->moduleHandle);

@@ -32,3 +32,5 @@ derSignature ec.raw ec.sig
 check "openssl verifies the EC signature" verifySignature ec.pem ec.sig -sha256
 # The same token serves both systems.
 TAVRIN_SOFT_TOKENS=$work/tokens shows "the Linux module shows the key" 'label: *node rsa' loggedIn --list-objects --type privkey
+standardModule=$(tr / '\\' <<<"Z:$windows/bin/TavrinPKCS11Standard.dll")
+check "graphene works with the standard module" node "Z:$here/programs/graphene.js" "$standardModule" pin

@@ -9,7 +9,9 @@ TAVRIN_PIN=$(cat "$E2E_PIN_FILE")
 for kind in rsa ec; do
   run sign_file "$E2E_MODULE" env:TAVRIN_PIN "my $kind key" document $kind.new $kind >/dev/null
   run sign_file "$E2E_MODULE" "file:$(native "$E2E_PIN_FILE")" "my $kind key" document $kind.again >/dev/null
-  for name in new again; do
+  run sign_file "$(native "$standardLibrary")" env:TAVRIN_PIN "my $kind key" document $kind.found >/dev/null
+  run sign_file "$(native "$standardLibrary")" env:TAVRIN_PIN "its $kind key" document $kind.own $kind >/dev/null
+  for name in new again found own; do
     openssl dgst -sha256 -verify $kind.$name.pem -signature $kind.$name.sig document
   done
 done

@@ -29,10 +29,10 @@ const only = (label, objectClass) => {
 };
 const base64 = (bytes) => bytes.toString("base64url");
 
-generate(KeyGenMechanism.RSA, "node rsa", KeyType.RSA,
+generate(KeyGenMechanism.RSA, "graphene rsa", KeyType.RSA,
   { modulusBits: 2048, publicExponent: Buffer.from([1, 0, 1]), encrypt: true }, { decrypt: true });
-const rsa = only("node rsa", ObjectClass.PRIVATE_KEY);
-const rsaValues = only("node rsa", ObjectClass.PUBLIC_KEY).getAttribute({ modulus: null, publicExponent: null });
+const rsa = only("graphene rsa", ObjectClass.PRIVATE_KEY);
+const rsaValues = only("graphene rsa", ObjectClass.PUBLIC_KEY).getAttribute({ modulus: null, publicExponent: null });
 const rsaPublic = crypto.createPublicKey({
   key: { kty: "RSA", n: base64(rsaValues.modulus), e: base64(rsaValues.publicExponent) },
   format: "jwk",
@@ -47,9 +47,9 @@ const decryption = { name: "RSA_PKCS_OAEP", params: new graphene.RsaOaepParams(g
 const plaintext = session.createDecipher(decryption, rsa).once(crypto.publicEncrypt(oaep, data), Buffer.alloc(512));
 assert(data.equals(plaintext));
 
-generate(KeyGenMechanism.EC, "node ec", KeyType.EC, { paramsEC: graphene.NamedCurve.getByName("secp256r1").value }, { derive: true });
-const ec = only("node ec", ObjectClass.PRIVATE_KEY);
-const point = only("node ec", ObjectClass.PUBLIC_KEY).getAttribute("pointEC").subarray(2); // after the octet string's header
+generate(KeyGenMechanism.EC, "graphene ec", KeyType.EC, { paramsEC: graphene.NamedCurve.getByName("secp256r1").value }, { derive: true });
+const ec = only("graphene ec", ObjectClass.PRIVATE_KEY);
+const point = only("graphene ec", ObjectClass.PUBLIC_KEY).getAttribute("pointEC").subarray(2); // after the octet string's header
 const ecPublic = crypto.createPublicKey({
   key: { kty: "EC", crv: "P-256", x: base64(point.subarray(1, 33)), y: base64(point.subarray(33)) },
   format: "jwk",
