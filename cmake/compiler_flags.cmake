@@ -10,6 +10,7 @@ function(tavrin_compiler_flags target)
     POSITION_INDEPENDENT_CODE ON)
   if(WIN32)
     set_target_properties(${target} PROPERTIES PREFIX "")
+    target_compile_definitions(${target} PRIVATE WIN32_LEAN_AND_MEAN NOMINMAX)
   endif()
   target_link_libraries(${target} PUBLIC Threads::Threads)
   if(MSVC)
@@ -39,12 +40,22 @@ function(tavrin_compiler_flags target)
   endif()
 endfunction()
 
-# tavrin_precompile(target): the target's sources read the standard library once. They still include what they use:
-# clang-tidy reads them without this header.
-function(tavrin_precompile target)
-  if(TAVRIN_SANITIZERS)
-    target_precompile_headers(${target} PRIVATE
-      <algorithm> <chrono> <filesystem> <fstream> <functional> <map> <memory> <mutex> <optional> <span> <sstream> <string>
-      <string_view> <thread> <vector>)
-  endif()
+# tavrin_join_sources(target): where TAVRIN_JOIN_SOURCES is on, compiles the target's sources several at a time, so that
+# the headers of the standard library are read, and checked by clang-tidy, a few times instead of a hundred. A name in an
+# unnamed namespace must then be the only one of its library. The sources still include what they use: the preset for
+# Linux compiles each alone.
+option(TAVRIN_JOIN_SOURCES "Compile several sources at a time" OFF)
+function(tavrin_join_sources target)
+  set_target_properties(${target} PROPERTIES UNITY_BUILD ${TAVRIN_JOIN_SOURCES} UNITY_BUILD_BATCH_SIZE 10)
+endfunction()
+
+# tavrin_interface(target header ...): whoever links the target can include these headers of src/ and no others.
+function(tavrin_interface target)
+  set(folder ${CMAKE_BINARY_DIR}/interfaces/${target})
+  foreach(header ${ARGN})
+    cmake_path(GET header PARENT_PATH subfolder)
+    file(MAKE_DIRECTORY ${folder}/${subfolder})
+    file(CREATE_LINK ${CMAKE_SOURCE_DIR}/src/${header} ${folder}/${header} SYMBOLIC COPY_ON_ERROR)
+  endforeach()
+  target_include_directories(${target} INTERFACE ${folder})
 endfunction()

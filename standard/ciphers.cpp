@@ -7,7 +7,6 @@ using namespace tavrin::standard;
 
 namespace {
 
-constexpr std::size_t pkcs1Overhead = 11;
 constexpr std::size_t oaepOverhead = 42;  // with SHA-1
 
 constexpr KeyUse encryption{&Session::encryption, CKF_ENCRYPT, CKA_ENCRYPT};

@@ -12,6 +12,9 @@ struct KeyUse {
   CK_ATTRIBUTE_TYPE attribute;  // of the keys that may do it
 };
 
+// The bytes of a block that PKCS #1 v1.5 leaves for no data: 0, type, at least eight of padding, 0.
+constexpr std::size_t pkcs1Overhead = 11;
+
 // The key, checked for the mechanism and the use that the attribute allows: CKR_KEY_HANDLE_INVALID,
 // CKR_KEY_TYPE_INCONSISTENT or CKR_KEY_FUNCTION_NOT_PERMITTED otherwise.
 std::shared_ptr<Object> requiredKey(ModuleLock& module, const Session& session, CK_OBJECT_HANDLE handle,

@@ -8,7 +8,7 @@
 namespace tavrin::standard {
 namespace {
 
-std::atomic<CK_OBJECT_HANDLE> lastHandle = 0;
+std::atomic<CK_OBJECT_HANDLE> lastObjectHandle = 0;
 
 // The module's ranges of handles.
 constexpr CK_OBJECT_HANDLE privateKeys = 0x70000000U;
@@ -38,7 +38,7 @@ std::shared_ptr<Object> ObjectTable::find(CK_OBJECT_HANDLE handle) const {
 }
 
 std::shared_ptr<Object> ObjectTable::add(Object object) {
-  object.handle = ++lastHandle;
+  object.handle = ++lastObjectHandle;
   if (object.moduleHandle != 0) byModule_[{object.token, object.moduleHandle}] = object.handle;
   const CK_OBJECT_HANDLE handle = object.handle;
   return objects_.emplace(handle, std::make_shared<Object>(std::move(object))).first->second;

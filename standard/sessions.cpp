@@ -7,7 +7,7 @@
 namespace tavrin::standard {
 namespace {
 
-std::atomic<CK_SESSION_HANDLE> lastHandle = 0;
+std::atomic<CK_SESSION_HANDLE> lastSessionHandle = 0;
 
 }  // namespace
 
@@ -23,7 +23,7 @@ CK_STATE Session::state() const {
 }
 
 CK_SESSION_HANDLE SessionTable::add(std::shared_ptr<Session> session) {
-  session->handle = ++lastHandle;
+  session->handle = ++lastSessionHandle;
   const std::lock_guard guard(mutex_);
   return sessions_.emplace(session->handle, std::move(session)).first->first;
 }

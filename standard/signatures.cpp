@@ -12,7 +12,6 @@ namespace {
 
 // The module counts in 32 bits with a sign. Longer data are hashed in parts.
 constexpr std::size_t longestForModule = std::size_t{1} << 30;
-constexpr std::size_t pkcs1Overhead = 11;
 
 constexpr KeyUse signing{&Session::signing, CKF_SIGN, CKA_SIGN};
 constexpr KeyUse verification{&Session::verification, CKF_VERIFY, CKA_VERIFY};

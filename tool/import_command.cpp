@@ -23,7 +23,7 @@ using softtoken::ByteView;
 using softtoken::Failure;
 using softtoken::Status;
 
-struct Options {
+struct ImportOptions {
   std::string file;
   std::string module;
   std::string token;  // its label; empty: the only one
@@ -97,7 +97,7 @@ CK_SLOT_ID chooseSlot(CK_FUNCTION_LIST* functions, const std::string& label) {
   return found.front();
 }
 
-void login(CK_FUNCTION_LIST* functions, const Session& session, const Options& options) {
+void login(CK_FUNCTION_LIST* functions, const Session& session, const ImportOptions& options) {
   softtoken::SecretBytes pin = readPassword({"user password", options.pinFile, "TAVRIN_PIN"});
   const CK_RV result = functions->C_Login(session.handle(), CKU_USER, pin.data(), static_cast<CK_ULONG>(pin.size()));
   if (result == CKR_PIN_INCORRECT) throw Failure(Status::wrongPassword, "the user password is wrong");
@@ -108,7 +108,7 @@ void login(CK_FUNCTION_LIST* functions, const Session& session, const Options& o
 // Writes what a file holds to one token.
 class Import {
  public:
-  Import(CK_FUNCTION_LIST* functions, const Session& session, const Options& options, const KeyFile& file)
+  Import(CK_FUNCTION_LIST* functions, const Session& session, const ImportOptions& options, const KeyFile& file)
       : functions_(functions), session_(session), options_(options), file_(file) {}
 
   void run() {
@@ -216,11 +216,11 @@ class Import {
 
   CK_FUNCTION_LIST* functions_;
   const Session& session_;
-  const Options& options_;
+  const ImportOptions& options_;
   const KeyFile& file_;
 };
 
-int importFile(const Options& options) {
+int importFile(const ImportOptions& options) {
   const KeyFile file = readKeyFile(options.file, [&] {
     return readPassword({"password of the file", options.filePinFile, "TAVRIN_FILE_PIN"});
   });
@@ -236,7 +236,7 @@ int importFile(const Options& options) {
 }  // namespace
 
 void addImportCommand(CLI::App& app, Action& action) {
-  const auto options = std::make_shared<Options>();
+  const auto options = std::make_shared<ImportOptions>();
   CLI::App& command = *app.add_subcommand("import", "Writes a key and certificates from a file to a token.");
   command.add_option("FILE", options->file, "A PKCS#12 (.p12, .pfx) or PEM file")->required()->type_name("");
   command.add_option("--module", options->module, "The module to load; default: the installed one")->type_name("FILE");

@@ -23,7 +23,7 @@ namespace {
 
 constexpr auto pollInterval = std::chrono::milliseconds(200);
 
-struct Options {
+struct LogOptions {
   std::string file;     // a log that was sent in; empty: this machine's
   std::string day;      // empty: today, also after midnight
   std::string program;  // empty: all
@@ -56,12 +56,12 @@ std::string checkTime(const std::string& time) {
   return fits(time, "00:00") || fits(time, "00:00:00") ? "" : "takes a time as HH:MM or HH:MM:SS, not " + time;
 }
 
-std::vector<LogFile> allFiles(const Options& options) {
+std::vector<LogFile> allFiles(const LogOptions& options) {
   if (!options.file.empty()) return {logFileAt(softtoken::pathOf(options.file))};
   return logFilesOf(options.day.empty() ? today() : options.day);
 }
 
-std::vector<LogFile> wantedFiles(const Options& options) {
+std::vector<LogFile> wantedFiles(const LogOptions& options) {
   std::vector<LogFile> files = allFiles(options);
   if (!options.program.empty())
     std::erase_if(files, [&](const LogFile& file) { return file.program != options.program; });
@@ -70,14 +70,14 @@ std::vector<LogFile> wantedFiles(const Options& options) {
 
 char lowered(char letter) { return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter + 32) : letter; }
 
-bool holds(const std::string& line, const Options& options) {
+bool holds(const std::string& line, const LogOptions& options) {
   if (!options.ignoreCase) return line.find(options.text) != std::string::npos;
   const auto same = [](char one, char other) { return lowered(one) == lowered(other); };
   return options.text.empty() ||
          std::search(line.begin(), line.end(), options.text.begin(), options.text.end(), same) != line.end();
 }
 
-bool wanted(const LogEntry& entry, const Options& options) {
+bool wanted(const LogEntry& entry, const LogOptions& options) {
   constexpr std::size_t clock = 7;  // after DD/MM::
   if (options.errorsOnly && entry.kind != LineKind::error) return false;
   if (!options.since.empty() && (entry.time.size() < clock || entry.time.substr(clock) < options.since)) return false;
@@ -97,7 +97,7 @@ const char* colourOf(LineKind kind) {
 
 class Printer {
  public:
-  explicit Printer(const Options& options)
+  explicit Printer(const LogOptions& options)
       : options_(options), coloured_(outputTakesColour()), prefixed_(options.program.empty() && options.file.empty()) {}
 
   void add(const LogEntry& entry) {
@@ -148,7 +148,7 @@ class Printer {
     std::cout << colour << printable(line.text) << (*colour != '\0' ? "\x1B[0m" : "") << '\n';
   }
 
-  const Options& options_;
+  const LogOptions& options_;
   const bool coloured_;
   const bool prefixed_;  // with the program's name, as there may be several
   CallCollector calls_;
@@ -162,7 +162,7 @@ std::string namesOf(const std::vector<LogFile>& files) {
   return names;
 }
 
-void explainNothing(const Options& options) {
+void explainNothing(const LogOptions& options) {
   std::string text = "There is no log of " + (options.day.empty() ? "today" : options.day) +
                      (options.program.empty() ? "" : " by " + options.program) + " in " +
                      softtoken::textOf(logFolder()) + "; the log level is " + levelText(tavrin::getLogLevel());
@@ -173,14 +173,14 @@ void explainNothing(const Options& options) {
 // The module cuts the program's file name there too.
 std::string untilPoint(const std::string& name) { return name.substr(0, name.find('.')); }
 
-int listPrograms(const Options& options) {
+int listPrograms(const LogOptions& options) {
   const std::vector<LogFile> files = allFiles(options);
   if (files.empty()) explainNothing(options);
   for (const LogFile& file : files) std::cout << printable(file.program) << '\n';
   return 0;
 }
 
-int show(Options& options) {
+int show(LogOptions& options) {
   if (options.listPrograms) return listPrograms(options);
   options.program = untilPoint(options.program);
   Printer printer(options);
@@ -198,7 +198,7 @@ int show(Options& options) {
   return 0;
 }
 
-int level(const Options& options) {
+int level(const LogOptions& options) {
   if (options.level >= 0) setLogLevel(options.level);
   const int now = tavrin::getLogLevel();
   if (options.json) {
@@ -209,7 +209,7 @@ int level(const Options& options) {
   return 0;
 }
 
-void addShowOptions(CLI::App& command, Options& options) {
+void addShowOptions(CLI::App& command, LogOptions& options) {
   command.add_option("FILE", options.file, "A log file to show, such as one sent to support")->type_name("");
   command.add_flag("--follow,-f", options.follow, "Wait for new lines and show them");
   command.add_flag("--errors,-e", options.errorsOnly, "Show refusals and failures only");
@@ -248,7 +248,7 @@ const char* levelMeaning(int level) {
 std::string levelText(int level) { return std::to_string(level) + " (" + levelMeaning(level) + ")"; }
 
 void addLogCommands(CLI::App& app, Action& action) {
-  const auto options = std::make_shared<Options>();
+  const auto options = std::make_shared<LogOptions>();
   CLI::App& log = *app.add_subcommand("log", "Shows the module's log, and sets the log level.");
   log.require_subcommand(0, 1);
   addShowOptions(log, *options);

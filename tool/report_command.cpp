@@ -12,7 +12,7 @@
 namespace tool {
 namespace {
 
-struct Options {
+struct ReportOptions {
   std::string file;
   std::string module;
   std::string log;      // a log file; empty: this machine's
@@ -21,7 +21,7 @@ struct Options {
   bool anonymous = false;
 };
 
-std::vector<LogFile> filesOf(const Options& options) {
+std::vector<LogFile> filesOf(const ReportOptions& options) {
   if (!options.log.empty()) return {logFileAt(softtoken::pathOf(options.log))};
   std::vector<LogFile> files = logFilesOf(options.day.empty() ? today() : options.day);
   const std::string program = options.program.substr(0, options.program.find('.'));
@@ -29,7 +29,7 @@ std::vector<LogFile> filesOf(const Options& options) {
   return files;
 }
 
-int report(const Options& options) {
+int report(const ReportOptions& options) {
   const std::vector<LogFile> files = filesOf(options);
   SystemStatus status;
   gatherStatus(options.module.empty() ? defaultModule() : softtoken::pathOf(options.module), options.anonymous, status);
@@ -53,7 +53,7 @@ int report(const Options& options) {
 }  // namespace
 
 void addReportCommand(CLI::App& app, Action& action) {
-  const auto options = std::make_shared<Options>();
+  const auto options = std::make_shared<ReportOptions>();
   CLI::App& command = *app.add_subcommand("report", "Writes status and log to an HTML page for support.");
   command.add_option("FILE", options->file, "The page to write")->required()->type_name("");
   command.add_option("--module", options->module, "The module to load; default: the installed one")->type_name("FILE");

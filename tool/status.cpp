@@ -280,17 +280,17 @@ void gatherStatus(const std::filesystem::path& module, bool anonymous, SystemSta
 
 namespace {
 
-struct Options {
+struct StatusOptions {
   std::string module;
   bool json = false;
   bool watch = false;
 };
 
-std::filesystem::path moduleOf(const Options& options) {
+std::filesystem::path moduleOf(const StatusOptions& options) {
   return options.module.empty() ? defaultModule() : softtoken::pathOf(options.module);
 }
 
-int show(const Options& options) {
+int show(const StatusOptions& options) {
   SystemStatus status;
   gatherStatus(moduleOf(options), false, status);
   std::cout << (options.json ? jsonReport(status) : textReport(status));
@@ -298,7 +298,7 @@ int show(const Options& options) {
 }
 
 // Until the output or the process ends.
-int watch(const Options& options) {
+int watch(const StatusOptions& options) {
   if (!outputIsTerminal()) throw softtoken::Failure(softtoken::Status::badArgument, "--watch needs a terminal");
   outputTakesColour();  // makes Windows' console understand the sequence below
   constexpr auto interval = std::chrono::seconds(1);
@@ -315,7 +315,7 @@ int watch(const Options& options) {
 }  // namespace
 
 void addStatusCommand(CLI::App& app, Action& action) {
-  const auto options = std::make_shared<Options>();
+  const auto options = std::make_shared<StatusOptions>();
   CLI::App& command = *app.add_subcommand("status", "Shows what applications would find, and what is wrong.");
   command.add_option("--module", options->module, "The module to load; default: the installed one")->type_name("FILE");
   CLI::Option* json = command.add_flag("--json", options->json, "Print JSON");

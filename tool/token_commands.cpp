@@ -23,7 +23,7 @@ constexpr const char* passwordFooter =
 
 constexpr std::size_t tokenInfoLabel = 32;  // bytes of the label that Cryptoki shows
 
-struct Options {
+struct TokenOptions {
   softtoken::NewToken token;
   std::string pinFile;
   std::string soPinFile;
@@ -33,11 +33,11 @@ struct Options {
   bool json = false;
 };
 
-PasswordSource officerPassword(const Options& options) {
+PasswordSource officerPassword(const TokenOptions& options) {
   return {"security officer password", options.soPinFile, "TAVRIN_SO_PIN"};
 }
 
-PasswordSource userPassword(const Options& options) { return {"user password", options.pinFile, "TAVRIN_PIN"}; }
+PasswordSource userPassword(const TokenOptions& options) { return {"user password", options.pinFile, "TAVRIN_PIN"}; }
 
 void warnOfLabel(const softtoken::NewToken& token) {
   if (token.label.size() > tokenInfoLabel)
@@ -55,14 +55,14 @@ void checkNewToken(const softtoken::NewToken& token) {
     throw Failure(Status::badArgument, "a label is UTF-8 text without control characters");
 }
 
-void makeToken(const Options& options) {
+void makeToken(const TokenOptions& options) {
   const auto user = readNewPassword(userPassword(options));
   const auto officer = readNewPassword(officerPassword(options));
   if (softtoken::tokenExists(options.token.name)) softtoken::removeToken(options.token.name);
   softtoken::createToken(options.token, textIn(user), textIn(officer));
 }
 
-int create(Options& options) {
+int create(TokenOptions& options) {
   softtoken::NewToken& token = options.token;
   if (token.label.empty()) token.label = token.name;
   checkNewToken(token);
@@ -78,7 +78,7 @@ int create(Options& options) {
 }
 
 // Asks before keys are destroyed.
-void confirm(const Options& options, const std::string& action) {
+void confirm(const TokenOptions& options, const std::string& action) {
   const std::string& name = options.token.name;
   const std::string folder = softtoken::textOf(softtoken::folderOfToken(name));
   if (options.yes) return;
@@ -90,7 +90,7 @@ void confirm(const Options& options, const std::string& action) {
   if (answer != "y" && answer != "Y" && answer != "yes") throw Failure(Status::badArgument, "nothing was changed");
 }
 
-int reset(Options& options) {
+int reset(TokenOptions& options) {
   const auto state = softtoken::Token(softtoken::folderOfToken(options.token.name)).state();
   const bool plugged = softtoken::isPlugged(options.token.name);
   confirm(options, "reset");
@@ -103,7 +103,7 @@ int reset(Options& options) {
   return 0;
 }
 
-int unlock(const Options& options) {
+int unlock(const TokenOptions& options) {
   const std::string& name = options.token.name;
   softtoken::Token token(softtoken::folderOfToken(name));
   const auto soPassword = readPassword(officerPassword(options));
@@ -119,19 +119,19 @@ int unlock(const Options& options) {
   return 0;
 }
 
-int plug(const Options& options) {
+int plug(const TokenOptions& options) {
   softtoken::plugToken(options.token.name);
   std::cout << "plugged in " << options.token.name << '\n';
   return 0;
 }
 
-int unplug(const Options& options) {
+int unplug(const TokenOptions& options) {
   softtoken::unplugToken(options.token.name);
   std::cout << "unplugged " << options.token.name << '\n';
   return 0;
 }
 
-int remove(const Options& options) {
+int remove(const TokenOptions& options) {
   confirm(options, "remove");
   softtoken::removeToken(options.token.name);
   std::cout << "removed " << options.token.name << '\n';
@@ -150,14 +150,14 @@ class TokenCommands {
   }
 
  private:
-  CLI::App& add(const char* name, const char* description, bool takesName, int (*run)(Options&)) {
+  CLI::App& add(const char* name, const char* description, bool takesName, int (*run)(TokenOptions&)) {
     CLI::App& command = *group_.add_subcommand(name, description);
     if (takesName) command.add_option("NAME", options_->token.name, "The token's name")->required()->type_name("");
     command.callback(
         [options = options_, run, &action = action_] { action = [options, run] { return run(*options); }; });
     return command;
   }
-  void addFile(CLI::App& command, const char* name, std::string Options::*field, const char* description) {
+  void addFile(CLI::App& command, const char* name, std::string TokenOptions::*field, const char* description) {
     command.footer(passwordFooter);
     command.add_option(name, (*options_).*field, description)->type_name("FILE");
   }
@@ -166,38 +166,40 @@ class TokenCommands {
   void addMaking() {
     CLI::App& made = add("create", "Creates a token and plugs it in.", true, create);
     made.add_option("--label", options_->token.label, "The label to show; default: the name")->type_name("TEXT");
-    addFile(made, "--pin-file", &Options::pinFile, "File with the user password");
-    addFile(made, "--so-pin-file", &Options::soPinFile, "File with the security officer password");
+    addFile(made, "--pin-file", &TokenOptions::pinFile, "File with the user password");
+    addFile(made, "--so-pin-file", &TokenOptions::soPinFile, "File with the security officer password");
     made.add_option("--firmware", options_->token.firmware, "The firmware version to report")->type_name("VERSION");
     made.add_option("--capacity", options_->token.capacity, "Most key pairs and certificates to hold")
         ->type_name("NUMBER");
     made.add_flag("--if-absent", options_->ifAbsent, "Succeed when the token exists already");
     CLI::App& again = add("reset", "Makes a token anew: empty, new passwords and serial.", true, reset);
-    addFile(again, "--pin-file", &Options::pinFile, "File with the new user password");
-    addFile(again, "--so-pin-file", &Options::soPinFile, "File with the new security officer password");
+    addFile(again, "--pin-file", &TokenOptions::pinFile, "File with the new user password");
+    addFile(again, "--so-pin-file", &TokenOptions::soPinFile, "File with the new security officer password");
     addYes(again);
   }
 
   void addLooking() {
-    const auto list = [](Options& options) { return printTokens(options.json), 0; };
-    const auto show = [](Options& options) { return printToken(options.token.name, options.json), 0; };
+    const auto list = [](TokenOptions& options) { return printTokens(options.json), 0; };
+    const auto show = [](TokenOptions& options) { return printToken(options.token.name, options.json), 0; };
     add("list", "Lists all software tokens.", false, list).add_flag("--json", options_->json, "Print JSON");
     add("show", "Shows a token and its objects.", true, show).add_flag("--json", options_->json, "Print JSON");
   }
 
   void addHandling() {
-    add("plug", "Plugs a token in.", true, [](Options& options) { return plug(options); });
-    add("unplug", "Unplugs a token; it keeps its objects.", true, [](Options& options) { return unplug(options); });
+    add("plug", "Plugs a token in.", true, [](TokenOptions& options) { return plug(options); });
+    add("unplug", "Unplugs a token; it keeps its objects.", true,
+        [](TokenOptions& options) { return unplug(options); });
     CLI::App& unlocked = add("unlock", "Sets a new user password by the security officer's.", true,
-                             [](Options& options) { return unlock(options); });
-    addFile(unlocked, "--so-pin-file", &Options::soPinFile, "File with the security officer password");
-    addFile(unlocked, "--new-pin-file", &Options::newPinFile, "File with the new user password");
-    addYes(add("remove", "Deletes a token with all its keys.", true, [](Options& options) { return remove(options); }));
+                             [](TokenOptions& options) { return unlock(options); });
+    addFile(unlocked, "--so-pin-file", &TokenOptions::soPinFile, "File with the security officer password");
+    addFile(unlocked, "--new-pin-file", &TokenOptions::newPinFile, "File with the new user password");
+    addYes(add("remove", "Deletes a token with all its keys.", true,
+               [](TokenOptions& options) { return remove(options); }));
   }
 
   CLI::App& group_;
   Action& action_;
-  std::shared_ptr<Options> options_ = std::make_shared<Options>();
+  std::shared_ptr<TokenOptions> options_ = std::make_shared<TokenOptions>();
 };
 
 }  // namespace

@@ -8,11 +8,11 @@ namespace tavrin {
 namespace {
 
 // Never destroyed: lines are logged until the process is gone.
-alignas(Utils) std::byte storage[sizeof(Utils)];
+alignas(Utils) std::byte utilsStorage[sizeof(Utils)];
 
 }  // namespace
 
-Utils& utils = *::new (storage) Utils;
+Utils& utils = *::new (utilsStorage) Utils;
 
 std::vector<std::string> Utils::split(std::string_view text, std::string_view delimiter) const {
   std::vector<std::string> pieces;

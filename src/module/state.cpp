@@ -35,8 +35,8 @@ struct ModuleState {
   DeviceMonitor deviceMonitor;
 };
 
-alignas(ModuleState) std::byte storage[sizeof(ModuleState)];
-ModuleState& state = *::new (storage) ModuleState;
+alignas(ModuleState) std::byte stateStorage[sizeof(ModuleState)];
+ModuleState& state = *::new (stateStorage) ModuleState;
 
 // The instance that a forked child inherits belongs to the parent. The child neither uses nor releases it; the pointer
 // is kept so that leak checkers find it.

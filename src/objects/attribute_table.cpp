@@ -77,12 +77,12 @@ void ecPoint(const ObjectView& object, AttributeValue& value) {
   value.setMade(std::move(der));
 }
 
-constexpr auto issuer = partOfCertificate<tavrin_getCertificateIssuer>;
-constexpr auto serialNumber = partOfCertificate<tavrin_getCertificateSerialDER>;
-constexpr auto subject = partOfCertificate<tavrin_getCertificateSubject>;
+constexpr auto certificateIssuer = partOfCertificate<tavrin_getCertificateIssuer>;
+constexpr auto certificateSerialNumber = partOfCertificate<tavrin_getCertificateSerialDER>;
+constexpr auto certificateSubject = partOfCertificate<tavrin_getCertificateSubject>;
 
-constexpr auto signs = usage<usageSign>;
-constexpr auto decrypts = usage<usageDecrypt>;
+constexpr auto maySign = usage<usageSign>;
+constexpr auto mayDecrypt = usage<usageDecrypt>;
 
 struct AttributeRow {
   CK_ATTRIBUTE_TYPE type;
@@ -102,20 +102,20 @@ constexpr AttributeRow attributeTable[] = {
     {CKA_VALUE, certificateDer, keyBytes, keyBytes},
     {CKA_OBJECT_ID, ownHandle, ownHandle, ownHandle},
     {CKA_CERTIFICATE_TYPE, constant<CKC_X_509>, constant<0>, constant<0>},
-    {CKA_ISSUER, issuer, empty, empty},
-    {CKA_SERIAL_NUMBER, serialNumber, empty, empty},
+    {CKA_ISSUER, certificateIssuer, empty, empty},
+    {CKA_SERIAL_NUMBER, certificateSerialNumber, empty, empty},
     {CKA_TRUSTED, yes, yes, yes},
     {CKA_KEY_TYPE, constant<0>, keyType, keyType},
-    {CKA_SUBJECT, subject, empty, empty},
+    {CKA_SUBJECT, certificateSubject, empty, empty},
     {CKA_ID, certificateId, keyIdBytes, keyIdBytes},
     {CKA_SENSITIVE, no, yes, no},
-    {CKA_ENCRYPT, no, no, decrypts},
-    {CKA_DECRYPT, no, decrypts, no},
+    {CKA_ENCRYPT, no, no, mayDecrypt},
+    {CKA_DECRYPT, no, mayDecrypt, no},
     {CKA_WRAP, no, no, no},
     {CKA_VERIFY_RECOVER, no, no, no},
     {CKA_DERIVE, no, no, no},
-    {CKA_SIGN, no, signs, no},
-    {CKA_VERIFY, no, no, signs},
+    {CKA_SIGN, no, maySign, no},
+    {CKA_VERIFY, no, no, maySign},
     {CKA_MODULUS, certificateDer, keyBytes, keyBytes},
     {CKA_MODULUS_BITS, constant<2048>, modulusBits, modulusBits},
     {CKA_PUBLIC_EXPONENT, exponent65537, exponent65537, exponent65537},
