@@ -13,6 +13,7 @@ architecture=$(dpkg --print-architecture)
 modules=lib/$(dpkg-architecture -q DEB_HOST_MULTIARCH)/pkcs11 # where p11-kit and others look for modules
 epoch=${SOURCE_DATE_EPOCH:-$(git log -1 --format=%ct 2>/dev/null || echo 1767225600)}
 export SOURCE_DATE_EPOCH=$epoch
+homepage=${TAVRIN_HOMEPAGE:-https://quorvane.example/tavrin}
 maintainer="${DEBFULLNAME:-Tavrin} <${DEBEMAIL:-tavrin@quorvane.example}>"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -24,11 +25,6 @@ version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build/CMakeCache.txt")
 main=$work/tavrin-pkcs11
 dev=$work/tavrin-pkcs11-dev
 DESTDIR=$main cmake --install "$build" --strip >/dev/null
-
-# The tool's own description of its commands gives the manual page and the completion.
-install -d "$main/usr/share/man/man1" "$main/usr/share/bash-completion/completions"
-"$build/bin/tavrin-tool" manual >"$main/usr/share/man/man1/tavrin-tool.1"
-"$build/bin/tavrin-tool" completion >"$main/usr/share/bash-completion/completions/tavrin-tool"
 
 # The folder for CA certificates, to which the module comes through its own folder below /usr/share. The log level's file has
 # a blank in its path, which dpkg does not allow for configuration files, so scripts make and remove it.
@@ -95,7 +91,7 @@ finish() {
   find "$folder/usr" -name '*.so' -exec chmod 644 {} +
   {
     printf 'Package: %s\nSource: tavrin-pkcs11\nVersion: %s\nArchitecture: %s\n' "$package" "$version" "$architecture"
-    printf 'Maintainer: %s\nSection: %s\nPriority: optional\nHomepage: https://quorvane.example/tavrin\n' "$maintainer" "$2"
+    printf 'Maintainer: %s\nSection: %s\nPriority: optional\nHomepage: %s\n' "$maintainer" "$2" "$homepage"
     printf 'Installed-Size: %s\n' "$(du -k -s --apparent-size --exclude=DEBIAN "$folder" | cut -f1)"
     for field in "${@:4}"; do echo "$field"; done
     printf 'Description: %s\n' "$3"

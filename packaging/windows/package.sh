@@ -69,7 +69,8 @@ collect() {
   mkdir -p "$folder"/{examples,include,src/devlib,TavrinDSC/Certificates}
   cp "$bin"/{TavrinPKCS11,TavrinPKCS11Standard,TavrinDSCLibrary}.dll "$bin"/{tavrin-tool,sign_file,wait_for_token}.exe "$folder/"
   chmod 644 "$folder"/*.{dll,exe}
-  cp "$here/README.md" "$top/CHANGELOG.md" "$folder/"
+  sed 's|](\.\./\.\./|](|g' "$here/README.md" >"$folder/README.md"
+  cp "$top/CHANGELOG.md" "$folder/"
   cp -R "$top/docs" "$folder/docs"
   cp "$top"/examples/*.{cpp,h} "$folder/examples/"
   cp "$top"/include/*.h "$folder/include/"

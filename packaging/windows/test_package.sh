@@ -20,7 +20,7 @@ sign() { # NAME [rsa]: with the installed module
 }
 brokenLinks() { # FOLDER: relative links of its documents that lead nowhere
   local document link
-  find "$1" -name '*.md' | while read -r document; do
+  find "$1" \( -name build -o -name '.?*' \) -prune -o -name '*.md' -print | while read -r document; do
     { grep -oE '\]\([^)#:]+' "$document" || true; } | cut -c3- | while read -r link; do
       [[ -e $(dirname "$document")/$link ]] || echo "$document: $link"
     done
@@ -42,6 +42,8 @@ done >missing
 brokenLinks "$zip" >>missing
 check "the zip has what its documents name" diff /dev/null missing
 check "and begins with Windows" eval 'head -n 1 "$zip/README.md" | grep Windows'
+brokenLinks "$packaging/../.." >missing
+check "links of the project's documents" diff /dev/null missing
 shows "the notices" 'GNU Lesser|LGPL' cat "$zip"/licences/*gcrypt*.txt
 shows "the licences that they refer to" 'LESSER GENERAL PUBLIC LICENSE' cat "$zip/licences/LGPL-2.1.txt"
 mv "$zip" "$work/un packed"
@@ -116,20 +118,34 @@ rm -rf "$maker"
 check "install and uninstall at once" eval 'installer /i "$version" && installer /x "$version"'
 refuses "no folder is left" 'No such file' ls "$maker"
 
-# Signed with a key on a token, through the module.
-export TAVRIN_SOFT_TOKENS=$work/tokens TAVRIN_HOME=$work/tavrin-home
+# Signed with a key on a token, through the module, and stamped by a time stamp server.
+export TAVRIN_SOFT_TOKENS=$work/tokens TAVRIN_HOME=$work/tavrin-home no_proxy=127.0.0.1
 createToken
 generate 01 release rsa:2048
-configureEngine
-openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.crt -subj /CN=CA -days 30 2>/dev/null
-printf 'extendedKeyUsage=codeSigning\nkeyUsage=digitalSignature\n' >extensions
-quietly withEngine req -keyform engine -new -key "pkcs11:object=release;type=private;pin-source=file:$work/bare-pin" \
-  -subj "/CN=Release" -out release.csr
-quietly openssl x509 -req -in release.csr -CA ca.crt -CAkey ca.key -CAcreateserial -extfile extensions -days 30 -out release.crt
+certificateAuthority
+issue release.pem release.crt /CN=Release extendedKeyUsage=codeSigning keyUsage=digitalSignature
+serverCertificate /CN=Stamps extendedKeyUsage=critical,timeStamping
+printf '%s\n' '[tsa]' 'default_tsa = this' '[this]' "serial = $work/stamps" 'default_policy = 1.2.3.4' 'digests = sha256' \
+  'signer_digest = sha256' 'ess_cert_id_alg = sha256' "signer_cert = $work/server.crt" "signer_key = $work/server.key" >tsa.cnf
+cat >tsa.py <<'END'
+import http.server, subprocess, sys
+class Stamps(http.server.BaseHTTPRequestHandler):
+    def do_POST(self):
+        open("query", "wb").write(self.rfile.read(int(self.headers["Content-Length"])))
+        subprocess.run(["openssl", "ts", "-reply", "-config", "tsa.cnf", "-queryfile", "query", "-out", "reply"], check=True)
+        self.send_response(200)
+        self.send_header("Content-Type", "application/timestamp-reply")
+        self.end_headers()
+        self.wfile.write(open("reply", "rb").read())
+http.server.HTTPServer(("127.0.0.1", int(sys.argv[1])), Stamps).serve_forever()
+END
+port=$(port)
+background /usr/bin/python3 tsa.py "$port"
 check "signed packages" "$packaging/package.sh" --sign release.crt --key "pkcs11:object=release;type=private" --pin-file pin \
-  --module "$module" "$windows" signed
+  --module "$module" --timestamp "http://127.0.0.1:$port" "$windows" signed
 quietly unzip "signed/tavrin-$version-windows-x64.zip" -d signed
 for file in signed/*.msi signed/*/*.{dll,exe}; do
-  shows "the signature of $(basename "$file")" 'Signature verification: ok' osslsigncode verify -CAfile ca.crt -in "$file"
+  shows "signature and time stamp of $(basename "$file")" 'Timestamp Server Signature verification: ok' \
+    osslsigncode verify -CAfile ca.crt -TSA-CAfile ca.crt -in "$file"
 done
 check "their SHA256SUMS" eval '(cd signed && sha256sum --check --strict SHA256SUMS)'

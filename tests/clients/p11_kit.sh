@@ -4,6 +4,7 @@ source "$(dirname "$0")/lib.sh"
 
 createTokenWithKeys
 check "install" cmake --install "$linux" --prefix "$work/usr"
+check "with the manual page and the completion" test -s usr/share/man/man1/tavrin-tool.1 -a -s usr/share/bash-completion/completions/tavrin-tool
 registration=$(find usr -name tavrin.module)
 shows "the module file names the installed module" "^module: $work/usr/lib.*/libtavrin-pkcs11-standard.so$" cat "$registration"
 # p11-kit reads module files from a fixed folder only. A mount namespace puts the installed folder in its place.

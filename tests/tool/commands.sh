@@ -25,6 +25,19 @@ END
 tool 0 token create --help
 says out '--pin-file FILE' 'TAVRIN_SO_PIN'
 
+# --help, the manual page and the completion have the same commands and options.
+run tavrin-tool manual | tr -d '\\' >manual
+run tavrin-tool completion >completion
+sed -n "s/^ *'\([a-z ]\+\)') words=.*/\1/p" completion >commands
+[[ $(wc -l <commands) == "$(grep -c '^\.SS' manual)" ]] || fail "the manual has other commands: $(cat manual)"
+while read -r words; do
+  tool 0 $words --help
+  sed -nE 's/^ +(-[a-z],)?(--[a-z-]+).*/\2/p' out | sort >shown
+  awk -v heading=".SS $words" '/^\.S[SH]/ {on = $0 == heading} on && /^\.B / {print} END {print "--help"}' manual |
+    grep -oE -- '--[a-z-]+' | sort | diff shown - || fail "the manual has other options of $words"
+  sed -n "s/^ *'$words') words=//p" completion | grep -oE -- '--[a-z-]+' | sort | diff shown - || fail "completion of $words"
+done <commands
+
 # What is refused before passwords are asked for, which would fail here for want of a terminal.
 while IFS='|' read -r words reason; do
   tool 1 token create $words
@@ -166,11 +179,12 @@ else
   says terminal 'new user password' 'code 143' ' echo '
   # A mistyped repetition is asked for again.
   : >typed
-  script -qfec "'$E2E_BIN/tavrin-tool' token create typed --so-pin-file so-pin" typed < <(
+  timeout 60 script -qfec "'$E2E_BIN/tavrin-tool' token create typed --so-pin-file so-pin" typed < <(
     for row in 1:first 2:mistyped 3:"$(cat pin)" 4:"$(cat pin)"; do
       awaited '(($(grep -oE "(new|repeat the) user password" typed | wc -l) >= ${row%%:*}))'
       sleep 0.1 && echo "${row#*:}"
     done
+    awaited 'grep -q created typed'
   ) >/dev/null || fail "not created: $(cat typed)"
   says typed 'The two entries differ.' 'created typed'
   run sign_file "$E2E_MODULE" "file:$pin" key "$pin" typed.1 ec >/dev/null || fail "the repeated password is not the token's"

@@ -91,7 +91,7 @@ else
   chmod 700 tokens/anna
   # What is shown follows the token.
   : >watched
-  script -qfec "echo \$\$ >watcher; exec '$E2E_BIN/tavrin-tool' status --watch" watched < <(
+  timeout 60 script -qfec "echo \$\$ >watcher; exec '$E2E_BIN/tavrin-tool' status --watch" watched < <(
     shows() { for ((i = 0; i < 100 && $(grep -c "$1" watched) < $2; ++i)); do sleep 0.1; done; }
     shows 'tries left' 1
     run tavrin-tool token unplug anna >&2
@@ -136,7 +136,7 @@ tool 1 log "$(native "$E2E_FOLDER/nothing.LOG")"
 # The report: refusals explained, gaps to scale, nothing that acts as markup; and without names.
 tool 0 report page.html --log "$sent"
 says out '6 log lines, 1 refusals'
-says page.html 'C_SignInit</b> <i>250 ms' 'class=g style=height:20px>750 ms' 'offer this mechanism' \
+says page.html 'C_SignInit</b> <i>250 ms' 'class=g style=height:20px>750 ms' '>1.0 s<' 'offer this mechanism' \
   'Secret &lt;b&gt;Name' 'CKM_ECDH1_DERIVE' "$(basename "$E2E_FOLDER")" 'AABBCCDDEEFF'
 [[ $(grep -cE '(src|href)=["h]*http|url\(' page.html) == 0 ]] || fail "the page refers to others"
 tool 0 report private.html --private --log "$sent"
