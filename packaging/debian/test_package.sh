@@ -26,9 +26,10 @@ cp packages/*.deb "$debian/tmp/"
 chmod 1777 "$debian/tmp"
 listed >before
 quietly inside useradd -m user
-quietly inside apt-get update -q
 install() { inside sh -c "apt-get install -q -y --no-install-recommends /tmp/$1_*.deb"; }
-check "apt install" install tavrin-pkcs11
+container=$(sed -n '/^```Dockerfile/,/^```$/p' "$packaging/../../docs/application-developers.md" |
+  sed '/^```/d; /^\(FROM\|COPY\) /d; s/^RUN //; s/^ENV /export /')
+shows "the commands for a container install and make a token" 'created ci' inside sh -ec "$container"
 printf '%s\n' "$PIN" >"$debian/home/user/pin"
 cp so-pin "$debian/home/user/so-pin"
 inside chown -R user /home/user

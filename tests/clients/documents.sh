@@ -6,19 +6,17 @@ top=$(cd "$here/../.." && pwd)
 prefix=$windows/wine-prefix
 unset TAVRIN_HOME JAVA_TOOL_OPTIONS
 
-# blocks FILE: prints the commands for the shell unchanged, those for Windows as calls of windowsCommand.
+# blocks FILE: prints the commands for the shell unchanged, those for Windows as calls of windowsCommands.
 blocks() {
-  awk '/^```sh$/ {kind = "sh"; next} /^```bat$/ {kind = "bat"; next} /^```/ {kind = ""; next}
-       kind == "sh" {print} kind == "bat" {print "windowsCommand <<'"'COMMAND'"'\n" $0 "\nCOMMAND"}' "$1"
+  awk '/^```(sh|bat)$/ {kind = substr($0, 4); if (kind == "bat") print "windowsCommands <<'"'COMMANDS'"'"; next}
+       /^```/ {if (kind == "bat") print "COMMANDS"; kind = ""; next} kind != "" {print}' "$1"
 }
-windowsCommand() {
-  local command
-  read -r command
-  # In a batch file, since cmd quotes differently.
-  printf '@%s\r\n' "$command" >command.bat
-  "$top/scripts/wine.sh" cmd /c command.bat </dev/null
+# In a batch file that ends at the first failure.
+windowsCommands() {
+  sed 's/.*/@&\r\n@if errorlevel 1 exit \/b 1\r/' >commands.bat
+  "$top/scripts/wine.sh" cmd /c commands.bat </dev/null
 }
-export -f windowsCommand
+export -f windowsCommands
 export top
 
 for guide in application-developers administrators maker-engineers; do
@@ -30,8 +28,9 @@ for guide in application-developers administrators maker-engineers; do
   ln -s "$linux" "$folder/build/linux"
   ln -s "$windows" "$folder/build/windows"
   quietly "$top/packaging/windows/package.sh" "$windows" "$folder"
+  quietly unzip "$folder"/*.zip -d "$folder"
   blocks "$top/docs/$guide.md" >"$folder/commands"
   count=$(grep -c . "$folder/commands")
   check "docs/$guide.md: $count lines of commands" \
-    env TAVRIN_SOFT_TOKENS="$work/tokens-$guide" WINEPREFIX="$prefix" bash -c "cd '$folder' && set -euxo pipefail && . ./commands"
+    env PATH="/usr/bin:$PATH" TAVRIN_SOFT_TOKENS="$work/tokens-$guide" WINEPREFIX="$prefix" bash -c "cd '$folder' && set -euxo pipefail && . ./commands"
 done
