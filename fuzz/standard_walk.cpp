@@ -5,6 +5,7 @@
 #include <initializer_list>
 #include <map>
 #include <set>
+#include <sstream>
 
 #include "fake_device_library.h"
 #include "load_module.h"
@@ -100,27 +101,16 @@ class Walk {
   }
 
   void fail() {
-    static constexpr const char* operations[] = {"signHash",
-                                                 "initHash",
-                                                 "updateHash",
-                                                 "finalHash",
-                                                 "verifySignatureHash",
-                                                 "encrypt",
-                                                 "decrypt",
-                                                 "ecdhDerive",
-                                                 "generateKeyPair",
-                                                 "importCertificate",
-                                                 "deleteKeyPair",
-                                                 "importPfx",
-                                                 "updateKeyPairDetails",
-                                                 "deleteCertificate",
-                                                 "changeUserPassword",
-                                                 "getKeyPairList",
-                                                 "getCertificateDetails",
-                                                 "generateRamdomNumber"};
+    static const std::vector<std::string> operations = [] {
+      std::istringstream words(
+          "signHash initHash updateHash finalHash verifySignatureHash encrypt decrypt ecdhDerive generateKeyPair "
+          "importCertificate deleteKeyPair importPfx updateKeyPairDetails deleteCertificate changeUserPassword "
+          "getKeyPairList getCertificateDetails generateRamdomNumber");
+      return std::vector<std::string>(std::istream_iterator<std::string>(words), {});
+    }();
     const auto kind = static_cast<fake::Fault::Kind>(input_.below(5));
     static constexpr int values[] = {7, -1, 0, 100000};
-    fake::fault(operations[input_.below(std::size(operations))], kind, values[input_.below(4)],
+    fake::fault(operations[input_.below(operations.size())], kind, values[input_.below(4)],
                 static_cast<int>(1 + input_.below(2)));
   }
 

@@ -150,6 +150,15 @@ CK_RV Session::final(Operation operation, CK_ULONG room) {
   return into(room, [&](CK_BYTE* to, CK_ULONG* size) { return calls[operation](handle, to, size); });
 }
 
+CK_RV Session::run(Operation operation, const Mechanism& mechanism, CK_OBJECT_HANDLE key, const std::string& data,
+                   std::size_t piece) {
+  CK_RV code = init(operation, mechanism, key);
+  if (code == CKR_OK && piece == 0) return operation == verify ? check(data, out) : once(operation, data);
+  for (std::size_t at = 0; code == CKR_OK && at < data.size(); at += piece)
+    code = update(operation, data.substr(at, piece));
+  return code == CKR_OK ? final(operation) : code;
+}
+
 bool Session::isActive(Operation operation) {
   const std::string rubbish(256, '\1');
   const CK_RV code = operation == verify ? check(rubbish, rubbish) : once(operation, rubbish);

@@ -116,6 +116,10 @@ class Session {
   CK_RV check(const std::string& data, const std::string& signature) const;        // C_Verify
   CK_RV update(Operation operation, const std::string& data, CK_ULONG room = 1024);
   CK_RV final(Operation operation, CK_ULONG room = 1024);  // for verification `out` is the signature
+  // The whole operation, in one call or in pieces of so many bytes: the first code that is not CKR_OK. For verification
+  // `out` is the signature.
+  CK_RV run(Operation operation, const Mechanism& mechanism, CK_OBJECT_HANDLE key, const std::string& data,
+            std::size_t piece = 0);
   // Whether the operation is active, found out by ending it.
   bool isActive(Operation operation);
 

@@ -21,8 +21,7 @@ class OperationTest : public KeysTest {
  protected:
   std::vector<Case> cases() {
     Session& s = *owner_;
-    is(s.init(encrypt, CKM_RSA_PKCS, rsaPublic_), CKR_OK);
-    is(s.once(encrypt, "secret"), CKR_OK);
+    is(s.run(encrypt, CKM_RSA_PKCS, rsaPublic_, "secret"), CKR_OK);
     const std::string encrypted = s.out;
     return {{digest, CKM_SHA256, 0, 0, 0, 32, "data"},
             {sign, CKM_SHA256_RSA_PKCS, rsa_, ec_, rsaPublic_, 256, "data"},
@@ -115,9 +114,7 @@ TEST_F(OperationTest, LengthsOfData) {
       is(code, expected, operationNames[operation] + std::to_string(length));
       EXPECT_FALSE(s.isActive(operation)) << length;
       if (code != CKR_OK || type != CKM_RSA_PKCS || operation != sign) continue;
-      const std::string signature = s.out;
-      is(s.init(verify, type, rsaPublic_), CKR_OK);
-      is(s.check(bytes(length), signature), CKR_OK, std::to_string(length));
+      is(s.run(verify, type, rsaPublic_, bytes(length)), CKR_OK, std::to_string(length));
     }
   };
   rows(digest, CKM_SHA256, 0, CKR_OK, {0, 1});
@@ -134,8 +131,7 @@ TEST_F(OperationTest, LengthsOfData) {
 
 TEST_F(OperationTest, Verification) {
   Session& s = *owner_;
-  is(s.init(sign, CKM_SHA256_RSA_PKCS, rsa_), CKR_OK);
-  is(s.once(sign, "data"), CKR_OK);
+  is(s.run(sign, CKM_SHA256_RSA_PKCS, rsa_, "data"), CKR_OK);
   const std::string signature = s.out, wrong = signature.substr(0, 255) + static_cast<char>(signature[255] ^ 1);
   const struct {
     std::string data, signature;
@@ -148,20 +144,15 @@ TEST_F(OperationTest, Verification) {
               {"data", signature + "x", CKR_SIGNATURE_LEN_RANGE},
               {"data", "", CKR_SIGNATURE_LEN_RANGE}};
   for (const auto& row : rows) {
-    const auto number = std::to_string(&row - rows);
-    is(s.init(verify, CKM_SHA256_RSA_PKCS, rsaPublic_), CKR_OK);
-    is(s.check(row.data, row.signature), row.code, number);
-    is(s.check(row.data, row.signature), noOperation, "every verification is an end");
-    is(s.init(verify, CKM_SHA256_RSA_PKCS, rsaPublic_), CKR_OK);
-    is(s.update(verify, row.data.substr(0, 1)), CKR_OK);
-    is(s.update(verify, row.data.empty() ? "" : row.data.substr(1)), CKR_OK);
-    s.out = row.signature;
-    is(s.final(verify), row.code, number);
-    is(s.final(verify), noOperation);
+    for (const std::size_t piece : {0u, 1u}) {
+      s.out = row.signature;
+      is(s.run(verify, CKM_SHA256_RSA_PKCS, rsaPublic_, row.data, piece), row.code, std::to_string(&row - rows));
+      is(piece == 0 ? s.check(row.data, row.signature) : s.final(verify), noOperation, "every verification is an end");
+    }
   }
   is(f->C_Logout(s), CKR_OK);
-  is(s.init(verify, CKM_SHA256_RSA_PKCS, rsaPublic_), CKR_OK, "verification needs no login");
-  is(s.check("data", signature), CKR_OK);
+  s.out = signature;
+  is(s.run(verify, CKM_SHA256_RSA_PKCS, rsaPublic_, "data"), CKR_OK, "verification needs no login");
 }
 
 TEST_F(OperationTest, OperationsSideBySide) {
@@ -213,13 +204,10 @@ TEST_F(KeysTest, Digests) {
   for (const CK_MECHANISM_TYPE type : {CKM_SHA_1, CKM_SHA256, CKM_SHA384, CKM_SHA512}) {
     for (const std::size_t size : {0u, 1u, 100000u}) {
       const std::string data(size, 'x');
-      is(s.init(digest, type), CKR_OK);
-      is(s.once(digest, data), CKR_OK);
-      EXPECT_EQ(s.out, hashed(type, data));
-      is(s.init(digest, type), CKR_OK);
-      for (std::size_t at = 0; at < size; at += 777) is(s.update(digest, data.substr(at, 777)), CKR_OK);
-      is(s.final(digest), CKR_OK);
-      EXPECT_EQ(s.out, hashed(type, data));
+      for (const std::size_t piece : {0u, 777u}) {
+        is(s.run(digest, type, 0, data, piece), CKR_OK);
+        EXPECT_EQ(s.out, hashed(type, data));
+      }
     }
   }
 }
@@ -240,20 +228,12 @@ TEST_F(KeysTest, Signatures) {
     const std::string key = s.value(ec ? ecPublic_ : rsa_, ec ? CKA_EC_POINT : CKA_MODULUS);
     for (const std::string& text : {std::string(), std::string(5000, 't')}) {
       const std::string hash = hashed(hashType, text), data = raw ? hash : text;
-      is(s.init(sign, mechanism, ec ? ec_ : rsa_), CKR_OK);
-      is(s.once(sign, data), CKR_OK);
-      EXPECT_TRUE(verifies(key, hash, s.out, !mechanism.parameter.empty()));
-      const std::string signature = s.out;
-      is(s.init(verify, mechanism, ec ? ecPublic_ : rsaPublic_), CKR_OK);
-      is(s.check(data, signature), CKR_OK);
-      if (raw) continue;
-      is(s.init(verify, mechanism, ec ? ecPublic_ : rsaPublic_), CKR_OK);
-      is(s.update(verify, data), CKR_OK);
-      is(s.final(verify), CKR_OK);
-      is(s.init(sign, mechanism, ec ? ec_ : rsa_), CKR_OK);
-      for (std::size_t at = 0; at < data.size(); at += 999) is(s.update(sign, data.substr(at, 999)), CKR_OK);
-      is(s.final(sign), CKR_OK);
-      EXPECT_TRUE(verifies(key, hash, s.out, !mechanism.parameter.empty())) << "in parts";
+      for (const std::size_t piece : {0u, 999u}) {
+        if (raw && piece != 0) continue;
+        is(s.run(sign, mechanism, ec ? ec_ : rsa_, data, piece), CKR_OK);
+        EXPECT_TRUE(verifies(key, hash, s.out, !mechanism.parameter.empty())) << piece;
+        is(s.run(verify, mechanism, ec ? ecPublic_ : rsaPublic_, data, piece), CKR_OK);
+      }
     }
   };
   for (const auto& row : rows) {
@@ -300,21 +280,17 @@ TEST_F(KeysTest, Encryption) {
   for (const Mechanism& mechanism : {Mechanism(CKM_RSA_PKCS), oaep(CKM_SHA_1, CKG_MGF1_SHA1)}) {
     for (const std::size_t size : {1u, 100u, mechanism.type == CKM_RSA_PKCS ? 245u : 214u}) {
       const std::string data(size, 'p');
-      is(s.init(encrypt, mechanism, rsaPublic_), CKR_OK);
-      is(s.once(encrypt, data), CKR_OK);
-      const std::string encrypted = s.out;
-      EXPECT_EQ(encrypted.size(), 256U);
-      is(s.init(decrypt, mechanism, rsa_), CKR_OK);
-      is(s.once(decrypt, encrypted), CKR_OK);
-      EXPECT_EQ(s.out, data);
-      std::string wrong = encrypted;
+      is(s.run(encrypt, mechanism, rsaPublic_, data), CKR_OK);
+      EXPECT_EQ(s.out.size(), 256U);
+      std::string wrong = s.out;
       wrong[200] = static_cast<char>(wrong[200] ^ 1);
-      is(s.init(decrypt, mechanism, rsa_), CKR_OK);
-      EXPECT_NE(s.once(decrypt, wrong), CKR_OK);
+      is(s.run(decrypt, mechanism, rsa_, s.out), CKR_OK);
+      EXPECT_EQ(s.out, data);
+      EXPECT_NE(s.run(decrypt, mechanism, rsa_, wrong), CKR_OK);
       EXPECT_FALSE(s.isActive(decrypt));
     }
-    is(s.init(encrypt, mechanism, rsaPublic_), CKR_OK);
-    is(s.once(encrypt, std::string(246, 'p')), differs(CKR_DATA_LEN_RANGE, CKR_GENERAL_ERROR, byOpenSsl));
+    is(s.run(encrypt, mechanism, rsaPublic_, std::string(246, 'p')),
+       differs(CKR_DATA_LEN_RANGE, CKR_GENERAL_ERROR, byOpenSsl));
   }
 }
 

@@ -224,8 +224,7 @@ TEST_F(KeysTest, ImportedKeysAndCertificates) {
   const CK_OBJECT_HANDLE key = s.made;
   const Template wanted{{CKA_LABEL, "imported"}, {CKA_ID, "number 7"}, {CKA_CLASS, CKO_PRIVATE_KEY}};
   EXPECT_EQ(s.find(wanted), Handles{key});
-  is(s.init(sign, CKM_SHA256_RSA_PKCS, key), CKR_OK);
-  is(s.once(sign, "text"), CKR_OK);
+  is(s.run(sign, CKM_SHA256_RSA_PKCS, key, "text"), CKR_OK);
   const std::string signature = s.out;
   EXPECT_TRUE(verifies(s.value(key, CKA_MODULUS), hashed(CKM_SHA256, "text"), signature));
   is(s.create(certificate().with({{CKA_TOKEN, true}})), CKR_OK);
@@ -297,8 +296,7 @@ TEST_F(KeysTest, GeneratingKeys) {
        CKR_OK);
     EXPECT_EQ(s.value(s.made, CKA_LABEL) + s.value(s.madePublic, CKA_ID), "made42");
     EXPECT_EQ(s.value(s.madePublic, CKA_EC_PARAMS), *parameters);
-    is(s.init(sign, CKM_ECDSA, s.made), CKR_OK);
-    is(s.once(sign, std::string(20, 'h')), CKR_OK);
+    is(s.run(sign, CKM_ECDSA, s.made, std::string(20, 'h')), CKR_OK);
     const std::string signature = s.out;
     EXPECT_TRUE(verifies(s.value(s.madePublic, CKA_EC_POINT), std::string(20, 'h'), signature));
     const CK_OBJECT_HANDLE key = s.made;
@@ -318,8 +316,7 @@ TEST_F(KeysTest, SessionObjects) {
   const CK_OBJECT_HANDLE key = maker.made, publicKey = maker.madePublic;
   EXPECT_EQ(other.value(key, CKA_TOKEN), std::string(1, '\0'));
   EXPECT_EQ(other.find({{CKA_LABEL, "passing"}, {CKA_CLASS, CKO_PRIVATE_KEY}}), Handles{key});
-  is(other.init(sign, CKM_ECDSA, key), CKR_OK);
-  is(other.once(sign, std::string(32, 'h')), CKR_OK);
+  is(other.run(sign, CKM_ECDSA, key, std::string(32, 'h')), CKR_OK);
 
   is(other.copy(12345678, {}), noSuchObject);
   is(Session(0).copy(key, {{CKA_TOKEN, true}}), CKR_SESSION_READ_ONLY);
@@ -331,8 +328,7 @@ TEST_F(KeysTest, SessionObjects) {
   is(other.get(publicKey, CKA_CLASS), noSuchObject);
   is(other.get(key, CKA_CLASS), noSuchObject);
   EXPECT_EQ(other.find({{CKA_LABEL, "kept"}, {CKA_CLASS, CKO_PRIVATE_KEY}}), Handles{kept});
-  is(other.init(sign, CKM_ECDSA, kept), CKR_OK);
-  is(other.once(sign, std::string(32, 'h')), CKR_OK);
+  is(other.run(sign, CKM_ECDSA, kept, std::string(32, 'h')), CKR_OK);
   is(other.destroy(kept), CKR_OK);
   for (const CK_OBJECT_HANDLE object : other.find({{CKA_LABEL, "kept"}})) is(other.destroy(object), CKR_OK);
 
