@@ -86,7 +86,7 @@ void Crypto::signAndVerify(const MechanismRow& mechanism, const char* key) {
     const auto verify = [&](const Bytes& signedData, const Bytes& signature) {
       return token->verify(mechanism.type, publicKey, signedData, signature, inParts);
     };
-    // Verification in parts never tells the device that a signature is a PSS one.
+    // Verification in parts never asks the device for PSS.
     EXPECT_EQ(verify(data, whole), inParts && mechanism.pss != 0 ? CKR_SIGNATURE_INVALID : CKR_OK);
     EXPECT_EQ(verify(altered(data), whole), CKR_SIGNATURE_INVALID);
     EXPECT_EQ(verify(data, altered(whole)), CKR_SIGNATURE_INVALID);

@@ -18,7 +18,7 @@ done
 ! run sign_file "$E2E_MODULE" env:TAVRIN_PIN "no such key" document none 2>error || fail "signed with a key that is not there"
 grep -q 'no key labelled "no such key"' error || fail "unclear: $(cat error)"
 
-# The first event tells of the token that was there from the beginning.
+# The first event is for the token that was connected from the beginning.
 : >events
 launch wait_for_token "$E2E_MODULE" 3 >>events &
 waitForLines() {

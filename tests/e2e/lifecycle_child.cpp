@@ -1,6 +1,6 @@
 // Brings the module into a state and then leaves in one of the ways in which processes end, with exit code 42 and
 // without finalising: lifecycle_child STATE WAY. It says "leaving" just before it does. With the way "fork" a child
-// process begins anew and finalises, and the parent goes on with what it had.
+// process starts the module again and finalises it, and the parent continues with its own.
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>

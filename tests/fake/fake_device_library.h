@@ -6,7 +6,7 @@
 //
 // Each call of the test's thread becomes one line, such as
 //   signHash TK1 key-1 pin='1234' input='ab' room=1024 flag=0 inst pss=1
-// where bytes that are no plain text stand in upper-case hexadecimal, and "inst", "null" or "stray" tells the instance.
+// where bytes that are no plain text are written in upper-case hexadecimal. "inst", "null" or "stray" is the instance.
 // Calls of other threads are played, but not recorded. All operations may be called from any thread.
 #pragma once
 
@@ -23,7 +23,7 @@
 namespace fake {
 
 struct Device {
-  TokenInfo info;  // the serial number is also the name under which the device is listed, unless the next field tells
+  TokenInfo info;  // the device is listed by its serial number, unless the next field has a name
   std::string listedName;
   std::vector<TavrinKeyPair> keyPairs;
   std::vector<TavrinCertificate> certificates;

@@ -30,63 +30,63 @@ struct Writer {
   // Deriving a key from the password takes longest, so it comes before "ready". The time is limited, because a test
   // that was killed does not kill its writers.
   bool run() {
-    std::setvbuf(report_, nullptr, _IONBF, 0);
+    std::setvbuf(out, nullptr, _IONBF, 0);
     const auto end = std::chrono::steady_clock::now() + 1min;
-    bool good = report("-", "-", [&] { return enter(password_); });
+    bool good = report("-", "-", [&] { return enter(password); });
     say("ready");
-    while (good && std::chrono::steady_clock::now() < end) good = step(random_() % 32);
+    while (good && std::chrono::steady_clock::now() < end) good = step(random() % 32);
     return good;
   }
 
-  void say(const std::string& line) { std::fputs((line + "\n").c_str(), report_); }
+  void say(const std::string& line) { std::fputs((line + "\n").c_str(), out); }
 
   template <class Body>
   bool report(const std::string& removed, const std::string& added, Body body) {
     say("intend " + removed + "|" + added);
     const int status = body();
-    const std::int32_t tries = tavrin_getTokenInfo(device_, nullptr).remainingRetries;
+    const std::int32_t tries = tavrin_getTokenInfo(device, nullptr).remainingRetries;
     say(status == ok ? "done " + std::to_string(tries) : "failed " + std::to_string(status));
     return status == ok;
   }
 
   int enter(const std::string& password) {
     int left = 0;
-    return tavrin_validatePassword(device_, password.c_str(), 1, &left, nullptr);
+    return tavrin_validatePassword(device, password.c_str(), 1, &left, nullptr);
   }
 
   bool step(unsigned choice) {
-    const auto mine = [&](const auto& record) { return record.label[0] == name_[0]; };
-    const auto& keys = tavrin_getKeyPairList(device_, nullptr);
+    const auto mine = [&](const auto& record) { return record.label[0] == name[0]; };
+    const auto& keys = tavrin_getKeyPairList(device, nullptr);
     const auto key = std::ranges::find_if(keys, mine);
     const std::string oldKey = key == keys.end() ? "" : std::string("key:") + key->label;
-    const std::string fresh = name_ + "." + std::to_string(++made_);
-    const char* pin = password_.c_str();
-    if (alone_ && choice < 3) {
-      if (tavrin_getTokenInfo(device_, nullptr).remainingRetries <= fewTries) return true;
+    const std::string fresh = name + "." + std::to_string(++made);
+    const char* pin = password.c_str();
+    if (alone && choice < 3) {
+      if (tavrin_getTokenInfo(device, nullptr).remainingRetries <= fewTries) return true;
       return report("wrong", "-", [&] { return enter("wrong") == wrongPassword ? ok : -1; });
     }
-    if (alone_ && choice == 3) {
-      const std::string old = std::exchange(password_, fresh);
+    if (alone && choice == 3) {
+      const std::string old = std::exchange(password, fresh);
       return report("password:" + old, "password:" + fresh, [&] {
         int left = 0;
-        return tavrin_changeUserPassword(device_, old.c_str(), fresh.c_str(), &left, false, false, nullptr) ? ok : -1;
+        return tavrin_changeUserPassword(device, old.c_str(), fresh.c_str(), &left, false, false, nullptr) ? ok : -1;
       });
     }
     if (choice < 16 && !oldKey.empty())
-      return report(oldKey, "-", [&] { return tavrin_deleteKeyPair(device_, key->recordId, pin, false, nullptr); });
+      return report(oldKey, "-", [&] { return tavrin_deleteKeyPair(device, key->recordId, pin, false, nullptr); });
     TavrinKeyPair pair{};
     pair.keyType = 5;
     softtoken::setLabel(pair.label, fresh);
-    return report("-", "key:" + fresh, [&] { return tavrin_generateKeyPair(device_, pin, &pair, nullptr); });
+    return report("-", "key:" + fresh, [&] { return tavrin_generateKeyPair(device, pin, &pair, nullptr); });
   }
 
-  const std::string name_;
-  std::FILE* const report_;
-  const char* const device_;
-  std::string password_;
-  const bool alone_;
-  std::mt19937 random_{std::random_device()()};
-  int made_ = 0;
+  const std::string name;
+  std::FILE* const out;
+  const char* const device;
+  std::string password;
+  const bool alone;
+  std::mt19937 random{std::random_device()()};
+  int made = 0;
 };
 
 class CrashTest : public SoftTokenTest {

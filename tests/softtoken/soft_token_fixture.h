@@ -46,6 +46,11 @@ class SoftTokenTest : public testing::Test {
   void edit(const std::function<void(softtoken::TokenState&)>& change) const;
 
   int login(const char* password, int kind = 1);  // sets `tries`
+  using Answer = std::pair<int, int>;             // the status and the tries left
+  Answer answer(const char* password, int kind = 1) {
+    const int status = login(password, kind);
+    return {status, tries};
+  }
   TavrinKeyPair generate(std::uint32_t keyType);
   TavrinKeyPair importRsa();  // the key of the vectors
   int importCertificate(TavrinCertificate& certificate, const char* password = pin);

@@ -141,11 +141,11 @@ class ModuleTest : public ::testing::Test {
 
   void setFirmware(const char* version);
 
-  // Waits until the monitor has listed the devices `count` times more than when called; false after 5 seconds.
+  // Waits until the monitor has listed the devices `count` times more than when called. False after 20 seconds.
   static bool waitForListings(int count);
 
   static void logLevel(std::uint32_t level);
-  // The folder of the log files, and all that they hold, as it stands there.
+  // The folder of the log files, and their contents.
   static std::filesystem::path logFolder();
   static std::string rawLog();
   // Does the work with `folder` as the folder for temporary files, and returns what the process prints.

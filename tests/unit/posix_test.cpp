@@ -1,7 +1,6 @@
 // What only POSIX systems have: fork, signals, cancelled threads, limits, and other users who can write to /tmp.
 #include <pthread.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -206,10 +205,7 @@ class PrivateLogTest : public ModuleTest {
         folder_);
   }
 
-  fs::path usual_;
-  fs::path folder_;
-  fs::path program_;
-  fs::path file_;
+  fs::path usual_, folder_, program_, file_;
 };
 
 TEST_F(PrivateLogTest, NothingButTheUsersOwnFilesIsWrittenTo) {
@@ -270,11 +266,8 @@ TEST_F(PrivateLogTest, LimitOnTheSizeOfFilesDoesNotEndTheProcess) {
   ASSERT_EQ(printed(), "");
   const auto size = fs::file_size(file_);
   const auto logBeyondTheLimit = [&] {
+    if (!testPlatform::limitFileSize(size)) return 1;
     signal(SIGXFSZ, SIG_DFL);
-    rlimit limit{};
-    getrlimit(RLIMIT_FSIZE, &limit);
-    limit.rlim_cur = size;
-    if (setrlimit(RLIMIT_FSIZE, &limit) != 0) return 1;
     testPlatform::setEnvironment("TMPDIR", folder_.c_str());
     C_CloseSession(1);
     sigset_t pending;
