@@ -49,9 +49,9 @@ struct Writer {
     return status == ok;
   }
 
-  int enter(const std::string& password) {
+  int enter(const std::string& tried) {
     int left = 0;
-    return tavrin_validatePassword(device, password.c_str(), 1, &left, nullptr);
+    return tavrin_validatePassword(device, tried.c_str(), 1, &left, nullptr);
   }
 
   bool step(unsigned choice) {

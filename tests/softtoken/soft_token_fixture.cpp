@@ -39,6 +39,14 @@ TavrinCertificate certificateRecord() {
 
 Bytes publicKeyOf(const TavrinKeyPair& key) { return {key.publicKey, key.publicKey + key.publicKeyLength}; }
 
+TavrinKeyPair keyPairOf(std::uint32_t keyType, const Bytes& publicKey) {
+  TavrinKeyPair key{};
+  key.keyType = keyType;
+  std::ranges::copy(publicKey, key.publicKey);
+  key.publicKeyLength = static_cast<std::uint32_t>(publicKey.size());
+  return key;
+}
+
 void SoftTokenTest::SetUp() {
   root = testPlatform::freshFolder("softtoken-test");
   testPlatform::setEnvironment("TAVRIN_SOFT_TOKENS", root.string().c_str());
@@ -125,11 +133,10 @@ int SoftTokenTest::verify(const TavrinKeyPair& key, const Bytes& input, const By
                                     instance, pss);
 }
 
-Made SoftTokenTest::encryptRsa(const Bytes& message, PaddingMode padding) {
-  const Bytes info = rsaPublicKeyInfo();
+Made SoftTokenTest::encryptRsa(const Bytes& message, PaddingMode padding, const Bytes& key) {
   return written([&](std::uint8_t* out, int* length) {
-    return tavrin_encrypt(EncryptionType::rsa1024, padding, message.data(), sizeOf(message), out, length, info.data(),
-                          sizeOf(info), instance);
+    return tavrin_encrypt(EncryptionType::rsa1024, padding, message.data(), sizeOf(message), out, length, key.data(),
+                          sizeOf(key), instance);
   });
 }
 

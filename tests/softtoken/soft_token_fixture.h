@@ -29,6 +29,8 @@ Bytes fromHex(std::string_view text);
 // Bytes that differ from each other, the same in every run.
 Bytes pattern(std::size_t count);
 
+Bytes rsaPublicKeyInfo();  // of the vectors' key
+
 struct Made {
   int status;
   Bytes bytes;
@@ -59,7 +61,7 @@ class SoftTokenTest : public testing::Test {
 
   Made sign(const TavrinKeyPair& key, const Bytes& input, bool pss = false, const char* password = pin);
   int verify(const TavrinKeyPair& key, const Bytes& input, const Bytes& signature, bool pss = false);
-  Made encryptRsa(const Bytes& message, PaddingMode padding);  // for the key of the vectors
+  Made encryptRsa(const Bytes& message, PaddingMode padding, const Bytes& key = rsaPublicKeyInfo());
   Made decrypt(const TavrinKeyPair& key, const Bytes& ciphertext);
   Made derive(const TavrinKeyPair& key, const Bytes& peer);
 
@@ -72,5 +74,6 @@ class SoftTokenTest : public testing::Test {
 // The vectors' certificate, and its record.
 Bytes certificateInDer();
 TavrinCertificate certificateRecord();
-Bytes rsaPublicKeyInfo();  // of the vectors' key
 Bytes publicKeyOf(const TavrinKeyPair& key);
+// The record of another's key pair.
+TavrinKeyPair keyPairOf(std::uint32_t keyType, const Bytes& publicKey);
