@@ -42,8 +42,9 @@ TEST_F(SoftTokenTest, ListsWholeConnectedTokensBySerial) {
   EXPECT_EQ(std::tie(info.serialNumber, info.label, info.model, info.firmwareVersion, info.remainingRetries),
             std::tuple(second, "Second", "Soft token", "1.9.9", 10));
   EXPECT_EQ(tavrin_getTokenInfo("nobody", instance).serialNumber, "");
-  EXPECT_NE(softtoken::Token(tokenFolder("two")).unlockForUser(pin).masterKey,
-            otherProcess().unlockForUser(pin).masterKey);
+  const softtoken::MasterKey key = otherProcess().unlockForUser(pin).masterKey;
+  EXPECT_NE(softtoken::Token(tokenFolder("two")).unlockForUser(pin).masterKey, key);
+  EXPECT_NE(seal(key, key, {}), seal(key, key, {})) << "the same nonce twice";
 
   softtoken::unplugToken("two");
   EXPECT_EQ(devices(), Devices{device});
