@@ -68,10 +68,10 @@ Number numberIn(ByteView value) {
 
 // The row of the attribute among the kinds and, if given, of the form; null when there is none.
 const Row* findRow(CK_ATTRIBUTE_TYPE type, unsigned kinds, std::optional<Form> form = std::nullopt) {
-  for (const Row& row : table)
-    if ((row.kinds & kinds) != 0 && (!form || row.form == *form) &&
-        std::ranges::find(row.types, type) != row.types.end())
-      return &row;
+  for (const Row& row : table) {
+    const bool isMeant = (row.kinds & kinds) != 0 && (!form || row.form == *form);
+    if (isMeant && std::ranges::find(row.types, type) != row.types.end()) return &row;
+  }
   return nullptr;
 }
 
