@@ -13,7 +13,7 @@ void* openLibrary(const std::string& path);
 void* findFunction(void* library, const char* name);
 void closeLibrary(void* library);
 
-// A loaded and initialised module; it is finalised and unloaded when this object goes.
+// A loaded and initialised module; it is finalised and unloaded when this object is destroyed.
 //
 //   CryptokiModule module("./libtavrin-pkcs11.so");
 //   check(module->C_GetSlotList(...), "C_GetSlotList");

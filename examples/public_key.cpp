@@ -15,7 +15,7 @@ Bytes operator+(Bytes first, const Bytes& second) {
   return first;
 }
 
-// DER writes lengths below 128 in one byte, longer ones behind a byte that tells how many follow.
+// DER writes lengths below 128 in one byte, longer ones after a byte with their number.
 Bytes lengthBytes(std::size_t length) {
   const auto low = static_cast<CK_BYTE>(length & 0xFF);
   if (length < 0x80) return {low};

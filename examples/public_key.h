@@ -13,7 +13,7 @@ using Bytes = std::vector<CK_BYTE>;
 std::string rsaPublicKeyPem(const Bytes& modulus, const Bytes& exponent);
 std::string ecPublicKeyPem(const Bytes& parameters, const Bytes& point);
 
-// Cryptoki gives an ECDSA signature as r and s, one behind the other and equally long; OpenSSL, X.509 and CMS want a
+// Cryptoki gives an ECDSA signature as r and s, one after the other and equally long; OpenSSL, X.509 and CMS want a
 // DER sequence of two integers.
 Bytes ecdsaSignatureAsDer(const Bytes& signature);
 

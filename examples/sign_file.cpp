@@ -148,7 +148,7 @@ Bytes signFile(const CryptokiModule& module, CK_SESSION_HANDLE session, CK_OBJEC
           "C_SignUpdate");
   }
 
-  // Without a buffer the call only tells the length; the signature is made once and kept for the second call.
+  // Without a buffer the call only returns the length; the signature is made once and kept for the second call.
   CK_ULONG length = 0;
   check(module->C_SignFinal(session, nullptr, &length), "C_SignFinal");
   Bytes signature(length);

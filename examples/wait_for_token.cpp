@@ -1,9 +1,9 @@
-// Tells when tokens come and go, through any Cryptoki (PKCS#11) module.
+// Reports when tokens come and go, through any Cryptoki (PKCS#11) module.
 //
 //   wait_for_token MODULE [COUNT]
 //
 // It prints the tokens that are connected now, then again at each slot event, and ends after COUNT events; without a
-// COUNT it goes on until it is interrupted.
+// COUNT it continues until it is interrupted.
 #include <cstdio>
 #include <cstdlib>
 #include <exception>

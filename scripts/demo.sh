@@ -118,7 +118,7 @@ build
 onLinux
 onWindows
 for log in "$linuxLog" "$windowsLog"; do
-  grep -q C_Sign "$log" || { echo "demo: the log $log does not tell of the signatures" >&2; exit 1; }
+  grep -q C_Sign "$log" || { echo "demo: the log $log does not show the signatures" >&2; exit 1; }
 done
 
 say "Done"

@@ -4,16 +4,16 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <span>
 #include <string_view>
 #include <vector>
 
+#include "devlib/byte_view.h"
 #include "softtoken/platform.h"
 
 namespace softtoken {
 
 using Bytes = std::vector<std::uint8_t>;
-using ByteView = std::span<const std::uint8_t>;
+using tavrin::ByteView;
 
 template <class Value>
 struct WipingAllocator {

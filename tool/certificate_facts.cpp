@@ -43,7 +43,7 @@ std::string dateIn(std::string_view text) {
 Validity validityNow(sys_seconds start, sys_seconds end, sys_seconds now) {
   if (now > end) return Validity::expired;
   if (now < start) return Validity::notYet;
-  return end - now < days(warningDays) ? Validity::expiresSoon : Validity::good;
+  return end - now < days(warningDays) ? Validity::expiresSoon : Validity::valid;
 }
 
 void readValidity(ByteView der, CertificateFacts& facts) {
@@ -65,8 +65,8 @@ void readValidity(ByteView der, CertificateFacts& facts) {
   facts.validity = validityNow(*start, *end, now);
 }
 
-// The public key stands right behind the subject's name.
-softtoken::Bytes publicKeyBehind(ByteView subject, ByteView der) {
+// The public key follows the subject's name.
+softtoken::Bytes publicKeyAfter(ByteView subject, ByteView der) {
   ByteView rest = der.subspan(static_cast<std::size_t>(subject.data() - der.data()) + subject.size());
   const auto key = softtoken::takeElement(rest, softtoken::tag::sequence);
   return key ? softtoken::Bytes(key->whole.begin(), key->whole.end()) : softtoken::Bytes();
@@ -79,7 +79,7 @@ std::optional<CertificateFacts> readFacts(ByteView der) try {
   CertificateFacts facts;
   facts.subject = fields.subjectText;
   facts.issuer = fields.issuerText;
-  facts.publicKeyInfo = publicKeyBehind(fields.subject, der);
+  facts.publicKeyInfo = publicKeyAfter(fields.subject, der);
   readValidity(der, facts);
   return facts;
 } catch (const softtoken::Failure&) {

@@ -10,12 +10,12 @@ namespace tool {
 
 constexpr int warningDays = 30;  // before a certificate expires
 
-enum class Validity { good, notYet, expiresSoon, expired, unknown };
+enum class Validity { valid, notYet, expiresSoon, expired, unknown };
 
 struct CertificateFacts {
   std::string subject;  // whole name texts, CN=Example Root,O=Example,C=IN
   std::string issuer;
-  std::string notBefore;  // YYYY-MM-DD in UTC; empty when the certificate does not tell
+  std::string notBefore;  // YYYY-MM-DD in UTC; empty when the certificate has none
   std::string notAfter;
   std::int64_t daysLeft = 0;  // whole days until it expires, negative from a day after
   Validity validity = Validity::unknown;

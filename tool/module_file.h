@@ -21,7 +21,7 @@ void unloadLibrary(void* library);
 // Null for a name that the library does not export.
 void* findFunction(void* library, const char* name);
 
-// The file behind a loaded library, as the loader reports it; empty when it does not.
+// The file of a loaded library, as the loader reports it; empty when it does not.
 std::string fileOfFunction(void* function);
 std::string fileOfLibrary(const char* fileName);
 

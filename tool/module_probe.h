@@ -55,7 +55,7 @@ struct LoadedFile {
 struct ProbedModule {
   LoadedFile module;
   LoadedFile deviceLibrary;
-  std::string libraryVersion;  // as the module itself tells
+  std::string libraryVersion;  // as the module itself reports
   std::string cryptokiVersion;
   std::vector<ProbedToken> tokens;
   std::string softTokenFolder;  // where the software tokens are; empty when another device library is loaded
@@ -67,7 +67,7 @@ struct ProbedModule {
 // The module beside this program, or where the installation has put it.
 std::filesystem::path defaultModule();
 
-// Loads and initialises the module, looks at every token in a session without login, and unloads it. What goes wrong is
+// Loads and initialises the module, looks at every token in a session without login, and unloads it. A failure is
 // in the result.
 ProbedModule probeModule(const std::filesystem::path& file);
 

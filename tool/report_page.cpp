@@ -22,12 +22,12 @@ constexpr const char* head = R"(<!DOCTYPE html>
 <meta http-equiv="Content-Security-Policy" content="default-src 'none'; style-src 'unsafe-inline'; script-src 'unsafe-inline'; img-src data:">
 <link rel="icon" href="data:,">
 <style>
-:root{--back:#fff;--text:#1c2126;--soft:#66707a;--line:#d8dde2;--bad:#b3261e;--badback:#fdecea;--good:#146c2e}
-@media(prefers-color-scheme:dark){:root{--back:#14181c;--text:#e4e8ec;--soft:#98a2ac;--line:#333b43;--bad:#ff8a80;--badback:#3a1c1a;--good:#7bd88f}}
+:root{--back:#fff;--text:#1c2126;--soft:#66707a;--line:#d8dde2;--bad:#b3261e;--badback:#fdecea;--fine:#146c2e}
+@media(prefers-color-scheme:dark){:root{--back:#14181c;--text:#e4e8ec;--soft:#98a2ac;--line:#333b43;--bad:#ff8a80;--badback:#3a1c1a;--fine:#7bd88f}}
 body{font:15px/1.45 system-ui,sans-serif;background:var(--back);color:var(--text);max-width:70em;margin:2em auto;padding:0 1em}
 h1{margin-bottom:0}h2{border-bottom:1px solid var(--line);margin-top:2em}
 pre,.c,.g{font:13px/1.5 ui-monospace,monospace}pre{white-space:pre-wrap}
-.soft,.c time,.c i{color:var(--soft);font-style:normal}.bad{color:var(--bad)}.good{color:var(--good)}
+.soft,.c time,.c i{color:var(--soft);font-style:normal}.bad{color:var(--bad)}.fine{color:var(--fine)}
 .c{margin:0;border-left:3px solid var(--line);padding-left:.7em;content-visibility:auto;contain-intrinsic-size:auto 1.5em}
 .c.r{border-color:var(--bad);background:var(--badback)}
 .c u{display:block;text-decoration:none;padding-left:2em;color:var(--soft)}
@@ -177,7 +177,7 @@ void ReportPage::add(const LoggedCall& call) {
 }
 
 std::string ReportPage::explanations() const {
-  if (reasons_.empty()) return "<p class=good>The log shows no refusal.</p>\n";
+  if (reasons_.empty()) return "<p class=fine>The log shows no refusal.</p>\n";
   std::vector<std::pair<std::string, Reason>> ordered(reasons_.begin(), reasons_.end());
   std::ranges::sort(ordered, {}, [](const auto& entry) { return entry.second.number; });
   std::string page = "<ol>\n";
@@ -217,7 +217,7 @@ std::string ReportPage::finish() {
                      (hidesNames_ ? "; labels, names, serial numbers and digests are left out" : "") +
                      ". It holds no passwords.</p>\n<h2>Findings</h2>\n";
   if (status_.problems.empty() && status_.warnings.empty()) {
-    page += "<p class=good>All is well.</p>\n";
+    page += "<p class=fine>All is well.</p>\n";
   } else {
     page += "<ul>\n";
     appendFindings(page, status_.problems);

@@ -78,7 +78,7 @@ void judgeValidity(const CertificateStatus& certificate, const std::string& name
   const CertificateFacts& facts = *certificate.facts;
   if (facts.validity == Validity::expired) status.warnings.push_back(name + " expired on " + facts.notAfter);
   if (facts.validity == Validity::notYet) status.warnings.push_back(name + " is valid only from " + facts.notBefore);
-  if (facts.validity == Validity::unknown) status.warnings.push_back(name + " does not tell how long it is valid");
+  if (facts.validity == Validity::unknown) status.warnings.push_back(name + " has no readable dates");
   if (facts.validity == Validity::expiresSoon)
     status.warnings.push_back(name + " expires in " + dayCount(facts.daysLeft) + ", on " + facts.notAfter);
 }
@@ -167,7 +167,7 @@ void judge(SystemStatus& status) {
   }
 }
 
-// Whether a file can be made where the module writes its log; nothing stays behind.
+// Whether a file can be made where the module writes its log; the file is removed again.
 bool canLog(const std::filesystem::path& folder) {
   std::error_code error;
   const bool made = std::filesystem::create_directories(folder, error);

@@ -21,7 +21,7 @@ class TextReport {
   }
   void gap() { text_ += '\n'; }
 
-  // A paragraph behind a dash.
+  // A paragraph after a dash.
   void item(const std::string& words) {
     std::string current = "  -";
     const std::string shown = printable(words);
@@ -61,7 +61,7 @@ std::string triesText(const ProbedToken& token) {
 std::string validityText(const CertificateFacts& facts) {
   std::string dates = facts.notBefore + " to " + facts.notAfter;
   switch (facts.validity) {
-    case Validity::good:
+    case Validity::valid:
       return dates;
     case Validity::notYet:
       return dates + ", NOT YET VALID";
@@ -141,7 +141,7 @@ void writeFindings(TextReport& report, const char* title, const std::vector<std:
 }
 
 const char* validityWord(Validity validity) {
-  constexpr const char* words[] = {"good", "not yet valid", "expires soon", "expired", "unknown"};
+  constexpr const char* words[] = {"valid", "not yet valid", "expires soon", "expired", "unknown"};
   return words[static_cast<std::size_t>(validity)];
 }
 

@@ -45,7 +45,7 @@ void warnOfLabel(const softtoken::NewToken& token) {
   for (const softtoken::TokenSummary& other : softtoken::allTokens()) {
     if (!other.state || other.name == token.name || other.state->label != token.label) continue;
     std::cerr << "tavrin-tool: warning: token " << printable(other.name)
-              << " has the same label; applications that choose by label cannot tell them apart\n";
+              << " has the same label; applications that choose by label cannot distinguish them\n";
   }
 }
 

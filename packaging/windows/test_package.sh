@@ -89,7 +89,7 @@ quietly eventually grep -q . "$work/server-output"
 check "upgrade while a program has the module loaded" eval 'installer /i 99.0.0 || [[ $? == 194 ]]' # 3010: restart wanted
 shows "one installation" '^1$' eval 'wine reg query "$uninstall" /s | grep -c "DisplayName.*Tavrin"'
 shows "of the new version" 'DisplayVersion.*99.0.0' wine reg query "$uninstall" /s
-check "the program goes on" eval 'wine tavrin-tool token unplug mine && eventually grep "^0 token" "$work/server-output"'
+check "the program continues" eval 'wine tavrin-tool token unplug mine && eventually grep "^0 token" "$work/server-output"'
 quietly wine tavrin-tool token plug mine
 check "the new version signs with the same token" sign second
 check "openssl verifies" verifySignature first.pem second.sig -sha256

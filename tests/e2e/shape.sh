@@ -1,6 +1,6 @@
 #!/bin/bash
 # What the built libraries show to the outside: they export the functions of the standard and the three extra ones, and
-# they need nothing but the system's own libraries and each other. On Windows they tell who made them.
+# they need nothing but the system's own libraries and each other. On Windows they name their maker.
 source "$(dirname "$0")/common.sh"
 
 sed -n 's/^  F(\(C_[A-Za-z]*\),.*/\1/p' "$here/../../include/pkcs11f.h" >functions
@@ -39,11 +39,12 @@ foreign() {
 [[ -z $(foreign "$standardLibrary") ]] || fail "the standard module needs $(foreign "$standardLibrary")"
 if [[ $E2E_SYSTEM == Windows ]]; then
   [[ -z $(foreign "$deviceLibrary") ]] || fail "the software token needs $(foreign "$deviceLibrary")"
+  version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=\([0-9]*\.[0-9]*\).*/\1/p' "$E2E_BIN/../CMakeCache.txt")
   for file in "$library" "$standardLibrary" "$deviceLibrary" "$E2E_BIN"/{tavrin-tool,sign_file}.exe; do
     texts=$(strings -n 3 -el "$file" | tr '\n' ' ')
     product='Tavrin PKCS11 Library'
     [[ $file != "$deviceLibrary" ]] || product='Tavrin Software Token' # by which the installer knows it
-    for text in 'CompanyName Quorvane Telemantix' "ProductName $product" 'FileVersion 3.6' 'ProductVersion 3.6'; do
+    for text in 'CompanyName Quorvane Telemantix' "ProductName $product" "FileVersion $version" "ProductVersion $version"; do
       [[ $texts == *"$text "* ]] || fail "the version resource of $(basename "$file") lacks $text"
     done
   done

@@ -109,7 +109,7 @@ tool 3 status
 says out '"Soon" on token "anna" expires in ' " days, on $ends" '"Ended" on token "anna" expired on' 'INCOMPLETE, no "Stranger"'
 tool 3 status --json
 json '.tokens[0].keys[].certificates | sort_by(.subject)[] | .validity, .chain' \
-  '"good","incomplete","expired","complete","good","complete","expires soon","complete"'
+  '"valid","incomplete","expired","complete","valid","complete","expires soon","complete"'
 json '.tokens[0].otherCertificates[] | .subject, .chain' '"CN=Root,C=IN","self-signed"'
 json '.tokens[0].triesLeftExactly, (.warnings | length)' '10,3'
 
