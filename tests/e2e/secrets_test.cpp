@@ -288,7 +288,7 @@ class SecretsTest : public testing::Test {
   }
 
   void await(const char* stage) {
-    for (int i = 0; i < 3000 && !fs::exists(stage); ++i) std::this_thread::sleep_for(10ms);
+    for (int i = 0; i < 12'000 && !fs::exists(stage); ++i) std::this_thread::sleep_for(10ms);
     ASSERT_TRUE(fs::exists(stage)) << "the other process failed: " << std::ifstream("stderr").rdbuf();
   }
 

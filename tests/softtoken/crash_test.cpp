@@ -117,7 +117,7 @@ class CrashTest : public SoftTokenTest {
                                                  passwordIn(expected_), letters.size() == 1 ? "alone" : "together"});
     }
     for (const auto& [report, process] : writers)
-      for (int i = 0; i < 20'000 && linesOf(report).size() < 3; ++i) std::this_thread::sleep_for(1ms);
+      for (int i = 0; i < 50'000 && linesOf(report).size() < 3; ++i) std::this_thread::sleep_for(1ms);
     std::vector<Change> pending;
     for (const auto& [report, process] : writers) {
       // Only a writer that is alone changes its password, which takes longer than the other operations.

@@ -21,7 +21,7 @@ class LogTest : public ModuleTest {
  protected:
   // The monitor writes the last of its lines at its first look; nothing else comes from it afterwards.
   static bool waitForMonitorsLines() {
-    for (int i = 0; i < 500 && rawLog().find("Slot event: ") == std::string::npos; ++i)
+    for (int i = 0; i < 3000 && rawLog().find("Slot event: ") == std::string::npos; ++i)
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     return rawLog().find("Slot event: ") != std::string::npos;
   }
