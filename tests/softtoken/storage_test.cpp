@@ -150,6 +150,8 @@ TEST_F(SoftTokenTest, OnlyAWrongPasswordSpendsATry) {
   EXPECT_EQ(sign(key, pattern(32)).status, deviceFault) << "a private key belongs to its public key";
   edit([](softtoken::TokenState& state) { state.user.salt.clear(); });
   expectFault("a lock that no password opens");
+  EXPECT_EQ(sign(key, pattern(32), false, "never used before").status, deviceFault);
+  EXPECT_EQ(otherProcess().tries().user, 10u);
 }
 
 TEST_F(SoftTokenTest, TokensOfTheFirstFormatStillOpen) {
