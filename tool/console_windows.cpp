@@ -91,9 +91,15 @@ class SilentTerminal {
 
 }  // namespace
 
-ConsoleOutput::ConsoleOutput() : before_(::GetConsoleOutputCP()) { ::SetConsoleOutputCP(CP_UTF8); }
+// Without buffers each byte of a character is written by itself, and consoles do not put characters together.
+ConsoleOutput::ConsoleOutput() : before_(::GetConsoleOutputCP()) {
+  ::SetConsoleOutputCP(CP_UTF8);
+  constexpr std::size_t bufferSize = 65536;
+  for (FILE* stream : {stdout, stderr}) std::setvbuf(stream, nullptr, _IOFBF, bufferSize);
+}
 
 ConsoleOutput::~ConsoleOutput() {
+  std::fflush(stdout);
   if (before_ != 0) ::SetConsoleOutputCP(before_);
 }
 
