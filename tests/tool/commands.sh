@@ -191,6 +191,8 @@ else
   ) >/dev/null || fail "not created: $(cat typed)"
   says typed 'The two entries differ.' 'created typed'
   run sign_file "$E2E_MODULE" "file:$pin" key "$pin" typed.1 ec >/dev/null || fail "the repeated password is not the token's"
+  launch tavrin-tool status >out || true
+  says out 'P-256, "key"'
   [[ $(onTerminal | head -n 1) == $'\e[31m'*$'\e[0m'* && $(onTerminal NO_COLOR=1) != *$'\e'* ]] || fail "wrong colours"
 fi
 echo "tavrin-tool did what it was told"
