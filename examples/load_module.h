@@ -13,6 +13,18 @@ void* openLibrary(const std::string& path);
 void* findFunction(void* library, const char* name);
 void closeLibrary(void* library);
 
+// Makes Windows' console show UTF-8, in which tokens have their texts, until this object is destroyed.
+class Utf8Console {
+ public:
+  Utf8Console();
+  ~Utf8Console();
+  Utf8Console(const Utf8Console&) = delete;
+  Utf8Console& operator=(const Utf8Console&) = delete;
+
+ private:
+  unsigned before = 0;  // the console's code page
+};
+
 // A loaded and initialised module; it is finalised and unloaded when this object is destroyed.
 //
 //   CryptokiModule module("./libtavrin-pkcs11.so");

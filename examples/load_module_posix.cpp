@@ -13,3 +13,7 @@ void* openLibrary(const std::string& path) {
 void* findFunction(void* library, const char* name) { return dlsym(library, name); }
 
 void closeLibrary(void* library) { dlclose(library); }
+
+Utf8Console::Utf8Console() = default;
+
+Utf8Console::~Utf8Console() = default;

@@ -1,5 +1,9 @@
 #include <windows.h>
+// After windows.h, on which it depends.
+#include <fcntl.h>
+#include <io.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <stdexcept>
 
@@ -21,3 +25,17 @@ void* findFunction(void* library, const char* name) {
 }
 
 void closeLibrary(void* library) { FreeLibrary(static_cast<HMODULE>(library)); }
+
+// The console puts the bytes of a character together only when they are written at once and not as text, which the C
+// library may translate byte by byte.
+Utf8Console::Utf8Console() : before(GetConsoleOutputCP()) {
+  SetConsoleOutputCP(CP_UTF8);
+  if (!_isatty(_fileno(stdout))) return;
+  std::setvbuf(stdout, nullptr, _IOFBF, BUFSIZ);
+  _setmode(_fileno(stdout), _O_BINARY);
+}
+
+Utf8Console::~Utf8Console() {
+  std::fflush(stdout);
+  if (before != 0) SetConsoleOutputCP(before);
+}

@@ -192,6 +192,7 @@ void run(const std::vector<std::string>& arguments) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  const Utf8Console console;
   const std::vector<std::string> arguments(argv + 1, argv + argc);
   const bool kindIsGood =
       arguments.size() == 5 || (arguments.size() == 6 && (arguments[5] == "rsa" || arguments[5] == "ec"));

@@ -34,6 +34,7 @@ void waitForEvent(const CryptokiModule& module) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  const Utf8Console console;
   if (argc != 2 && argc != 3) {
     std::fprintf(stderr, "usage: wait_for_token MODULE [COUNT]\n");
     return 2;

@@ -33,6 +33,11 @@ std::string utf8Text(const wchar_t* text, std::size_t length) {
   return {bytes.begin(), bytes.end()};
 }
 
+bool isConsole(HANDLE handle) {
+  DWORD mode = 0;
+  return ::GetConsoleMode(handle, &mode) != 0;
+}
+
 HANDLE promptInput = nullptr;  // set while a prompt has changed the mode
 DWORD promptMode = 0;
 
@@ -91,11 +96,16 @@ class SilentTerminal {
 
 }  // namespace
 
-// Without buffers each byte of a character is written by itself, and consoles do not put characters together.
+// Without buffers each byte of a character is written by itself, and consoles do not put characters together. In text
+// mode the C library may translate each byte of what goes to a console.
 ConsoleOutput::ConsoleOutput() : before_(::GetConsoleOutputCP()) {
   ::SetConsoleOutputCP(CP_UTF8);
   constexpr std::size_t bufferSize = 65536;
-  for (FILE* stream : {stdout, stderr}) std::setvbuf(stream, nullptr, _IOFBF, bufferSize);
+  for (FILE* stream : {stdout, stderr}) {
+    std::setvbuf(stream, nullptr, _IOFBF, bufferSize);
+    const int file = ::_fileno(stream);
+    if (isConsole(reinterpret_cast<HANDLE>(::_get_osfhandle(file)))) ::_setmode(file, _O_BINARY);
+  }
 }
 
 ConsoleOutput::~ConsoleOutput() {
@@ -155,15 +165,9 @@ SecretBytes askSecret(const std::string& question) {
   return answer;
 }
 
-bool inputIsTerminal() {
-  DWORD mode = 0;
-  return ::GetConsoleMode(::GetStdHandle(STD_INPUT_HANDLE), &mode) != 0;
-}
+bool inputIsTerminal() { return isConsole(::GetStdHandle(STD_INPUT_HANDLE)); }
 
-bool outputIsTerminal() {
-  DWORD mode = 0;
-  return ::GetConsoleMode(::GetStdHandle(STD_OUTPUT_HANDLE), &mode) != 0;
-}
+bool outputIsTerminal() { return isConsole(::GetStdHandle(STD_OUTPUT_HANDLE)); }
 
 bool outputTakesColour() {
   HANDLE output = ::GetStdHandle(STD_OUTPUT_HANDLE);

@@ -168,9 +168,14 @@ tool 0 log show --day 2001-01-01
 if [[ $E2E_SYSTEM == Windows ]]; then
   value=$("$E2E_RUNNER" reg query 'HKLM\Software\Quorvane Telemantix\Tavrin' /v logLevel </dev/null)
   [[ $value == *REG_DWORD*0x2* ]] || fail "not in the registry: $value"
-  # A console gets whole texts, as it cannot show characters that come byte by byte.
-  timeout 60 script -qec "'$E2E_RUNNER' '$E2E_BIN/tavrin-tool.exe' token list" shown </dev/null >/dev/null
-  says shown 'NAME  '
+  # Characters of several bytes reach a console whole.
+  tool 0 token create --label 'Grüße 中文' wide --pin-file "$pin" --so-pin-file "$soPin"
+  console() { LC_ALL=C.UTF-8 timeout 60 script -qec "'$E2E_RUNNER' $1" shown </dev/null >/dev/null; }
+  console "'$E2E_BIN/tavrin-tool.exe' token list"
+  says shown 'NAME  ' 'Grüße 中文'
+  console "'$E2E_BIN/wait_for_token.exe' '$E2E_MODULE' 0"
+  says shown '"Grüße 中文"'
+  tool 0 token remove wide --yes
 else
   [[ $(cat registry/Software/*/Tavrin/logLevel) == 2 ]] || fail "not in the registry"
   onTerminal() { env -u NO_COLOR TERM=xterm "$@" script -qec "'$E2E_BIN/tavrin-tool' log --errors" log </dev/null; }
