@@ -17,7 +17,7 @@ void closeLibrary(void* library);
 class Utf8Console {
  public:
   Utf8Console();
-  ~Utf8Console();
+  ~Utf8Console();  // NOLINT(performance-trivially-destructible): on Windows it restores the code page
   Utf8Console(const Utf8Console&) = delete;
   Utf8Console& operator=(const Utf8Console&) = delete;
 
