@@ -22,7 +22,7 @@ class Utf8Console {
   Utf8Console& operator=(const Utf8Console&) = delete;
 
  private:
-  unsigned before = 0;  // the console's code page
+  [[maybe_unused]] unsigned before = 0;  // the console's code page
 };
 
 // A loaded and initialised module; it is finalised and unloaded when this object is destroyed.
