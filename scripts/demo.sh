@@ -130,5 +130,5 @@ and openssl accepted all four signatures. Keys, signatures and tokens are in bui
 The module wrote down every call that it received:
   $linuxLog
   $windowsLog
-For your own programs the log lies in the temporary folder, one file for each program and day; README.md says more.
+For your own programs the log lies in the temporary folder, one file for each program and day; docs/administrators.md says more.
 END
