@@ -59,7 +59,10 @@ void addJavaSettings(std::vector<ModuleSetting>& settings) {
 
 std::vector<ModuleSetting> moduleSettings() {
   std::vector<ModuleSetting> settings;
-  for (const SettingsFile& file : knownSettingsFiles()) addSettings(file, settings);
+  for (const SettingsFile& file : knownSettingsFiles()) {
+    // A relative path means that the variable with the user's folder is not set.
+    if (file.file.is_absolute()) addSettings(file, settings);
+  }
   addJavaSettings(settings);
   return settings;
 }

@@ -54,6 +54,8 @@ if [[ $E2E_SYSTEM == Windows ]]; then
 else
   LD_LIBRARY_PATH=$E2E_FOLDER/path HOME=$E2E_FOLDER/user JAVA_HOME=$E2E_FOLDER/java launch tavrin-tool status >out || true
   says out 'loads the module twice, directly and through p11-kit'
+  (cd user && HOME='' launch tavrin-tool status) >homeless || true
+  [[ -s homeless ]] && ! grep -q Firefox homeless || fail "settings of the working folder: $(cat homeless)"
 fi
 says out 'another device library is in the search path' "Firefox's setting in" "names a missing file, $(native /nowhere/module)" \
   "Java's setting in" "names a missing file, $(native /nowhere/java)"
