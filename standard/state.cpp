@@ -45,7 +45,10 @@ void startAfresh() {
 struct LoadAndUnload {
   LoadAndUnload() { platform::aroundFork(lockTables, unlockTables, startAfresh); }
   ~LoadAndUnload() {
-    if (!globals.lifecycle.state && globals.inherited.empty()) globals.~Globals();
+    if (globals.lifecycle.state || !globals.inherited.empty()) return;
+    // At the end of a process a later destructor may still call the library, so it finds an empty state.
+    globals.~Globals();
+    ::new (storage) Globals;
   }
   LoadAndUnload(const LoadAndUnload&) = delete;
   LoadAndUnload& operator=(const LoadAndUnload&) = delete;

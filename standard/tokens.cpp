@@ -39,15 +39,13 @@ std::vector<CK_SLOT_ID> listModuleSlots(ModuleLock& module) {
 CK_SLOT_ID SlotNumbers::slotOf(const std::string& serial) {
   const std::lock_guard guard(mutex_);
   auto place = std::ranges::find(serials_, serial);
-  if (place == serials_.end()) place = std::ranges::find(serials_, std::string());
   if (place == serials_.end()) place = serials_.insert(place, serial);
-  *place = serial;
   return static_cast<CK_SLOT_ID>(place - serials_.begin()) + 1;
 }
 
 CK_SLOT_ID SlotNumbers::count() const {
   const std::lock_guard guard(mutex_);
-  return static_cast<CK_SLOT_ID>(serials_.size());
+  return static_cast<CK_SLOT_ID>(std::max<std::size_t>(serials_.size(), 1));
 }
 
 Token* TokenTable::inSlot(CK_SLOT_ID slot) {

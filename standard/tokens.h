@@ -49,14 +49,14 @@ struct Token {
 // The numbers of the slots. One for the process; any thread.
 class SlotNumbers {
  public:
-  // The slot of the token with this serial number; a new token takes the slot that never had one, or a new one.
+  // The slot of the token with this serial number; a new token takes the next.
   CK_SLOT_ID slotOf(const std::string& serial);
-  CK_SLOT_ID count() const;
+  CK_SLOT_ID count() const;  // at least 1: the slot for the first token is always there
   std::mutex& mutex() { return mutex_; }
 
  private:
   mutable std::mutex mutex_;
-  std::vector<std::string> serials_{1};
+  std::vector<std::string> serials_;  // allocates nothing while empty, as it then may never be destroyed
 };
 
 extern SlotNumbers& slotNumbers;

@@ -10,7 +10,7 @@ createToken lifecycle
 run sign_file "$E2E_MODULE" "file:$(native "$E2E_PIN_FILE")" key "$(native "$E2E_PIN_FILE")" key rsa >/dev/null
 
 # Windows does not fork, and ThreadSanitizer lets no forked process start threads.
-ways='return exit _exit unload'
+ways='return exit late _exit unload'
 [[ $E2E_SYSTEM == Windows || $E2E_SANITIZERS == *thread* ]] || ways+=' fork'
 
 milliseconds() { echo $((${EPOCHREALTIME/./} / 1000)); }

@@ -1,6 +1,7 @@
 // Brings the module into a state and then leaves in one of the ways in which processes end, with exit code 42 and
 // without finalising: lifecycle_child STATE WAY. It says "leaving" just before it does. With the way "fork" a child
-// process starts the module again and finalises it, and the parent continues with its own.
+// process starts the module again and finalises it, and the parent continues with its own. With the way "late" the
+// module is started once more by the last destructor of the process.
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -15,6 +16,16 @@ namespace {
 constexpr int exitCode = 42;
 
 CK_FUNCTION_LIST* functions = nullptr;
+
+// It exists before the module is loaded, so it is destroyed after what the module destroys.
+struct Late {
+  bool starts = false;
+  ~Late() {
+    if (!starts) return;
+    const CK_RV result = functions->C_Initialize(nullptr);
+    std::_Exit(result == CKR_OK || result == CKR_CRYPTOKI_ALREADY_INITIALIZED ? exitCode : 4);
+  }
+} late;
 
 void enter(const std::string& state, void* library) {
   check(reinterpret_cast<CK_C_GetFunctionList>(findFunction(library, "C_GetFunctionList"))(&functions),
@@ -43,8 +54,10 @@ void enter(const std::string& state, void* library) {
 // What the child of a fork does, whatever the parent was doing.
 int beginAnew() {
   CK_ULONG count = 0;
+  CK_SESSION_INFO info;
   if (functions->C_GetSlotList(CK_TRUE, nullptr, &count) != CKR_CRYPTOKI_NOT_INITIALIZED) return 1;
   TokenSession token;
+  if (functions->C_GetSessionInfo(token.handle + 1, &info) != CKR_SESSION_HANDLE_INVALID) return 3;
   check(token.login(), "C_Login in the child");
   return token.find(CKO_PRIVATE_KEY, "key") == CK_INVALID_HANDLE ? 2 : exitCode;
 }
@@ -52,7 +65,8 @@ int beginAnew() {
 void leave(const std::string& way, void* library) {
   std::printf("leaving\n");
   std::fflush(stdout);
-  if (way == "exit") std::exit(exitCode);
+  late.starts = way == "late";
+  if (way == "exit" || way == "late") std::exit(exitCode);
   if (way == "_exit") std::_Exit(exitCode);
   if (way == "fork") {
     CK_ULONG count = 0;
