@@ -50,6 +50,18 @@ std::string hexOf(const Structure& structure) {
   return fake::hex(&structure, sizeof structure);
 }
 
+// What the module asks for each hash, and its result.
+inline std::string hashBegun(int code) { return "> initHash TK1 code=" + std::to_string(code) + " inst"; }
+inline std::string hashUpdated(int context, const std::string& data) {
+  return "> updateHash ctx=" + std::to_string(context) + " '" + data + "' inst";
+}
+inline std::string hashFinished(int context, int room = 64) {
+  return "> finalHash ctx=" + std::to_string(context) + " room=" + std::to_string(room) + " inst";
+}
+inline std::string hashOf(int code, const std::string& data) {
+  return code == 0 ? data : "H" + std::to_string(code) + "(" + data + ")";
+}
+
 // A template, which owns its values. The value `nothing` is a null pointer.
 class Template {
  public:

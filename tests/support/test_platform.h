@@ -54,9 +54,8 @@ std::string processState();
 // Runs `work` on a thread with a stack of 64 KiB, and waits for it. Sanitizers get four times as much.
 void onSmallStack(const std::function<void()>& work);
 
-// Does `work` in the child of a fork, and waits for it: what the work returned, or 101 if it crashed. -1
-// where there is no fork.
-int exitCodeOfFork(int (*work)());
+// Does `work` in the child of a fork, and waits for it: what the work returned, or 101 if it crashed. -1 without fork.
+int exitCodeOfFork(const std::function<int()>& work);
 
 // Starts this program once more, with other arguments, none of which has blanks or quotes.
 std::intptr_t startSelf(const std::vector<std::string>& arguments);

@@ -76,7 +76,7 @@ void onSmallStack(const std::function<void()>& work) {
   pthread_attr_destroy(&attributes);
 }
 
-int exitCodeOfFork(int (*work)()) {
+int exitCodeOfFork(const std::function<int()>& work) {
   const pid_t child = fork();
   if (child == 0) std::_Exit(work());
   int status = 0;

@@ -62,7 +62,7 @@ void onSmallStack(const std::function<void()>& work) {
   CloseHandle(thread);
 }
 
-int exitCodeOfFork(int (*)()) { return -1; }
+int exitCodeOfFork(const std::function<int()>&) { return -1; }
 
 std::intptr_t startSelf(const std::vector<std::string>& arguments) {
   char program[MAX_PATH] = {};

@@ -1,5 +1,6 @@
 // Mechanisms, digests, signatures, encryption and random numbers: what the device is asked, and what the session keeps.
-#include "signature_mechanisms.h"
+#include "mechanism_rows.h"
+#include "module_test.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // C_GenerateKeyPair and C_DeriveKey.
-#include "signature_mechanisms.h"
+#include "module_test.h"
 
 namespace {
 

@@ -2,7 +2,6 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -29,70 +28,7 @@ std::string readFile(const fs::path& path) {
   return text.str();
 }
 
-// The end of a child process: its exit code, or its signal as a negative number, or 1000 if it had to be killed.
-int endOf(pid_t child, std::chrono::seconds patience = 20s) {
-  int status = 0;
-  for (const auto end = std::chrono::steady_clock::now() + patience; waitpid(child, &status, WNOHANG) == 0;) {
-    if (std::chrono::steady_clock::now() > end) {
-      kill(child, SIGKILL);
-      waitpid(child, &status, 0);
-      return 1000;
-    }
-    std::this_thread::sleep_for(1ms);
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-}
-
-template <typename Work>
-pid_t inChild(Work&& work) {
-  const pid_t child = fork();
-  if (child == 0) _exit(work());
-  return child;
-}
-
-// Runs when the process ends, after the module's own handler, which is registered at the first C_Initialize.
-void (*atTheVeryEnd)() = nullptr;
-class EndOfProcess : public ::testing::Environment {
-  void SetUp() override {
-    fake::reset();
-    static const struct Last {
-      ~Last() {
-        if (atTheVeryEnd) atTheVeryEnd();
-      }
-    } last;
-  }
-};
-auto* const endOfProcess = ::testing::AddGlobalTestEnvironment(new EndOfProcess);
-
-class ForkTest : public ModuleTest {
- protected:
-  // What the child does; the number of the first step that went wrong, or 0.
-  int useModuleInChild(CK_SESSION_HANDLE parentsSession) {
-    CK_SESSION_INFO info;
-    CK_SLOT_INFO slotInfo;
-    if (C_GetSlotInfo(slot1, &slotInfo) != CKR_CRYPTOKI_NOT_INITIALIZED || C_Initialize(nullptr) != CKR_OK) return 1;
-    if (C_GetSessionInfo(parentsSession, &info) != CKR_SESSION_HANDLE_INVALID) return 2;
-    if (!waitForListings(1)) return 4;
-    CK_SESSION_HANDLE session = 0;  // a slot ID from before the fork stays valid
-    if (C_OpenSession(slot1, readWrite, nullptr, nullptr, &session) != CKR_OK || session != 0x60000001) return 6;
-    if (state(session) != CKS_RW_PUBLIC_SESSION || login(session).make() != CKR_OK) return 7;
-    if (C_Initialize(nullptr) != CKR_CRYPTOKI_ALREADY_INITIALIZED) return 8;
-    return C_Finalize(nullptr) == CKR_OK ? 0 : 9;
-  }
-};
-
-TEST_F(ForkTest, ChildThatInitializesHasAFreshModuleWithTheSameSlots) {
-  openLoggedIn(readOnly);
-  const CK_SESSION_HANDLE session = open();
-  ok(signInit(session, CKM_RSA_PKCS));
-  ASSERT_TRUE(waitForListings(1));
-  EXPECT_EQ(endOf(inChild([&] { return useModuleInChild(session); })), 0);
-
-  Output out;
-  EXPECT_EQ(state(session), CKS_RW_USER_FUNCTIONS);
-  ok(CALL(C_Sign, session, DATA("x"), out.data(), &out.length));
-  ASSERT_TRUE(waitForListings(1));
-}
+using ForkTest = ModuleTest;
 
 TEST_F(ForkTest, ChildLogsWhileOtherThreadsOfTheParentLog) {
   fake::edit()->record = nullptr;
@@ -104,24 +40,13 @@ TEST_F(ForkTest, ChildLogsWhileOtherThreadsOfTheParentLog) {
     });
   }
   for (int i = 0; i < 300; ++i) {
-    const int end = endOf(inChild([] { return C_CloseSession(1) == CKR_CRYPTOKI_NOT_INITIALIZED ? 0 : 1; }));
-    EXPECT_EQ(end, 0) << i;
-    if (end != 0) break;
+    const int code =
+        testPlatform::exitCodeOfFork([] { return C_CloseSession(1) == CKR_CRYPTOKI_NOT_INITIALIZED ? 0 : 1; });
+    EXPECT_EQ(code, 0) << i;
+    if (code != 0) break;
   }
   stop = true;
   for (std::thread& thread : threads) thread.join();
-}
-
-TEST_F(ForkTest, StartAtTheEndOfTheProcessAfterAStartThatFailed) {
-  const pid_t child = fork();
-  if (child == 0) {
-    fake::edit()->record = nullptr;
-    fake::fault("createInstance", fake::Fault::Kind::nothing);
-    C_Initialize(nullptr);
-    atTheVeryEnd = [] { _exit(C_Initialize(nullptr) == CKR_OK && C_GetInfo(nullptr) == CKR_ARGUMENTS_BAD ? 0 : 1); };
-    std::exit(2);
-  }
-  EXPECT_EQ(endOf(child), 0);
 }
 
 using ThreadsTest = ModuleTest;
@@ -274,7 +199,7 @@ TEST_F(PrivateLogTest, LimitOnTheSizeOfFilesDoesNotEndTheProcess) {
     sigpending(&pending);
     return sigismember(&pending, SIGXFSZ) == 0 ? 0 : 2;
   };
-  EXPECT_EQ(endOf(inChild(logBeyondTheLimit)), 0);
+  EXPECT_EQ(testPlatform::exitCodeOfFork(logBeyondTheLimit), 0);
   EXPECT_EQ(fs::file_size(file_), size);
 }
 
