@@ -1,5 +1,6 @@
 #include "tool/command_line.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <iostream>
 #include <numeric>
@@ -101,37 +102,142 @@ std::string unknownWord(const CLI::App& command, std::string word) {
                    " --help");
 }
 
+// Gives an option its value's name, which follows the option's own in `name`: "--label TEXT".
+template <class Value>
+CLI::Option& addOption(CLI::App& app, const std::string& name, Value& value, const std::string& description) {
+  const std::size_t space = std::min(name.find(' '), name.size());
+  CLI::Option* option = nullptr;
+  if constexpr (std::is_invocable_v<Value, const std::string&>) {
+    option = app.add_option_function<std::string>(name.substr(0, space), value, description);
+  } else {
+    option = app.add_option(name.substr(0, space), value, description);
+  }
+  return *option->type_name(space == name.size() ? "" : name.substr(space + 1));
+}
+
+std::vector<const CLI::App*> listedCommands(const CLI::App& command) {
+  return command.get_subcommands([](const CLI::App* subcommand) { return !subcommand->get_group().empty(); });
+}
+
+OptionDescription describeOption(const CLI::Option& option) {
+  OptionDescription description;
+  description.text = option.get_description();
+  if (option.get_positional()) {
+    description.name = option.get_name();
+    return description;
+  }
+  if (option.get_type_size() > 0) description.value = option.get_type_name();
+  description.name = option.get_name(false, true) + (description.value.empty() ? "" : " " + description.value);
+  for (const std::string& name : option.get_lnames()) description.words.push_back("--" + name);
+  for (const std::string& name : option.get_snames()) description.words.push_back("-" + name);
+  return description;
+}
+
+void describeCommand(const CLI::App& command, std::vector<CommandDescription>& found) {
+  CommandDescription description;
+  description.words = fullName(command);
+  description.text = command.get_description();
+  description.footer = command.get_footer();
+  for (const CLI::App* subcommand : listedCommands(command)) description.subcommands.push_back(subcommand->get_name());
+  for (const CLI::Option* option : command.get_options()) description.options.push_back(describeOption(*option));
+  found.push_back(std::move(description));
+  for (const CLI::App* subcommand : listedCommands(command)) describeCommand(*subcommand, found);
+}
+
 }  // namespace
 
-std::unique_ptr<CLI::App> makeCommandLine(Action& action) {
-  auto app = std::make_unique<CLI::App>("Manages tokens, and diagnoses what applications see of them.", "tavrin-tool");
-  app->allow_windows_style_options(false);  // "/" begins a path
-  app->get_formatter()->column_width(28);
-  app->set_version_flag("--version", std::string("tavrin-tool ") + TAVRIN_VERSION);
-  app->require_subcommand(1);
-  addImportCommand(*app, action);
-  addStatusCommand(*app, action);
-  addLogCommands(*app, action);
-  addReportCommand(*app, action);
-  addTokenCommands(*app, action);
-  addManualCommands(*app, action);
-  app->footer(footer);  // now, so that commands do not inherit it
-  return app;
+Command Command::add(const std::string& name, const std::string& description) const {
+  CLI::App* command = app_->add_subcommand(name, description);
+  command->require_subcommand(1);
+  return {*command, *chosen_};
+}
+
+Command Command::addHidden(const std::string& name) const {
+  const Command command = add(name, "");
+  command.app_->group("");
+  return command;
+}
+
+void Command::run(const Action& action) const {
+  app_->require_subcommand(0, 1);
+  // Called for subcommands too, after theirs.
+  app_->callback([app = app_, chosen = chosen_, action] {
+    if (app->get_subcommands().empty()) *chosen = action;
+  });
+}
+
+void Command::footer(const std::string& text) const { app_->footer(text); }
+
+void Command::argument(const std::string& name, std::string& value, const std::string& description) const {
+  addOption(*app_, name, value, description);
+}
+
+void Command::requiredArgument(const std::string& name, std::string& value, const std::string& description) const {
+  addOption(*app_, name, value, description).required();
+}
+
+void Command::argument(const std::string& name, int& value, int most, const std::string& description) const {
+  addOption(*app_, name, value, description).check(CLI::Range(0, most));
+}
+
+void Command::flag(const std::string& name, bool& value, const std::string& description) const {
+  app_->add_flag(name, value, description);
+}
+
+void Command::option(const std::string& name, std::string& value, const std::string& description,
+                     ValueCheck check) const {
+  CLI::Option& option = addOption(*app_, name, value, description);
+  if (check) option.check(check);
+}
+
+void Command::option(const std::string& name, std::uint32_t& value, const std::string& description) const {
+  addOption(*app_, name, value, description);
+}
+
+void Command::option(const std::string& name, std::uint64_t& value, const std::string& description) const {
+  addOption(*app_, name, value, description);
+}
+
+void Command::option(const std::string& name, const std::function<void(const std::string&)>& take,
+                     const std::string& description) const {
+  addOption(*app_, name, take, description).expected(0, 1);
+}
+
+void Command::exclude(const std::string& one, const std::string& other) const {
+  app_->get_option(one)->excludes(app_->get_option(other));
+}
+
+std::vector<CommandDescription> Command::describe() const {
+  std::vector<CommandDescription> found;
+  describeCommand(*app_, found);
+  return found;
 }
 
 int runCommandLine(const std::vector<std::string>& words) {
   Action action;
-  const std::unique_ptr<CLI::App> app = makeCommandLine(action);
+  CLI::App app("Manages tokens, and diagnoses what applications see of them.", "tavrin-tool");
+  app.allow_windows_style_options(false);  // "/" begins a path
+  app.get_formatter()->column_width(28);
+  app.set_version_flag("--version", std::string("tavrin-tool ") + TAVRIN_VERSION);
+  app.require_subcommand(1);
+  const Command program(app, action);
+  addImportCommand(program);
+  addStatusCommand(program);
+  addLogCommands(program);
+  addReportCommand(program);
+  addTokenCommands(program);
+  addManualCommands(program);
+  program.footer(footer);  // now, so that commands do not inherit it
   try {
-    app->parse(std::vector<std::string>(words.rbegin(), words.rend()));
+    app.parse(std::vector<std::string>(words.rbegin(), words.rend()));
   } catch (const CLI::CallForHelp&) {
-    std::cout << app->help();
+    std::cout << app.help();
     return 0;
   } catch (const CLI::CallForVersion& version) {
     std::cout << version.what() << '\n';
     return 0;
   } catch (const CLI::ParseError& error) {
-    throwUsageError(*app, error);
+    throwUsageError(app, error);
   }
   return action();
 }

@@ -1,6 +1,5 @@
 #include "tool/import_command.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <iostream>
 
@@ -9,6 +8,7 @@
 #include "softtoken/failure.h"
 #include "softtoken/platform.h"
 #include "tool/certificate_facts.h"
+#include "tool/command_line.h"
 #include "tool/key_file.h"
 #include "tool/module_probe.h"
 #include "tool/module_session.h"
@@ -235,21 +235,21 @@ int importFile(const ImportOptions& options) {
 
 }  // namespace
 
-void addImportCommand(CLI::App& app, Action& action) {
+void addImportCommand(const Command& program) {
   const auto options = std::make_shared<ImportOptions>();
-  CLI::App& command = *app.add_subcommand("import", "Writes a key and certificates from a file to a token.");
-  command.add_option("FILE", options->file, "A PKCS#12 (.p12, .pfx) or PEM file")->required()->type_name("");
-  command.add_option("--module", options->module, "The module to load; default: the installed one")->type_name("FILE");
-  command.add_option("--token", options->token, "The token's label, when there are several")->type_name("LABEL");
-  command.add_option("--label", options->label, "The key's label; default: the certificate's name")->type_name("TEXT");
-  command.add_option("--id", options->id, "The key's ID; default: made from the key")->type_name("HEX")->check(checkId);
-  command.add_option("--pin-file", options->pinFile, "File with the user password")->type_name("FILE");
-  command.add_option("--file-pin-file", options->filePinFile, "File with the password of FILE")->type_name("FILE");
+  const Command command = program.add("import", "Writes a key and certificates from a file to a token.");
+  command.requiredArgument("FILE", options->file, "A PKCS#12 (.p12, .pfx) or PEM file");
+  command.option("--module FILE", options->module, "The module to load; default: the installed one");
+  command.option("--token LABEL", options->token, "The token's label, when there are several");
+  command.option("--label TEXT", options->label, "The key's label; default: the certificate's name");
+  command.option("--id HEX", options->id, "The key's ID; default: made from the key", checkId);
+  command.option("--pin-file FILE", options->pinFile, "File with the user password");
+  command.option("--file-pin-file FILE", options->filePinFile, "File with the password of FILE");
   command.footer(
       "The passwords are read from the first line of the given file, else from TAVRIN_PIN (user)\n"
       "and TAVRIN_FILE_PIN (FILE), else from the terminal. Tokens store RSA keys of 1024 to 4096\n"
       "bits; a token that takes no elliptic-curve keys refuses them.\n");
-  command.callback([options, &action] { action = [options] { return importFile(*options); }; });
+  command.run([options] { return importFile(*options); });
 }
 
 }  // namespace tool

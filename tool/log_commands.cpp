@@ -1,6 +1,5 @@
 #include "tool/log_commands.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <deque>
@@ -10,6 +9,7 @@
 #include "log/log.h"
 #include "softtoken/platform.h"
 #include "tool/catalogue.h"
+#include "tool/command_line.h"
 #include "tool/console.h"
 #include "tool/json.h"
 #include "tool/log_calls.h"
@@ -31,7 +31,7 @@ struct LogOptions {
   std::string text;
   bool ignoreCase = false;
   bool errorsOnly = false;
-  std::size_t last = 0;  // only so many lines; 0: all
+  std::uint64_t last = 0;  // only so many lines; 0: all
   bool follow = false;
   bool names = false;
   bool explain = false;
@@ -47,7 +47,6 @@ bool fits(const std::string& text, std::string_view pattern) {
   });
 }
 
-// CLI11 takes an empty text for consent.
 std::string checkDay(const std::string& day) {
   return fits(day, "0000-00-00") ? "" : "takes a day as YYYY-MM-DD, not " + day;
 }
@@ -202,40 +201,30 @@ int level(const LogOptions& options) {
   if (options.level >= 0) setLogLevel(options.level);
   const int now = tavrin::getLogLevel();
   if (options.json) {
-    std::cout << jsonText({{"level", now}, {"meaning", levelMeaning(now)}}) << '\n';
+    std::cout << Json(Json::Object{{"level", now}, {"meaning", levelMeaning(now)}}).text() << '\n';
   } else {
     std::cout << "The log level is " << levelText(now) << '\n';
   }
   return 0;
 }
 
-void addShowOptions(CLI::App& command, LogOptions& options) {
-  command.add_option("FILE", options.file, "A log file to show, such as one sent to support")->type_name("");
-  command.add_flag("--follow,-f", options.follow, "Wait for new lines and show them");
-  command.add_flag("--errors,-e", options.errorsOnly, "Show refusals and failures only");
-  command.add_option("--grep,-g", options.text, "Show lines with this text only")->type_name("TEXT");
-  command.add_flag("--ignore-case,-i", options.ignoreCase, "Ignore the case of letters in --grep");
-  command.add_option("--since", options.since, "Begin at this time, HH:MM or HH:MM:SS")
-      ->type_name("TIME")
-      ->check(checkTime);
-  command.add_option("--last,-n", options.last, "Show the last lines only")->type_name("NUMBER");
-  // Without a name it lists the names.
-  command
-      .add_option_function<std::string>(
-          "--program,-p",
-          [&options](const std::string& name) {
-            options.program = name;
-            options.listPrograms = name.empty();
-          },
-          "Show one program only; without NAME: list them")
-      ->type_name("PROGRAM")
-      ->expected(0, 1);
-  command.add_option("--day", options.day, "The day to show, YYYY-MM-DD; default: today")
-      ->type_name("DAY")
-      ->check(checkDay);
-  command.add_flag("--names", options.names, "Add names to statuses, mechanisms and types");
-  command.add_flag("--explain", options.explain, "Explain each refusal and say what to do");
-  command.add_flag("--calls", options.calls, "Show a line for each call, with the time it took");
+void addShowOptions(const Command& command, LogOptions& options) {
+  command.argument("FILE", options.file, "A log file to show, such as one sent to support");
+  command.flag("--follow,-f", options.follow, "Wait for new lines and show them");
+  command.flag("--errors,-e", options.errorsOnly, "Show refusals and failures only");
+  command.option("--grep,-g TEXT", options.text, "Show lines with this text only");
+  command.flag("--ignore-case,-i", options.ignoreCase, "Ignore the case of letters in --grep");
+  command.option("--since TIME", options.since, "Begin at this time, HH:MM or HH:MM:SS", checkTime);
+  command.option("--last,-n NUMBER", options.last, "Show the last lines only");
+  const auto takeProgram = [&options](const std::string& name) {
+    options.program = name;
+    options.listPrograms = name.empty();
+  };
+  command.option("--program,-p PROGRAM", takeProgram, "Show one program only; without NAME: list them");
+  command.option("--day DAY", options.day, "The day to show, YYYY-MM-DD; default: today", checkDay);
+  command.flag("--names", options.names, "Add names to statuses, mechanisms and types");
+  command.flag("--explain", options.explain, "Explain each refusal and say what to do");
+  command.flag("--calls", options.calls, "Show a line for each call, with the time it took");
 }
 
 }  // namespace
@@ -247,26 +236,18 @@ const char* levelMeaning(int level) {
 
 std::string levelText(int level) { return std::to_string(level) + " (" + levelMeaning(level) + ")"; }
 
-void addLogCommands(CLI::App& app, Action& action) {
+void addLogCommands(const Command& program) {
   const auto options = std::make_shared<LogOptions>();
-  CLI::App& log = *app.add_subcommand("log", "Shows the module's log, and sets the log level.");
-  log.require_subcommand(0, 1);
-  addShowOptions(log, *options);
-  // Called for the subcommands too, after theirs.
-  log.callback([&log, options, &action] {
-    if (log.get_subcommands().empty()) action = [options] { return show(*options); };
-  });
-
-  CLI::App& shown = *log.add_subcommand("show", "Shows the log; the same as log alone.");
-  addShowOptions(shown, *options);
-  shown.callback([options, &action] { action = [options] { return show(*options); }; });
-
-  CLI::App& levels = *log.add_subcommand("level", "Shows or sets the log level of this machine.");
-  levels.add_option("LEVEL", options->level, "0 and 1: nothing, 2: errors, 3: everything")
-      ->type_name("")
-      ->check(CLI::Range(0, tavrin::debugLevel));
-  levels.add_flag("--json", options->json, "Print JSON");
-  levels.callback([options, &action] { action = [options] { return level(*options); }; });
+  const Command log = program.add("log", "Shows the module's log, and sets the log level.");
+  const Command shown = log.add("show", "Shows the log; the same as log alone.");
+  for (const Command& command : {log, shown}) {
+    addShowOptions(command, *options);
+    command.run([options] { return show(*options); });
+  }
+  const Command levels = log.add("level", "Shows or sets the log level of this machine.");
+  levels.argument("LEVEL", options->level, tavrin::debugLevel, "0 and 1: nothing, 2: errors, 3: everything");
+  levels.flag("--json", options->json, "Print JSON");
+  levels.run([options] { return level(*options); });
 }
 
 }  // namespace tool

@@ -3,9 +3,9 @@
 
 #include <string>
 
-#include "tool/action.h"
-
 namespace tool {
+
+class Command;
 
 // What the module writes at a level, in a word.
 const char* levelMeaning(int level);
@@ -13,6 +13,6 @@ const char* levelMeaning(int level);
 // The level and its meaning.
 std::string levelText(int level);
 
-void addLogCommands(CLI::App& app, Action& action);
+void addLogCommands(const Command& program);
 
 }  // namespace tool

@@ -2,10 +2,10 @@
 // with these commands; --help does not list them.
 #pragma once
 
-#include "tool/action.h"
-
 namespace tool {
 
-void addManualCommands(CLI::App& app, Action& action);
+class Command;
+
+void addManualCommands(const Command& program);
 
 }  // namespace tool

@@ -1,11 +1,11 @@
 #include "tool/report_command.h"
 
-#include <CLI/CLI.hpp>
 #include <fstream>
 #include <iostream>
 
 #include "softtoken/failure.h"
 #include "softtoken/platform.h"
+#include "tool/command_line.h"
 #include "tool/report_page.h"
 #include "tool/text.h"
 
@@ -52,16 +52,16 @@ int report(const ReportOptions& options) {
 
 }  // namespace
 
-void addReportCommand(CLI::App& app, Action& action) {
+void addReportCommand(const Command& program) {
   const auto options = std::make_shared<ReportOptions>();
-  CLI::App& command = *app.add_subcommand("report", "Writes status and log to an HTML page for support.");
-  command.add_option("FILE", options->file, "The page to write")->required()->type_name("");
-  command.add_option("--module", options->module, "The module to load; default: the installed one")->type_name("FILE");
-  command.add_option("--log", options->log, "A log file to show in place of today's")->type_name("FILE");
-  command.add_option("--program,-p", options->program, "Show one program's log only")->type_name("PROGRAM");
-  command.add_option("--day", options->day, "The log's day, YYYY-MM-DD; default: today")->type_name("DAY");
-  command.add_flag("--private", options->anonymous, "Leave out labels, names and digests");
-  command.callback([options, &action] { action = [options] { return report(*options); }; });
+  const Command command = program.add("report", "Writes status and log to an HTML page for support.");
+  command.requiredArgument("FILE", options->file, "The page to write");
+  command.option("--module FILE", options->module, "The module to load; default: the installed one");
+  command.option("--log FILE", options->log, "A log file to show in place of today's");
+  command.option("--program,-p PROGRAM", options->program, "Show one program's log only");
+  command.option("--day DAY", options->day, "The log's day, YYYY-MM-DD; default: today");
+  command.flag("--private", options->anonymous, "Leave out labels, names and digests");
+  command.run([options] { return report(*options); });
 }
 
 }  // namespace tool

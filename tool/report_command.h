@@ -1,10 +1,10 @@
 // tavrin-tool report: status and log as a page to look at and to send to support.
 #pragma once
 
-#include "tool/action.h"
-
 namespace tool {
 
-void addReportCommand(CLI::App& app, Action& action);
+class Command;
+
+void addReportCommand(const Command& program);
 
 }  // namespace tool

@@ -1,6 +1,5 @@
 #include "tool/status.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <fstream>
@@ -13,6 +12,7 @@
 #include "softtoken/failure.h"
 #include "softtoken/platform.h"
 #include "tool/ca_folder.h"
+#include "tool/command_line.h"
 #include "tool/console.h"
 #include "tool/status_report.h"
 #include "tool/surroundings.h"
@@ -314,15 +314,15 @@ int watch(const StatusOptions& options) {
 
 }  // namespace
 
-void addStatusCommand(CLI::App& app, Action& action) {
+void addStatusCommand(const Command& program) {
   const auto options = std::make_shared<StatusOptions>();
-  CLI::App& command = *app.add_subcommand("status", "Shows what applications would find, and what is wrong.");
-  command.add_option("--module", options->module, "The module to load; default: the installed one")->type_name("FILE");
-  CLI::Option* json = command.add_flag("--json", options->json, "Print JSON");
-  command.add_flag("--watch", options->watch, "Show it again when tokens come and go")->excludes(json);
+  const Command command = program.add("status", "Shows what applications would find, and what is wrong.");
+  command.option("--module FILE", options->module, "The module to load; default: the installed one");
+  command.flag("--json", options->json, "Print JSON");
+  command.flag("--watch", options->watch, "Show it again when tokens come and go");
+  command.exclude("--watch", "--json");
   command.footer("It needs no password and costs no password try.\n");
-  command.callback(
-      [options, &action] { action = [options] { return options->watch ? watch(*options) : show(*options); }; });
+  command.run([options] { return options->watch ? watch(*options) : show(*options); });
 }
 
 }  // namespace tool

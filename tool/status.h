@@ -4,12 +4,13 @@
 #include <string>
 #include <vector>
 
-#include "tool/action.h"
 #include "tool/certificate_facts.h"
 #include "tool/log_files.h"
 #include "tool/module_probe.h"
 
 namespace tool {
+
+class Command;
 
 enum class Chain { complete, onToken, selfSigned, incomplete };  // onToken: with issuers from the token
 
@@ -58,6 +59,6 @@ struct SystemStatus {
 // cut to the names of files.
 void gatherStatus(const std::filesystem::path& module, bool anonymous, SystemStatus& status);
 
-void addStatusCommand(CLI::App& app, Action& action);
+void addStatusCommand(const Command& program);
 
 }  // namespace tool

@@ -150,57 +150,56 @@ const char* chainWord(Chain chain) {
   return words[static_cast<std::size_t>(chain)];
 }
 
-Json jsonOf(const LoadedFile& file) { return Json{{"path", file.path}, {"fileVersion", file.version}}; }
+Json jsonOf(const LoadedFile& file) { return Json::Object{{"path", file.path}, {"fileVersion", file.version}}; }
 
 Json jsonOf(const CertificateStatus& certificate) {
   const CertificateFacts facts = certificate.facts.value_or(CertificateFacts{});
-  return Json{{"label", certificate.label},
-              {"id", hexOf(certificate.id)},
-              {"readable", certificate.facts.has_value()},
-              {"subject", facts.subject},
-              {"issuer", facts.issuer},
-              {"notBefore", facts.notBefore},
-              {"notAfter", facts.notAfter},
-              {"daysLeft", facts.daysLeft},
-              {"validity", validityWord(facts.validity)},
-              {"chain", chainWord(certificate.chain)},
-              {"missingIssuer", certificate.missingIssuer}};
+  return Json::Object{{"label", certificate.label},
+                      {"id", hexOf(certificate.id)},
+                      {"readable", certificate.facts.has_value()},
+                      {"subject", facts.subject},
+                      {"issuer", facts.issuer},
+                      {"notBefore", facts.notBefore},
+                      {"notAfter", facts.notAfter},
+                      {"daysLeft", facts.daysLeft},
+                      {"validity", validityWord(facts.validity)},
+                      {"chain", chainWord(certificate.chain)},
+                      {"missingIssuer", certificate.missingIssuer}};
 }
 
 Json jsonOf(const TokenStatus& status, const KeyStatus& key) {
-  Json certificates = Json::array();
+  Json::Array certificates;
   for (const std::size_t i : key.certificates) certificates.push_back(jsonOf(status.certificates[i]));
-  return Json{{"type", key.key->type},
-              {"label", key.key->label},
-              {"id", hexOf(key.key->id)},
-              {"certificates", std::move(certificates)}};
+  return Json::Object{
+      {"type", key.key->type}, {"label", key.key->label}, {"id", hexOf(key.key->id)}, {"certificates", certificates}};
 }
 
 Json jsonOf(const TokenStatus& status) {
   const ProbedToken& token = *status.token;
-  Json keys = Json::array();
+  Json::Array keys;
   for (const KeyStatus& key : status.keys) keys.push_back(jsonOf(status, key));
-  Json others = Json::array();
+  Json::Array others;
   for (const CertificateStatus& certificate : status.certificates)
     if (!certificate.hasKey) others.push_back(jsonOf(certificate));
-  return Json{{"label", token.label},
-              {"serial", token.serial},
-              {"firmware", token.firmware},
-              {"softwareToken", token.isSoftToken()},
-              {"name", token.name},
-              {"triesLeft", triesWord(token.tries)},
-              {"triesLeftExactly", token.exactTries ? static_cast<int>(*token.exactTries) : -1},
-              {"problem", token.problem},
-              {"keys", std::move(keys)},
-              {"otherCertificates", std::move(others)}};
+  return Json::Object{{"label", token.label},
+                      {"serial", token.serial},
+                      {"firmware", token.firmware},
+                      {"softwareToken", token.isSoftToken()},
+                      {"name", token.name},
+                      {"triesLeft", triesWord(token.tries)},
+                      {"triesLeftExactly", token.exactTries ? static_cast<int>(*token.exactTries) : -1},
+                      {"problem", token.problem},
+                      {"keys", keys},
+                      {"otherCertificates", others}};
 }
 
 Json jsonOfLog(const SystemStatus& status) {
-  Json files = Json::array();
+  Json::Array files;
   for (const LogFile& file : status.logFiles) {
-    files.push_back({{"program", file.program}, {"path", softtoken::textOf(file.path)}, {"size", file.size}});
+    files.push_back(
+        Json::Object{{"program", file.program}, {"path", softtoken::textOf(file.path)}, {"size", file.size}});
   }
-  return Json{{"level", status.logLevel}, {"folder", status.logFolder}, {"today", std::move(files)}};
+  return Json::Object{{"level", status.logLevel}, {"folder", status.logFolder}, {"today", files}};
 }
 
 }  // namespace
@@ -226,26 +225,26 @@ std::string textReport(const SystemStatus& status) {
 }
 
 std::string jsonReport(const SystemStatus& status) {
-  Json tokens = Json::array();
+  Json::Array tokens;
   for (const TokenStatus& token : status.tokens) tokens.push_back(jsonOf(token));
-  Json setAside = Json::array();
+  Json::Array setAside;
   for (const SetAsideToken& token : status.module.setAside)
-    setAside.push_back({{"name", token.name}, {"state", token.state}, {"problem", token.problem}});
-  const Json report{
-      {"module", jsonOf(status.module.module)},
-      {"moduleVersion", status.module.libraryVersion},
-      {"cryptokiVersion", status.module.cryptokiVersion},
-      {"deviceLibrary", jsonOf(status.module.deviceLibrary)},
-      {"tokens", std::move(tokens)},
-      {"softTokenFolder", status.module.softTokenFolder},
-      {"otherSoftTokens", std::move(setAside)},
-      {"caFolder",
-       Json{{"path", status.caFolder}, {"shared", status.caFolderShared}, {"certificates", status.caCertificates}}},
-      {"log", jsonOfLog(status)},
-      {"problems", status.problems},
-      {"warnings", status.warnings},
-      {"exitCode", status.exitCode()}};
-  return jsonText(report) + '\n';
+    setAside.push_back(Json::Object{{"name", token.name}, {"state", token.state}, {"problem", token.problem}});
+  const Json report = Json::Object{{"module", jsonOf(status.module.module)},
+                                   {"moduleVersion", status.module.libraryVersion},
+                                   {"cryptokiVersion", status.module.cryptokiVersion},
+                                   {"deviceLibrary", jsonOf(status.module.deviceLibrary)},
+                                   {"tokens", tokens},
+                                   {"softTokenFolder", status.module.softTokenFolder},
+                                   {"otherSoftTokens", setAside},
+                                   {"caFolder", Json::Object{{"path", status.caFolder},
+                                                             {"shared", status.caFolderShared},
+                                                             {"certificates", status.caCertificates}}},
+                                   {"log", jsonOfLog(status)},
+                                   {"problems", status.problems},
+                                   {"warnings", status.warnings},
+                                   {"exitCode", status.exitCode()}};
+  return report.text() + '\n';
 }
 
 }  // namespace tool

@@ -1,9 +1,9 @@
 #include "tool/token_commands.h"
 
-#include <CLI/CLI.hpp>
 #include <iostream>
 
 #include "softtoken/token_folders.h"
+#include "tool/command_line.h"
 #include "tool/console.h"
 #include "tool/passwords.h"
 #include "tool/text.h"
@@ -140,9 +140,7 @@ int remove(const TokenOptions& options) {
 
 class TokenCommands {
  public:
-  TokenCommands(CLI::App& app, Action& action)
-      : group_(*app.add_subcommand("token", "Manages software tokens.")), action_(action) {
-    group_.require_subcommand(1);
+  explicit TokenCommands(const Command& program) : group_(program.add("token", "Manages software tokens.")) {
     addMaking();
     addLooking();
     addHandling();
@@ -150,60 +148,57 @@ class TokenCommands {
   }
 
  private:
-  CLI::App& add(const char* name, const char* description, bool takesName, int (*run)(TokenOptions&)) {
-    CLI::App& command = *group_.add_subcommand(name, description);
-    if (takesName) command.add_option("NAME", options_->token.name, "The token's name")->required()->type_name("");
-    command.callback(
-        [options = options_, run, &action = action_] { action = [options, run] { return run(*options); }; });
+  Command add(const char* name, const char* description, bool takesName, int (*run)(TokenOptions&)) {
+    const Command command = group_.add(name, description);
+    if (takesName) command.requiredArgument("NAME", options_->token.name, "The token's name");
+    command.run([options = options_, run] { return run(*options); });
     return command;
   }
-  void addFile(CLI::App& command, const char* name, std::string TokenOptions::*field, const char* description) {
+  void addFile(const Command& command, const char* name, std::string& value, const char* description) {
     command.footer(passwordFooter);
-    command.add_option(name, (*options_).*field, description)->type_name("FILE");
+    command.option(name, value, description);
   }
-  void addYes(CLI::App& command) { command.add_flag("--yes", options_->yes, "Do not ask for confirmation"); }
+  void addYes(const Command& command) { command.flag("--yes", options_->yes, "Do not ask for confirmation"); }
 
   void addMaking() {
-    CLI::App& made = add("create", "Creates a token and plugs it in.", true, create);
-    made.add_option("--label", options_->token.label, "The label to show; default: the name")->type_name("TEXT");
-    addFile(made, "--pin-file", &TokenOptions::pinFile, "File with the user password");
-    addFile(made, "--so-pin-file", &TokenOptions::soPinFile, "File with the security officer password");
-    made.add_option("--firmware", options_->token.firmware, "The firmware version to report")->type_name("VERSION");
-    made.add_option("--capacity", options_->token.capacity, "Most key pairs and certificates to hold")
-        ->type_name("NUMBER");
-    made.add_flag("--if-absent", options_->ifAbsent, "Succeed when the token exists already");
-    CLI::App& again = add("reset", "Makes a token anew: empty, new passwords and serial.", true, reset);
-    addFile(again, "--pin-file", &TokenOptions::pinFile, "File with the new user password");
-    addFile(again, "--so-pin-file", &TokenOptions::soPinFile, "File with the new security officer password");
+    const Command made = add("create", "Creates a token and plugs it in.", true, create);
+    made.option("--label TEXT", options_->token.label, "The label to show; default: the name");
+    addFile(made, "--pin-file FILE", options_->pinFile, "File with the user password");
+    addFile(made, "--so-pin-file FILE", options_->soPinFile, "File with the security officer password");
+    made.option("--firmware VERSION", options_->token.firmware, "The firmware version to report");
+    made.option("--capacity NUMBER", options_->token.capacity, "Most key pairs and certificates to hold");
+    made.flag("--if-absent", options_->ifAbsent, "Succeed when the token exists already");
+    const Command again = add("reset", "Makes a token anew: empty, new passwords and serial.", true, reset);
+    addFile(again, "--pin-file FILE", options_->pinFile, "File with the new user password");
+    addFile(again, "--so-pin-file FILE", options_->soPinFile, "File with the new security officer password");
     addYes(again);
   }
 
   void addLooking() {
     const auto list = [](TokenOptions& options) { return printTokens(options.json), 0; };
     const auto show = [](TokenOptions& options) { return printToken(options.token.name, options.json), 0; };
-    add("list", "Lists all software tokens.", false, list).add_flag("--json", options_->json, "Print JSON");
-    add("show", "Shows a token and its objects.", true, show).add_flag("--json", options_->json, "Print JSON");
+    add("list", "Lists all software tokens.", false, list).flag("--json", options_->json, "Print JSON");
+    add("show", "Shows a token and its objects.", true, show).flag("--json", options_->json, "Print JSON");
   }
 
   void addHandling() {
     add("plug", "Plugs a token in.", true, [](TokenOptions& options) { return plug(options); });
     add("unplug", "Unplugs a token; it keeps its objects.", true,
         [](TokenOptions& options) { return unplug(options); });
-    CLI::App& unlocked = add("unlock", "Sets a new user password by the security officer's.", true,
-                             [](TokenOptions& options) { return unlock(options); });
-    addFile(unlocked, "--so-pin-file", &TokenOptions::soPinFile, "File with the security officer password");
-    addFile(unlocked, "--new-pin-file", &TokenOptions::newPinFile, "File with the new user password");
+    const Command unlocked = add("unlock", "Sets a new user password by the security officer's.", true,
+                                 [](TokenOptions& options) { return unlock(options); });
+    addFile(unlocked, "--so-pin-file FILE", options_->soPinFile, "File with the security officer password");
+    addFile(unlocked, "--new-pin-file FILE", options_->newPinFile, "File with the new user password");
     addYes(add("remove", "Deletes a token with all its keys.", true,
                [](TokenOptions& options) { return remove(options); }));
   }
 
-  CLI::App& group_;
-  Action& action_;
-  std::shared_ptr<TokenOptions> options_ = std::make_shared<TokenOptions>();
+  const Command group_;
+  const std::shared_ptr<TokenOptions> options_ = std::make_shared<TokenOptions>();
 };
 
 }  // namespace
 
-void addTokenCommands(CLI::App& app, Action& action) { TokenCommands(app, action); }
+void addTokenCommands(const Command& program) { const TokenCommands added(program); }
 
 }  // namespace tool

@@ -1,10 +1,10 @@
 // tavrin-tool token ...
 #pragma once
 
-#include "tool/action.h"
-
 namespace tool {
 
-void addTokenCommands(CLI::App& app, Action& action);
+class Command;
+
+void addTokenCommands(const Command& program);
 
 }  // namespace tool

@@ -44,34 +44,38 @@ std::string subjectOf(const TavrinCertificate& certificate) {
   }
 }
 
-Json jsonOf(const TokenSummary& token) {
-  Json json{{"name", token.name}, {"plugged", token.plugged}, {"problem", token.problem}};
+Json::Object jsonOf(const TokenSummary& token) {
+  Json::Object json{{"name", token.name}, {"plugged", token.plugged}, {"problem", token.problem}};
   if (!token.state) return json;
-  json["serial"] = token.state->serial;
-  json["label"] = token.state->label;
-  json["firmware"] = token.state->firmware;
-  json["triesLeft"] = token.tries.user;
-  json["securityOfficerTriesLeft"] = token.tries.securityOfficer;
-  json["objects"] = token.state->objectCount();
-  json["capacity"] = token.state->capacity;
+  const TokenState& state = *token.state;
+  const Json::Object more{{"serial", state.serial},
+                          {"label", state.label},
+                          {"firmware", state.firmware},
+                          {"triesLeft", token.tries.user},
+                          {"securityOfficerTriesLeft", token.tries.securityOfficer},
+                          {"objects", state.objectCount()},
+                          {"capacity", state.capacity}};
+  json.insert(json.end(), more.begin(), more.end());
   return json;
 }
 
 Json jsonOfObjects(const TokenSummary& token) {
-  Json json = jsonOf(token);
-  json["folder"] = softtoken::textOf(softtoken::folderOfToken(token.name));
-  json["keyPairs"] = Json::array();
+  Json::Array keyPairs;
   for (const TavrinKeyPair& pair : token.state->keyPairs) {
-    json["keyPairs"].push_back({{"type", typeName(pair)},
-                                {"label", labelIn(pair.label)},
-                                {"id", hexOf(ByteView(pair.keyId).first(pair.keyIdLength))}});
+    keyPairs.push_back(Json::Object{{"type", typeName(pair)},
+                                    {"label", labelIn(pair.label)},
+                                    {"id", hexOf(ByteView(pair.keyId).first(pair.keyIdLength))}});
   }
-  json["certificates"] = Json::array();
+  Json::Array certificates;
   for (const TavrinCertificate& certificate : token.state->certificates) {
-    json["certificates"].push_back({{"subject", subjectOf(certificate)},
-                                    {"label", labelIn(certificate.label)},
-                                    {"id", hexOf(ByteView(certificate.certId).first(certificate.certIdLength))}});
+    certificates.push_back(Json::Object{{"subject", subjectOf(certificate)},
+                                        {"label", labelIn(certificate.label)},
+                                        {"id", hexOf(ByteView(certificate.certId).first(certificate.certIdLength))}});
   }
+  Json::Object json = jsonOf(token);
+  json.push_back({"folder", softtoken::textOf(softtoken::folderOfToken(token.name))});
+  json.push_back({"keyPairs", keyPairs});
+  json.push_back({"certificates", certificates});
   return json;
 }
 
@@ -91,9 +95,9 @@ std::vector<std::string> rowOf(const TokenSummary& token) {
 void printTokens(bool json) {
   const std::vector<TokenSummary> tokens = softtoken::allTokens();
   if (json) {
-    Json list = Json::array();
+    Json::Array list;
     for (const TokenSummary& token : tokens) list.push_back(jsonOf(token));
-    std::cout << jsonText(list) << '\n';
+    std::cout << Json(list).text() << '\n';
     return;
   }
   if (tokens.empty()) {
@@ -108,7 +112,7 @@ void printTokens(bool json) {
 void printToken(const std::string& name, bool json) {
   const TokenSummary token = summaryOf(name);
   if (json) {
-    std::cout << jsonText(jsonOfObjects(token)) << '\n';
+    std::cout << jsonOfObjects(token).text() << '\n';
     return;
   }
   const TokenState& state = *token.state;
