@@ -37,7 +37,7 @@ TEST_F(SoftTokenTest, RsaSignatures) {
 TEST_F(SoftTokenTest, DecryptsWhicheverPaddingItFinds) {
   const TavrinKeyPair key = importRsa();
   EXPECT_EQ(decrypt(key, altered(encryptRsa(pattern(9), PaddingMode::oaep).bytes)).status, badCiphertext);
-  EXPECT_EQ(decrypt(key, fromHex(vectors::modulus)).status, badArgument);
+  EXPECT_EQ(decrypt(key, rsaKey().modulus).status, badArgument);
   EXPECT_EQ(decrypt(key, pattern(127)).status, badArgument);
   for (const auto& [padding, length] : {std::pair{PaddingMode::pkcs1, 117u}, {PaddingMode::oaep, 86u}}) {
     // Often enough for an OAEP block that looks like PKCS#1 v1.5.
@@ -89,10 +89,7 @@ TEST_F(SoftTokenTest, EcdhGivesBothSidesOneSecret) {
     const TavrinKeyPair mine = generate(keyType);
     const TavrinKeyPair yours = generate(keyType);
     const Bytes point = publicKeyOf(yours);
-    Bytes wrapped{0x04};
-    if (point.size() >= 0x80) wrapped.push_back(0x81);
-    wrapped.push_back(static_cast<std::uint8_t>(point.size()));
-    wrapped.insert(wrapped.end(), point.begin(), point.end());
+    const Bytes wrapped = joined({fromHex(point.size() < 0x80 ? "04" : "0481"), {std::uint8_t(point.size())}, point});
     const Made made = derive(mine, wrapped);
     EXPECT_EQ(made.bytes.size(), curves[keyType - 5]->length);
     EXPECT_EQ(made.bytes, derive(yours, publicKeyOf(mine)).bytes);
@@ -107,12 +104,12 @@ TEST_F(SoftTokenTest, ImportsOnlyNumbersThatBelongTogether) {
   EXPECT_STREQ(key.label, "imported");
   EXPECT_EQ(key.keyType, 1u);
   EXPECT_EQ(key.usage, 3u);
-  EXPECT_EQ(publicKeyOf(key), fromHex(vectors::modulus));
+  EXPECT_EQ(publicKeyOf(key), rsaKey().modulus);
 
   ImportPFXDetails good{};
-  good.modulus = fromHex(vectors::modulus);
-  good.privateExponent = fromHex(vectors::privateExponent);
-  good.prime1 = fromHex(vectors::prime2);
+  good.modulus = rsaKey().modulus;
+  good.privateExponent = rsaKey().privateExponent;
+  good.prime1 = rsaKey().prime2;
   using Details = ImportPFXDetails;
   const Bytes &n = good.modulus, &d = good.privateExponent, &p = good.prime1;
   Bytes otherStart = n, longer = d;
@@ -150,8 +147,8 @@ TEST_F(SoftTokenTest, NoNumberFromOutsideEndsTheProcess) {
   const Bytes info = rsaPublicKeyInfo();
   const Bytes modulus = publicKeyOf(rsa);
   const Bytes longExponent =  // longer than the modulus
-      fromHex(std::string("30820120300d06092a864886f70d01010105000382010d003082010802818100").append(vectors::modulus) +
-              "028181" + std::string(258, '1'));
+      joined({fromHex("30820120300d06092a864886f70d01010105000382010d003082010802818100"), modulus, fromHex("028181"),
+              Bytes(129, 0x11)});
   std::vector<Bytes> publicKeys{modulus, Bytes(128), Bytes(128, 0xFE), longExponent, {}};
   for (const std::uint8_t exponent : Bytes{0, 1, 2}) {
     publicKeys.push_back(info);
@@ -170,8 +167,7 @@ TEST_F(SoftTokenTest, NoNumberFromOutsideEndsTheProcess) {
   Bytes one(128);
   one.back() = 1;
   EXPECT_EQ(decrypt(rsa, one).status, badArgument);
-  EXPECT_EQ(decrypt(rsa, fromHex("00" + std::string(vectors::prime1) + std::string(126, '0'))).status, badCiphertext)
-      << "a multiple of it";
+  EXPECT_EQ(decrypt(rsa, joined({Bytes(1), rsaKey().prime1, Bytes(63)})).status, badCiphertext) << "a prime's multiple";
 
   for (const std::uint8_t fill : Bytes{0x00, 0x01, 0xFF}) {
     SCOPED_TRACE(fill);

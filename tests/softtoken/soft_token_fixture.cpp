@@ -3,6 +3,8 @@
 #include <algorithm>
 
 #include "softtoken/certificates.h"
+#include "softtoken/key_material.h"
+#include "softtoken/record_io.h"
 #include "test_platform.h"
 #include "vectors.h"
 
@@ -15,16 +17,34 @@ Bytes fromHex(std::string_view text) {
   return bytes;
 }
 
+Bytes joined(std::initializer_list<Bytes> parts) {
+  Bytes whole;
+  for (const Bytes& part : parts) whole.insert(whole.end(), part.begin(), part.end());
+  return whole;
+}
+
 Bytes pattern(std::size_t count) {
   Bytes bytes;
   for (std::size_t i = 0; i < count; ++i) bytes.push_back(static_cast<std::uint8_t>(i * 7 + count));
   return bytes;
 }
 
+const RsaKey& rsaKey() {
+  static const RsaKey key = [] {
+    const softtoken::KeyMaterial made = softtoken::generateKeyMaterial(1);
+    softtoken::Reader parts(made.privateKey);
+    const auto next = [&] {
+      const softtoken::ByteView part = parts.field(128);
+      return Bytes(part.begin(), part.end());
+    };
+    return RsaKey{made.publicKey, next(), next(), next()};
+  }();
+  return key;
+}
+
 Bytes rsaPublicKeyInfo() {
-  std::string der = "30819f300d06092a864886f70d010101050003818d0030818902818100";
-  der.append(vectors::modulus).append("0203010001");
-  return fromHex(der);
+  return joined(
+      {fromHex("30819f300d06092a864886f70d010101050003818d0030818902818100"), rsaKey().modulus, fromHex("0203010001")});
 }
 
 Bytes certificateInDer() { return softtoken::certificateInFile(softtoken::viewOf(vectors::certificatePem)).value(); }
@@ -81,9 +101,9 @@ TavrinKeyPair SoftTokenTest::importRsa() {
   ImportPFXDetails details{};
   details.label = "imported";
   details.keyType = 2;
-  details.modulus = fromHex(vectors::modulus);
-  details.privateExponent = fromHex(vectors::privateExponent);
-  details.prime1 = fromHex(vectors::prime1);
+  details.modulus = rsaKey().modulus;
+  details.privateExponent = rsaKey().privateExponent;
+  details.prime1 = rsaKey().prime1;
   EXPECT_EQ(tavrin_importPfx(device.c_str(), pin, &details, instance), ok);
   for (const TavrinKeyPair& key : keyPairs())
     if (std::ranges::equal(key.recordId, details.recordId)) return key;

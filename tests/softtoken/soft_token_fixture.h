@@ -26,10 +26,16 @@ inline constexpr const char* pin = "user password";
 inline constexpr const char* soPin = "officer password";
 
 Bytes fromHex(std::string_view text);
+Bytes joined(std::initializer_list<Bytes> parts);
 // Bytes that differ from each other, the same in every run.
 Bytes pattern(std::size_t count);
 
-Bytes rsaPublicKeyInfo();  // of the vectors' key
+// The parts of an RSA key of 1024 bits, made once; and its public key as a SubjectPublicKeyInfo.
+struct RsaKey {
+  Bytes modulus, privateExponent, prime1, prime2;
+};
+const RsaKey& rsaKey();
+Bytes rsaPublicKeyInfo();
 
 struct Made {
   int status;
@@ -54,7 +60,7 @@ class SoftTokenTest : public testing::Test {
     return {status, tries};
   }
   TavrinKeyPair generate(std::uint32_t keyType);
-  TavrinKeyPair importRsa();  // the key of the vectors
+  TavrinKeyPair importRsa();  // rsaKey()
   int importCertificate(TavrinCertificate& certificate, const char* password = pin);
   const std::vector<TavrinKeyPair>& keyPairs() { return tavrin_getKeyPairList(device.c_str(), instance); }
   const std::vector<TavrinCertificate>& certificates() { return tavrin_getCertificateList(device.c_str(), instance); }

@@ -3,22 +3,6 @@
 
 namespace vectors {
 
-// An RSA key of 1024 bits.
-inline constexpr const char* modulus =
-    "c6812683246f6a9997eb39343b8ffa4905cc94ed70b02832893512a755ba7f2c0c037734ebe3d9e2def6811c3c958586e5168dc8f4dbf933"
-    "b77b955ab203d0a3a34419e4c41385e25fc9759a91f642b8e1995dbbdd8075ddf3f4e7824a92d1a35e8e5492abdd905d7e6655cfda57b49e"
-    "2dae4557b2c28862006f8e075c94bcb7";
-inline constexpr const char* privateExponent =
-    "ab9319fca453812a3cfb5db85dfb36744384eefcc4381ea67f9dd5ffb8c3b8041466327515a71dbf50c4741839ed6b3a8b6c9124af302b17"
-    "9e723d47e53212f4b4e6ac7d032eb96c87f36f5f284510bf32de6dc5a92bc1dd562f340002d5e07ca923f435cec79db8c45fc20f0e51dbd6"
-    "0770c111e900898e8351a50ccb47ecc1";
-inline constexpr const char* prime1 =
-    "ffe7a95cddfa7e4ddaacdb0156a82d6ccbc8cfdfc8d79860fcae78d08ea29049879426163034b7f1318887a8410053f9ee15e40f618ead29"
-    "c2021aea3e4c29e7";
-inline constexpr const char* prime2 =
-    "c69407981fe4471461f847e6dda0c81d90b91d3aba82e84fba40cf3f802ab3ad79bb7e2beae8bca79ebea115a7da68c48e3c895d9a4dfe4f"
-    "d25345b15e259cb1";
-
 // A key, and its signature over pattern(80) of the fixture, more bytes than the curve's order has.
 inline constexpr const char* pointP521 =
     "0400544a42e989e852aa399a62ce457b9523b71de342f9e31acca588ec57855670536c86df356997a4d753bc87c353007d17585e82856565"
