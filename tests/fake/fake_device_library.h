@@ -33,7 +33,7 @@ struct Device {
 struct Fault {
   enum class Kind {
     status,       // the operation returns `value`, or false, and does nothing
-    nothing,      // it succeeds, but hands out no instance, no buffer or no record
+    nothing,      // it succeeds, but returns no instance, no buffer or no record
     length,       // it succeeds, but says that its result is `value` bytes long
     outOfMemory,  // it throws std::bad_alloc
     failure,      // it throws std::runtime_error

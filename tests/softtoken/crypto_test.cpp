@@ -195,7 +195,7 @@ TEST_F(SoftTokenTest, EveryKeyTypeCanBeGeneratedAndUsed) {
   }
 }
 
-TEST_F(SoftTokenTest, HashContextsAreGoodOnceAndStaleOnesHarmless) {
+TEST_F(SoftTokenTest, HashContextsAreValidOnceAndStaleOnesAreRefused) {
   const std::size_t lengths[] = {20, 20, 32, 48, 64};
   const Bytes data = Bytes{'a', 'b', 'c'};
   void* last = nullptr;

@@ -29,7 +29,7 @@ inline const std::string certificatesListed = "> getCertificateList TK1 inst";
 using Lines = std::vector<std::string>;
 Lines operator+(Lines left, const Lines& right);
 
-// A call of an exported function, made when asked for: CALL(C_CloseSession, session).
+// A call of an exported function, which is made later: CALL(C_CloseSession, session).
 struct Call {
   std::string name;
   std::function<CK_RV()> make;

@@ -128,14 +128,14 @@ TEST_F(AttributesTest, DerivedSecretsHaveOnlyAValue) {
   const CK_SESSION_HANDLE session = openLoggedIn();
   const CK_OBJECT_HANDLE secret = derive(session, "abc");
   EXPECT_NE(get(session, 0x70003000, CKA_VALUE), "");  // this process's first one
-  const Lines told{"- C_GetAttributeValue count : 3"};
+  const Lines logged{"- C_GetAttributeValue count : 3"};
   const Template attributes{{CKA_CLASS, "1234"}, {CKA_VALUE, "123456789"}, {CKA_LABEL, Template::nothing}};
-  does(CALL(C_GetAttributeValue, session, secret, attributes.data(), 3), told);
+  does(CALL(C_GetAttributeValue, session, secret, attributes.data(), 3), logged);
   EXPECT_EQ(attributes.length(0), 0xFFFFFFFFu);
   EXPECT_EQ(attributes.value(1), "Z(abc)");
   EXPECT_EQ(attributes.length(2), 0xFFFFFFFFu);
   const Template small{{CKA_VALUE, "12345"}, {CKA_LABEL, "left"}, {CKA_ID, "x"}};
-  expect(CALL(C_GetAttributeValue, session, secret, small.data(), 3), CKR_BUFFER_TOO_SMALL, told);
+  expect(CALL(C_GetAttributeValue, session, secret, small.data(), 3), CKR_BUFFER_TOO_SMALL, logged);
   EXPECT_EQ(small.value(0) + small.value(1), "12345left");
 }
 

@@ -17,7 +17,7 @@ class ConcurrencyTest : public ModuleTest {
     const std::lock_guard lock(mutex_);
     unexpected_ += std::string(call) + " " + std::to_string(code) + "\n";
   }
-  // One session's life. Logins come and go under its feet, by other threads and by the monitor.
+  // The calls of one session. Meanwhile other threads and the monitor log in and out.
   void useSession() {
     CK_SESSION_HANDLE session = 0;
     CK_SESSION_INFO info;

@@ -37,7 +37,7 @@ std::string verifyAsked(const std::string& input, const std::string& key, int ps
   return "> verifySignatureHash type=2 TK1 input='" + input + "' key=" + key +
          " signature='sig' inst pss=" + std::to_string(pss);
 }
-std::string mechanismTold(CK_MECHANISM_TYPE type) { return "- sign echanism : " + std::to_string(type); }
+std::string mechanismLogged(CK_MECHANISM_TYPE type) { return "- sign echanism : " + std::to_string(type); }
 
 TEST_F(CryptoTest, MechanismsAreTheSameForEverySlot) {
   const CK_SLOT_ID anySlot = 12345;
@@ -57,16 +57,16 @@ TEST_F(CryptoTest, MechanismsAreTheSameForEverySlot) {
   does(listed);
   EXPECT_EQ(list, expected);
 
-  auto told = [](CK_MECHANISM_TYPE type) { return "- C_GetMechanismInfo -- type : " + std::to_string(type); };
+  auto logged = [](CK_MECHANISM_TYPE type) { return "- C_GetMechanismInfo -- type : " + std::to_string(type); };
   CK_MECHANISM_INFO info{9, 9, 9};
   bad(CALL(C_GetMechanismInfo, anySlot, 0x1043, nullptr), ": pInfo is NULL");
   for (const CK_MECHANISM_TYPE type : {0x255u, 0x1043u, 0x1046u, 0x46u, 0xFFFFFFFFu}) {
     expect(CALL(C_GetMechanismInfo, anySlot, type, &info), CKR_MECHANISM_INVALID,
-           {told(type), ": unsupported mechanism type=" + std::to_string(type)});
+           {logged(type), ": unsupported mechanism type=" + std::to_string(type)});
   }
   EXPECT_EQ(hexOf(info), hexOf(CK_MECHANISM_INFO{9, 9, 9}));
   for (const MechanismRow& row : mechanismRows) {
-    does(CALL(C_GetMechanismInfo, anySlot, row.type, &info), {told(row.type), "- C_GetMechanismInfo -- exit"});
+    does(CALL(C_GetMechanismInfo, anySlot, row.type, &info), {logged(row.type), "- C_GetMechanismInfo -- exit"});
     EXPECT_EQ(hexOf(info), hexOf(CK_MECHANISM_INFO{row.smallest, row.largest, row.flags})) << row.type;
   }
 }
@@ -131,7 +131,7 @@ TEST_F(CryptoTest, EverySignatureInOneAndInSeveralParts) {
     if ((flags & CKF_SIGN) == 0) continue;
     const std::string input = hashOf(hash, "ab");
     ok(signing(type));
-    does(sign_, Lines{mechanismTold(type)} + whole(hash) +
+    does(sign_, Lines{mechanismLogged(type)} + whole(hash) +
                     Lines{"- Sign: password empty=0 hashLen=" + std::to_string(input.size()) + " session state=3",
                           "- Sign input hash : " + hexText(input), signAsked(input, pss)});
     EXPECT_EQ(out_.text(), "S(" + input + ")");
@@ -168,11 +168,11 @@ TEST_F(CryptoTest, DeviceIsGivenTheKeyThatWasResolvedLastAndWithoutLoginNoPasswo
   ok(signing(CKM_RSA_PKCS));
   CK_ULONG size = 0;
   ok(C_GetObjectSize(session_, ecPublic, &size));
-  does(sign_, {mechanismTold(CKM_RSA_PKCS), "- Sign: password empty=1 hashLen=2 session state=2",
+  does(sign_, {mechanismLogged(CKM_RSA_PKCS), "- Sign: password empty=1 hashLen=2 session state=2",
                "- Sign input hash : 6162", signAsked("ab", 0, "key-2 pin=''")});
 }
 
-// The parts of a signature that C_Sign ended, and the hash of a digest, are kept: that is how it has always been.
+// The parts of a signature that C_Sign ended, and the hash of a digest, are kept. Applications may depend on it.
 TEST_F(CryptoTest, PartsAndHashesLeftOverAreContinued) {
   auto begin = [&](CK_MECHANISM_TYPE type, const char* part) {
     ok(signing(type));
@@ -189,11 +189,11 @@ TEST_F(CryptoTest, PartsAndHashesLeftOverAreContinued) {
   ok(digestInit(session_));
   ok(digest_);
   ok(signing(CKM_ECDSA));
-  does(signFinal_, {signAsked("")});  // the digest itself was handed out
+  does(signFinal_, {signAsked("")});  // the digest itself was returned
   begin(CKM_SHA384_RSA_PKCS, "more");
   ok(signFinal_);
   EXPECT_EQ(out_.text(), "S(H3(abmore))");
-  // A hash that cannot be finished, as without any part, takes the parts along. One that failed is not continued.
+  // When a hash cannot be finished, as without any part, the parts are dropped too. One that failed is not continued.
   begin(CKM_RSA_PKCS, "gone");
   ok(sign_);
   ok(signing(CKM_SHA384_RSA_PKCS));

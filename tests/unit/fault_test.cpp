@@ -1,5 +1,5 @@
-// Whatever fails below the module, a call answers as it should, crashes nothing, and works the next time: every
-// operation of the device library at every call of every function, every allocation, every length and text.
+// When anything below the module fails, a call returns the right code, nothing crashes, and the next call works. This
+// is tried with every operation of the device library in every function, every allocation, every length and text.
 //
 // The cases are made from one table of scenes: calls that succeed, which together reach every operation.
 #include <climits>
@@ -269,7 +269,7 @@ Lines answerTo(const Reached& reached, int status) {
   const bool stores = operation == "generateKeyPair" || operation.rfind("import", 0) == 0;
   CK_RV code = stores && (status == 40 || status == 242) ? CKR_DEVICE_MEMORY : CKR_FUNCTION_FAILED;
   if (operation == "verifySignatureHash") code = CKR_SIGNATURE_INVALID;
-  if (operation == "initDevice") code = CKR_OK;  // a search goes on with what there is
+  if (operation == "initDevice") code = CKR_OK;  // a search continues with what was listed
   if (operation == "validatePassword") {
     const std::string error = "Token password validation failed";
     Lines lines{error + " : " + std::to_string(status)};

@@ -64,7 +64,7 @@ TEST_F(LogTest, LevelIsTheFirstByteOfTheValueAndIsReadForEveryLine) {
   }
 }
 
-TEST_F(LogTest, LinesThatCannotBeWrittenAreDroppedWithAWordOnTheOutput) {
+TEST_F(LogTest, LinesThatCannotBeWrittenAreDroppedAndThatIsPrinted) {
   ASSERT_TRUE(waitForMonitorsLines());
   logLevel(2);
   const fs::path folder = logFolder().parent_path();

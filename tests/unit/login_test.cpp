@@ -21,8 +21,8 @@ class LoginTest : public ModuleTest {
   }
 };
 
-// What a login says, when the session had the state before.
-Lines told(const char* state, const Lines& refusals = {}, const char* result = "0") {
+// What a login logs, when the session had this state before.
+Lines logged(const char* state, const Lines& refusals = {}, const char* result = "0") {
   return Lines{std::string("- Login state : ") + state} + refusals +
          Lines{std::string("- Login end result : ") + result};
 }
@@ -60,7 +60,7 @@ TEST_F(LoginTest, LoginAsksTheDeviceAndRaisesTheSessionsOfTheToken) {
   const CK_SESSION_HANDLE other = open(readWrite, slot1 + 1);
   const CK_SESSION_HANDLE b = open(readWrite);
   // The PIN has the given length; the bytes after it do not count.
-  does(CALL(C_Login, b, CKU_USER, bytes("12345678"), 4), askedUser("1234") + told("2"));
+  does(CALL(C_Login, b, CKU_USER, bytes("12345678"), 4), askedUser("1234") + logged("2"));
   expectStates({{a, 1}, {b, 3}, {other, 2}});
 
   // The cached password opens another token unasked; any other is asked for, also when it is as long.
@@ -69,7 +69,8 @@ TEST_F(LoginTest, LoginAsksTheDeviceAndRaisesTheSessionsOfTheToken) {
   expect(login(other, CKU_USER, "4321"), CKR_PIN_INCORRECT,
          {"> validatePassword TK2 pin='4321' kind=1 counter=0 inst", "Token password validation failed : 1",
           "Token password validation failed, retry count : 2"});
-  does(login(other, CKU_USER, "12345"), Lines{"> validatePassword TK2 pin='12345' kind=1 counter=0 inst"} + told("2"));
+  does(login(other, CKU_USER, "12345"),
+       Lines{"> validatePassword TK2 pin='12345' kind=1 counter=0 inst"} + logged("2"));
   does(CALL(C_Logout, other), {"- C_Logout end"});
   expectStates({{a, 1}, {b, 3}, {other, 2}});
   EXPECT_FALSE(loggedIn());
@@ -78,9 +79,9 @@ TEST_F(LoginTest, LoginAsksTheDeviceAndRaisesTheSessionsOfTheToken) {
   expectStates({{a, 0}, {b, 2}});
   expect(CALL(C_Logout, a), CKR_USER_NOT_LOGGED_IN, {": user not logged in, session state=0"});
   ok(login(b));
-  does(login(other), told("2"));
+  does(login(other), logged("2"));
   // A security officer is always asked for, and logs the user out too.
-  does(login(other, CKU_SO), askedOfficer("TK2") + told("3"));
+  does(login(other, CKU_SO), askedOfficer("TK2") + logged("3"));
   expectStates({{a, 1}, {b, 3}, {other, 4}});
   EXPECT_TRUE(loggedIn());
   ok(C_Logout(other));
@@ -99,7 +100,7 @@ TEST_F(LoginTest, NoTriesLeftIsALockAndChangesNoLogin) {
   EXPECT_TRUE(loggedIn());
 }
 
-TEST_F(LoginTest, SecurityOfficerIsHeldUpByReadOnlySessionsButRaisesTheOthers) {
+TEST_F(LoginTest, ReadOnlySessionsRefuseTheSecurityOfficerAndTheOthersAreRaised) {
   const std::string refused = ": read-only session exists, cannot log in as SO";
   const std::string another = ": SO already logged in on another session";
   const CK_SESSION_HANDLE a = open(readWrite);
@@ -107,7 +108,7 @@ TEST_F(LoginTest, SecurityOfficerIsHeldUpByReadOnlySessionsButRaisesTheOthers) {
   const CK_SESSION_HANDLE c = open(readWrite);
   const CK_SESSION_HANDLE d = open(readOnly);
   auto officer = [&](CK_SESSION_HANDLE session, CK_RV code, const char* before, const Lines& refusals) {
-    expect(login(session, CKU_SO), code, askedOfficer("TK1") + told(before, refusals, std::to_string(code).c_str()));
+    expect(login(session, CKU_SO), code, askedOfficer("TK1") + logged(before, refusals, std::to_string(code).c_str()));
   };
   officer(a, CKR_SESSION_READ_ONLY_EXISTS, "2", {refused, refused});
   expectStates({{a, 4}, {b, 0}, {c, 4}, {d, 0}});
@@ -115,7 +116,7 @@ TEST_F(LoginTest, SecurityOfficerIsHeldUpByReadOnlySessionsButRaisesTheOthers) {
 
   // A user who comes later is refused by the officer's sessions, and logged in all the same.
   const CK_SESSION_HANDLE e = open(readWrite);
-  expect(login(e), CKR_USER_ANOTHER_ALREADY_LOGGED_IN, askedUser("1234") + told("2", {another, another}, "260"));
+  expect(login(e), CKR_USER_ANOTHER_ALREADY_LOGGED_IN, askedUser("1234") + logged("2", {another, another}, "260"));
   expectStates({{a, 4}, {b, 1}, {c, 4}, {d, 1}, {e, 3}});
   EXPECT_TRUE(loggedIn());
 }
@@ -149,7 +150,7 @@ TEST_F(LoginTest, SetPinChangesTheCachedPasswordOnlyIfThereIsOne) {
   ok(login(session, CKU_USER, "old-pin"));
   fake::fail("changeUserPassword", 1);
   EXPECT_EQ(setPin.make(), CKR_FUNCTION_FAILED);
-  does(login(other, CKU_USER, "old-pin"), told("2"));  // still the cached one
+  does(login(other, CKU_USER, "old-pin"), logged("2"));  // still the cached one
   does(setPin, {asked});
   const Lines updated = run(CALL(C_SetAttributeValue, session, rsaPrivate, Template{{CKA_ID, "x"}}.data(), 1));
   EXPECT_EQ(updated[3], "> updateKeyPairDetails TK1 key-1 pin='new-pin' label='' id='x' inst");

@@ -70,7 +70,7 @@ TEST_F(MonitorTest, UnpluggingLogsTheUserOutAndChangesOfTheCountAreEvents) {
   fake::edit()->devices = {fake::device("TK10"), fake::device("TK3")};
   ASSERT_TRUE(waitForListings(1));
 
-  // By now the log level has been the same for two seconds, so that it may be cached. Changes count at once.
+  // By now the log level has been the same for two seconds, so that it may be cached. A change takes effect at once.
   Lines expected;
   const Lines did = run({"", [&] {
                            for (CK_SESSION_HANDLE i = 1; i < 400; ++i) {

@@ -42,18 +42,6 @@ TEST_F(NativeAbiTest, WiderHandlesAreUnknown) {
   }
 }
 
-TEST_F(NativeAbiTest, HandlesOfLargeRecordNumbersWrapAt32Bits) {
-  const CK_SESSION_HANDLE session = openLoggedIn();
-  fake::edit()->devices[0].keyPairs[1].id = 0x90000000;
-  fake::edit()->devices[0].certificates[0].id = 0xFFFFFFFF;
-  CK_OBJECT_HANDLE found[8] = {};
-  CK_ULONG count = 0;
-  ok(C_FindObjectsInit(session, nullptr, 0));
-  ok(C_FindObjects(session, found, 8, &count));
-  EXPECT_EQ(std::vector(found, found + count),
-            (std::vector<CK_OBJECT_HANDLE>{rsaPublic, 0x1000, rsaPrivate, 0, 0x70001FFF}));
-}
-
 TEST_F(NativeAbiTest, UnavailableNumbersHave64BitsToo) {
   const Template ofSecret{{CKA_CLASS, Template::nothing}};
   const CK_SESSION_HANDLE session = openLoggedIn();

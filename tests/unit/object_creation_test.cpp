@@ -84,7 +84,7 @@ TEST_F(ObjectCreationTest, CreateRefusals) {
        CKR_FUNCTION_FAILED},
       {{{CKA_VALUE, std::string(3073, 'x')}}, {": certificate too long, ulValueLen=3073"}, CKR_DATA_LEN_RANGE},
       {{{CKA_VALUE, "none"}}, {parsed("none"), "- certificate parsing failed"}, CKR_DATA_INVALID}};
-  for (const auto& [attributes, told, code] : rows) expect(create(attributes), code, seen(attributes) + told);
+  for (const auto& [attributes, logged, code] : rows) expect(create(attributes), code, seen(attributes) + logged);
   EXPECT_EQ(created_, 77u);
 }
 

