@@ -101,15 +101,6 @@ TEST_F(Crypto, SignsWithEveryMechanismAndKey) {
   }
 }
 
-TEST_F(Crypto, PadsAnEncodedDigestAsItIs) {
-  Bytes digestInfo = {0x30, 0x31, 0x30, 0x0D, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01,
-                      0x65, 0x03, 0x04, 0x02, 0x01, 0x05, 0x00, 0x04, 0x20};
-  const Bytes digest = readFile("data.sha256");
-  digestInfo.insert(digestInfo.end(), digest.begin(), digest.end());
-  const CK_OBJECT_HANDLE key = token->find(CKO_PRIVATE_KEY, "rsa");
-  EXPECT_EQ(token->sign(CKM_RSA_PKCS, key, digestInfo), token->sign(CKM_SHA256_RSA_PKCS, key, readFile("data")));
-}
-
 TEST_F(Crypto, UsesAnImportedKeyForEverything) {
   EXPECT_EQ(imported, token->find(CKO_PRIVATE_KEY, "imported"));
   const MechanismRow& sha256 = mechanismRows[5];

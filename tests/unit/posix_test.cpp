@@ -70,34 +70,29 @@ TEST_F(ThreadsTest, MonitorTakesNoSignalThatTheApplicationWaitsFor) {
 TEST_F(ThreadsTest, CancelledThreadsEndAfterTheirCall) {
   static std::atomic<int> calls;
   calls = 0;
-  const auto start = [](void* (*body)(void*)) {
-    pthread_t thread{};
-    pthread_create(&thread, nullptr, body, nullptr);
-    return thread;
-  };
-  const auto expectCancelled = [](pthread_t thread) {
+  // A thread that makes calls, and one that waits in a call until C_Finalize wakes it.
+  void* (*const bodies[])(void*) = {[](void*) -> void* {
+                                      for (;; ++calls) {
+                                        C_CloseSession(1);
+                                        pthread_testcancel();
+                                      }
+                                    },
+                                    [](void*) -> void* {
+                                      CK_SLOT_ID slot = 0;
+                                      while (C_WaitForSlotEvent(0, &slot, nullptr) == CKR_OK) ++calls;
+                                      pthread_testcancel();
+                                      return nullptr;
+                                    }};
+  pthread_t threads[2];
+  for (int i = 0; i < 2; ++i) pthread_create(&threads[i], nullptr, bodies[i], nullptr);
+  while (calls < 100) std::this_thread::sleep_for(1ms);
+  for (const pthread_t thread : threads) {
+    pthread_cancel(thread);
+    if (thread == threads[1]) ok(C_Finalize(nullptr));
     void* result = nullptr;
     pthread_join(thread, &result);
     EXPECT_EQ(result, PTHREAD_CANCELED);
-  };
-  const pthread_t busy = start([](void*) -> void* {
-    for (;; ++calls) {
-      C_CloseSession(1);
-      pthread_testcancel();
-    }
-  });
-  const pthread_t waiting = start([](void*) -> void* {
-    CK_SLOT_ID slot = 0;
-    while (C_WaitForSlotEvent(0, &slot, nullptr) == CKR_OK) ++calls;
-    pthread_testcancel();
-    return nullptr;
-  });
-  while (calls < 100) std::this_thread::sleep_for(1ms);
-  pthread_cancel(busy);
-  pthread_cancel(waiting);
-  expectCancelled(busy);
-  ok(C_Finalize(nullptr));  // wakes the one that waits
-  expectCancelled(waiting);
+  }
 }
 
 class PrivateLogTest : public ModuleTest {
