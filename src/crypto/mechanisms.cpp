@@ -16,7 +16,7 @@ constexpr CK_FLAGS signs = CKF_SIGN | CKF_VERIFY;
 using enum HashCode;
 
 // In the order of the list that applications get. A PSS signature that is verified in parts is hashed with SHA-256 for
-// every PSS mechanism: devices have always received it so.
+// every PSS mechanism: devices have always received it in this form.
 constexpr Mechanism mechanisms[] = {
     // type                     key sizes   flags              hash    in parts  PSS
     {CKM_RSA_PKCS_KEY_PAIR_GEN, 1024, 4096, generates, none, none, false},

@@ -1,9 +1,10 @@
-// The diagnostic log: one plain-text file a process name and day, below the user's temporary folder.
+// The diagnostic log: one plain-text file for each process name and day, below the user's temporary folder.
 //
-// Any thread may log. The level is read and the file opened for every line, so that a new level counts at once and
-// other processes can share the file. Kept between lines are the program's name and, on POSIX, the number in the file
-// of the level together with that file's status. Writers are not serialised: a line is one write. On POSIX reading the
-// clock takes a lock, which is held during localtime_r only, and reading the level tries a lock without waiting for it.
+// Any thread may log. The level is read and the file opened for every line, so that a new level takes effect at once
+// and other processes can share the file. Kept between lines are the program's name and, on POSIX, the number in the
+// file of the level together with that file's status. Writers are not serialised: a line is one write. On POSIX reading
+// the clock takes a lock, which is held during localtime_r only, and reading the level tries a lock without waiting for
+// it.
 //
 // A failure to log never reaches the caller: it is reported on the standard output and the line is dropped.
 #pragma once

@@ -14,7 +14,7 @@ class Utils {
   // Cuts the text at every occurrence of the delimiter. Pieces may be empty; there is always at least one.
   std::vector<std::string> split(std::string_view text, std::string_view delimiter) const;
 
-  // Sleeps for the milliseconds.
+  // Sleeps for this number of milliseconds.
   void sleep(unsigned milliseconds) const;
 };
 

@@ -118,7 +118,7 @@ void keepMatches(std::vector<Record>& records, const Criteria& criteria) {
   std::erase_if(records, [&](const Record& record) { return !matches(record, criteria); });
 }
 
-// Keeps what the criteria leave and decides which halves of the key pairs are reported.
+// Keeps the records that match the criteria and decides which halves of the key pairs are reported.
 void selectResults(Session& session, DeviceObjects objects, const Criteria& criteria) {
   const auto wanted = criteria.objectClass;
   // Without a class every object is found and the other entries are ignored: applications list a token in this way.

@@ -1,6 +1,6 @@
-// Everything that the module asks of the operating system. One implementation a platform, with the same functions in
-// the same order: platform_windows.cpp and platform_posix.cpp. Texts are in the system's 8-bit encoding (UTF-8 on
-// POSIX); all functions may be called from any thread.
+// Everything that the module asks of the operating system. One implementation for each platform, with the same
+// functions in the same order: platform_windows.cpp and platform_posix.cpp. Texts are in the system's 8-bit encoding
+// (UTF-8 on POSIX); all functions may be called from any thread.
 #pragma once
 
 #include <cstddef>

@@ -143,7 +143,7 @@ class NumberInFile {
     const std::unique_lock lock(mutex_, std::try_to_lock);
     if (lock && known_ && isKnown(status)) return number_;
 
-    // A pipe in the place of the file must not hold the caller up.
+    // A pipe in the place of the file must not block the caller.
     const File file(path, O_RDONLY | O_NONBLOCK);
     if (!file.isOpen() || !file.describe(status)) return std::nullopt;
     const bool settled = isSettled(status);
