@@ -1,5 +1,5 @@
-# The software token's libraries, as SoftToken::gcrypt and SoftToken::ksba: static where they would have to be shipped
-# along, the system's shared ones elsewhere.
+# The software token's libraries as SoftToken::gcrypt and SoftToken::ksba. On Windows they are static, so that they need not
+# be shipped; elsewhere they are the system's shared libraries.
 include(FindPackageHandleStandardArgs)
 
 if(WIN32)

@@ -1,5 +1,5 @@
-# Compiles through ccache where it is installed and no other launcher is given. Sources with a precompiled header of ours
-# are not cached: GCC takes a header for another file when its time differs, as it does in each new checkout.
+# Compiles with ccache if it is installed and no other launcher is set. Sources that use a precompiled header are not cached:
+# GCC treats a header with another modification time as another file, and each new checkout has other times.
 find_program(TAVRIN_CCACHE ccache)
 mark_as_advanced(TAVRIN_CCACHE)
 if(TAVRIN_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)

@@ -14,7 +14,7 @@ function(tavrin_compiler_flags target)
   endif()
   target_link_libraries(${target} PUBLIC Threads::Threads)
   if(MSVC)
-    # Warnings are no errors here, as each version of the compiler has others. /Brepro leaves times out of the files.
+    # Warnings are not errors here, because each version of the compiler has others. /Brepro keeps times out of the files.
     target_compile_options(${target} PRIVATE /W4 /permissive- /utf-8 /guard:cf /Brepro)
     target_link_options(${target} PRIVATE /guard:cf /CETCOMPAT /Brepro)
     # With the constexpr constructor of std::mutex, a host's msvcp140.dll of an older version crashes at the first lock.
@@ -24,10 +24,10 @@ function(tavrin_compiler_flags target)
   target_compile_options(${target} PRIVATE
     -Wall -Wextra -Wpedantic -Werror -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast -Wnon-virtual-dtor
     -Woverloaded-virtual -Wformat=2 -Wundef -fstack-protector-strong
-    # The same bytes from every checkout, wherever it lies.
+    # The built files do not depend on the folder of the sources.
     -ffile-prefix-map=${CMAKE_SOURCE_DIR}=.)
   if(WIN32)
-    # Everything but Windows' own libraries is linked in, and no link time is written into the file.
+    # All libraries but Windows' own are linked statically. No link time is written into the file.
     target_link_options(${target} PRIVATE -static -fstack-protector-strong -Wl,--no-insert-timestamp -Wl,--nxcompat
                         -Wl,--dynamicbase $<$<CONFIG:Release>:-s>)
   else()
@@ -42,14 +42,14 @@ endfunction()
 
 # tavrin_join_sources(target): where TAVRIN_JOIN_SOURCES is on, compiles the target's sources several at a time, so that
 # the headers of the standard library are read, and checked by clang-tidy, a few times instead of a hundred. A name in an
-# unnamed namespace must then be the only one of its library. The sources still include what they use: the preset for
-# Linux compiles each alone.
+# unnamed namespace must then be unique in its library. The preset for Linux compiles each source alone, which shows that
+# each includes what it uses.
 option(TAVRIN_JOIN_SOURCES "Compile several sources at a time" OFF)
 function(tavrin_join_sources target)
   set_target_properties(${target} PROPERTIES UNITY_BUILD ${TAVRIN_JOIN_SOURCES} UNITY_BUILD_BATCH_SIZE 10)
 endfunction()
 
-# tavrin_interface(target header ...): whoever links the target can include these headers of src/ and no others.
+# tavrin_interface(target header ...): targets that link this one can include these headers of src/ and no others.
 function(tavrin_interface target)
   set(folder ${CMAKE_BINARY_DIR}/interfaces/${target})
   foreach(header ${ARGN})

@@ -1,5 +1,5 @@
-# tavrin_cryptoki_names(header): writes a header with lists of the constants in pkcs11t.h, for people to read in place
-# of their numbers.
+# tavrin_cryptoki_names(header): writes a header with the names of the constants in pkcs11t.h, which the tool shows beside
+# their numbers.
 function(tavrin_cryptoki_names header)
   set(source ${CMAKE_SOURCE_DIR}/include/pkcs11t.h)
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${source})

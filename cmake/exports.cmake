@@ -1,6 +1,6 @@
-# tavrin_export_cryptoki(target): exports the functions of include/pkcs11f.h, the only list of them, by their plain
-# names, and the three extra ones by the names that the platform's C++ compiler gives them; nothing else. With
-# STANDARD_ONLY the three are left out.
+# tavrin_export_cryptoki(target): exports the functions that include/pkcs11f.h lists, by their plain names, and the three
+# additional functions by the names that the platform's C++ compiler gives them. Nothing else is exported. STANDARD_ONLY
+# leaves the three out.
 set(CRYPTOKI_FUNCTION_LIST ${CMAKE_SOURCE_DIR}/include/pkcs11f.h)
 file(READ ${CRYPTOKI_FUNCTION_LIST} text)
 string(REGEX MATCHALL "F\\(C_[A-Za-z]+" CRYPTOKI_FUNCTION_NAMES "${text}")
@@ -15,7 +15,7 @@ function(tavrin_export_cryptoki target)
   set(generated ${CMAKE_CURRENT_BINARY_DIR})
   if(WIN32)
     list(JOIN CRYPTOKI_FUNCTION_NAMES "\n  " CRYPTOKI_EXPORTS)
-    # MSVC decorates the three by itself; mingw builds them under its own names and exports them under MSVC's.
+    # MSVC creates the decorated names itself. With mingw, the compiler's names are exported under MSVC's names.
     set(ejectToken "\"?C_EjectToken@@YAKK@Z\"")
     set(structSizeList "\"?C_GetUnmanagedStructSizeList@@YAKPEAK0@Z\"")
     set(interactiveLogin "\"?C_InteractiveLogin@@YAKK@Z\"")

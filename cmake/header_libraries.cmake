@@ -1,6 +1,6 @@
-# tavrin_header_library(target file): an interface target for a header-only library of the build machine, of which `file`
-# is the header to include. Only the library's own folder becomes visible, through a link in the build tree: the build
-# machine's other headers are not those of the system that is built for.
+# tavrin_header_library(target file): an interface target for a header-only library of the build machine; `file` is the
+# header to include. A link in the build tree makes only the library's own folder visible, because a cross build must not see
+# the other headers of the build machine.
 function(tavrin_header_library target file)
   find_path(${target}_FOLDER ${file} REQUIRED NO_CMAKE_FIND_ROOT_PATH PATHS /usr/include)
   cmake_path(GET file PARENT_PATH folder)

@@ -12,7 +12,7 @@ void check(CK_RV result, const char* call) {
 }
 
 CryptokiModule::CryptokiModule(const std::string& path) : library(openLibrary(path)) {
-  // The only function that a client looks up by name; all others come from the list it returns.
+  // A client looks up only this function by name. All others are in the list that it returns.
   const auto getFunctionList = reinterpret_cast<CK_C_GetFunctionList>(findFunction(library, "C_GetFunctionList"));
   try {
     if (!getFunctionList) throw std::runtime_error(path + " is no Cryptoki library: it lacks C_GetFunctionList");
@@ -30,7 +30,7 @@ CryptokiModule::~CryptokiModule() {
 }
 
 std::vector<CK_SLOT_ID> slotsWithToken(const CryptokiModule& module) {
-  // First ask how many there are, then for the list; a token may be pulled out in between.
+  // The first call returns the number of slots, the second the list. A token may be removed in between.
   CK_ULONG count = 0;
   check(module->C_GetSlotList(CK_TRUE, nullptr, &count), "C_GetSlotList");
   std::vector<CK_SLOT_ID> slots(count);

@@ -1,4 +1,4 @@
-// Loading a Cryptoki library while the program runs, and the few helpers that every client needs.
+// Loads a Cryptoki library at run time, and has the few helper functions that every client needs.
 #pragma once
 
 #include <cstddef>
@@ -7,13 +7,13 @@
 
 #include "pkcs11.h"
 
-// The platform's way to load a library, look up one of its functions and unload it again. openLibrary throws
-// std::runtime_error with the platform's own explanation; findFunction answers null for an unknown name.
+// Load a library, look up one of its functions, and unload it. openLibrary throws std::runtime_error with the system's
+// explanation; findFunction returns null for an unknown name.
 void* openLibrary(const std::string& path);
 void* findFunction(void* library, const char* name);
 void closeLibrary(void* library);
 
-// Makes Windows' console show UTF-8, in which tokens have their texts, until this object is destroyed.
+// Sets Windows' console to UTF-8, the encoding of texts on tokens, until this object is destroyed.
 class Utf8Console {
  public:
   Utf8Console();
@@ -44,12 +44,12 @@ class CryptokiModule {
   CK_FUNCTION_LIST* functions = nullptr;
 };
 
-// Throws std::runtime_error, naming the call and its result, unless the result is CKR_OK.
+// Throws std::runtime_error with the call's name and its result unless the result is CKR_OK.
 void check(CK_RV result, const char* call);
 
 // The slots that hold a token, in the module's order.
 std::vector<CK_SLOT_ID> slotsWithToken(const CryptokiModule& module);
 
-// A text field of CK_INFO, CK_SLOT_INFO or CK_TOKEN_INFO. The standard pads them with blanks; this module ends them
-// with a NUL. Cutting at the first NUL and dropping blanks at the end reads both.
+// Reads a text field of CK_INFO, CK_SLOT_INFO or CK_TOKEN_INFO. The standard pads these fields with blanks, and
+// TavrinPKCS11 ends them with a NUL. This function accepts both.
 std::string textOf(const CK_UTF8CHAR* field, std::size_t size);

@@ -10,7 +10,7 @@
 #include "load_module.h"
 
 void* openLibrary(const std::string& path) {
-  // The device library lies beside the module; Windows looks there too when it is asked to and given a full path.
+  // The device library is in the module's folder. With these flags and a full path, Windows searches that folder too.
   const std::string fullPath = std::filesystem::absolute(path).string();
   HMODULE library =
       LoadLibraryExA(fullPath.c_str(), nullptr, LOAD_LIBRARY_SEARCH_DEFAULT_DIRS | LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR);
@@ -26,8 +26,8 @@ void* findFunction(void* library, const char* name) {
 
 void closeLibrary(void* library) { FreeLibrary(static_cast<HMODULE>(library)); }
 
-// The console puts the bytes of a character together only when they are written at once and not as text, which the C
-// library may translate byte by byte.
+// The console shows a character correctly only if all its bytes arrive in one write. So the output has a buffer, and
+// binary mode: in text mode the C library may convert it byte by byte.
 Utf8Console::Utf8Console() : before(GetConsoleOutputCP()) {
   SetConsoleOutputCP(CP_UTF8);
   if (!_isatty(_fileno(stdout))) return;

@@ -15,7 +15,7 @@ Bytes operator+(Bytes first, const Bytes& second) {
   return first;
 }
 
-// DER writes lengths below 128 in one byte, longer ones after a byte with their number.
+// DER encodes a length below 128 in one byte. Before a longer length is a byte with the number of the length's bytes.
 Bytes lengthBytes(std::size_t length) {
   const auto low = static_cast<CK_BYTE>(length & 0xFF);
   if (length < 0x80) return {low};

@@ -1,5 +1,5 @@
-// Signs a file with a key on a token, through any Cryptoki (PKCS#11) module. Read it from main() upwards: main() is the
-// whole story, and every step above it is a few calls of the standard.
+// Signs a file with a key on a token, through any Cryptoki (PKCS#11) module. Begin reading with run() at the end: it
+// shows all steps, and each function above it is one step with a few calls of the standard.
 //
 //   sign_file MODULE PIN KEY FILE OUTPUT [rsa|ec]
 //
@@ -52,7 +52,7 @@ CK_SESSION_HANDLE openSession(const CryptokiModule& module) {
   check(module->C_GetTokenInfo(slots.front(), &token), "C_GetTokenInfo");
   std::printf("Token \"%s\"\n", textOf(token.label, sizeof(token.label)).c_str());
 
-  // Keys are generated in read-write sessions only; the serial flag is a relic that every session must carry.
+  // Generating keys needs a read-write session. CKF_SERIAL_SESSION must always be set, for historical reasons.
   CK_SESSION_HANDLE session = CK_INVALID_HANDLE;
   check(module->C_OpenSession(slots.front(), CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &session),
         "C_OpenSession");
@@ -87,7 +87,7 @@ void generateKeyPair(const CryptokiModule& module, CK_SESSION_HANDLE session, st
       attribute(CKA_VERIFY, yes),
       ec ? attribute(CKA_EC_PARAMS, curve) : attribute(CKA_MODULUS_BITS, bits),
   };
-  // This module learns the kind of key from CKA_KEY_TYPE in the private template, and the label from there too.
+  // TavrinPKCS11 takes the key type and the label from the private key's template.
   std::vector<CK_ATTRIBUTE> privateTemplate = {
       attribute(CKA_KEY_TYPE, keyType), attribute(CKA_TOKEN, yes),   attribute(CKA_PRIVATE, yes),
       attribute(CKA_SIGN, yes),         attribute(CKA_LABEL, label),
@@ -104,7 +104,7 @@ void generateKeyPair(const CryptokiModule& module, CK_SESSION_HANDLE session, st
 
 CK_OBJECT_HANDLE findKey(const CryptokiModule& module, CK_SESSION_HANDLE session, CK_OBJECT_CLASS objectClass,
                          std::string label) {
-  // The class belongs into every search: without it this module answers with all objects, whatever else is asked.
+  // Every search needs the class: without it TavrinPKCS11 returns all objects and ignores the other attributes.
   CK_ATTRIBUTE searched[] = {attribute(CKA_CLASS, objectClass), attribute(CKA_LABEL, label)};
   CK_OBJECT_HANDLE found = CK_INVALID_HANDLE;
   CK_ULONG count = 0;
@@ -117,7 +117,7 @@ CK_OBJECT_HANDLE findKey(const CryptokiModule& module, CK_SESSION_HANDLE session
 
 Bytes readAttribute(const CryptokiModule& module, CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
                     CK_ATTRIBUTE_TYPE type) {
-  // The usual two steps: ask for the length, then for the value.
+  // The first call returns the length, the second the value.
   CK_ATTRIBUTE wanted = {type, nullptr, 0};
   check(module->C_GetAttributeValue(session, object, &wanted, 1), "C_GetAttributeValue");
   Bytes value(wanted.ulValueLen);
@@ -148,7 +148,7 @@ Bytes signFile(const CryptokiModule& module, CK_SESSION_HANDLE session, CK_OBJEC
           "C_SignUpdate");
   }
 
-  // Without a buffer the call only returns the length; the signature is made once and kept for the second call.
+  // Without a buffer the call returns only the length. The signature is made once and kept for the second call.
   CK_ULONG length = 0;
   check(module->C_SignFinal(session, nullptr, &length), "C_SignFinal");
   Bytes signature(length);

@@ -1,9 +1,9 @@
-// Reports when tokens come and go, through any Cryptoki (PKCS#11) module.
+// Reports when tokens are inserted and removed, through any Cryptoki (PKCS#11) module.
 //
 //   wait_for_token MODULE [COUNT]
 //
-// It prints the tokens that are connected now, then again at each slot event, and ends after COUNT events; without a
-// COUNT it continues until it is interrupted.
+// It prints the connected tokens, and prints them again at each slot event. It ends after COUNT events; without COUNT
+// it continues until it is interrupted.
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -24,8 +24,8 @@ void printTokens(const CryptokiModule& module) {
   std::fflush(stdout);
 }
 
-// An event says that something changed. Which slot it names is of little use: with several changes at once only one
-// event is kept, and this module always names its first slot. So look at the list again.
+// The slot of the event is not used: after several changes only one event is kept, and TavrinPKCS11 always returns its
+// first slot. The caller lists the tokens again instead.
 void waitForEvent(const CryptokiModule& module) {
   CK_SLOT_ID slot = 0;
   check(module->C_WaitForSlotEvent(0, &slot, nullptr), "C_WaitForSlotEvent");

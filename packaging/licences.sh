@@ -1,6 +1,6 @@
 #!/bin/bash
-# Collects the notices and licence texts of the libraries that built files contain, from the Debian packages that they were
-# built with: packaging/licences.sh FOLDER PACKAGE...
+# Collects the notices and licence texts of the libraries that the built files contain. They come from the Debian packages with
+# which the files were built: packaging/licences.sh FOLDER PACKAGE...
 set -euo pipefail
 export LC_ALL=C
 folder=${1:?the folder is missing}

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Builds the benchmarks and prints one table: every kind of call through the module beside the device library alone.
+# Builds the benchmarks and prints one table that compares each kind of call through the module with the device library alone.
 # Arguments go to Google Benchmark, for example --benchmark_filter=sign.
 set -euo pipefail
 cd "$(dirname "$0")/.."

@@ -1,9 +1,9 @@
 #!/bin/bash
-# The whole system at work, on Linux and on Windows: scripts/demo.sh
+# Demonstrates the whole system on Linux and on Windows: scripts/demo.sh
 #
-# It installs what is missing, builds, makes a software token, and signs a file with an RSA and an elliptic-curve key on
-# it: with pkcs11-tool through the native library, then with our own example client through the Windows DLL under Wine.
-# openssl checks every signature. Everything it leaves is in build/demo; run it again whenever you like.
+# It installs missing packages, builds, makes software tokens, and signs a file with an RSA and an elliptic-curve key: with
+# pkcs11-tool through the native library, then with an example client through the Windows DLL under Wine. openssl checks every
+# signature. All results are in build/demo. It can be run again at any time.
 set -euo pipefail
 exec </dev/null
 cd "$(dirname "$0")/.."
@@ -15,7 +15,7 @@ say() {
   if [[ -t 1 ]]; then printf '\n\033[1m%s\033[0m\n' "$*"; else printf '\n%s\n' "$*"; fi
 }
 
-# A command that matters only when it fails.
+# Runs a command and shows its output only if it fails.
 quietly() {
   "$@" >"$demo/output" 2>&1 && return
   cat "$demo/output" >&2
@@ -58,7 +58,7 @@ onLinux() {
     echo "demo: 'pkcs11-tool $*' failed" >&2
     exit 1
   }
-  # Not with pkcs11-tool: that of OpenSC 0.23 uses freed memory when it reads EC keys.
+  # p11tool, because pkcs11-tool of OpenSC 0.23 uses freed memory when it reads EC keys.
   publicKey() {
     quietly p11tool --provider "$module" --batch --export "pkcs11:id=%$1;type=public" --outfile "$demo/linux/$2.pem"
   }
@@ -94,7 +94,7 @@ onWindows() {
   mkdir -p "$demo/windows/tokens"
 
   say "Windows: the same token and keys, with tavrin-tool.exe and sign_file.exe through TavrinPKCS11.dll under Wine"
-  quietly wine wineboot -i # the first time it makes itself at home
+  quietly wine wineboot -i # the first start creates the prefix
   local temporary
   temporary=$(wine cmd /c 'echo %TEMP%' | sed 's,^C:,,; s,\\,/,g')
   windowsLog="${WINEPREFIX:-$top/build/wine-prefix}/drive_c$temporary/Quorvane Telemantix/sign_file/$day.LOG"
@@ -127,8 +127,8 @@ Two tokens were made, one for each system. On each of them an RSA-2048 and a P-2
   $demo/document.txt
 and openssl accepted all four signatures. Keys, signatures and tokens are in build/demo.
 
-The module wrote down every call that it received:
+The module logged every call that it received:
   $linuxLog
   $windowsLog
-For your own programs the log lies in the temporary folder, one file for each program and day; docs/administrators.md says more.
+The log of your own programs is in the temporary folder, one file for each program and day; docs/administrators.md says more.
 END

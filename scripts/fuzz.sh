@@ -1,8 +1,8 @@
 #!/bin/bash
 # Builds the fuzz targets and runs them: scripts/fuzz.sh [--long] [TARGET ...]
 # Without --long it takes about a minute and does the same each time. With --long it takes an hour or more, with ten
-# million calls of the random walk. New inputs that it finds stay in build/fuzz-corpus for the next run. An input that
-# makes a target fail is left in build/fuzz-findings; build/linux-asan/bin/TARGET FILE runs it again.
+# million calls of the random walk; new inputs are kept in build/fuzz-corpus for the next run. An input that makes a
+# target fail is written to build/fuzz-findings; build/linux-asan/bin/TARGET FILE runs it again.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -14,7 +14,7 @@ fi
 targets=("$@")
 [[ $# -gt 0 ]] || targets=(cryptoki_walk standard_walk token_file_fuzz ca_file_fuzz)
 
-# Inputs of a short run, of a long one, and the longest input.
+# The number of inputs of a short run and of a long one, and the size of the longest input in bytes.
 declare -A limits=(
   [cryptoki_walk]='3000 120000 1500'
   [standard_walk]='600 13000 1500'
@@ -37,7 +37,7 @@ fuzz() { # TARGET
   fi
   mkdir -p "$found"
   corpus=fuzz/corpus/${target%_fuzz}
-  [[ -d $corpus ]] || corpus=fuzz/corpus/cryptoki_walk # any bytes are a walk
+  [[ -d $corpus ]] || corpus=fuzz/corpus/cryptoki_walk # its inputs fit every walk: any bytes are a valid one
   if ! build/linux-asan/bin/"$target" "${options[@]}" "$found" "$corpus" >"$log" 2>&1; then
     grep -vE 'NEW|REDUCE|pulse|RELOAD' "$log" | tail -n 60
     echo "fuzz: $target found something; the whole output is in $log" >&2

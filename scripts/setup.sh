@@ -1,7 +1,7 @@
 #!/bin/bash
-# Installs whatever building and testing need and is missing, with Debian's own package manager. Does nothing, and needs
-# no privileges and no network, when everything is there: scripts/setup.sh [--clients]
-# --clients adds the applications of tests/clients/packages.txt, with which the module is tested.
+# Installs the missing Debian packages that building and testing need: scripts/setup.sh [--clients]
+# --clients adds the applications of tests/clients/packages.txt, with which the module is tested. When nothing is missing,
+# it needs neither privileges nor a network.
 set -euo pipefail
 
 packages=(
@@ -23,11 +23,11 @@ installed() {
 }
 
 if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then
-  echo "setup: this system has no apt-get; please provide what these Debian packages hold: ${packages[*]}" >&2
+  echo "setup: this system has no apt-get; please install what these Debian packages contain: ${packages[*]}" >&2
   exit 0
 fi
 
-# A line there is a package and, if another package may provide it too, the command that is needed of it.
+# A line of packages.txt is a package, and a command if any other package with that command will do.
 if [[ ${1-} == --clients ]]; then
   while read -r package command; do
     [[ -n $command ]] && command -v "$command" >/dev/null || packages+=("$package")

@@ -2,9 +2,9 @@
 # Builds everything for every target and runs all tests: scripts/test.sh [quick | STEP ...]
 # Steps: format linux windows linux-asan linux-tsan tidy reproducible bench package clients desktop fuzz; all by
 # default.
-# "quick" is format and linux. It does not run the tests again while no file has changed since they passed.
-# Builds and checks run one after another; beside them run the tests of what has been built. The last line counts the
-# tests of all targets; each build and each other check is one. The exit code is 0 if none failed.
+# "quick" is format and linux. It does not run the tests again if they passed and no file has changed since.
+# Builds and checks run one after another. At the same time, the tests of finished builds run. The last line counts the
+# tests of all targets; each build and each other check counts as one. The exit code is 0 if none failed.
 set -euo pipefail
 exec </dev/null
 cd "$(dirname "$0")/.."
@@ -66,13 +66,13 @@ checkFormat() {
     xargs -0 -n 32 -P "$jobs" clang-format --dry-run --Werror
 }
 
-# Reads several sources at a time: most of the work is in the headers of the standard library.
+# Checks several sources at a time: most of the time is spent on the headers of the standard library.
 checkTidy() {
   cmake --preset linux -B build/tidy -DTAVRIN_JOIN_SOURCES=ON -DTAVRIN_BUILD_TESTS=OFF &&
     run-clang-tidy -quiet -p build/tidy -j "$jobs" "^$top/(build/tidy/)?(?!.*winabi)(src|softtoken|standard|tool|examples)/"
 }
 
-# Builds the Windows libraries again, from a copy in another folder and without the compiler cache, and compares them.
+# Builds the Windows libraries again in another folder, without the compiler cache, and compares the files.
 checkReproducible() {
   local copy=$top/build/reproducible/a-copy-in-another-folder library libraries
   libraries=(TavrinPKCS11 TavrinPKCS11Standard TavrinDSCLibrary)
@@ -102,9 +102,9 @@ buildAll() {
   done
 }
 
-# Adds up a report of ctest: the cases that a GoogleTest program printed, one for any other test, whose name has a point.
-# A test that failed without naming a case counts as a failed one, and so does a program that stopped early or did not
-# start: Wine has answered 0 for both. Prints "passed failed".
+# Counts the tests in a report of ctest: the cases that a GoogleTest program printed, and one for any other test. The names of
+# those contain a point. A test that failed without naming a case counts as one failure. So does a program that stopped early
+# or did not start, even with exit code 0, which Wine has returned for both. Prints "passed failed".
 countCases() {
   awk '/<testcase / {good = /status="run"/; program = !/name="[^"]*\./; ok = bad = underway = 0}
        /^\[=+\] Running / || /<system-out>.*\[=+\] Running / {underway = 1}
@@ -120,9 +120,9 @@ countCases() {
 runTests() {
   local preset=$1 junit=$logs/$1.xml log=$logs/$1-tests.log status=0 good=0 bad=0 wrapper=()
   rm -f "$junit"
-  # ThreadSanitizer needs addresses that some kernels randomise too widely. This turns that off where it can be.
+  # ThreadSanitizer does not start where the kernel randomises addresses too widely. setarch -R turns that off if permitted.
   if [[ $preset == linux-tsan ]] && setarch -R true 2>/dev/null; then wrapper=(setarch -R); fi
-  # Wine makes its prefix once, so that no test waits for it.
+  # Wine creates its prefix now, so that no test waits for it.
   [[ $preset != windows ]] || scripts/wine.sh wineboot -i >/dev/null 2>&1 || true
   measured "$log" "${wrapper[@]}" ctest --preset "$preset" --parallel "$jobs" --output-junit "$junit" \
     --test-output-size-passed 1000000 || status=$?
@@ -176,7 +176,7 @@ run() {
   case $1 in
     clients | desktop) runClients "$1" "$1" ;;
     package) runClients package "$top/packaging/debian/test_package.sh" ;;
-    # Only to see that they run; scripts/bench.sh alone takes longer and measures better.
+    # This only shows that the benchmarks run. scripts/bench.sh alone takes longer and measures better.
     bench) runAsOne bench scripts/bench.sh --benchmark_repetitions=3 --benchmark_min_time=0.02 ;;
     fuzz) runAsOne fuzz scripts/fuzz.sh ;;
   esac

@@ -15,7 +15,7 @@ CaFolder::CaFolder()
           softtoken::textOf((shared_ ? systemPath(tavrin::caFolder("")) : programFolder().concat(tavrin::caFolder("")))
                                 .make_preferred())) {
   for (const auto& [file, der] : softtoken::certificatesInFolder(path_, tavrin::caFileExtensions())) {
-    // Larger ones fit on no token, and the module leaves them out.
+    // The module ignores certificates that are too large for a token.
     if (der.size() > sizeof TavrinCertificate::certificate) continue;
     if (const auto facts = readFacts(der))
       issuers_.insert_or_assign(tavrin::extractCommonName(facts->subject), tavrin::extractCommonName(facts->issuer));

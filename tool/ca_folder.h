@@ -1,4 +1,4 @@
-// The installation's folder of CA certificates, read by the module's rules for the chains that it imports.
+// The folder of CA certificates. Issuers are looked up by the rules that the module uses to import certificate chains.
 #pragma once
 
 #include <map>
@@ -8,22 +8,22 @@ namespace tool {
 
 class CaFolder {
  public:
-  // Below $TAVRIN_HOME, else below the first of the usual install folders that exists, else beside this program: the
-  // module looks beside the application in that case.
+  // Reads the folder below $TAVRIN_HOME, else below the first usual install folder that exists, else below this
+  // program's folder. In the last case the module reads another one: it looks below the application's folder.
   CaFolder();
 
   const std::string& path() const { return path_; }
   std::size_t certificateCount() const { return issuers_.size(); }
 
-  // Whether every program looks in this folder: TAVRIN_HOME names it, or it belongs to the installation. Otherwise each
-  // program looks below its own folder.
+  // True when all programs use this folder, because TAVRIN_HOME names it or because it belongs to the installation.
+  // False when each program looks below its own folder.
   bool isShared() const { return shared_; }
 
   // Common names of certificates' issuers, by the common names of their subjects.
   using Issuers = std::map<std::string, std::string>;
 
-  // Follows a certificate's issuer up to a self-signed root, through the folder's files and further certificates.
-  // Returns the common name at which they end or run in a circle; empty when the chain is complete.
+  // Follows a certificate's issuers up to a self-signed root, through the folder's files and further certificates.
+  // Returns the common name of the issuer that is missing or that occurs twice; empty when the chain is complete.
   std::string missingIssuer(const std::string& issuerName, const Issuers& further) const;
 
  private:

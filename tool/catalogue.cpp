@@ -5,7 +5,7 @@
 namespace tool {
 namespace {
 
-// The first row that fits counts, so special messages come before general ones.
+// The first row whose pattern is in the message is used, so special messages come before general ones.
 constexpr Explanation rows[] = {
     // Passwords.
     {"retry count : 0", "The password was wrong and no try is left: the token is locked.",

@@ -65,7 +65,7 @@ void readValidity(ByteView der, CertificateFacts& facts) {
   facts.validity = validityNow(*start, *end, now);
 }
 
-// The public key follows the subject's name.
+// The public key is the element that follows the subject's name.
 softtoken::Bytes publicKeyAfter(ByteView subject, ByteView der) {
   ByteView rest = der.subspan(static_cast<std::size_t>(subject.data() - der.data()) + subject.size());
   const auto key = softtoken::takeElement(rest, softtoken::tag::sequence);
@@ -87,7 +87,7 @@ std::optional<CertificateFacts> readFacts(ByteView der) try {
 }
 
 bool holdsKey(const CertificateFacts& facts, ByteView publicKey) {
-  // No other part of it is as long as a modulus or a point, so that finding the bytes is proof enough.
+  // No other part of it is as long as a modulus or a point, so it is enough to find the bytes.
   const softtoken::Bytes& info = facts.publicKeyInfo;
   return !publicKey.empty() && std::search(info.begin(), info.end(), publicKey.begin(), publicKey.end()) != info.end();
 }

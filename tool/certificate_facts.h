@@ -1,4 +1,4 @@
-// What an administrator asks of a certificate.
+// The facts of a certificate that the status report shows.
 #pragma once
 
 #include <optional>
@@ -13,7 +13,7 @@ constexpr int warningDays = 30;  // before a certificate expires
 enum class Validity { valid, notYet, expiresSoon, expired, unknown };
 
 struct CertificateFacts {
-  std::string subject;  // whole name texts, CN=Example Root,O=Example,C=IN
+  std::string subject;  // the whole name, such as CN=Example Root,O=Example,C=IN
   std::string issuer;
   std::string notBefore;  // YYYY-MM-DD in UTC; empty when the certificate has none
   std::string notAfter;
@@ -22,10 +22,10 @@ struct CertificateFacts {
   softtoken::Bytes publicKeyInfo;  // the DER SubjectPublicKeyInfo
 };
 
-// As of now; nothing for anything but one whole certificate.
+// Judges the validity by the current time. Returns nothing unless `der` is exactly one certificate.
 std::optional<CertificateFacts> readFacts(softtoken::ByteView der);
 
-// Whether the certificate is for this public key: an RSA modulus or an EC point, without DER around it.
+// Returns whether the certificate is for this public key, an RSA modulus or an EC point without DER around it.
 bool holdsKey(const CertificateFacts& facts, softtoken::ByteView publicKey);
 
 }  // namespace tool

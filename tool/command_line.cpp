@@ -35,7 +35,7 @@ std::size_t distanceBetween(std::string_view left, std::string_view right) {
   return row.back();
 }
 
-// The candidate that was probably meant; empty when none is close.
+// The candidate that is most similar to the word; empty when none is similar.
 std::string nearest(const std::string& word, const std::vector<std::string>& candidates) {
   std::string best;
   std::size_t least = std::max<std::size_t>(2, word.size() / 3) + 1;
@@ -74,7 +74,7 @@ std::string fullName(const CLI::App& command) {
   return before.empty() ? command.get_name() : before + " " + command.get_name();
 }
 
-// Explains the first word that nothing took. A value after "=" may be a password and is left out.
+// Explains the first word that the parser did not accept. A value after "=" may be a password, so it is left out.
 std::string unknownWord(const CLI::App& command, std::string word) {
   const bool option = word.starts_with("-");
   if (option) word.erase(std::min(word.find('='), word.size()));
@@ -102,7 +102,7 @@ std::string unknownWord(const CLI::App& command, std::string word) {
                    " --help");
 }
 
-// Gives an option its value's name, which follows the option's own in `name`: "--label TEXT".
+// `name` holds the option's name and that of its value, such as "--label TEXT".
 template <class Value>
 CLI::Option& addOption(CLI::App& app, const std::string& name, Value& value, const std::string& description) {
   const std::size_t space = std::min(name.find(' '), name.size());
@@ -160,7 +160,7 @@ Command Command::addHidden(const std::string& name) const {
 
 void Command::run(const Action& action) const {
   app_->require_subcommand(0, 1);
-  // Called for subcommands too, after theirs.
+  // The parser calls this also when a subcommand was chosen, after the subcommand's own.
   app_->callback([app = app_, chosen = chosen_, action] {
     if (app->get_subcommands().empty()) *chosen = action;
   });
@@ -216,7 +216,7 @@ std::vector<CommandDescription> Command::describe() const {
 int runCommandLine(const std::vector<std::string>& words) {
   Action action;
   CLI::App app("Manages tokens, and diagnoses what applications see of them.", "tavrin-tool");
-  app.allow_windows_style_options(false);  // "/" begins a path
+  app.allow_windows_style_options(false);  // a word that begins with "/" is a path
   app.get_formatter()->column_width(28);
   app.set_version_flag("--version", std::string("tavrin-tool ") + TAVRIN_VERSION);
   app.require_subcommand(1);

@@ -1,6 +1,5 @@
-// The command line. The sources of the commands describe their options with `Command`; the description serves the
-// parser,
-// --help, the manual page and the completion of words. Only command_line.cpp knows the library that parses.
+// The command line. Each command describes its options with `Command`. The parser, --help, the manual page and the
+// completion of words all use this description. Only command_line.cpp includes the parser's library.
 #pragma once
 
 #include <cstddef>
@@ -26,7 +25,7 @@ class UsageError : public std::runtime_error {
 // Carries out a command and returns the exit code.
 using Action = std::function<int()>;
 
-// Returns what is wrong with a value; empty: nothing.
+// Returns what is wrong with a value, or an empty text.
 using ValueCheck = std::string (*)(const std::string& value);
 
 struct OptionDescription {
@@ -44,24 +43,25 @@ struct CommandDescription {
   std::vector<OptionDescription> options;
 };
 
-// A command. Copies describe the same command; none may be used after runCommandLine has returned. Variables for values
-// must live as long as the action. The name of an option ends with that of its value: "--last,-n NUMBER".
+// A command. Copies refer to the same command; none may be used after runCommandLine has returned. The variables that
+// receive values must live as long as the action. The name of an option includes that of its value: "--last,-n NUMBER".
 class Command {
  public:
   Command(CLI::App& app, Action& chosen) : app_(&app), chosen_(&chosen) {}
 
-  // A command below this one. It needs a command below itself unless it has an action.
+  // Adds a subcommand. Unless run() gives it an action, it requires a subcommand of its own.
   Command add(const std::string& name, const std::string& description) const;
-  // One that --help does not list.
+  // Adds a subcommand that --help does not list.
   Command addHidden(const std::string& name) const;
 
+  // Sets the action that is carried out when this command is chosen.
   void run(const Action& action) const;
-  // Printed below the options. Commands that are added later have the same one.
+  // Sets the text below the options. Subcommands that are added later inherit it.
   void footer(const std::string& text) const;
 
   void argument(const std::string& name, std::string& value, const std::string& description) const;
   void requiredArgument(const std::string& name, std::string& value, const std::string& description) const;
-  // A number from 0 to `most`.
+  // Accepts numbers from 0 to `most`.
   void argument(const std::string& name, int& value, int most, const std::string& description) const;
 
   void flag(const std::string& name, bool& value, const std::string& description) const;
@@ -69,13 +69,13 @@ class Command {
               ValueCheck check = nullptr) const;
   void option(const std::string& name, std::uint32_t& value, const std::string& description) const;
   void option(const std::string& name, std::uint64_t& value, const std::string& description) const;
-  // Its value may be left out; `take` then receives an empty one.
+  // The value may be left out; `take` then receives an empty text.
   void option(const std::string& name, const std::function<void(const std::string&)>& take,
               const std::string& description) const;
-  // Not both of two options.
+  // Refuses a command line with both options.
   void exclude(const std::string& one, const std::string& other) const;
 
-  // This command and all below it that --help lists, each before its subcommands.
+  // Describes this command and all commands below it that --help lists, each before its subcommands.
   std::vector<CommandDescription> describe() const;
 
  private:
@@ -83,8 +83,8 @@ class Command {
   Action* chosen_;
 };
 
-// Parses the words after the program's name and carries them out. Returns the exit code. Throws UsageError, or
-// softtoken::Failure with what went wrong.
+// Parses the words that follow the program's name and carries out the command. Returns the exit code. Throws UsageError
+// or softtoken::Failure with the reason.
 int runCommandLine(const std::vector<std::string>& words);
 
 }  // namespace tool

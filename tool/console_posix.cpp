@@ -26,8 +26,8 @@ volatile std::sig_atomic_t caughtSignal = 0;
 
 void noteSignal(int signal) { caughtSignal = signal; }
 
-// Holds back the signals that end the process. They arrive only during waitForInput, which then returns false, and once
-// more when this object is destroyed.
+// Blocks the signals that end the process, except during waitForInput. The destructor restores their actions and raises
+// the signal that arrived.
 class DelayedSignals {
  public:
   DelayedSignals() {
@@ -64,7 +64,7 @@ class DelayedSignals {
   sigset_t maskBefore_{};
 };
 
-// The terminal without echo. The interrupt key is read as an end of line.
+// The terminal without echo. The interrupt key (Ctrl+C) ends the line instead of raising a signal.
 class SilentTerminal {
  public:
   SilentTerminal() : descriptor_(::open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY)) {
@@ -125,7 +125,7 @@ SilencedOutput::~SilencedOutput() {
 
 std::vector<std::string> commandLine(int argc, char** argv) { return {argv, argv + argc}; }
 
-// The environment is not trusted in a program that runs with other rights than its caller's.
+// secure_getenv ignores the environment in a program that runs with other rights than its caller's.
 std::optional<SecretBytes> secretVariable(const char* name) {
   const char* value = ::secure_getenv(name);
   if (!value) return std::nullopt;

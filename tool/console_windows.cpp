@@ -41,7 +41,7 @@ bool isConsole(HANDLE handle) {
 HANDLE promptInput = nullptr;  // set while a prompt has changed the mode
 DWORD promptMode = 0;
 
-// Runs on a thread of the system before Ctrl+C, Ctrl+Break or closing the window ends the process.
+// Windows calls this on a thread of its own before Ctrl+C, Ctrl+Break or closing the window ends the process.
 BOOL WINAPI restoreMode(DWORD) {
   if (promptInput) ::SetConsoleMode(promptInput, promptMode);
   return FALSE;
@@ -96,8 +96,8 @@ class SilentTerminal {
 
 }  // namespace
 
-// Without buffers each byte of a character is written by itself, and consoles do not put characters together. In text
-// mode the C library may translate each byte of what goes to a console.
+// The streams get buffers, because the bytes of one character must reach the console in one write. They are set to
+// binary mode, because in text mode the C library may convert each byte that is written to a console.
 ConsoleOutput::ConsoleOutput() : before_(::GetConsoleOutputCP()) {
   ::SetConsoleOutputCP(CP_UTF8);
   constexpr std::size_t bufferSize = 65536;

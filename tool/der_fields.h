@@ -1,4 +1,4 @@
-// Reading DER whose form is known: each step throws Failure when the next element is another one.
+// Reads DER of a known structure. Each step throws Failure when the next element has another tag.
 #pragma once
 
 #include "softtoken/der.h"

@@ -50,7 +50,7 @@ std::string commonNameOf(ByteView certificate) {
   return facts ? tavrin::extractCommonName(facts->subject) : "";
 }
 
-// Attributes of an object to create. Values must outlive it.
+// The attributes of an object to create. The values must outlive it.
 class Template {
  public:
   Template(CK_OBJECT_CLASS objectClass) : class_(objectClass) { add(CKA_CLASS, &class_, sizeof class_); }
@@ -105,7 +105,7 @@ void login(CK_FUNCTION_LIST* functions, const Session& session, const ImportOpti
   check(result, "C_Login");
 }
 
-// Writes what a file holds to one token.
+// Writes the key and the certificates of a file to a token.
 class Import {
  public:
   Import(CK_FUNCTION_LIST* functions, const Session& session, const ImportOptions& options, const KeyFile& file)
@@ -175,7 +175,7 @@ class Import {
                     "the token refused the key; it takes RSA keys of 1024, 2048, 3072 or 4096 bits");
     }
     requireStored(result, "the key");
-    // Tokens store a new key without its ID.
+    // C_CreateObject stores a key without its ID.
     CK_ATTRIBUTE idAttribute = {CKA_ID, const_cast<std::uint8_t*>(id.data()), static_cast<CK_ULONG>(id.size())};
     check(functions_->C_SetAttributeValue(session_.handle(), object, &idAttribute, 1), "C_SetAttributeValue");
     std::cout << "wrote the key \"" << printable(label) << "\", id " << hexOf(id) << '\n';
@@ -195,7 +195,7 @@ class Import {
     const std::string name = commonNameOf(der);
     if (name.empty()) throw Failure(Status::badArgument, "a certificate in the file cannot be read");
     const Bytes id = idFor(der);
-    // The module writes issuers of its CA folder along with a certificate.
+    // With an earlier certificate the module may have written this one, as an issuer from its CA folder.
     const bool there = std::ranges::any_of(session_.objects(CKO_CERTIFICATE), [&](CK_OBJECT_HANDLE object) {
       return session_.bytes(object, CKA_VALUE) == der && session_.bytes(object, CKA_ID) == id;
     });

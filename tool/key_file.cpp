@@ -45,7 +45,7 @@ PrivateKey rsaKeyIn(ByteView der) {
   return key;
 }
 
-// An ECPrivateKey; the curve is in it, or given by what surrounds it.
+// An ECPrivateKey. `curve` is the one that the surrounding structure names; if it is empty, the key names the curve.
 PrivateKey ecKeyIn(ByteView der, ByteView curve) {
   DerFields fields = DerFields(der).inside(softtoken::tag::sequence);
   fields.number();
@@ -62,7 +62,7 @@ struct PemBlock {
   std::string_view body;
 };
 
-// The next block of the text, which moves past it; nothing when there is none.
+// Removes the text up to the end of the next block and returns that block; nothing when there is none.
 std::optional<PemBlock> takeBlock(std::string_view& text) {
   constexpr std::string_view begin = "-----BEGIN ";
   constexpr std::string_view dashes = "-----";

@@ -34,15 +34,15 @@ struct KeyFile {
 // Called at most once, for a file that is encrypted. The password is UTF-8.
 using AskPassword = std::function<softtoken::SecretBytes()>;
 
-// Reads a file of either kind. Throws Failure, with the reason, when it is neither, when the password is wrong, and for
-// keys and kinds of encryption that are not known.
+// Reads a file of either kind. Throws Failure with the reason when the file is of neither kind, the password is wrong,
+// or the key or the encryption is unknown.
 KeyFile readKeyFile(const std::string& file, const AskPassword& askPassword);
 
-// For readers of the kinds of files. A PKCS#8 PrivateKeyInfo, and an encrypted one.
+// Read a PKCS#8 PrivateKeyInfo and an EncryptedPrivateKeyInfo. The readers of both kinds of files use them.
 PrivateKey privateKeyIn(softtoken::ByteView info);
 PrivateKey encryptedPrivateKeyIn(softtoken::ByteView info, const softtoken::SecretBytes& password);
 
-// Whether the certificate is for this key, as far as the file can show: an RSA key's modulus is compared.
+// Returns whether the certificate is for this key. False for keys on curves: the file need not hold their public point.
 bool fits(const PrivateKey& key, softtoken::ByteView certificate);
 
 }  // namespace tool

@@ -21,7 +21,7 @@ bool isFunctionName(std::string_view message) {
          });
 }
 
-// At the level of errors only refusals are logged, with the name before a colon if at all.
+// At the level "errors" only refusals are logged. Some begin with the function's name and a colon.
 std::string_view nameBeforeColon(std::string_view message) {
   const std::string_view name = message.substr(0, message.find(':'));
   return isFunctionName(name) && name.size() < message.size() ? name : std::string_view();

@@ -15,8 +15,8 @@ struct CallLine {
   bool refusal;
 };
 
-// What one call wrote. The log has no process or thread numbers: lines of other threads that came in between count for
-// the call that began last.
+// The lines of one call. The log has no process or thread numbers, so lines that other threads wrote in between are
+// counted to the call that began last.
 struct LoggedCall {
   std::string program;
   std::string name;             // of the Cryptoki function; empty for lines that belong to no call
@@ -35,7 +35,7 @@ class CallCollector {
  public:
   using Take = std::function<void(const LoggedCall&)>;
 
-  // Passes a call on when the next one of the same program begins; flush() passes the rest on.
+  // Passes a call to `take` when the next one of the same program begins; flush() passes the remaining calls.
   void add(const LogEntry& entry, const Take& take);
   void flush(const Take& take);
 

@@ -24,14 +24,14 @@ namespace {
 constexpr auto pollInterval = std::chrono::milliseconds(200);
 
 struct LogOptions {
-  std::string file;     // a log that was sent in; empty: this machine's
+  std::string file;     // a log file, such as one from another machine; empty: this machine's logs
   std::string day;      // empty: today, also after midnight
   std::string program;  // empty: all
   std::string since;    // HH:MM or HH:MM:SS; empty: the whole day
   std::string text;
   bool ignoreCase = false;
   bool errorsOnly = false;
-  std::uint64_t last = 0;  // only so many lines; 0: all
+  std::uint64_t last = 0;  // the number of lines to show; 0: all
   bool follow = false;
   bool names = false;
   bool explain = false;
@@ -106,7 +106,7 @@ class Printer {
     if (entry.kind == LineKind::error) addExplanation(messageIn(entry.text));
   }
 
-  // Prints what was held back for --last or --calls.
+  // Prints the lines that were kept for --last or --calls.
   void finish() {
     calls_.flush([this](const LoggedCall& call) { addCall(call); });
     for (const Output& line : held_) print(line);
@@ -149,7 +149,7 @@ class Printer {
 
   const LogOptions& options_;
   const bool coloured_;
-  const bool prefixed_;  // with the program's name, as there may be several
+  const bool prefixed_;  // lines begin with the program's name, as there may be several programs
   CallCollector calls_;
   std::deque<Output> held_;
   bool holding_ = true;
@@ -169,7 +169,7 @@ void explainNothing(const LogOptions& options) {
   std::cerr << printable(text) << '\n';
 }
 
-// The module cuts the program's file name there too.
+// The module, too, cuts the program's file name at the first point.
 std::string untilPoint(const std::string& name) { return name.substr(0, name.find('.')); }
 
 int listPrograms(const LogOptions& options) {

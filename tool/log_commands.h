@@ -7,7 +7,7 @@ namespace tool {
 
 class Command;
 
-// What the module writes at a level, in a word.
+// What the module writes at a level, in one word.
 const char* levelMeaning(int level);
 
 // The level and its meaning.

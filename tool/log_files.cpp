@@ -15,7 +15,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// DD/MM::HH:MM:SS:mmm, with which every message begins.
+// Every message begins with DD/MM::HH:MM:SS:mmm.
 constexpr std::string_view timePattern = "00/00::00:00:00:000-> ";
 constexpr std::size_t timeLength = 19;
 
@@ -32,7 +32,7 @@ LineKind kindOf(std::string_view line) {
   return tag.starts_with("->DEBUG") ? LineKind::debug : LineKind::other;
 }
 
-// The entries of one file after a position.
+// The entries of one file from a position on.
 class EntryStream {
  public:
   EntryStream(const LogFile& file, std::streamoff& position)
@@ -57,7 +57,7 @@ class EntryStream {
   }
 
  private:
-  // A line, or a part of one that is longer than any message. False for a line that has no end yet.
+  // Reads a line, or a part of a line that is longer than any message. Returns false when the line has no end yet.
   bool readLine() {
     while (entry_.text.size() < longestLine) {
       if (at_ == buffer_.size() && !refill()) return false;

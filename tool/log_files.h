@@ -23,10 +23,10 @@ std::filesystem::path logFolder();
 // In local time, YYYY-MM-DD.
 std::string today();
 
-// The files of a day, by program.
+// The files of a day, sorted by program.
 std::vector<LogFile> logFilesOf(const std::string& day);
 
-// A log file that lies elsewhere. Its program is the name of its folder. Throws Failure when it cannot be read.
+// A log file in any folder; the folder's name is taken for the program's. Throws Failure when it cannot be read.
 LogFile logFileAt(const std::filesystem::path& path);
 
 enum class LineKind { debug, error, other };
@@ -35,7 +35,7 @@ struct LogEntry {
   std::string program;
   std::string text;  // without its line end
   LineKind kind;
-  std::string time;  // DD/MM::HH:MM:SS:mmm, so that texts of one day compare as times do
+  std::string time;  // DD/MM::HH:MM:SS:mmm; within a day the texts sort like the times
 };
 
 // The part of a message's line after its time and level; the whole line when it has none.
@@ -44,8 +44,9 @@ std::string_view messageIn(std::string_view line);
 // Reads log files as they grow. Memory does not depend on the files' sizes.
 class LogReader {
  public:
-  // Passes on what has been written since the last call: whole lines, of several programs in the order of their times.
-  // Lines that continue a message stay after its first one. A file that became shorter is read from its beginning.
+  // Passes to `take` the lines that were written since the last call, ordered by time across all programs. A last line
+  // without a line end waits for the next call. Lines that continue a message follow its first one. A file that became
+  // shorter is read from its beginning.
   void read(const std::vector<LogFile>& files, const std::function<void(const LogEntry&)>& take);
 
  private:

@@ -4,7 +4,8 @@
 
 namespace tool {
 
-// For all users of this machine, at once for running programs too. Throws Failure when this user may not.
+// Sets the level for all users of this machine. Running programs use it at once. Throws Failure when this user lacks
+// the permission.
 void setLogLevel(int level);
 
 }  // namespace tool

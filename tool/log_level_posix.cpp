@@ -14,7 +14,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Every user's programs read the level, whatever the administrator's umask. Folders that exist keep their permissions.
+// The programs of all users must be able to read the level, so the administrator's umask is not used. Existing folders
+// keep their permissions.
 void makeReadableFolder(const fs::path& folder) {
   std::error_code error;
   if (folder.empty() || fs::exists(folder, error)) return;
@@ -22,7 +23,7 @@ void makeReadableFolder(const fs::path& folder) {
   if (fs::create_directory(folder, error)) fs::permissions(folder, fs::perms(0755), error);
 }
 
-// Programs read the file at any time, so it is replaced as a whole.
+// Programs may read the file at any time, so it is replaced by a complete new one.
 bool replaceText(const fs::path& file, const std::string& text) {
   const fs::path next = file.string() + "." + std::to_string(::getpid()) + ".new";
   std::error_code error;

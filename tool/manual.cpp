@@ -63,7 +63,7 @@ std::string joined(const std::vector<std::string>& words, const char* separator)
   return text;
 }
 
-// What may follow a command: its subcommands and options, and the names that only the machine knows.
+// The words that may follow a command: its subcommands, its options, and for some commands the names of tokens.
 std::string wordsAfter(const CommandDescription& command) {
   std::vector<std::string> words = command.subcommands;
   bool takesName = false;

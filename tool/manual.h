@@ -1,5 +1,5 @@
-// The manual page and the completion of words, both made from the description of the command line. Packages are built
-// with these commands; --help does not list them.
+// The commands that print the manual page and the completion script, both made from the description of the command
+// line. The builds of the packages use them; --help does not list them.
 #pragma once
 
 namespace tool {

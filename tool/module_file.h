@@ -13,15 +13,16 @@ extern const char* const deviceLibraryFileName;
 // The folder of this program's file.
 std::filesystem::path programFolder();
 
-// Loads a library as applications do. When its neighbours are found only by asking for them, it is loaded all the same
-// and `warning` says so. Throws Failure with the reason.
+// Loads a library as applications do. If that fails, on Windows, it searches the library's own folder too for the DLLs
+// that the library needs, and explains this in `warning`. Throws Failure with the reason when the library is not
+// loaded.
 void* loadLibrary(const std::filesystem::path& file, std::string& warning);
 void unloadLibrary(void* library);
 
-// Null for a name that the library does not export.
+// Returns null when the library does not export the name.
 void* findFunction(void* library, const char* name);
 
-// The file of a loaded library, as the loader reports it; empty when it does not.
+// The file of a loaded library, as the loader reports it; empty when it reports none.
 std::string fileOfFunction(void* function);
 std::string fileOfLibrary(const char* fileName);
 

@@ -19,7 +19,7 @@ std::filesystem::path fileOf(HMODULE library) {
   return {file.begin(), file.begin() + ::GetModuleFileNameW(library, file.data(), longestPath)};
 }
 
-// The machine in a program file's header; 0 for what is no program file.
+// The type of processor in the header of a program file; 0 for other files.
 unsigned machineOf(const std::filesystem::path& file) {
   std::ifstream stream(file, std::ios::binary);
   const auto numberAt = [&](std::streamoff place, int bytes) {
@@ -63,7 +63,7 @@ void* loadLibrary(const std::filesystem::path& file, std::string& warning) {
   const std::filesystem::path full = std::filesystem::absolute(file);
   if (HMODULE library = ::LoadLibraryW(full.c_str())) return library;
   const DWORD error = ::GetLastError();
-  // The altered search path leads to the libraries beside the module.
+  // With the altered search path, Windows looks for further DLLs in the module's folder.
   HMODULE library = ::LoadLibraryExW(full.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
   if (!library)
     throw softtoken::Failure(softtoken::Status::notFound, softtoken::textOf(file) + ": " + reasonOf(full, error));

@@ -20,7 +20,7 @@ std::string versionText(CK_VERSION version) {
   return std::to_string(version.major) + "." + std::to_string(version.minor);
 }
 
-// An EC point comes inside a DER OCTET STRING.
+// CKA_EC_POINT is a DER OCTET STRING that contains the point.
 Bytes pointIn(const Bytes& octetString) {
   const std::size_t header = octetString.size() > 1 && octetString[1] == 0x81 ? 3 : 2;
   if (octetString.size() < header) return {};
@@ -66,7 +66,8 @@ void readToken(CK_FUNCTION_LIST* functions, CK_SLOT_ID slot, ProbedToken& token)
   }
 }
 
-// Cryptoki reports no more than "few" tries; a software token's files hold the number, and other tokens of this user.
+// Cryptoki reports only that few tries are left. The files of software tokens hold the exact number. They also show
+// this user's tokens that no application sees.
 void addSoftTokens(ProbedModule& result) try {
   for (const softtoken::TokenSummary& known : softtoken::allTokens()) {
     if (!known.state) {
@@ -86,7 +87,7 @@ void addSoftTokens(ProbedModule& result) try {
   result.setAside.push_back({softtoken::textOf(softtoken::tokenRoot().filename()), "unreadable", failure.what()});
 }
 
-// Without a connected token the device library is not known; the folder of software tokens shows that they are used.
+// Without a connected token the device library is unknown. Software tokens are then assumed if their folder exists.
 bool isSoftToken(const ProbedModule& result) {
   if (!result.tokens.empty()) return std::ranges::any_of(result.tokens, &ProbedToken::isSoftToken);
   std::error_code error;
@@ -112,18 +113,18 @@ void readModule(CK_FUNCTION_LIST* functions, ProbedModule& result) {
   addSoftTokens(result);
 }
 
-// Takes the lines of this program's own calls out of the log, where they would hide those of applications.
+// Removes the lines of this program's own calls from the log, so that it shows those of applications only.
 class OwnLog {
  public:
   OwnLog() : file_(logFolder() / "tavrin-tool" / (today() + ".LOG")) {
     std::error_code error;
-    existed_ = std::filesystem::exists(file_, error);
-    if (existed_) size_ = std::filesystem::file_size(file_, error);
+    const std::uintmax_t size = std::filesystem::file_size(file_, error);
+    if (!error) size_ = size;
   }
   ~OwnLog() {
     std::error_code error;
-    if (existed_) {
-      std::filesystem::resize_file(file_, size_, error);
+    if (size_) {
+      std::filesystem::resize_file(file_, *size_, error);
     } else if (std::filesystem::remove(file_, error)) {
       std::filesystem::remove(file_.parent_path(), error);  // if nothing else is in it
     }
@@ -133,8 +134,7 @@ class OwnLog {
 
  private:
   std::filesystem::path file_;
-  bool existed_ = false;
-  std::uintmax_t size_ = 0;
+  std::optional<std::uintmax_t> size_;  // before; empty: there was no file
 };
 
 LoadedFile loadedFile(const std::string& path) { return {path, path.empty() ? std::string() : fileVersion(path)}; }

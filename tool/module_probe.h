@@ -67,8 +67,8 @@ struct ProbedModule {
 // The module beside this program, or where the installation has put it.
 std::filesystem::path defaultModule();
 
-// Loads and initialises the module, looks at every token in a session without login, and unloads it. A failure is
-// in the result.
+// Loads and initialises the module, reads every token in a session without login, and unloads the module. A failure is
+// stored in `problem`.
 ProbedModule probeModule(const std::filesystem::path& file);
 
 }  // namespace tool

@@ -10,13 +10,13 @@
 
 namespace tool {
 
-// Throws Failure naming the call and its result, unless that is CKR_OK.
+// Throws Failure with the call's name and its result unless the result is CKR_OK.
 void check(CK_RV result, const char* call);
 
 // A loaded module. Unloaded when destroyed.
 class LoadedModule {
  public:
-  // Throws Failure when the file cannot be loaded or is no Cryptoki module. `warning` is as of loadLibrary.
+  // Throws Failure when the file cannot be loaded or is no Cryptoki module. loadLibrary explains `warning`.
   LoadedModule(const std::filesystem::path& file, std::string& warning);
   ~LoadedModule();
   LoadedModule(const LoadedModule&) = delete;
@@ -31,7 +31,7 @@ class LoadedModule {
   CK_FUNCTION_LIST* functions_ = nullptr;
 };
 
-// From C_Initialize to C_Finalize.
+// Calls C_Initialize, and C_Finalize when destroyed.
 class InitialisedModule {
  public:
   explicit InitialisedModule(CK_FUNCTION_LIST* functions);
@@ -45,7 +45,7 @@ class InitialisedModule {
 
 std::vector<CK_SLOT_ID> slotsWithToken(CK_FUNCTION_LIST* functions);
 
-// Fields of Cryptoki's records end at a NUL, or are padded with blanks.
+// Reads a text of a Cryptoki record, which ends at a NUL or is padded with blanks.
 std::string textInField(const CK_UTF8CHAR* field, std::size_t size);
 template <std::size_t size>
 std::string textOf(const CK_UTF8CHAR (&field)[size]) {

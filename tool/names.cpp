@@ -49,7 +49,7 @@ struct Marker {
   const char* (*nameOf)(Number);
 };
 
-// The first that fits counts.
+// The first row that fits is used.
 constexpr Marker markers[] = {
     {"keytype : ", [](Number number) { return find(keyTypes, number); }},
     {"object class : ", [](Number number) { return find(classes, number); }},
@@ -80,8 +80,7 @@ bool isDigit(char letter) { return letter >= '0' && letter <= '9'; }
 std::string withNames(std::string_view message) {
   std::string result;
   for (std::size_t at = 0; at < message.size();) {
-    const bool starts = isDigit(message[at]) && (at == 0 || !isDigit(message[at - 1]));
-    if (!starts) {
+    if (!isDigit(message[at])) {
       result += message[at++];
       continue;
     }

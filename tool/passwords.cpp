@@ -15,7 +15,7 @@ using softtoken::Failure;
 using softtoken::SecretBytes;
 using softtoken::Status;
 
-constexpr std::size_t longestContent = 4096;  // bytes of a password file that are looked at
+constexpr std::size_t longestContent = 4096;  // bytes that are read of a password file
 
 bool startsWith(const SecretBytes& content, std::initializer_list<std::uint8_t> mark) {
   return content.size() >= mark.size() && std::equal(mark.begin(), mark.end(), content.begin());
@@ -25,8 +25,8 @@ bool isUtf16(const SecretBytes& content) {
   return startsWith(content, {0xFF, 0xFE}) || startsWith(content, {0xFE, 0xFF});
 }
 
-// The file up to its first line end, or up to the limit. A stream's buffer would not be wiped, so there is none. Pipes
-// work too.
+// Reads the file up to its first line end, or up to the limit. It has no buffer, because a stream does not wipe its
+// buffer. The file may be a pipe.
 SecretBytes contentOf(const PasswordSource& source) {
   std::filebuf file;
   file.pubsetbuf(nullptr, 0);

@@ -1,4 +1,4 @@
-// Where passwords come from: a file, the environment, or a question on the terminal; never the command line.
+// Reads passwords from a file, from the environment or from the terminal; never from the command line.
 #pragma once
 
 #include <string>

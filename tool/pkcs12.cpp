@@ -68,7 +68,7 @@ int iterationsIn(DerFields& fields) {
   return count;
 }
 
-// PKCS#12 takes the password as UTF-16, big-endian and with a zero at its end.
+// PKCS#12 uses the password as big-endian UTF-16 with a terminating zero.
 SecretBytes wide(const SecretBytes& password) {
   SecretBytes result;
   result.reserve(4 * password.size() + 2);

@@ -1,4 +1,4 @@
-// tavrin-tool report: status and log as a page to look at and to send to support.
+// tavrin-tool report: writes status and log to one HTML page, to read or to send to support.
 #pragma once
 
 namespace tool {

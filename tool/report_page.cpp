@@ -10,10 +10,10 @@
 namespace tool {
 namespace {
 
-constexpr std::int64_t shortestGap = 250;     // milliseconds that are shown as a space
-constexpr std::int64_t longestGap = 20000;    // longer gaps are cut
-constexpr std::int64_t gapScale = 80;         // milliseconds to a pixel
-constexpr std::size_t explainedInPlace = 20;  // refusals of one kind with their explanation beside them
+constexpr std::int64_t shortestGap = 250;     // milliseconds; shorter gaps are not shown
+constexpr std::int64_t longestGap = 20000;    // milliseconds; longer gaps are drawn with this length
+constexpr std::int64_t gapScale = 80;         // milliseconds for each pixel
+constexpr std::size_t explainedInPlace = 20;  // further refusals of the same kind have only a link to the explanation
 
 constexpr const char* head = R"(<!DOCTYPE html>
 <html lang="en"><head><meta charset="utf-8"><title>Tavrin report</title>
@@ -71,7 +71,7 @@ std::string escaped(std::string_view text) {
   return result;
 }
 
-// Keeps line ends, which textReport makes itself.
+// Keeps line ends: textReport has made the rest printable.
 std::string escapedLines(const std::string& text) {
   std::string result;
   appendEscaped(result, validUtf8(text));
@@ -196,7 +196,7 @@ std::string ReportPage::explanations() const {
   return page + "</ol>\n";
 }
 
-// Checkboxes and their rules work without scripts.
+// The filters are checkboxes with style rules, so they work without scripts.
 std::string ReportPage::filters() const {
   std::string rules;
   std::string boxes =

@@ -1,4 +1,4 @@
-// The report's page: one HTML file without references to others, readable without scripts.
+// The report's page: one HTML file that refers to no other file and can be read without scripts.
 #pragma once
 
 #include <string>
@@ -11,10 +11,10 @@ namespace tool {
 
 class ReportPage {
  public:
-  // `hidesNames` leaves out what `--private` promises: labels, names and digests in log lines.
+  // `hidesNames` leaves out labels, names and digests in log lines, for `--private`.
   ReportPage(const SystemStatus& status, bool hidesNames);
 
-  // Appends a call to the timeline. Calls come in the order of their times.
+  // Appends a call to the timeline. Calls must be added in the order of their times.
   void add(const LoggedCall& call);
 
   std::size_t refusals() const { return refusals_; }

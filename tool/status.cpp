@@ -83,7 +83,7 @@ void judgeValidity(const CertificateStatus& certificate, const std::string& name
     status.warnings.push_back(name + " expires in " + dayCount(facts.daysLeft) + ", on " + facts.notAfter);
 }
 
-// The issuers' own certificates are not judged: the certificate below them is.
+// Only certificates with a key need a complete chain. Those of issuers are checked as a part of it.
 void judgeCertificate(const CertificateStatus& certificate, const std::string& tokenName, SystemStatus& status) {
   if (!certificate.facts) {
     status.warnings.push_back("the certificate \"" + certificate.label + "\" on " + tokenName + " is unreadable");
@@ -100,7 +100,7 @@ void judgeCertificate(const CertificateStatus& certificate, const std::string& t
 
 std::string shownId(const softtoken::Bytes& id) { return id.empty() ? "no ID" : "ID " + hexOf(id); }
 
-// Applications find a key's certificate by the ID that both have.
+// Applications find the certificate of a key by the ID, which must be the same in both.
 void judgeIds(const TokenStatus& token, const std::string& tokenName, SystemStatus& status) {
   for (const KeyStatus& key : token.keys) {
     const auto sameId = [&](std::size_t i) { return token.certificates[i].id == key.key->id; };
@@ -167,7 +167,7 @@ void judge(SystemStatus& status) {
   }
 }
 
-// Whether a file can be made where the module writes its log; the file is removed again.
+// Tries to create a file in the folder of the log, and removes it again.
 bool canLog(const std::filesystem::path& folder) {
   std::error_code error;
   const bool made = std::filesystem::create_directories(folder, error);
@@ -194,7 +194,7 @@ void judgeLog(SystemStatus& status) {
   }
 }
 
-// Gives numbered words for names, the same word for the same name.
+// Replaces names by numbered words; the same name always gets the same word.
 class Aliases {
  public:
   explicit Aliases(const char* kind) : kind_(kind) {}
@@ -211,7 +211,8 @@ class Aliases {
 
 std::string fileNameIn(const std::string& path) { return softtoken::textOf(softtoken::pathOf(path).filename()); }
 
-// Before the tokens are judged, so that no finding holds a name. IDs are often digests of keys.
+// Called before the findings are made, so that no finding contains a name. IDs are replaced because many are digests of
+// keys.
 void anonymise(ProbedModule& module) {
   Aliases labels("label ");
   std::map<std::string, std::uint8_t> ids{{"", std::uint8_t{0}}};
@@ -297,7 +298,7 @@ int show(const StatusOptions& options) {
   return status.exitCode();
 }
 
-// Until the output or the process ends.
+// Shows the status again after each change, until the output fails or the process is ended.
 int watch(const StatusOptions& options) {
   if (!outputIsTerminal()) throw softtoken::Failure(softtoken::Status::badArgument, "--watch needs a terminal");
   outputTakesColour();  // makes Windows' console understand the sequence below

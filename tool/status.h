@@ -1,4 +1,5 @@
-// tavrin-tool status: whether applications can use the module, the tokens and their certificates, and if not, why.
+// tavrin-tool status: shows whether applications can use the module, the tokens and their certificates, and if not,
+// why.
 #pragma once
 
 #include <string>
@@ -12,7 +13,7 @@ namespace tool {
 
 class Command;
 
-enum class Chain { complete, onToken, selfSigned, incomplete };  // onToken: with issuers from the token
+enum class Chain { complete, onToken, selfSigned, incomplete };  // onToken: complete, with issuers from the token
 
 struct CertificateStatus {
   std::string label;
@@ -25,7 +26,7 @@ struct CertificateStatus {
 
 struct KeyStatus {
   const PublicKey* key;
-  std::vector<std::size_t> certificates;  // their places in the token's list
+  std::vector<std::size_t> certificates;  // indexes into the token's certificates
 };
 
 struct TokenStatus {
@@ -34,7 +35,7 @@ struct TokenStatus {
   std::vector<CertificateStatus> certificates;
 };
 
-// Everything that the report shows. Pointers lead into `module`.
+// Everything that the report shows. Pointers point into `module`.
 struct SystemStatus {
   ProbedModule module;
   std::vector<TokenStatus> tokens;
@@ -51,12 +52,12 @@ struct SystemStatus {
   SystemStatus(const SystemStatus&) = delete;
   SystemStatus& operator=(const SystemStatus&) = delete;
 
-  // 1 with problems, 3 with warnings alone, else 0.
+  // 1 if there are problems, 3 if there are only warnings, else 0.
   int exitCode() const { return !problems.empty() ? 1 : !warnings.empty() ? 3 : 0; }
 };
 
-// Gathers and judges everything. With `anonymous`, labels, names, serial numbers and IDs are numbered, and paths are
-// cut to the names of files.
+// Collects the status and adds the findings. With `anonymous`, numbers replace labels, names, serial numbers and IDs,
+// and paths are shortened to file names.
 void gatherStatus(const std::filesystem::path& module, bool anonymous, SystemStatus& status);
 
 void addStatusCommand(const Command& program);

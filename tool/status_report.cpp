@@ -13,7 +13,7 @@ constexpr std::size_t lineWidth = 80;
 
 class TextReport {
  public:
-  // A name at the given depth and what there is to say of it.
+  // A line with a name, indented by the depth, and a value.
   void line(std::size_t depth, const std::string& name, const std::string& value) {
     std::string start = std::string(2 * depth, ' ') + name;
     start.resize(std::max(nameWidth, start.size() + 1), ' ');
@@ -21,7 +21,7 @@ class TextReport {
   }
   void gap() { text_ += '\n'; }
 
-  // A paragraph after a dash.
+  // A list item, wrapped at the line's width.
   void item(const std::string& words) {
     std::string current = "  -";
     const std::string shown = printable(words);

@@ -7,10 +7,11 @@
 
 namespace tool {
 
-// For people: one screen of 80 columns where names and paths let it, what needs attention at its end.
+// For people. Lines have at most 80 columns unless names or paths are longer. Findings are at the end.
 std::string textReport(const SystemStatus& status);
 
-// The same for scripts. Members are always there; what is unknown is an empty text, and "triesLeftExactly" is -1.
+// The same as JSON, for scripts. All members are always present. An unknown text is empty; an unknown
+// "triesLeftExactly" is -1.
 std::string jsonReport(const SystemStatus& status);
 
 }  // namespace tool

@@ -43,7 +43,7 @@ void addSettings(const SettingsFile& settingsFile, std::vector<ModuleSetting>& s
   }
 }
 
-// Java's list of providers names the configurations of its PKCS#11 modules.
+// Java's list of providers contains the paths of configuration files, each of which names a PKCS#11 module.
 void addJavaSettings(std::vector<ModuleSetting>& settings) {
   const std::string java = environmentText("JAVA_HOME");
   if (java.empty()) return;

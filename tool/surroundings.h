@@ -1,5 +1,6 @@
-// Settings of this machine and user that disturb the module: other libraries in its place, and other programs' settings
-// that name it. surroundings_posix.cpp and surroundings_windows.cpp hold the same functions in the same order.
+// Finds settings of this machine and user that prevent applications from using the module: another device library in
+// the search path, and wrong settings of programs. surroundings_posix.cpp and surroundings_windows.cpp hold the same
+// functions in the same order.
 #pragma once
 
 #include <filesystem>
@@ -8,7 +9,7 @@
 
 namespace tool {
 
-// Folders in which the system's loader looks for libraries by a user's setting.
+// The folders that an environment variable adds to the loader's search path.
 std::vector<std::filesystem::path> librarySearchPath();
 
 // A text file in which a program's settings name PKCS#11 modules, in lines such as library=FILE or module: FILE.
@@ -18,7 +19,7 @@ struct SettingsFile {
   std::string key;             // before the module's name
 };
 
-// The files of programs that keep them in known places.
+// The settings files of known programs.
 std::vector<SettingsFile> knownSettingsFiles();
 
 // The name of a file's or folder's owner; empty when there is no such entry, and on Windows.
@@ -27,7 +28,7 @@ std::string ownerOf(const std::filesystem::path& entry);
 // The NSS databases in the subfolders of a folder of profiles.
 std::vector<SettingsFile> nssProfiles(const std::string& program, const std::filesystem::path& folder);
 
-// Warnings about all of the above, for a module with its device library beside it.
+// Returns a warning for each such setting. The module's device library is in the module's folder.
 std::vector<std::string> disturbances(const std::filesystem::path& module);
 
 }  // namespace tool

@@ -20,7 +20,7 @@ constexpr LeadRow leads[] = {{0x00, 0x7F, 1, 0x00, 0xFF}, {0xC2, 0xDF, 2, 0x80, 
                              {0xE1, 0xEC, 3, 0x80, 0xBF}, {0xED, 0xED, 3, 0x80, 0x9F}, {0xEE, 0xEF, 3, 0x80, 0xBF},
                              {0xF0, 0xF0, 4, 0x90, 0xBF}, {0xF1, 0xF3, 4, 0x80, 0xBF}, {0xF4, 0xF4, 4, 0x80, 0x8F}};
 
-// The bytes of the character that the text begins with; 0 when they are none.
+// The number of bytes of the text's first character; 0 when it is not well-formed.
 std::size_t characterLength(std::string_view text) {
   const unsigned lead = byteAt(text, 0);
   const auto* row = std::ranges::find_if(leads, [&](const LeadRow& r) { return lead >= r.first && lead <= r.last; });
@@ -38,7 +38,7 @@ bool isControl(std::string_view character) {
   return character.size() == 2 && byteAt(character, 0) == 0xC2 && byteAt(character, 1) < 0xA0;
 }
 
-// What a terminal shows of UTF-8 text, one column for each character.
+// The number of columns that UTF-8 text takes on a terminal, counting one for each character.
 std::size_t widthOf(const std::string& text) {
   return static_cast<std::size_t>(
       std::ranges::count_if(text, [](char byte) { return (static_cast<unsigned char>(byte) & 0xC0) != 0x80; }));

@@ -1,4 +1,4 @@
-// Text for people: tables, hexadecimal, and what may safely reach a terminal.
+// Text for people: tables, hexadecimal digits, and text that is safe to print on a terminal.
 #pragma once
 
 #include <string>
@@ -12,13 +12,13 @@ namespace tool {
 // Upper-case digits without separators.
 std::string hexOf(softtoken::ByteView bytes);
 
-// Every byte that is no part of well-formed UTF-8 becomes a replacement character.
+// Replaces each byte that does not belong to well-formed UTF-8 by a replacement character.
 std::string validUtf8(std::string_view text);
 
 // One line for a terminal: valid UTF-8 without control characters (C0, C1 and DEL).
 std::string printable(std::string_view text);
 
-// Prints a table in columns, its cells made printable. All rows have as many cells as the first.
+// Prints a table in aligned columns and makes its cells printable. All rows have as many cells as the first.
 void printTable(const std::vector<std::vector<std::string>>& rows);
 
 }  // namespace tool

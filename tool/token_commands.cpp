@@ -21,7 +21,7 @@ constexpr const char* passwordFooter =
     "and TAVRIN_NEW_PIN (unlock), else from the terminal; never from the command line, where\n"
     "other users could see them.\n";
 
-constexpr std::size_t tokenInfoLabel = 32;  // bytes of the label that Cryptoki shows
+constexpr std::size_t tokenInfoLabel = 32;  // bytes of a label in CK_TOKEN_INFO
 
 struct TokenOptions {
   softtoken::NewToken token;
@@ -77,7 +77,7 @@ int create(TokenOptions& options) {
   return 0;
 }
 
-// Asks before keys are destroyed.
+// Asks before an action that destroys keys.
 void confirm(const TokenOptions& options, const std::string& action) {
   const std::string& name = options.token.name;
   const std::string folder = softtoken::textOf(softtoken::folderOfToken(name));

@@ -27,8 +27,8 @@ main=$work/tavrin-pkcs11
 dev=$work/tavrin-pkcs11-dev
 DESTDIR=$main cmake --install "$build" --strip >/dev/null
 
-# The folder for CA certificates, to which the module comes through its own folder below /usr/share. The log level's file has
-# a blank in its path, which dpkg does not allow for configuration files, so scripts make and remove it.
+# The module looks for CA certificates below /usr/share; a link there leads to /etc. The path of the log level's file contains
+# a blank, which dpkg does not allow for configuration files, so scripts create and remove that file.
 install -d "$main/etc/tavrin/ca-certificates" "$main/usr/share/tavrin-pkcs11/TavrinDSC" "$main/DEBIAN"
 ln -s /etc/tavrin/ca-certificates "$main/usr/share/tavrin-pkcs11/TavrinDSC/Certificates"
 cat >"$main/DEBIAN/postinst" <<'END'
@@ -50,7 +50,7 @@ if [ "$1" = purge ]; then
 fi
 END
 chmod 755 "$main"/DEBIAN/post*
-# The top documents are about the source tree.
+# README.md and CHANGELOG.md are about the source tree.
 rm "$main"/usr/share/doc/tavrin-pkcs11/*.md
 mv "$main"/usr/share/doc/tavrin-pkcs11/docs/* "$main/usr/share/doc/tavrin-pkcs11/"
 rmdir "$main/usr/share/doc/tavrin-pkcs11/docs"
@@ -103,7 +103,7 @@ finish() {
   echo "$out/${package}_${version}_$architecture.deb"
 }
 
-# What the built files need of other packages.
+# The packages that the built files depend on.
 mkdir "$work/debian"
 printf 'Source: tavrin-pkcs11\n\nPackage: tavrin-pkcs11\nArchitecture: any\n' >"$work/debian/control"
 depends=$(cd "$work" && dpkg-shlibdeps -O -l"$main/usr/$modules" --ignore-missing-info \

@@ -1,6 +1,6 @@
 #!/bin/bash
-# The Debian packages: lintian, and installed, used and purged in a clean Debian that mmdebstrap makes.
-# Called as the clients' tests are: packaging/debian/test_package.sh BUILD_DIR_LINUX BUILD_DIR_WINDOWS
+# Tests the Debian packages: checks them with lintian, then installs, uses and purges them in a clean Debian that mmdebstrap
+# makes. It has the arguments of the clients' tests: packaging/debian/test_package.sh BUILD_DIR_LINUX BUILD_DIR_WINDOWS
 packaging=$(cd "$(dirname "$0")" && pwd)
 source "$packaging/../../tests/clients/lib.sh"
 unset TAVRIN_HOME TAVRIN_SOFT_TOKENS TAVRIN_REGISTRY

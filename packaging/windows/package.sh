@@ -7,8 +7,8 @@
 #   --module FILE         the PKCS#11 module to sign with; build/linux/bin/libtavrin-pkcs11.so if not given
 #   --timestamp URL       a time stamp server (RFC 3161)
 #
-# VERSION is the project's, unless it is given. SHA256SUMS in OUT_DIR lists all packages there. Without --sign, the same files
-# give the same packages.
+# Without VERSION, the packages have the project's version. SHA256SUMS in OUT_DIR lists all packages in that folder. Without
+# --sign, the same files give the same packages.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 top=$(cd "$here/../.." && pwd)
@@ -39,16 +39,16 @@ umask 022
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-# What the DLLs and programs contain of others.
+# The packages whose code is linked into the DLLs and programs.
 contained=(libgcrypt-mingw-w64-dev libksba-mingw-w64-dev libgpg-error-mingw-w64-dev mingw-w64-x86-64-dev gcc-mingw-w64-base
   libcli11-dev nlohmann-json3-dev)
 
-# uuidFor TEXT: always the same for one text.
+# uuidFor TEXT: a UUID that depends on the text only.
 uuidFor() {
   printf %s "$1" | sha1sum | sed -E 's/^(.{8})(.{4}).(.{3}).(.{3})(.{12}).*/{\1-\2-5\3-8\4-\5}/' | tr a-f A-F
 }
 
-# sign FILE...: with a key that stays on its token; nothing without --sign.
+# sign FILE...: signs the files with the key on the token. Does nothing without --sign.
 sign() {
   local file engine
   [[ -n $certificates ]] || return 0
@@ -108,16 +108,17 @@ makeZip() {
 makeInstaller() {
   local code
   code=$(uuidFor "Tavrin $version")
-  # The installer's own action puts the device library into its place.
+  # place_device_library.exe installs the device library from SoftToken.
   mkdir "$work/$name/SoftToken"
   mv "$work/$name/TavrinDSCLibrary.dll" "$work/$name/SoftToken/"
   cp "$bin/place_device_library.exe" "$here"/{tavrin.wxs,tavrin.ico} "$work/"
-  # wixl looks for files beside its input only.
+  # wixl looks for files only in the folder of its input.
   cd "$work"
   (cd "$name" && otherFiles >../others.wxs)
   wixl --arch x64 -D Version="$version" -D ProductCode="$code" -D Files="$name" -o "$out/$name.msi" tavrin.wxs others.wxs 2>errors
   [[ ! -s errors ]] || { cat errors >&2; exit 1; } # wixl's exit code is 0 for some errors
-  # wixl does not know environment variables and deferred programs, takes a random package code, and writes the time into the file.
+  # wixl supports neither environment variables nor deferred actions, chooses a random package code, and writes the current time
+  # into the file. All this is corrected here.
   msiinfo export "$out/$name.msi" _SummaryInformation |
     sed -E "s|^9\t[^\r]*|9\t$(uuidFor "$(sha256sum <"$out/$name.zip")")|
             s|^(1[23])\t[^\r]*|\1\t$(TZ=UTC date -d "@$epoch" '+%Y/%m/%d %H:%M:%S')|" >summary.idt

@@ -1,10 +1,10 @@
-// The installer's own action: place_device_library install|remove FOLDER
+// A custom action of the installer: place_device_library install|remove FOLDER
 //
-// Windows Installer replaces and removes a file whoever has put it there. The token maker's TavrinDSCLibrary.dll takes
-// the place of the software token's, so the installer leaves that file to this program: install copies the software
-// token from FOLDER\SoftToken unless the library in FOLDER is another one; remove deletes it only if it is the software
-// token. A library that a program has loaded is renamed, and deleted at the next restart. remove also deletes the
-// semicolon that Windows Installer can leave at the end of PATH.
+// A user may have replaced the software token's TavrinDSCLibrary.dll by the token maker's. Windows Installer would
+// overwrite or remove that file, so this program handles it. "install" copies the software token from FOLDER\SoftToken
+// unless the library in FOLDER is another one. "remove" deletes the library only if it is the software token. A library
+// that a program has loaded is renamed, and deleted at the next restart. "remove" also deletes the semicolon that
+// Windows Installer can leave at the end of PATH.
 #include <windows.h>
 
 #include <cwchar>

@@ -1,6 +1,6 @@
 #!/bin/bash
-# The packages for Windows under Wine: the zip where it is unpacked; install, repair, upgrade, uninstall; signatures.
-# Called as the clients' tests are: packaging/windows/test_package.sh BUILD_DIR_LINUX BUILD_DIR_WINDOWS
+# Tests the packages for Windows under Wine: the unpacked zip; install, repair, upgrade and uninstall; signed packages.
+# It has the arguments of the clients' tests: packaging/windows/test_package.sh BUILD_DIR_LINUX BUILD_DIR_WINDOWS
 packaging=$(cd "$(dirname "$0")" && pwd)
 source "$packaging/../../tests/clients/lib.sh"
 startWine
@@ -18,7 +18,7 @@ systemPath() { wine reg query "$environment" /v PATH; }
 sign() { # NAME [rsa]: with the installed module
   wine "$windows/bin/sign_file.exe" 'C:\Program Files\Quorvane Telemantix\Tavrin\TavrinPKCS11.dll' env:PIN "my key" document "$@"
 }
-brokenLinks() { # FOLDER: relative links of its documents that lead nowhere
+brokenLinks() { # FOLDER: relative links in its documents to files that do not exist
   local document link
   find "$1" \( -name build -o -name '.?*' \) -prune -o -name '*.md' -print | while read -r document; do
     { grep -oE '\]\([^)#:]+' "$document" || true; } | cut -c3- | while read -r link; do
@@ -53,7 +53,7 @@ check "the zip works where it is unpacked" eval '(cd "un packed" &&
 check "openssl verifies" verifySignature zip.pem zip.sig -sha256
 quietly wine "$work/un packed/tavrin-tool.exe" token remove zip --yes
 
-installer /x 99.0.0 >/dev/null || true # what a run that was stopped has left
+installer /x 99.0.0 >/dev/null || true # an earlier run that was stopped may have left it
 installer /x "$version" >/dev/null || true
 rm -rf "$maker"
 systemPath >path-before
@@ -69,7 +69,7 @@ shows "TAVRIN_HOME" 'Quorvane Telemantix\\Tavrin' wine reg query "$environment" 
 shows "Apps: the publisher" 'Publisher.*Quorvane Telemantix' wine reg query "$uninstall" /s
 shows "Apps: the icon" 'tavrin.ico' msiinfo export "packages/tavrin-$version-windows-x64.msi" Icon
 
-# The tool is found through PATH, and tokens lie where they do for every user.
+# The tool is found through PATH, and tokens are in the default folder.
 unset TAVRIN_SOFT_TOKENS TAVRIN_HOME
 quietly wine cmd /c "rmdir /s /q \"%LOCALAPPDATA%\\Quorvane Telemantix\" 2>nul & exit 0"
 shows "the installed tool" 'created mine' wine tavrin-tool token create mine --pin-file pin --so-pin-file so-pin
