@@ -5,10 +5,14 @@
 namespace tavrin::standard {
 namespace {
 
+Refusal badParameter(const CK_MECHANISM& given) {
+  return Refusal(CKR_MECHANISM_PARAM_INVALID, "mechanism param invalid for mechanism=", CK_ULONG{given.mechanism});
+}
+
 // The mechanism's parameter as a structure of its own.
 template <typename Parameters>
-Parameters readParameter(const CK_MECHANISM& given, const Refusal& refusal) {
-  if (!given.pParameter || given.ulParameterLen != sizeof(Parameters)) throw refusal;
+Parameters readParameter(const CK_MECHANISM& given) {
+  if (!given.pParameter || given.ulParameterLen != sizeof(Parameters)) throw badParameter(given);
   Parameters parameters;
   std::memcpy(&parameters, given.pParameter, sizeof parameters);
   return parameters;
@@ -16,21 +20,19 @@ Parameters readParameter(const CK_MECHANISM& given, const Refusal& refusal) {
 
 // Compares the parameter with what the device does. Returns the length of the digest that PSS is to sign, or 0.
 std::size_t checkParameter(const CK_MECHANISM& given, const Mechanism& mechanism) {
-  const CK_MECHANISM_TYPE type = given.mechanism;
-  const Refusal refusal(CKR_MECHANISM_PARAM_INVALID, "mechanism param invalid for mechanism=", type);
   if (mechanism.isPss()) {  // the mask is made with the same hash, and the salt is as long as the digest
-    const auto parameters = readParameter<CK_RSA_PKCS_PSS_PARAMS>(given, refusal);
+    const auto parameters = readParameter<CK_RSA_PKCS_PSS_PARAMS>(given);
     const HashMechanism* hash = findHash(parameters.hashAlg);
-    if (!hash || parameters.mgf != hash->mgf || parameters.sLen != hash->length) throw refusal;
-    if (mechanism.hash && mechanism.hash != hash) throw refusal;
+    if (!hash || parameters.mgf != hash->mgf || parameters.sLen != hash->length) throw badParameter(given);
+    if (mechanism.hash && mechanism.hash != hash) throw badParameter(given);
     return hash->length;
   }
-  if (type == CKM_RSA_PKCS_OAEP) {  // SHA-1 for hash and mask, no label
-    const auto parameters = readParameter<CK_RSA_PKCS_OAEP_PARAMS>(given, refusal);
+  if (given.mechanism == CKM_RSA_PKCS_OAEP) {  // SHA-1 for hash and mask, no label
+    const auto parameters = readParameter<CK_RSA_PKCS_OAEP_PARAMS>(given);
     const bool specified =
         parameters.source == CKZ_DATA_SPECIFIED || (parameters.source == 0 && !parameters.pSourceData);
-    if (parameters.hashAlg != CKM_SHA_1 || parameters.mgf != CKG_MGF1_SHA1) throw refusal;
-    if (!specified || parameters.ulSourceDataLen != 0) throw refusal;
+    if (parameters.hashAlg != CKM_SHA_1 || parameters.mgf != CKG_MGF1_SHA1) throw badParameter(given);
+    if (!specified || parameters.ulSourceDataLen != 0) throw badParameter(given);
     return 0;
   }
   requireNoParameter(given);

@@ -57,17 +57,18 @@ template <typename Body>
 void useKey(State& state, KeyOperation& operation, CK_C_SignInit init, CK_MECHANISM_TYPE mechanism, CK_RV otherwise,
             Body&& body) {
   ModuleLock module(state);
-  Token& token = *operation.key->token;
-  if (operation.key->isPrivate) useLogin(module, token);
+  Object& key = *operation.key;
+  Token& token = *key.token;
+  if (key.isPrivate) requestLogin(module, token);
   if (operation.isOver()) throw Refusal(CKR_OPERATION_NOT_INITIALIZED, "the operation ended with the login");
-  checkKey(module, *operation.key);
+  checkKey(module, key);
   CK_MECHANISM given{mechanism, nullptr, 0};
-  const CK_SESSION_HANDLE session = lockedSession(module, token);
-  CK_RV code = init(session, &given, operation.key->moduleHandle);
+  const CK_SESSION_HANDLE session = keyUseSession(module, token);
+  CK_RV code = init(session, &given, key.moduleHandle);
   if (code == CKR_OK) code = body(session);
   if (code == CKR_OK) return;
-  // The module may still be in the operation.
-  spoilLockedSession(module, token);
+  closeKeyUseSession(module, token);
+  if (key.isPrivate) useLogin(module, token);  // a lost login is the reason of the failure
   throw moduleFailure(module, token, "the operation", code, otherwise);
 }
 

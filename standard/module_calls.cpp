@@ -30,11 +30,11 @@ void undoBorrowedLogin(ModuleLock& module, const Token& token, CK_SESSION_HANDLE
   if (isLoggedInState(stateOf(module, session))) module->C_Logout(session);
 }
 
-CK_SESSION_HANDLE openSession(ModuleLock& module, const Token& token) {
+CK_SESSION_HANDLE openSession(ModuleLock& module, const Token& token, CK_FLAGS access = CKF_RW_SESSION) {
+  if (module.state().ending) throw Refusal(CKR_CRYPTOKI_NOT_INITIALIZED, "the library is being finalised");
   if (!token.present) throw Refusal(CKR_DEVICE_REMOVED, "the token is not present");
   CK_SESSION_HANDLE session = 0;
-  const CK_RV code =
-      module->C_OpenSession(token.moduleSlot, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &session);
+  const CK_RV code = module->C_OpenSession(token.moduleSlot, CKF_SERIAL_SESSION | access, nullptr, nullptr, &session);
   if (code != CKR_OK) throw moduleFailure(module, token, "C_OpenSession", code);
   undoBorrowedLogin(module, token, session);
   return session;
@@ -43,28 +43,24 @@ CK_SESSION_HANDLE openSession(ModuleLock& module, const Token& token) {
 }  // namespace
 
 CK_SESSION_HANDLE lockedSession(ModuleLock& module, Token& token) {
-  if (module.state().ending) throw Refusal(CKR_CRYPTOKI_NOT_INITIALIZED, "the library is being finalised");
   if (token.moduleSession == 0) token.moduleSession = openSession(module, token);
   return token.moduleSession;
 }
 
-// Without a session of its own the module would not lower the token's login, so the new one is opened first.
-void spoilLockedSession(ModuleLock& module, Token& token) {
-  const CK_SESSION_HANDLE old = std::exchange(token.moduleSession, 0);
-  if (old == 0) return;
-  try {
-    lockedSession(module, token);
-  } catch (const Refusal&) {
-    if (module.state().loggedIn == &token) module.state().loggedIn = nullptr;
-    if (isLoggedInState(stateOf(module, old))) module->C_Logout(old);
-  }
-  module->C_CloseSession(old);
+CK_SESSION_HANDLE keyUseSession(ModuleLock& module, Token& token) {
+  if (token.keyUseSession == 0) token.keyUseSession = openSession(module, token, 0);
+  return token.keyUseSession;
+}
+
+void closeKeyUseSession(ModuleLock& module, Token& token) {
+  if (token.keyUseSession != 0) module->C_CloseSession(std::exchange(token.keyUseSession, 0));
 }
 
 CK_RV loginToModule(ModuleLock& module, Token& token, CK_USER_TYPE userType, std::span<CK_UTF8CHAR> pin) {
   const CK_SESSION_HANDLE session = lockedSession(module, token);
   logoutOfModule(module);
   if (isLoggedInState(stateOf(module, session))) module->C_Logout(session);
+  if (userType == CKU_SO) closeKeyUseSession(module, token);  // the officer logs in beside no read-only session
   const CK_RV code = module->C_Login(session, userType, pin.data(), static_cast<CK_ULONG>(pin.size()));
   if (code != CKR_OK) return code;
   if (userType == CKU_USER) {
@@ -76,23 +72,25 @@ CK_RV loginToModule(ModuleLock& module, Token& token, CK_USER_TYPE userType, std
   return CKR_OK;
 }
 
-void useLogin(ModuleLock& module, Token& token) {
+void requestLogin(ModuleLock& module, Token& token) {
   if (token.login != Login::user) throw Refusal(CKR_USER_NOT_LOGGED_IN, "the user is not logged in");
-  const CK_SESSION_HANDLE session = lockedSession(module, token);
-  if (module.state().loggedIn == &token) {
-    if (isLoggedInState(stateOf(module, session))) return;
-    // The module has seen the token go. It may be back by now, but its login is over.
-    forgetToken(module, token);
-    token.present = false;
-    module.state().tokens.refresh(module);
-    throw Refusal(CKR_DEVICE_REMOVED, "the token was removed");
-  }
+  if (module.state().loggedIn == &token) return;
   const CK_RV code = loginToModule(module, token, CKU_USER, pins.of(token.slot));
   if (code == CKR_OK) return;
   const Refusal failure = moduleFailure(module, token, "C_Login", code, CKR_USER_NOT_LOGGED_IN);
   // Never tried again with this PIN: each try may cost one of those that the token allows.
   if (token.present && (code == CKR_PIN_INCORRECT || code == CKR_PIN_LOCKED)) endLogin(module, token);
   throw failure;
+}
+
+void useLogin(ModuleLock& module, Token& token) {
+  requestLogin(module, token);
+  if (isLoggedInState(stateOf(module, lockedSession(module, token)))) return;
+  // The module has seen the token go. It may be back by now, but its login is over.
+  forgetToken(module, token);
+  token.present = false;
+  module.state().tokens.refresh(module);
+  throw Refusal(CKR_DEVICE_REMOVED, "the token was removed");
 }
 
 void endLogin(ModuleLock& module, Token& token) {
@@ -107,6 +105,7 @@ void endLogin(ModuleLock& module, Token& token) {
 void forgetToken(ModuleLock& module, Token& token) {
   endLogin(module, token);
   if (token.moduleSession != 0) module->C_CloseSession(std::exchange(token.moduleSession, 0));
+  closeKeyUseSession(module, token);
   {
     const std::lock_guard guard(token.idleMutex);
     for (const CK_SESSION_HANDLE session : token.idleSessions) module->C_CloseSession(session);
@@ -140,7 +139,6 @@ ModuleSession::ModuleSession(State& state, Token& token) : state_(state), token_
     }
   }
   ModuleLock module(state);
-  if (state.ending) throw Refusal(CKR_CRYPTOKI_NOT_INITIALIZED, "the library is being finalised");
   handle_ = openSession(module, token);
 }
 

@@ -9,11 +9,16 @@ namespace tavrin::standard {
 // The session in which calls to the module are made under the lock. Throws CKR_DEVICE_REMOVED when there is no token.
 CK_SESSION_HANDLE lockedSession(ModuleLock& module, Token& token);
 
-// Closes that session, in which an operation may have been left unfinished. The next use opens another one.
-void spoilLockedSession(ModuleLock& module, Token& token);
+// The same for key operations. This session is read-only: the module refuses to begin a signature or decryption in it
+// with CKR_SESSION_HANDLE_INVALID when it has lost the login. An operation that failed may be left in it; it is closed
+// then, and the next use opens another one.
+CK_SESSION_HANDLE keyUseSession(ModuleLock& module, Token& token);
+void closeKeyUseSession(ModuleLock& module, Token& token);
 
 // Makes the token's user the one who is logged in to the module, which knows one user at a time. Throws
-// CKR_USER_NOT_LOGGED_IN when the token's user is not logged in or the token no longer accepts the PIN.
+// CKR_USER_NOT_LOGGED_IN when the token's user is not logged in or the token no longer accepts the PIN. The second
+// function also asks the module whether it still has a login that it had, and throws CKR_DEVICE_REMOVED if not.
+void requestLogin(ModuleLock& module, Token& token);
 void useLogin(ModuleLock& module, Token& token);
 
 // Logs the user or security officer in to the module, checked by the token; the code is the module's.

@@ -38,8 +38,11 @@ struct Token {
   CK_FLAGS flags = 0;
   bool lastTry = false;  // of the PIN, as far as this process has seen wrong ones
   CK_VERSION firmware{};
-  CK_SLOT_ID moduleSlot = 0;            // of the module's last listing
-  CK_SESSION_HANDLE moduleSession = 0;  // for pairs of calls that are made under the lock; 0 when none is open
+  CK_SLOT_ID moduleSlot = 0;  // of the module's last listing
+  // Sessions of the module, for pairs of calls that are made under the lock; 0 when not open. Keys are used in one of
+  // their own.
+  CK_SESSION_HANDLE moduleSession = 0;
+  CK_SESSION_HANDLE keyUseSession = 0;
 
   // Further sessions of the module, for what works without the lock.
   std::mutex idleMutex;
