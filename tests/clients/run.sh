@@ -1,7 +1,8 @@
 #!/bin/bash
 # Tests the libraries with real clients: tests/clients/run.sh BUILD_DIR_LINUX BUILD_DIR_WINDOWS desktop|clients|SCRIPT ...
-# "desktop" means the programs of a user's desktop, "clients" all others and the packages for Windows. One line for each
-# client, with its checks; what failed is shown. The last line counts all checks.
+# "desktop" means the programs of a user's desktop, "clients" all others and the packages for Windows, without
+# pkcs11_tool.sh, which is one of the tests of the Linux build. One line for each client, with its checks; what failed is
+# shown. The last line counts all checks.
 set -euo pipefail
 folder=$(cd "$(dirname "$0")" && pwd)
 builds=("${1:?the folder of the Linux build is missing}" "${2:?the folder of the Windows build is missing}")
@@ -10,7 +11,7 @@ scripts=()
 for name in "$@"; do
   case $name in
     clients)
-      scripts+=("$folder"/{pkcs11_tool,gnutls,openssl_engine,nginx,nss,java,openssh,osslsigncode,p11_kit,standard}.sh)
+      scripts+=("$folder"/{gnutls,openssl_engine,nginx,nss,java,openssh,osslsigncode,p11_kit,standard}.sh)
       scripts+=("$folder"/{node_windows,documents}.sh "$folder/../../packaging/windows/test_package.sh")
       ;;
     desktop) scripts+=("$folder"/{browsers,report_page,pdfsig,openvpn,git,gpgsm}.sh) ;;

@@ -119,13 +119,6 @@ CK_RV TokenSession::derive(CK_EC_KDF_TYPE kdf, CK_OBJECT_HANDLE key, View peer, 
   return result;
 }
 
-void TokenSession::update(CK_C_SignUpdate call, View data) {
-  for (const std::size_t piece = data.size() / 3 + 1; !data.empty();
-       data = data.subspan(std::min(piece, data.size()))) {
-    check(call(handle, pointerTo(data), sizeOf(data.first(std::min(piece, data.size())))), "an update");
-  }
-}
-
 Bytes TokenSession::compute(CK_C_SignInit init, CK_C_Sign call, CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key,
                             View data) {
   CK_MECHANISM argument = {mechanism, nullptr, 0};
@@ -139,15 +132,14 @@ Bytes TokenSession::sign(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key, View
   if (!inParts) return compute(module->C_SignInit, module->C_Sign, mechanism, key, data);
   CK_MECHANISM argument = {mechanism, nullptr, 0};
   check(module->C_SignInit(handle, &argument, key), "C_SignInit");
-  update(module->C_SignUpdate, data);
+  const View first = data.first(data.size() / 3), rest = data.subspan(first.size());
+  check(module->C_SignUpdate(handle, pointerTo(first), sizeOf(first)), "C_SignUpdate");
+  check(module->C_SignUpdate(handle, pointerTo(rest), sizeOf(rest)), "C_SignUpdate");
   return fetch([&](CK_BYTE_PTR result, CK_ULONG_PTR length) { return module->C_SignFinal(handle, result, length); });
 }
 
-CK_RV TokenSession::verify(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key, View data, View signature, bool inParts) {
+CK_RV TokenSession::verify(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key, View data, View signature) {
   CK_MECHANISM argument = {mechanism, nullptr, 0};
   check(module->C_VerifyInit(handle, &argument, key), "C_VerifyInit");
-  CK_BYTE* const given = pointerTo(signature);
-  if (!inParts) return module->C_Verify(handle, pointerTo(data), sizeOf(data), given, sizeOf(signature));
-  update(module->C_VerifyUpdate, data);
-  return module->C_VerifyFinal(handle, given, sizeOf(signature));
+  return module->C_Verify(handle, pointerTo(data), sizeOf(data), pointerTo(signature), sizeOf(signature));
 }

@@ -9,20 +9,16 @@
 int main(int argc, char** argv) try {
   TokenSession token;
   check(token.login(), "C_Login");
-  Bytes der = readFile(argc > 1 ? argv[1] : "");
+  const Bytes der = readFile(argc > 1 ? argv[1] : "");
   Bytes id;
   for (const std::string hex = argc > 2 ? argv[2] : ""; 2 * id.size() < hex.size();)
     id.push_back(static_cast<CK_BYTE>(std::stoul(hex.substr(2 * id.size(), 2), nullptr, 16)));
-  std::string label = argc > 3 ? argv[3] : "";
-  CK_OBJECT_CLASS objectClass = CKO_CERTIFICATE;
-  std::vector<CK_ATTRIBUTE> attributes = {{CKA_CLASS, &objectClass, sizeof(objectClass)},
-                                          {CKA_VALUE, der.data(), static_cast<CK_ULONG>(der.size())}};
-  if (!id.empty()) attributes.push_back({CKA_ID, id.data(), static_cast<CK_ULONG>(id.size())});
-  if (!label.empty()) attributes.push_back({CKA_LABEL, label.data(), static_cast<CK_ULONG>(label.size())});
+  const std::string label = argc > 3 ? argv[3] : "";
+  Attributes attributes{{CKA_VALUE, der}};
+  if (!id.empty()) attributes.push_back({CKA_ID, id});
+  if (!label.empty()) attributes.push_back({CKA_LABEL, textView(label)});
   CK_OBJECT_HANDLE object = CK_INVALID_HANDLE;
-  check(
-      token.module->C_CreateObject(token.handle, attributes.data(), static_cast<CK_ULONG>(attributes.size()), &object),
-      "C_CreateObject");
+  check(token.create(CKO_CERTIFICATE, attributes, &object), "C_CreateObject");
 } catch (const std::exception& error) {
   std::fprintf(stderr, "%s\n", error.what());
   return 1;
