@@ -213,15 +213,6 @@ void ModuleTest::logLevel(std::uint32_t level) { testPlatform::setLogLevel(level
 
 fs::path ModuleTest::logFolder() { return testFolder->path / "Quorvane Telemantix"; }
 
-std::string ModuleTest::printedBy(const std::function<void()>& work, const fs::path& folder) {
-  ::testing::internal::CaptureStdout();
-  testPlatform::useTemporaryFolder(folder);
-  work();
-  testPlatform::useTemporaryFolder(testFolder->path);
-  std::fflush(stdout);
-  return ::testing::internal::GetCapturedStdout();
-}
-
 std::string ModuleTest::rawLog() {
   std::string text;
   if (!fs::exists(logFolder())) return text;

@@ -160,8 +160,6 @@ class ModuleTest : public ::testing::Test {
   // The folder of the log files, and their contents.
   static std::filesystem::path logFolder();
   static std::string rawLog();
-  // Does the work with `folder` as the folder for temporary files, and returns what the process prints.
-  static std::string printedBy(const std::function<void()>& work, const std::filesystem::path& folder);
 
  private:
   void takeLog();

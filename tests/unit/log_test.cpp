@@ -68,16 +68,23 @@ TEST_F(LogTest, LinesThatCannotBeWrittenAreDroppedAndThatIsPrinted) {
   ASSERT_TRUE(waitForMonitorsLines());
   logLevel(2);
   const fs::path folder = logFolder().parent_path();
-  const auto logLine = [] { C_CloseSession(1); };
+  const auto printedOver = [](const fs::path& temporary) {
+    ::testing::internal::CaptureStdout();
+    testPlatform::useTemporaryFolder(temporary);
+    C_CloseSession(1);
+    testPlatform::useTemporaryFolder(logFolder().parent_path());
+    std::fflush(stdout);
+    return ::testing::internal::GetCapturedStdout();
+  };
   std::ofstream(folder / "file") << "x";
   fs::create_directories(folder / "blocked");
   std::ofstream(folder / "blocked" / "Quorvane Telemantix") << "x";  // where a folder would be
   for (const auto& [name, printed] : {std::pair{"missing", "\nUnable to getLogBaseFolderPath"},
                                       {"file", "\nUnable to getLogBaseFolderPath"},
                                       {"blocked", "\nUnable to write log"}}) {
-    EXPECT_EQ(printedBy(logLine, folder / name), printed) << name;
+    EXPECT_EQ(printedOver(folder / name), printed) << name;
   }
-  EXPECT_EQ(printedBy(logLine, folder), "");
+  EXPECT_EQ(printedOver(folder), "");
 }
 
 }  // namespace

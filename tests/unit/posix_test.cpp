@@ -1,15 +1,10 @@
-// What only POSIX systems have: fork, signals, cancelled threads, limits, and other users who can write to /tmp.
+// What only POSIX systems have: fork, signals, and cancelled threads.
 #include <pthread.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <thread>
 
 #include "module_test.h"
@@ -17,16 +12,7 @@
 
 namespace {
 
-namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-
-constexpr uid_t nobody = 65534;
-
-std::string readFile(const fs::path& path) {
-  std::ostringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
-}
 
 using ForkTest = ModuleTest;
 
@@ -93,134 +79,6 @@ TEST_F(ThreadsTest, CancelledThreadsEndAfterTheirCall) {
     pthread_join(thread, &result);
     EXPECT_EQ(result, PTHREAD_CANCELED);
   }
-}
-
-class PrivateLogTest : public ModuleTest {
- protected:
-  void SetUp() override {
-    ModuleTest::SetUp();
-    C_Finalize(nullptr);  // the monitor would log too
-    logLevel(2);
-    usual_ = logFolder().parent_path();
-    folder_ = usual_ / "private";
-    fs::remove_all(folder_);
-    fs::create_directories(folder_);
-    program_ = folder_ / "Quorvane Telemantix/unit_tests";
-    file_ = program_ / logFileToday();
-  }
-  static std::string logFileToday() {
-    char day[32];
-    const std::time_t now = std::time(nullptr);
-    std::strftime(day, sizeof day, "%Y-%m-%d.LOG", std::localtime(&now));
-    return day;
-  }
-  // What the process prints while it logs one line that holds `number`.
-  std::string printed(CK_SESSION_HANDLE number = 1) {
-    return printedBy(
-        [&] {
-          ok(C_Initialize(nullptr));
-          C_CloseSession(number);
-          C_Finalize(nullptr);
-        },
-        folder_);
-  }
-
-  fs::path usual_, folder_, program_, file_;
-};
-
-TEST_F(PrivateLogTest, NothingButTheUsersOwnFilesIsWrittenTo) {
-  const fs::path target = folder_ / "target";
-  const std::pair<const char*, std::function<void()>> rows[] = {
-      {"symbolic link", [&] { fs::create_symlink(target, file_); }},
-      {"second name", [&] { fs::create_hard_link(target, file_); }},
-      {"pipe", [&] { mkfifo(file_.c_str(), 0666); }},
-      {"folder", [&] { fs::create_directory(file_); }},
-      {"link to a folder",
-       [&] {
-         fs::remove(program_);
-         fs::create_directory_symlink(folder_, program_);
-       }},
-      {"another's file",
-       [&] {
-         std::ofstream(file_) << "x";
-         ASSERT_EQ(chown(file_.c_str(), nobody, nobody), 0);
-       }},
-      {"another's folder", [&] { ASSERT_EQ(chown(program_.c_str(), nobody, nobody), 0); }}};
-  for (const auto& [name, prepare] : rows) {
-    if (*name == 'a' && geteuid() != 0) continue;  // only root can give another user a file
-    fs::remove_all(folder_);
-    fs::create_directories(program_);
-    std::ofstream(target) << "target";
-    prepare();
-    EXPECT_EQ(printed(), "\nUnable to write log") << name;
-    EXPECT_EQ(readFile(target), "target") << name;
-    EXPECT_FALSE(fs::exists(folder_ / logFileToday())) << name;
-  }
-}
-
-TEST_F(PrivateLogTest, FoldersAndFilesAreForTheUserAlone) {
-  const mode_t before = umask(0);
-  EXPECT_EQ(printed(), "");
-  umask(before);
-  EXPECT_EQ(fs::status(program_.parent_path()).permissions(), fs::perms::owner_all);
-  EXPECT_EQ(fs::status(program_).permissions(), fs::perms::owner_all);
-  EXPECT_EQ(fs::status(file_).permissions(), fs::perms::owner_read | fs::perms::owner_write);
-}
-
-TEST_F(PrivateLogTest, WithoutAFolderOfItsOwnTheUserLogsToOneBelowTmp) {
-  const fs::path own = "/tmp/tavrin-" + std::to_string(geteuid()) + "/Quorvane Telemantix/unit_tests/" + logFileToday();
-  const auto expectOwn = [&](CK_SESSION_HANDLE number) {
-    EXPECT_EQ(printed(number), "");
-    EXPECT_NE(readFile(own).find("invalid hSession=" + std::to_string(number) + "\n"), std::string::npos);
-  };
-  fs::create_directories(program_);
-  if (geteuid() == 0) {
-    ASSERT_EQ(chown(program_.parent_path().c_str(), nobody, nobody), 0);
-    expectOwn(static_cast<CK_ULONG>(getpid()) + 10000000);
-  }
-  folder_.clear();  // no $TMPDIR
-  expectOwn(static_cast<CK_ULONG>(getpid()) + 20000000);
-}
-
-TEST_F(PrivateLogTest, LimitOnTheSizeOfFilesDoesNotEndTheProcess) {
-  ASSERT_EQ(printed(), "");
-  const auto size = fs::file_size(file_);
-  const auto logBeyondTheLimit = [&] {
-    if (!testPlatform::limitFileSize(size)) return 1;
-    signal(SIGXFSZ, SIG_DFL);
-    testPlatform::setEnvironment("TMPDIR", folder_.c_str());
-    C_CloseSession(1);
-    sigset_t pending;
-    sigpending(&pending);
-    return sigismember(&pending, SIGXFSZ) == 0 ? 0 : 2;
-  };
-  EXPECT_EQ(testPlatform::exitCodeOfFork(logBeyondTheLimit), 0);
-  EXPECT_EQ(fs::file_size(file_), size);
-}
-
-// Run by the test below, as another program. It ends at once: LeakSanitizer cannot trace a set-user-ID program.
-TEST(SetUserIdProgram, DISABLED_LogsALine) {
-  C_CloseSession(1);
-  std::_Exit(0);
-}
-
-TEST_F(PrivateLogTest, SetUserIdProgramsDoNotTrustTheEnvironment) {
-  if (geteuid() != 0) GTEST_SKIP() << "only root can make such a program";
-  const fs::path program = usual_ / ("setuid_" + std::to_string(getpid()));
-  const fs::path logs = "/tmp/tavrin-" + std::to_string(nobody) + "/Quorvane Telemantix/" + program.filename().string();
-  fs::copy_file("/proc/self/exe", program);
-  ASSERT_EQ(chown(program.c_str(), nobody, nobody), 0);
-  ASSERT_EQ(chmod(program.c_str(), 04755), 0);
-  fs::permissions(usual_, fs::perms::others_all, fs::perm_options::add);
-  fs::permissions(folder_, fs::perms::others_all, fs::perm_options::add);
-  logLevel(0);  // in the registry that it must not read
-  testPlatform::setEnvironment("TMPDIR", folder_.c_str());
-  const std::string options = " --gtest_filter=SetUserIdProgram.* --gtest_also_run_disabled_tests >/dev/null";
-  EXPECT_EQ(std::system((program.string() + options).c_str()), 0);
-  testPlatform::useTemporaryFolder(usual_);
-  EXPECT_NE(readFile(logs / logFileToday()).find("C_CloseSession: not initialized\n"), std::string::npos);
-  EXPECT_FALSE(fs::exists(folder_ / "Quorvane Telemantix"));
-  fs::remove_all(logs);
 }
 
 }  // namespace
