@@ -50,7 +50,7 @@ tryWays() { # STATE
 for tested in "$library" "$standardLibrary"; do
   E2E_MODULE=$(native "$tested")
   tests=()
-  for state in loaded initialised loggedIn signing waiting; do
+  for state in loaded reloaded initialised loggedIn signing waiting; do
     tryWays $state &
     tests+=($!)
   done
