@@ -17,7 +17,6 @@
 #include "softtoken/token_folders.h"
 #include "test_platform.h"
 #include "token_session.h"
-#include "vectors.h"
 
 namespace {
 
@@ -321,8 +320,7 @@ TEST_F(SecretsTest, NoSecretOutlivesItsUse) {
   secret("imported prime 1", parts.field(1024));
   writeFile("modulus", masked(imported.publicKey));
   writeFile("peer", masked(peer_.publicKey));
-  std::ofstream("certificate.pem") << vectors::certificatePem;
-  writeFile("certificate", masked(softtoken::certificatesInFolder(".", {".pem"}).at(0).second));
+  writeFile("certificate", masked(softtoken::certificatesInFolder(TEST_DATA, {".pem"}).at(0).second));
   victim_ = testPlatform::startSelf({"--victim"});
   ASSERT_NO_FATAL_FAILURE(await("keys made"));
   ASSERT_NO_FATAL_FAILURE(addKeys(password));

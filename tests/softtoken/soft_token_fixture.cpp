@@ -6,7 +6,6 @@
 #include "softtoken/key_material.h"
 #include "softtoken/record_io.h"
 #include "test_platform.h"
-#include "vectors.h"
 
 namespace fs = std::filesystem;
 
@@ -47,7 +46,7 @@ Bytes rsaPublicKeyInfo() {
       {fromHex("30819f300d06092a864886f70d010101050003818d0030818902818100"), rsaKey().modulus, fromHex("0203010001")});
 }
 
-Bytes certificateInDer() { return softtoken::certificateInFile(softtoken::viewOf(vectors::certificatePem)).value(); }
+Bytes certificateInDer() { return softtoken::certificatesInFolder(testData.string(), {".pem"}).at(0).second; }
 
 TavrinCertificate certificateRecord() {
   TavrinCertificate record{};

@@ -22,6 +22,8 @@ inline constexpr int badCiphertext = static_cast<int>(softtoken::Status::badCiph
 inline constexpr int full = 40;
 inline constexpr int deviceFault = 48;
 
+// A root certificate, and a token of the first format with a P-256 key pair; its passwords are these.
+inline const std::filesystem::path testData = TEST_DATA;
 inline constexpr const char* pin = "user password";
 inline constexpr const char* soPin = "officer password";
 
@@ -77,7 +79,7 @@ class SoftTokenTest : public testing::Test {
   int tries = 0;
 };
 
-// The vectors' certificate, and its record.
+// The certificate of data/root.pem, and its record.
 Bytes certificateInDer();
 TavrinCertificate certificateRecord();
 Bytes publicKeyOf(const TavrinKeyPair& key);

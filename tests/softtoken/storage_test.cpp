@@ -7,7 +7,6 @@
 #include "softtoken/stored_file.h"
 #include "softtoken/token_objects.h"
 #include "test_platform.h"
-#include "vectors.h"
 
 namespace {
 
@@ -155,9 +154,7 @@ TEST_F(SoftTokenTest, OnlyAWrongPasswordSpendsATry) {
 }
 
 TEST_F(SoftTokenTest, TokensOfTheFirstFormatStillOpen) {
-  fs::create_directory(root / "old");
-  softtoken::writeFile(root / "old" / "token", fromHex(vectors::firstFormatToken));
-  softtoken::writeFile(root / "old" / "tries", fromHex(vectors::firstFormatTries));
+  fs::copy(testData / "first_format", root / "old");
   device = "E81A589152E116E0";
   EXPECT_EQ(sign(keyPairs().at(0), pattern(32)).status, ok);
   const std::uint8_t* id = keyPairs().at(0).recordId;
@@ -353,13 +350,14 @@ TEST_F(SoftTokenTest, ReadsCertificatesAndTheFilesThatHoldThem) {
   const fs::path folder = root / fs::path(u8"Zertifikäte");
   fs::create_directories(folder / "folder.cer");
   const std::string whole(der.begin(), der.end());
-  const std::pair<const char*, std::string> files[] = {
-      {"a.pem", std::string("bag\n") + vectors::certificatePem + vectors::certificatePem},
-      {"b.CER", whole},
-      {"c.txt", whole},
-      {"d.der", ""},
-      {"e.pem", std::string(4096, 'x')},
-      {"f.der", std::string((1 << 20) + 1, '0')}};
+  const Bytes file = *softtoken::readFile(testData / "root.pem", 4096);
+  const std::string pem(file.begin(), file.end());
+  const std::pair<const char*, std::string> files[] = {{"a.pem", "bag\n" + pem + pem},
+                                                       {"b.CER", whole},
+                                                       {"c.txt", whole},
+                                                       {"d.der", ""},
+                                                       {"e.pem", std::string(4096, 'x')},
+                                                       {"f.der", std::string((1 << 20) + 1, '0')}};
   for (const auto& [name, content] : files) std::ofstream(folder / name, std::ios::binary) << content;
   const std::u8string utf8 = folder.u8string();
   const auto found =
