@@ -1,11 +1,13 @@
 // Random walks through the standard module over the module over the scripted device library, whose tokens come, go and
 // fail underneath. A small model of tokens, sessions, logins and operations foretells the codes; a signature must be
 // asked of the right token and key, a length query of nobody, and a handle must name one object for ever.
+#include <chrono>
 #include <functional>
 #include <initializer_list>
 #include <map>
 #include <set>
 #include <sstream>
+#include <thread>
 
 #include "fake_device_library.h"
 #include "load_module.h"
@@ -20,7 +22,6 @@ const char* const serials[] = {"TK1", "TK2", "TK3"};
 const std::string modulus(256, 'R'), point = '\x04' + std::string(64, 'P');
 
 CK_FUNCTION_LIST* f = nullptr;
-unsigned long callsMade = 0;
 
 struct ModelToken {
   CK_SLOT_ID slot = 0;  // for the life of the process
@@ -538,18 +539,58 @@ class Walk {
   unsigned quiet_ = 0;  // steps until the library is made to look at the devices
 };
 
+// Between C_SignInit and C_Sign another process replaces the key, or the token goes and comes back, which only the
+// module's own thread sees. Neither reaches the token: not the new key, and no operation without a PIN.
+void changeBetweenInitAndSign() {
+  for (const bool replaced : {true, false}) {
+    fake::edit()->devices.clear();
+    plug(serials[0]);
+    CK_SLOT_ID slot = 0;
+    CK_ULONG count = 1;
+    CK_SESSION_HANDLE session = 0;
+    CK_OBJECT_HANDLE key = 0;
+    CK_BYTE signature[256];
+    CK_OBJECT_CLASS objectClass = CKO_PRIVATE_KEY;
+    CK_ATTRIBUTE wanted{CKA_CLASS, &objectClass, sizeof objectClass};
+    CK_MECHANISM mechanism{CKM_SHA256_RSA_PKCS, nullptr, 0};
+    std::string pin = "1234", asked;
+    f->C_GetSlotList(CK_TRUE, nullptr, &count);
+    same("C_GetSlotList", f->C_GetSlotList(CK_TRUE, &slot, &count), CKR_OK);
+    same("C_OpenSession", f->C_OpenSession(slot, CKF_SERIAL_SESSION, nullptr, nullptr, &session), CKR_OK);
+    same("C_Login", f->C_Login(session, CKU_USER, bytesOf(pin), lengthOf(pin)), CKR_OK);
+    same("C_FindObjectsInit", f->C_FindObjectsInit(session, &wanted, 1), CKR_OK);
+    same("C_FindObjects", f->C_FindObjects(session, &key, 1, &count), CKR_OK);
+    same("C_SignInit", f->C_SignInit(session, &mechanism, key), CKR_OK);
+    if (replaced) {
+      fake::edit()->devices[0].keyPairs[0] = fake::keyPair(1, 2, std::string(256, 'N'), "New");
+    } else {
+      fake::edit()->devices.clear();
+      for (const int seen = fake::backgroundListings(); fake::backgroundListings() < seen + 2;)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      plug(serials[0]);
+    }
+    fake::edit()->record = [&](const std::string& line) {
+      if (line.starts_with("signHash") || line.starts_with("validatePassword")) asked = line;
+    };
+    same("C_Sign", f->C_Sign(session, bytesOf(pin), lengthOf(pin), signature, &(count = sizeof signature)),
+         replaced ? CKR_KEY_HANDLE_INVALID : CKR_DEVICE_REMOVED);
+    if (!asked.empty()) stop(("the token was asked: " + asked).c_str(), 1, 0);
+    fake::edit()->record = nullptr;
+    same("C_CloseSession", f->C_CloseSession(session), CKR_OK);
+  }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  setenv("TAVRIN_REGISTRY", "/nonexistent", 1);
-  setenv("TAVRIN_HOME", "home", 1);
-  openLibrary(WALK_FOLDER "/libtavrin-pkcs11.so");  // libFuzzer's counters must not be unloaded
-  void* library = openLibrary(WALK_FOLDER "/libtavrin-pkcs11-standard.so");
-  const auto list = reinterpret_cast<CK_C_GetFunctionList>(findFunction(library, "C_GetFunctionList"));
+  startWalk();
+  openLibrary(WALK_MODULE);  // libFuzzer's counters must not be unloaded
+  const auto list =
+      reinterpret_cast<CK_C_GetFunctionList>(findFunction(openLibrary(WALK_STANDARD), "C_GetFunctionList"));
   same("C_GetFunctionList", list(&f), CKR_OK);
   fake::reset();
   same("C_Initialize", f->C_Initialize(nullptr), CKR_OK);
-  std::atexit([] { std::fprintf(stderr, "%lu calls, not counting those that compare sessions\n", callsMade); });
+  changeBetweenInitAndSign();
   return 0;
 }
 

@@ -12,12 +12,26 @@
 
 #include "fuzz_input.h"
 #include "pkcs11.h"
+#include "test_platform.h"
 
 inline constexpr CK_ATTRIBUTE_TYPE attributeTypes[] = {
     CKA_ID,    CKA_ISSUER,  CKA_MODULUS,  CKA_EC_PARAMS,  CKA_MODULUS_BITS,
     CKA_CLASS, CKA_SUBJECT, CKA_DECRYPT,  CKA_EC_POINT,   CKA_SERIAL_NUMBER,
     CKA_TOKEN, CKA_LABEL,   CKA_PRIME_1,  CKA_VALUE_LEN,  CKA_PRIVATE_EXPONENT,
     CKA_SIGN,  CKA_VALUE,   CKA_KEY_TYPE, CKA_START_DATE, 0x80000123};
+inline unsigned long callsMade = 0;
+
+// Logs to a folder of its own until the end, which reports the number of calls.
+inline void startWalk() {
+  static const auto folder = testPlatform::freshFolder("walk");
+  testPlatform::useFolder(folder);
+  testPlatform::setEnvironment("TAVRIN_HOME", "home");
+  std::atexit([] {
+    std::fprintf(stderr, "%lu calls, not counting those that compare sessions\n", callsMade);
+    std::filesystem::remove_all(folder);
+  });
+}
+
 [[noreturn]] inline void stop(const char* what, CK_ULONG got, CK_ULONG expected) {
   std::fprintf(stderr, "the walk differs from the model: %s is 0x%lX, not 0x%lX\n", what,
                static_cast<unsigned long>(got), static_cast<unsigned long>(expected));

@@ -153,6 +153,7 @@ TEST_F(OperationTest, Verification) {
   is(f->C_Logout(s), CKR_OK);
   s.out = signature;
   is(s.run(verify, CKM_SHA256_RSA_PKCS, rsaPublic_, "data"), CKR_OK, "verification needs no login");
+  is(s.login(CKU_SO, Session::pinOf(CKU_SO)), CKR_OK, "after keys were used");
 }
 
 TEST_F(OperationTest, OperationsSideBySide) {
