@@ -74,6 +74,12 @@ void check(gcry_error_t error, const char* action) {
   throw Failure(Status::deviceFault, std::string(action) + ": " + gcry_strerror(error));
 }
 
+SecretBytes randomSecret(std::size_t count) {
+  SecretBytes result(count);
+  fillRandom(result);
+  return result;
+}
+
 Bytes randomBytes(std::size_t count) {
   Bytes result(count);
   fillRandom(result);

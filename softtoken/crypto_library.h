@@ -37,6 +37,7 @@ void readyCryptoLibrary();
 void check(gcry_error_t error, const char* action);
 
 Bytes randomBytes(std::size_t count);
+SecretBytes randomSecret(std::size_t count);
 
 Bytes hashOf(int algorithm, ByteView data);
 Digest256 hmacSha256(ByteView key, std::initializer_list<ByteView> parts);

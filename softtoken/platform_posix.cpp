@@ -112,10 +112,10 @@ std::size_t blockSize(void* block) noexcept { return ::malloc_usable_size(block)
 
 void fillRandom(std::span<std::uint8_t> out) {
   while (!out.empty()) {
-    const ssize_t count = ::getrandom(out.data(), out.size(), 0);
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) throw Failure(Status::deviceFault, "the system gives no random numbers");
-    out = out.subspan(static_cast<std::size_t>(count));
+    constexpr std::size_t maxCount = 256;  // that one call gives
+    const std::size_t count = std::min(out.size(), maxCount);
+    if (::getentropy(out.data(), count) != 0) throw Failure(Status::deviceFault, "the system gives no random numbers");
+    out = out.subspan(count);
   }
 }
 

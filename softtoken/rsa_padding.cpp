@@ -22,13 +22,14 @@ struct Message {
 void applyMask(ByteView seed, std::span<std::uint8_t> target) {
   SecretBytes input(seed.begin(), seed.end());
   input.resize(seed.size() + 4);
-  for (std::size_t counter = 0, offset = 0; offset < target.size(); ++counter, offset += sha1Size) {
+  for (std::size_t counter = 0; !target.empty(); ++counter) {
     input[input.size() - 2] = static_cast<std::uint8_t>(counter >> 8);
     input[input.size() - 1] = static_cast<std::uint8_t>(counter);
     SecretBytes mask(sha1Size);
     gcry_md_hash_buffer(GCRY_MD_SHA1, mask.data(), input.data(), input.size());
-    const std::size_t count = std::min(sha1Size, target.size() - offset);
-    for (std::size_t i = 0; i < count; ++i) target[offset + i] ^= mask[i];
+    const std::size_t count = std::min(sha1Size, target.size());
+    for (std::size_t i = 0; i < count; ++i) target[i] ^= mask[i];
+    target = target.subspan(count);
   }
 }
 

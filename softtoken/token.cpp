@@ -40,12 +40,6 @@ Bytes lockContext(std::string_view serial, Role role, bool needsProof) {
   return std::move(writer).take();
 }
 
-SecretBytes randomSecret() {
-  SecretBytes secret(secretKeySize);
-  fillRandom(secret);
-  return secret;
-}
-
 void requireAuthentic(const TokenState& state, const MasterKey& masterKey, bool needsProof) {
   if (isAuthentic(state, masterKey) || (!state.proof && !needsProof)) return;
   throw Failure(Status::deviceFault, "the token's file was changed without its password");
@@ -76,7 +70,7 @@ Token::Token(const std::filesystem::path& folder)
       stateFile_(folder / "token"),
       triesFile_(folder / "tries"),
       lockFile_(folder / "lock"),
-      macKey_(randomSecret()) {}
+      macKey_(randomSecret(secretKeySize)) {}
 
 std::shared_ptr<const TokenState> Token::state() {
   const std::lock_guard guard(mutex_);

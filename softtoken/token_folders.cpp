@@ -158,8 +158,7 @@ void createToken(const NewToken& token, std::string_view userPassword, std::stri
   state.label = token.label;
   state.firmware = token.firmware;
   state.capacity = token.capacity;
-  MasterKey masterKey(secretKeySize);
-  fillRandom(masterKey);
+  const MasterKey masterKey = randomSecret(secretKeySize);
   state.user = makePasswordLock(userPassword, masterKey, state.serial, Role::user);
   state.securityOfficer = makePasswordLock(officerPassword, masterKey, state.serial, Role::securityOfficer);
 

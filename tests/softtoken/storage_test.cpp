@@ -247,6 +247,8 @@ TEST_F(SoftTokenTest, KeyPairsKeepTheirDetails) {
   EXPECT_STREQ(keyPairs().at(0).label, "new");
   EXPECT_TRUE(std::ranges::equal(keyPairs().at(0).keyId, newId));
   EXPECT_EQ(update("", 129), badArgument);
+  EXPECT_EQ(update("", 1), ok);
+  EXPECT_EQ(keyPairs().at(0).keyId[1], 0) << "the rest of a longer ID";
 
   const std::vector<TavrinKeyPair>& listed = keyPairs();
   EXPECT_EQ(tavrin_deleteKeyPair(device.c_str(), key.recordId, "wrong", false, instance), wrongPassword);
