@@ -24,8 +24,9 @@ CK_OBJECT_HANDLE rangeOf(CK_OBJECT_CLASS objectClass) {
 }  // namespace
 
 CK_OBJECT_CLASS classOfModuleHandle(CK_OBJECT_HANDLE handle) {
-  if (handle < publicKeys) return CKO_PRIVATE_KEY;
-  return handle < certificates ? CKO_PUBLIC_KEY : CKO_CERTIFICATE;
+  const CK_OBJECT_HANDLE range = handle - handle % rangeSize;
+  if (range == privateKeys) return CKO_PRIVATE_KEY;
+  return range == publicKeys ? CKO_PUBLIC_KEY : CKO_CERTIFICATE;
 }
 
 CK_OBJECT_HANDLE moduleHandleOf(CK_OBJECT_CLASS objectClass, CK_OBJECT_HANDLE sibling) {
@@ -112,6 +113,11 @@ void deleteFromToken(ModuleLock& module, Object& object) {
   const CK_RV code = module->C_DestroyObject(lockedSession(module, token), handle);
   if (code != CKR_OK) throw moduleFailure(module, token, "C_DestroyObject", code);
   ObjectTable& objects = module.state().objects;
+  // The session objects from which C_CopyObject made the pair.
+  objects.dropIf([&](const Object& old) {
+    return old.kept && old.token == &token &&
+           moduleHandleOf(object.objectClass, old.moduleHandle) == object.moduleHandle;
+  });
   for (Object* gone : {&object, other.get()}) {
     if (!gone) continue;
     if (gone->objectClass == CKO_PUBLIC_KEY && gone->attributes) {

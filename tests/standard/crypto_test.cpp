@@ -344,6 +344,8 @@ TEST_F(KeysTest, KeyAgreement) {
   derives(ecdh(CKD_NULL, octets, none), readable, CKR_OK, z);
   derives(plain, sized(32).with({{CKA_KEY_TYPE, CKK_AES}}), CKR_OK, z);
   derives(plain, sized(33), differs(tooLong, CKR_FUNCTION_FAILED, byOpenSsl), "");
+  derives(plain, sized(1 << 20), differs(CKR_ATTRIBUTE_VALUE_INVALID, CKR_FUNCTION_FAILED, byOpenSsl), "");
+  derives(plain, sized((1 << 20) + 1), differs(CKR_TEMPLATE_INCONSISTENT, CKR_FUNCTION_FAILED, byOpenSsl), "");
   each(bad,
        {ecdh(CKD_NULL, peer, shared),
         ecdh(CKD_NULL, none, none),

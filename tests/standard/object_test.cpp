@@ -369,6 +369,11 @@ TEST_F(KeysTest, SessionObjects) {
   for (const CK_OBJECT_HANDLE object : other.find({{CKA_LABEL, "kept"}})) is(other.destroy(object), CKR_OK);
 
   is(other.generate(CKM_EC_KEY_PAIR_GEN, curve, own), CKR_OK);
+  const CK_OBJECT_HANDLE original = other.made;
+  is(other.copy(original, {{CKA_TOKEN, true}}), CKR_OK);
+  is(other.destroy(other.made), CKR_OK);
+  is(other.destroy(original), differs(noSuchObject, CKR_OK, "a copy is another key there"));
+  is(other.generate(CKM_EC_KEY_PAIR_GEN, curve, own), CKR_OK);
   is(other.create({{CKA_CLASS, CKO_PUBLIC_KEY},
                    {CKA_KEY_TYPE, CKK_EC},
                    {CKA_TOKEN, false},

@@ -22,3 +22,9 @@ createToken first
 createToken second
 createToken third
 E2E_MODULE=$(native "$standardLibrary") run standard_test "$@"
+
+# On Linux TMPDIR has the log, with errors and without calls.
+if [[ $E2E_SYSTEM != Windows ]]; then
+  grep -rq 'ERROR ::=>C_GetAttributeValue: invalid hObject' tmp || fail "the log lacks an error"
+  ! grep -r 'C_GetAttributeValue: no value for type' tmp || fail "an attribute that an object lacks is an error in the log"
+fi
