@@ -11,7 +11,6 @@
 #include <map>
 #include <thread>
 
-#include "softtoken/certificates.h"
 #include "softtoken/key_material.h"
 #include "softtoken/record_io.h"
 #include "softtoken/token_folders.h"
@@ -71,7 +70,6 @@ class Victim {
     importKey(CKR_OK);
     pause("keys made");
     sign();
-    manage();
     pause("signed");
     refused();
     decrypt(CKM_RSA_PKCS);
@@ -125,19 +123,8 @@ class Victim {
                                                               {"ec", CKM_ECDSA_SHA256}};
     const Bytes data(5000, 'd');
     for (const auto& [label, mechanism] : ways) {
-      const Bytes signature = token_->sign(mechanism, privateKey(label), data);
-      check(token_->verify(mechanism, token_->find(CKO_PUBLIC_KEY, label), data, signature), "C_Verify");
-      token_->sign(mechanism, privateKey(label), data, true);
+      for (const bool inParts : {false, true}) token_->sign(mechanism, privateKey(label), data, inParts);
     }
-  }
-
-  // Creates and deletes a certificate, and labels a key anew.
-  void manage() {
-    const Given certificate("certificate");
-    CK_ATTRIBUTE label = {CKA_LABEL, const_cast<char*>("ec"), 2};
-    check(token_->create(CKO_CERTIFICATE, {{CKA_VALUE, certificate}}, &made_), "C_CreateObject");
-    check(module()->C_DestroyObject(token_->handle, made_), "C_DestroyObject");
-    check(module()->C_SetAttributeValue(token_->handle, privateKey("ec"), &label, 1), "C_SetAttributeValue");
   }
 
   void decrypt(CK_MECHANISM_TYPE mechanism) {
@@ -149,7 +136,7 @@ class Victim {
     wipe(plain);
   }
 
-  // What no key of the token signs or decrypts, and what is no certificate.
+  // What no key of the token signs or decrypts.
   void refused() {
     Bytes wrong(600, 'w'), out(1024);
     auto length = sizeOf(out);
@@ -160,7 +147,6 @@ class Victim {
     check(module()->C_DecryptInit(token_->handle, &raw, key), "C_DecryptInit");
     const CK_RV result = module()->C_Decrypt(token_->handle, wrong.data(), 600, out.data(), &length);
     expect(result, CKR_FUNCTION_FAILED, "C_Decrypt");
-    expect(token_->create(CKO_CERTIFICATE, {{CKA_VALUE, wrong}}, &made_), CKR_DATA_INVALID, "C_CreateObject");
   }
 
   void derive(CK_EC_KDF_TYPE kdf, CK_RV expected) {
@@ -185,17 +171,10 @@ class Search {
     addPieces(name, plain);
     std::memcpy(beginnings_[name].data(), plain.data(), sizeof(Piece));
     addPieces(name, Bytes(plain.rbegin(), plain.rend()));  // as arithmetic keeps numbers
-    for (const char* digits : {"0123456789abcdef", "0123456789ABCDEF"}) {
-      Bytes hex;
-      for (const CK_BYTE byte : plain)
-        for (const int digit : {byte / 16, byte % 16}) hex.push_back(static_cast<CK_BYTE>(digits[digit]));
-      addPieces(name, hex);
-    }
-    for (const CK_BYTE pad : {CK_BYTE{0x36}, CK_BYTE{0x5C}}) {  // as HMAC uses keys
-      Bytes padded = plain;
-      for (CK_BYTE& byte : padded) byte ^= pad;
-      addPieces(name, padded);
-    }
+    Bytes hex;                                             // as the log shows bytes
+    for (const CK_BYTE byte : plain)
+      for (const int digit : {byte / 16, byte % 16}) hex.push_back(static_cast<CK_BYTE>("0123456789ABCDEF"[digit]));
+    addPieces(name, hex);
   }
 
   void look(ByteView memory, Copies& found) const {
@@ -320,7 +299,6 @@ TEST_F(SecretsTest, NoSecretOutlivesItsUse) {
   secret("imported prime 1", parts.field(1024));
   writeFile("modulus", masked(imported.publicKey));
   writeFile("peer", masked(peer_.publicKey));
-  writeFile("certificate", masked(softtoken::certificatesInFolder(TEST_DATA, {".pem"}).at(0).second));
   victim_ = testPlatform::startSelf({"--victim"});
   ASSERT_NO_FATAL_FAILURE(await("keys made"));
   ASSERT_NO_FATAL_FAILURE(addKeys(password));

@@ -137,9 +137,3 @@ Bytes TokenSession::sign(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key, View
   check(module->C_SignUpdate(handle, pointerTo(rest), sizeOf(rest)), "C_SignUpdate");
   return fetch([&](CK_BYTE_PTR result, CK_ULONG_PTR length) { return module->C_SignFinal(handle, result, length); });
 }
-
-CK_RV TokenSession::verify(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key, View data, View signature) {
-  CK_MECHANISM argument = {mechanism, nullptr, 0};
-  check(module->C_VerifyInit(handle, &argument, key), "C_VerifyInit");
-  return module->C_Verify(handle, pointerTo(data), sizeOf(data), pointerTo(signature), sizeOf(signature));
-}

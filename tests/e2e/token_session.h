@@ -41,7 +41,6 @@ class TokenSession {
   // Signing, encrypting and decrypting share their calls' shapes: compute(module->C_SignInit, module->C_Sign, ...).
   Bytes compute(CK_C_SignInit init, CK_C_Sign call, CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key, View data);
   Bytes sign(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key, View data, bool inParts = false);
-  CK_RV verify(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key, View data, View signature);
 
   CryptokiModule module;
   CK_SESSION_HANDLE handle = CK_INVALID_HANDLE;
