@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "objects/ca_installation.h"
+#include "softtoken/certificates.h"
 #include "softtoken/crypto_library.h"
 #include "softtoken/failure.h"
 #include "softtoken/platform.h"
@@ -53,7 +54,10 @@ std::string commonNameOf(ByteView certificate) {
 // The attributes of an object to create. The values must outlive it.
 class Template {
  public:
-  Template(CK_OBJECT_CLASS objectClass) : class_(objectClass) { add(CKA_CLASS, &class_, sizeof class_); }
+  Template(CK_OBJECT_CLASS objectClass) : class_(objectClass) {
+    add(CKA_CLASS, &class_, sizeof class_);
+    add(CKA_TOKEN, &onToken_, sizeof onToken_);
+  }
   Template(const Template&) = delete;
   Template& operator=(const Template&) = delete;
 
@@ -74,6 +78,7 @@ class Template {
 
  private:
   CK_OBJECT_CLASS class_;
+  CK_BBOOL onToken_ = CK_TRUE;
   std::vector<CK_ATTRIBUTE> attributes_;
 };
 
@@ -201,7 +206,10 @@ class Import {
     });
     if (there) return;
     const std::string label = !id.empty() && !options_.label.empty() ? options_.label : name;
+    const CK_CERTIFICATE_TYPE type = CKC_X_509;
     Template attributes(CKO_CERTIFICATE);
+    attributes.add(CKA_CERTIFICATE_TYPE, &type, sizeof type);
+    attributes.add(CKA_SUBJECT, softtoken::parseCertificate(der).subject);
     attributes.add(CKA_VALUE, der);
     attributes.add(CKA_LABEL, label);
     attributes.add(CKA_ID, id);

@@ -69,7 +69,9 @@ json '.[] | .name, (.problem | length > 0)' '"anna",false,"other",true'
 rm -r tokens/other
 
 # Password files as editors and shells write them; the password is the same in all of them.
-tool 0 token create files --pin-file "$pin" --so-pin-file "$soPin"
+tool 0 token create files --pin-file "$pin" --so-pin-file "$soPin" --label "$(printf %033d 0)" --firmware 1.9 --capacity 7
+says err 'only the first 32 bytes'
+tool 0 token unplug files
 word=$(cat so-pin)
 printf '%s\r\nsecond line' "$word" >file1
 printf '\xef\xbb\xbf%s' "$word" >file2
@@ -79,6 +81,8 @@ for i in 1 2 3 4; do tool 0 token unlock files --so-pin-file "$(native "$E2E_FOL
 printf 'Gr\xc3\xbc\xc3\x9f \xf0\x9f\x94\x91' | tee utf8 | { printf '\xff\xfe' && iconv -f UTF-8 -t UTF-16LE; } >utf16
 tool 0 token reset files --yes --pin-file "$(native "$E2E_FOLDER/utf8")" --so-pin-file "$(native "$E2E_FOLDER/utf16")"
 tool 0 token unlock files --so-pin-file "$(native "$E2E_FOLDER/utf8")" --new-pin-file "$pin"
+tool 0 token list --json
+json '.[] | select(.name == "files") | .label, .firmware, .capacity, .plugged' "\"$(printf %033d 0)\",\"1.9\",7,false"
 endless=/dev/zero
 [[ $E2E_SYSTEM == Linux ]] || { head -c 100000000 /dev/zero >zeros && endless=$(native "$E2E_FOLDER/zeros"); }
 tool 1 token unlock files --so-pin-file "$endless" --new-pin-file "$pin"
@@ -131,6 +135,7 @@ done
 for left in {9..0}; do
   ! run sign_file "$E2E_MODULE" "file:$wrong" key "$pin" no &>/dev/null || fail "a wrong password was right"
   word=enough && ((left > 2)) || word=few && ((left > 0)) || word=none
+  [[ $left != 2 ]] || { tool 3 status && says out 'tries left    2, few'; }
   [[ $left -gt 3 ]] || { tool 3 status --json && json '.tokens[0] | .triesLeftExactly, .triesLeft' "$left,\"$word\""; }
 done
 tool 1 token unlock anna --so-pin-file "$wrong" --new-pin-file "$pin"

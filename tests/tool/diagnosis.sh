@@ -52,13 +52,14 @@ if [[ $E2E_SYSTEM == Windows ]]; then
     "\"Z:$E2E_BIN/tavrin-tool.exe\" status" >disturbed.bat
   "$E2E_RUNNER" cmd /c disturbed.bat </dev/null >out || true
 else
-  LD_LIBRARY_PATH=$E2E_FOLDER/path HOME=$E2E_FOLDER/user JAVA_HOME=$E2E_FOLDER/java launch tavrin-tool status >out || true
+  LD_LIBRARY_PATH=$E2E_FOLDER/path:$E2E_FOLDER:$E2E_BIN HOME=$E2E_FOLDER/user JAVA_HOME=$E2E_FOLDER/java launch tavrin-tool status >out || true
   says out 'loads the module twice, directly and through p11-kit'
   (cd user && HOME='' launch tavrin-tool status) >homeless || true
   [[ -s homeless ]] && ! grep -q Firefox homeless || fail "settings of the working folder: $(cat homeless)"
 fi
 says out 'another device library is in the search path' "Firefox's setting in" "names a missing file, $(native /nowhere/module)" \
   "Java's setting in" "names a missing file, $(native /nowhere/java)"
+[[ $(tr -s '[:space:]' ' ' <out | grep -o 'another device library' | wc -l) == 1 ]] || fail "one library is another: $(cat out)"
 
 if [[ $E2E_SYSTEM == Windows ]]; then
   # Files that are no DLL for this processor, and a module without its device library.
@@ -127,23 +128,26 @@ cat >sent.LOG <<'END'
 21/11::10:00:01:000-> ->DEBUG ::=>C_CreateObject
 21/11::10:00:01:000-> ->DEBUG ::=>Issuer 'Secret <b>Name</b>' NOT found — skipping chain import
 21/11::10:00:01:500-> ->DEBUG ::=>Sign input hash : 00112233445566778899AABBCCDDEEFF
+21/11::10:00:02:000-> ->EXCEP ::=>C_Sign: token 0123456789ABCDEF failed
 END
 sent=$(native "$E2E_FOLDER/sent.LOG")
 tool 0 log "$sent" --since 10:00 --names
-[[ $(wc -l <out) == 5 ]] || fail "--since is not kept: $(cat out)"
+[[ $(wc -l <out) == 6 ]] || fail "--since is not kept: $(cat out)"
 says out 'mechanism=4176 (CKM_ECDH1_DERIVE)'
 tool 2 log "$sent" --since 10
 tool 1 log "$(native "$E2E_FOLDER/nothing.LOG")"
 
 # The report: refusals explained, gaps to scale, nothing that acts as markup; and without names.
 tool 0 report page.html --log "$sent"
-says out '6 log lines, 1 refusals'
+says out '7 log lines, 2 refusals'
 says page.html 'C_SignInit</b> <i>250 ms' 'class=g style=height:20px>750 ms' '>1.0 s<' 'offer this mechanism' \
   'Secret &lt;b&gt;Name' 'CKM_ECDH1_DERIVE' "$(basename "$E2E_FOLDER")" 'AABBCCDDEEFF'
 [[ $(grep -cE '(src|href)=["h]*http|url\(' page.html) == 0 ]] || fail "the page refers to others"
 tool 0 report private.html --private --log "$sent"
+tool 0 report nobody.html --program nobody.exe
+says out '0 log lines, 0 refusals'
 serial=$(run tavrin-tool token list --json | jq -r '.[0].serial')
-silent private.html Secret AABBCCDDEEFF anna "$serial" "$keyId" Right '"key"' "$E2E_FOLDER" "$(cat pin)"
+silent private.html Secret AABBCCDDEEFF 0123456789ABCDEF anna "$serial" "$keyId" Right '"key"' "$E2E_FOLDER" "$(cat pin)"
 says private.html 'offer this mechanism' 'label 1' '(hidden)'
 awk 'BEGIN {
   hash = "DEBUG ::=>Sign input hash : 00112233445566778899AABBCCDDEEFF00112233445566778899AABBCCDDEEFF"

@@ -27,7 +27,7 @@ imports() {
   tool 0 import "$(native "$E2E_FOLDER/$2")" --pin-file "$pin" "${@:4}"
   says out 'the key is on the token already'
   tool 0 token show "$1" --json
-  json '(.keyPairs | length), (.certificates | length)' '1,2'
+  json '(.keyPairs | length), [.certificates[].label] - ["'"${label:-Person}"'"]' '1,["Root"]'
   tool 0 token remove "$1" --yes
 }
 
@@ -42,7 +42,7 @@ label=mine imports plain plain.pem 'wrote the key "mine", id 0123' --label mine 
 { openssl rsa -in Person.pem -traditional 2>/dev/null && cat Person.crt Root.pem; } >traditional.pem
 imports traditional traditional.pem 'wrote the key "Person"'
 { openssl pkcs8 -topk8 -in Person.pem -passout file:filePin && cat Person.crt Root.pem; } >encrypted.pem
-imports encrypted encrypted.pem 'wrote the key "Person"' --file-pin-file "$filePin"
+imports encrypted encrypted.pem 'wrote the key "Person"' --file-pin-file "$filePin" --module "$(native "$standardLibrary")"
 
 # What cannot be imported, and why; nothing is written.
 createToken refused >/dev/null
