@@ -42,8 +42,8 @@ endfunction()
 
 # tavrin_join_sources(target): where TAVRIN_JOIN_SOURCES is on, compiles the target's sources several at a time, so that
 # the headers of the standard library are read, and checked by clang-tidy, a few times instead of a hundred. A name in an
-# unnamed namespace must then be unique in its library. The preset for Linux compiles each source alone, which shows that
-# each includes what it uses.
+# unnamed namespace must then be unique in its library. The Debian packages are built without it, which shows that
+# each source includes what it uses.
 option(TAVRIN_JOIN_SOURCES "Compile several sources at a time" OFF)
 function(tavrin_join_sources target)
   set_target_properties(${target} PROPERTIES UNITY_BUILD ${TAVRIN_JOIN_SOURCES} UNITY_BUILD_BATCH_SIZE 10)

@@ -68,7 +68,7 @@ checkFormat() {
 
 # Checks several sources at a time: most of the time is spent on the headers of the standard library.
 checkTidy() {
-  cmake --preset linux -B build/tidy -DTAVRIN_JOIN_SOURCES=ON -DTAVRIN_BUILD_TESTS=OFF &&
+  cmake --preset linux -B build/tidy -DTAVRIN_BUILD_TESTS=OFF &&
     run-clang-tidy -quiet -p build/tidy -j "$jobs" "^$top/(build/tidy/)?(?!.*winabi)(src|softtoken|standard|tool|examples)/"
 }
 

@@ -18,7 +18,8 @@ maintainer="${DEBFULLNAME:-Tavrin} <${DEBEMAIL:-tavrin@quorvane.example}>"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-cmake --preset linux -B "$build" -DTAVRIN_BUILD_TESTS=OFF -DTAVRIN_JOIN_SOURCES=ON \
+# Each source is compiled alone, which shows that each includes what it uses.
+cmake --preset linux -B "$build" -DTAVRIN_BUILD_TESTS=OFF -DTAVRIN_JOIN_SOURCES=OFF \
   -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_LIBDIR="$modules"
 cmake --build "$build" --parallel "$(nproc)"
 version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build/CMakeCache.txt")
