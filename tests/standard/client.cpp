@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <iterator>
+#include <map>
 
 #include "load_module.h"
 #include "softtoken/ec.h"
@@ -12,7 +12,6 @@
 #include "softtoken/rsa.h"
 
 CK_FUNCTION_LIST* f = nullptr;
-const char* const operationNames[] = {"digest", "sign", "verify", "encrypt", "decrypt"};
 const std::string p256{"\x06\x08\x2A\x86\x48\xCE\x3D\x03\x01\x07"}, p384{"\x06\x05\x2B\x81\x04\x00\x22", 7},
     p521{"\x06\x05\x2B\x81\x04\x00\x23", 7}, exponent("\1\0\1", 3);
 
@@ -118,17 +117,24 @@ CK_RV Session::into(CK_ULONG room, Call call) {
   return result;
 }
 
+Functions functionsOf(Operation operation) {
+  const Functions all[] = {{nullptr, f->C_Digest, f->C_DigestUpdate, f->C_DigestFinal},
+                           {f->C_SignInit, f->C_Sign, f->C_SignUpdate, f->C_SignFinal},
+                           {f->C_VerifyInit, nullptr, f->C_VerifyUpdate, nullptr},
+                           {f->C_EncryptInit, f->C_Encrypt, nullptr, f->C_EncryptFinal},
+                           {f->C_DecryptInit, f->C_Decrypt, nullptr, f->C_DecryptFinal}};
+  return all[operation];
+}
+
 CK_RV Session::init(Operation operation, Mechanism mechanism, CK_OBJECT_HANDLE key) const {
   CK_MECHANISM given = mechanism.get();
-  if (operation == digest) return f->C_DigestInit(handle, &given);
-  const CK_C_SignInit inits[] = {nullptr, f->C_SignInit, f->C_VerifyInit, f->C_EncryptInit, f->C_DecryptInit};
-  return inits[operation](handle, &given, key);
+  return operation == digest ? f->C_DigestInit(handle, &given) : functionsOf(operation).init(handle, &given, key);
 }
 
 CK_RV Session::once(Operation operation, const std::string& data, CK_ULONG room) {
-  const CK_C_Sign calls[] = {f->C_Digest, f->C_Sign, nullptr, f->C_Encrypt, f->C_Decrypt};
-  return into(room,
-              [&](auto to, auto size) { return calls[operation](handle, bytesOf(data), lengthOf(data), to, size); });
+  return into(room, [&](auto to, auto size) {
+    return functionsOf(operation).once(handle, bytesOf(data), lengthOf(data), to, size);
+  });
 }
 
 CK_RV Session::check(const std::string& data, const std::string& signature) const {
@@ -136,18 +142,14 @@ CK_RV Session::check(const std::string& data, const std::string& signature) cons
 }
 
 CK_RV Session::update(Operation operation, const std::string& data, CK_ULONG room) {
-  if (operation >= encrypt) {
-    const auto call = operation == encrypt ? f->C_EncryptUpdate : f->C_DecryptUpdate;
-    return into(room, [&](auto to, auto size) { return call(handle, bytesOf(data), lengthOf(data), to, size); });
-  }
-  const CK_C_SignUpdate calls[] = {f->C_DigestUpdate, f->C_SignUpdate, f->C_VerifyUpdate};
-  return calls[operation](handle, bytesOf(data), lengthOf(data));
+  if (operation < encrypt) return functionsOf(operation).update(handle, bytesOf(data), lengthOf(data));
+  const auto call = operation == encrypt ? f->C_EncryptUpdate : f->C_DecryptUpdate;
+  return into(room, [&](auto to, auto size) { return call(handle, bytesOf(data), lengthOf(data), to, size); });
 }
 
 CK_RV Session::final(Operation operation, CK_ULONG room) {
   if (operation == verify) return f->C_VerifyFinal(handle, bytesOf(out), lengthOf(out));
-  const CK_C_SignFinal calls[] = {f->C_DigestFinal, f->C_SignFinal, nullptr, f->C_EncryptFinal, f->C_DecryptFinal};
-  return into(room, [&](CK_BYTE* to, CK_ULONG* size) { return calls[operation](handle, to, size); });
+  return into(room, [&](auto to, auto size) { return functionsOf(operation).final(handle, to, size); });
 }
 
 CK_RV Session::run(Operation operation, const Mechanism& mechanism, CK_OBJECT_HANDLE key, const std::string& data,
@@ -189,12 +191,12 @@ std::string Session::value(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) {
 }
 
 std::string hashed(CK_MECHANISM_TYPE hash, const std::string& data) {
-  const int algorithm = hash == CKM_SHA_1    ? GCRY_MD_SHA1
-                        : hash == CKM_SHA256 ? GCRY_MD_SHA256
-                        : hash == CKM_SHA384 ? GCRY_MD_SHA384
-                                             : GCRY_MD_SHA512;
+  static const std::map<CK_MECHANISM_TYPE, int> algorithms{{CKM_SHA_1, GCRY_MD_SHA1},
+                                                           {CKM_SHA256, GCRY_MD_SHA256},
+                                                           {CKM_SHA384, GCRY_MD_SHA384},
+                                                           {CKM_SHA512, GCRY_MD_SHA512}};
   softtoken::readyCryptoLibrary();
-  const softtoken::Bytes digest = softtoken::hashOf(algorithm, view(data));
+  const softtoken::Bytes digest = softtoken::hashOf(algorithms.at(hash), view(data));
   return {digest.begin(), digest.end()};
 }
 
@@ -219,9 +221,10 @@ void StandardTest::SetUp() {
   for (CK_ULONG i = 0; i < count; ++i) {
     CK_TOKEN_INFO info;
     ASSERT_TRUE(is(f->C_GetTokenInfo(found[i], &info), CKR_OK));
-    if (std::memcmp(info.label, "first ", 6) == 0) slots[0] = found[i];
-    if (std::memcmp(info.label, "second ", 7) == 0) slots[1] = found[i];
-    if (std::memcmp(info.label, "third ", 6) == 0) slots[2] = found[i];
+    const std::string label(reinterpret_cast<const char*>(info.label), sizeof info.label);
+    for (const char* name : {"first ", "second ", "third "}) {
+      if (label.starts_with(name)) slots[*name == 'f' ? 0 : *name == 's' ? 1 : 2] = found[i];
+    }
   }
 }
 

@@ -23,8 +23,6 @@ struct Expected {
 };
 // SoftHSM2 ends with another code than the standard's; `why` says for what reason.
 Expected differs(Expected standard, CK_RV softHsm, const char* why);
-// The same for what SoftHSM2 can do and the token cannot.
-inline Expected cannot(Expected token, CK_RV softHsm, const char* why) { return differs(token, softHsm, why); }
 
 // Reasons that many rows have.
 inline constexpr char byOpenSsl[] = "its code for all that OpenSSL refuses", unlooked[] = "it does not look";
@@ -41,6 +39,13 @@ void each(const Expected& expected, std::initializer_list<Argument> arguments, C
   for (const Argument& one : arguments) {
     is(call(one), expected, "row " + std::to_string(&one - arguments.begin()), line, file);
   }
+}
+
+// Rows whose calls have been made.
+inline void all(const Expected& expected, std::initializer_list<CK_RV> codes, int line = __builtin_LINE(),
+                const char* file = __builtin_FILE()) {
+  each(
+      expected, codes, [](CK_RV code) { return code; }, line, file);
 }
 
 // A boolean, a number or bytes, by the type of the second argument.
@@ -91,8 +96,14 @@ Mechanism pss(CK_MECHANISM_TYPE type, CK_MECHANISM_TYPE hash, CK_RSA_PKCS_MGF_TY
 Mechanism oaep(CK_MECHANISM_TYPE hash, CK_RSA_PKCS_MGF_TYPE mgf);
 
 enum Operation { digest, sign, verify, encrypt, decrypt };
-inline constexpr Operation operations[] = {digest, sign, verify, encrypt, decrypt};
-extern const char* const operationNames[];
+// The library's functions for an operation. Those that take no result, or a mechanism alone, are null.
+struct Functions {
+  CK_C_SignInit init;
+  CK_C_Sign once;
+  CK_C_SignUpdate update;
+  CK_C_SignFinal final;
+};
+Functions functionsOf(Operation operation);
 
 constexpr CK_ULONG query = CK_UNAVAILABLE_INFORMATION;  // as room for a result: none, only its length is asked for
 

@@ -33,25 +33,21 @@ class OperationTest : public KeysTest {
 
 TEST_F(OperationTest, InitChecksMechanismAndKey) {
   for (const Case& c : cases()) {
-    SCOPED_TRACE(operationNames[c.operation]);
+    SCOPED_TRACE(c.operation);
     Session s;
     is(s.init(c.operation, unknown, c.key), CKR_MECHANISM_INVALID);
     is(s.init(c.operation, c.operation == digest ? CKM_RSA_PKCS : CKM_SHA256, c.key), CKR_MECHANISM_INVALID);
     if (c.operation == digest) {
       is(f->C_DigestInit(s, nullptr), CKR_ARGUMENTS_BAD);
     } else {
-      const CK_C_SignInit inits[] = {nullptr, f->C_SignInit, f->C_VerifyInit, f->C_EncryptInit, f->C_DecryptInit};
       const Expected misfit{CKR_KEY_TYPE_INCONSISTENT, CKR_KEY_FUNCTION_NOT_PERMITTED};
       const bool signature = c.operation == sign || c.operation == verify;
-      is(inits[c.operation](s, nullptr, c.key), CKR_ARGUMENTS_BAD);
-      is(s.init(c.operation, c.mechanism, 0), noSuchKey());
-      is(s.init(c.operation, c.mechanism, 12345678), noSuchKey());
+      is(functionsOf(c.operation).init(s, nullptr, c.key), CKR_ARGUMENTS_BAD);
+      each(noSuchKey(), {0u, 12345678u}, [&](CK_OBJECT_HANDLE key) { return s.init(c.operation, c.mechanism, key); });
       is(s.init(c.operation, c.mechanism, c.otherHalf), misfit);
-      const Session another;
-      is(another.init(c.operation, c.mechanism, c.otherType), signature ? differs(misfit, CKR_OK, unlooked) : misfit);
+      is(Session().init(c.operation, c.mechanism, c.otherType), signature ? differs(misfit, CKR_OK, unlooked) : misfit);
     }
-    EXPECT_FALSE(s.isActive(c.operation)) << "after refusals";
-    is(s.update(c.operation, c.data), noOperation);
+    is(s.update(c.operation, c.data), noOperation, "after refusals");
     is(s.init(c.operation, c.mechanism, c.key), CKR_OK);
     is(s.init(c.operation, c.mechanism, c.key), CKR_OPERATION_ACTIVE);
     EXPECT_TRUE(s.isActive(c.operation)) << "refusals leave the first one";
@@ -62,7 +58,7 @@ TEST_F(OperationTest, InitChecksMechanismAndKey) {
 TEST_F(OperationTest, BuffersAndEnds) {
   for (const Case& c : cases()) {
     if (c.operation == verify) continue;
-    SCOPED_TRACE(operationNames[c.operation]);
+    SCOPED_TRACE(c.operation);
     const bool parts = c.operation < encrypt || !isSoftHsm();
     Session s;
     const auto begin = [&] { is(s.init(c.operation, c.mechanism, c.key), CKR_OK); };
@@ -77,8 +73,8 @@ TEST_F(OperationTest, BuffersAndEnds) {
     const std::string result = s.out;
     is(s.once(c.operation, c.data, query), noOperation);
     begin();
-    const CK_C_Sign calls[] = {f->C_Digest, f->C_Sign, nullptr, f->C_Encrypt, f->C_Decrypt};
-    is(calls[c.operation](s, bytesOf(c.data), lengthOf(c.data), bytesOf(result), nullptr), CKR_ARGUMENTS_BAD);
+    is(functionsOf(c.operation).once(s, bytesOf(c.data), lengthOf(c.data), bytesOf(result), nullptr),
+       CKR_ARGUMENTS_BAD);
     EXPECT_EQ(s.isActive(c.operation), isSoftHsm()) << "every other error is an end, though not there";
     if (!parts) continue;  // SoftHSM2 encrypts with RSA in one part only
 
@@ -93,7 +89,6 @@ TEST_F(OperationTest, BuffersAndEnds) {
     if (c.operation != encrypt) {
       EXPECT_EQ(s.out, result) << "in parts as in one";
     }
-    is(s.final(c.operation), noOperation);
     begin();
     is(s.update(c.operation, c.data), CKR_OK);
     const Expected mixed{CKR_OPERATION_ACTIVE, CKR_OPERATION_NOT_INITIALIZED, CKR_FUNCTION_FAILED};
@@ -105,13 +100,13 @@ TEST_F(OperationTest, LengthsOfData) {
   Session& s = *owner_;
   const auto bytes = [](std::size_t count) { return std::string(count, 'd'); };
   const char raw[] = "the device would take these bytes for a digest";
-  const Expected refused = cannot({CKR_DATA_LEN_RANGE, CKR_DATA_INVALID}, CKR_OK, raw);
+  const Expected refused = differs({CKR_DATA_LEN_RANGE, CKR_DATA_INVALID}, CKR_OK, raw);
   const auto rows = [&](Operation operation, CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key, const Expected& expected,
                         std::initializer_list<std::size_t> lengths) {
     for (const std::size_t length : lengths) {
       is(s.init(operation, type, key), CKR_OK);
       const CK_RV code = s.once(operation, bytes(length));
-      is(code, expected, operationNames[operation] + std::to_string(length));
+      is(code, expected, std::to_string(operation) + ", length " + std::to_string(length));
       EXPECT_FALSE(s.isActive(operation)) << length;
       if (code != CKR_OK || type != CKM_RSA_PKCS || operation != sign) continue;
       is(s.run(verify, type, rsaPublic_, bytes(length)), CKR_OK, std::to_string(length));
@@ -123,8 +118,6 @@ TEST_F(OperationTest, LengthsOfData) {
   rows(sign, CKM_RSA_PKCS, rsa_, refused, {20, 32, 48, 64});
   rows(sign, CKM_RSA_PKCS, rsa_, differs(CKR_DATA_LEN_RANGE, CKR_GENERAL_ERROR, byOpenSsl), {246, 5000});
   rows(sign, CKM_ECDSA, ec_, CKR_OK, {1, 20, 32});
-  rows(encrypt, CKM_RSA_PKCS, rsaPublic_, CKR_OK, {1, 245});
-  rows(encrypt, CKM_RSA_PKCS, rsaPublic_, differs(CKR_DATA_LEN_RANGE, CKR_GENERAL_ERROR, byOpenSsl), {246});
   rows(decrypt, CKM_RSA_PKCS, rsa_, differs(CKR_ENCRYPTED_DATA_LEN_RANGE, CKR_GENERAL_ERROR, byOpenSsl), {0, 255, 257});
   rows(decrypt, CKM_RSA_PKCS, rsa_, differs(CKR_ENCRYPTED_DATA_INVALID, CKR_GENERAL_ERROR, byOpenSsl), {256});
 }
@@ -167,7 +160,7 @@ TEST_F(OperationTest, OperationsSideBySide) {
   if (isSoftHsm()) return;
   is(f->C_FindObjectsInit(s, nullptr, 0), CKR_OK);
   for (const Case& c : all) {
-    if (c.operation != digest) is(s.init(c.operation, c.mechanism, c.key), CKR_OK, operationNames[c.operation]);
+    if (c.operation != digest) is(s.init(c.operation, c.mechanism, c.key), CKR_OK);
   }
   for (const char* part : {"da", "ta"})
     for (const Operation operation : {digest, sign, verify}) is(s.update(operation, part), CKR_OK);
@@ -255,7 +248,7 @@ TEST_F(KeysTest, MechanismParameters) {
     rows(operation, key, bad, {pss256, CKM_RSA_PKCS_PSS, {pss256, 'x'}});
     rows(operation, key, badPss,
          {pss(pss256, CKM_SHA_1, CKG_MGF1_SHA1, 20), pss(pss256, CKM_SHA256, CKG_MGF1_SHA1, 32)});
-    rows(operation, key, cannot(CKR_MECHANISM_PARAM_INVALID, CKR_OK, saltLength),
+    rows(operation, key, differs(CKR_MECHANISM_PARAM_INVALID, CKR_OK, saltLength),
          {pss(pss256, CKM_SHA256, CKG_MGF1_SHA256, 20)});
     rows(operation, key, differs(CKR_MECHANISM_PARAM_INVALID, CKR_MECHANISM_INVALID, "its code for salts"),
          {pss(pss256, CKM_SHA256, CKG_MGF1_SHA256, 999)});
@@ -264,7 +257,7 @@ TEST_F(KeysTest, MechanismParameters) {
   for (const Operation operation : {encrypt, decrypt}) {
     const CK_OBJECT_HANDLE key = operation == encrypt ? rsaPublic_ : rsa_;
     rows(operation, key, bad, {CKM_RSA_PKCS_OAEP, {CKM_RSA_PKCS_OAEP, 'x'}});
-    rows(operation, key, cannot(CKR_MECHANISM_PARAM_INVALID, CKR_ARGUMENTS_BAD, shaOne),
+    rows(operation, key, differs(CKR_MECHANISM_PARAM_INVALID, CKR_ARGUMENTS_BAD, shaOne),
          {oaep(CKM_SHA256, CKG_MGF1_SHA256), oaep(CKM_SHA_1, CKG_MGF1_SHA256)});
   }
   rows(digest, 0, differs(CKR_MECHANISM_PARAM_INVALID, CKR_OK, unlooked), {{CKM_SHA256, 'x'}});
@@ -276,15 +269,13 @@ TEST_F(KeysTest, Encryption) {
     for (const std::size_t size : {1u, 100u, mechanism.type == CKM_RSA_PKCS ? 245u : 214u}) {
       const std::string data(size, 'p');
       is(s.run(encrypt, mechanism, rsaPublic_, data), CKR_OK);
-      EXPECT_EQ(s.out.size(), 256U);
       std::string wrong = s.out;
-      wrong[200] = static_cast<char>(wrong[200] ^ 1);
+      wrong.at(200) = static_cast<char>(wrong[200] ^ 1);
       is(s.run(decrypt, mechanism, rsa_, s.out), CKR_OK);
       EXPECT_EQ(s.out, data);
       EXPECT_NE(s.run(decrypt, mechanism, rsa_, wrong), CKR_OK);
-      EXPECT_FALSE(s.isActive(decrypt));
     }
-    is(s.run(encrypt, mechanism, rsaPublic_, std::string(246, 'p')),
+    is(s.run(encrypt, mechanism, rsaPublic_, std::string(mechanism.type == CKM_RSA_PKCS ? 246 : 215, 'p')),
        differs(CKR_DATA_LEN_RANGE, CKR_GENERAL_ERROR, byOpenSsl));
   }
 }
@@ -323,10 +314,11 @@ TEST_F(KeysTest, KeyAgreement) {
   EXPECT_EQ(s.value(s.made, CKA_VALUE), z) << "both sides agree";
   EXPECT_EQ(s.value(s.made, CKA_CLASS), Attribute(CKA_CLASS, CKO_SECRET_KEY).value);
   EXPECT_EQ(s.value(s.made, CKA_VALUE_LEN), Attribute(CKA_CLASS, 32).value);
-  is(s.derive(ec_, ecdh(CKD_NULL, own, none), readable.with({{CKA_SENSITIVE, true}, {CKA_VALUE_LEN, 32}})), CKR_OK);
-  is(s.get(s.made, CKA_VALUE), CKR_ATTRIBUTE_SENSITIVE);
-  is(s.derive(ec_, ecdh(CKD_NULL, own, none), readable.with({{CKA_EXTRACTABLE, false}, {CKA_VALUE_LEN, 32}})), CKR_OK);
-  is(s.get(s.made, CKA_VALUE), CKR_ATTRIBUTE_SENSITIVE);
+  for (const Attribute& one : {Attribute(CKA_SENSITIVE, true), Attribute(CKA_EXTRACTABLE, false)}) {
+    is(s.derive(ec_, ecdh(CKD_NULL, own, none), readable.with({one, {CKA_VALUE_LEN, 32}})), CKR_OK);
+    is(s.get(s.made, CKA_VALUE), CKR_ATTRIBUTE_SENSITIVE);
+  }
+  EXPECT_EQ(s.find({{CKA_VALUE, z}}).size(), isSoftHsm() ? 4U : 2U) << "values that must not be read are not compared";
 
   const Expected bad{CKR_MECHANISM_PARAM_INVALID, CKR_ARGUMENTS_BAD};
   const auto derives = [&](const Mechanism& mechanism, const Template& wanted, const Expected& code,

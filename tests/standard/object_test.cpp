@@ -3,6 +3,7 @@
 #include <sstream>
 
 #include "client.h"
+#include "softtoken/der.h"
 
 namespace {
 
@@ -16,19 +17,15 @@ const char oneRecord[] = "a pair is one record of the device, with one label and
 // What an RSA key in PKCS#1's DER has, as a template wants it.
 Template importedKey() {
   const std::string der = fileNamed("imported.der");
-  std::vector<std::string> numbers;
-  for (std::size_t at = 4; at + 2 < der.size();) {
-    const auto byte = [&](std::size_t i) { return static_cast<std::size_t>(static_cast<unsigned char>(der[at + i])); };
-    const std::size_t header = byte(1) < 128 ? 2 : byte(1) - 128 + 2;
-    const std::size_t size = header == 2 ? byte(1) : header == 3 ? byte(2) : byte(2) * 256 + byte(3);
-    std::string number = der.substr(at + header, size);
-    numbers.push_back(number.size() > 1 && number[0] == '\0' ? number.substr(1) : number);
-    at += header + size;
-  }
+  softtoken::ByteView rest = softtoken::viewOf(der);
+  rest = softtoken::takeElement(rest).value().content;
+  softtoken::takeElement(rest);  // the version
   Template key{{CKA_CLASS, CKO_PRIVATE_KEY}, {CKA_KEY_TYPE, CKK_RSA}, {CKA_LABEL, "imported"}, {CKA_ID, "number 7"}};
-  constexpr CK_ATTRIBUTE_TYPE types[] = {CKA_MODULUS, CKA_PUBLIC_EXPONENT, CKA_PRIVATE_EXPONENT, CKA_PRIME_1,
-                                         CKA_PRIME_2, CKA_EXPONENT_1,      CKA_EXPONENT_2,       CKA_COEFFICIENT};
-  for (std::size_t i = 0; i < std::size(types); ++i) key = key.with({{types[i], numbers.at(i + 1)}});
+  for (const CK_ATTRIBUTE_TYPE type : {CKA_MODULUS, CKA_PUBLIC_EXPONENT, CKA_PRIVATE_EXPONENT, CKA_PRIME_1, CKA_PRIME_2,
+                                       CKA_EXPONENT_1, CKA_EXPONENT_2, CKA_COEFFICIENT}) {
+    const auto number = softtoken::withoutLeadingZeros(softtoken::takeElement(rest).value().content);
+    key = key.with({{type, std::string(number.begin(), number.end())}});
+  }
   return key.with({{CKA_SIGN, true}, {CKA_DECRYPT, true}});
 }
 
@@ -70,28 +67,18 @@ TEST_F(KeysTest, SearchesMatchEveryAttributeExactly) {
 TEST_F(KeysTest, SearchesAreSnapshots) {
   Session& s = *owner_;
   CK_OBJECT_HANDLE found[2];
-  CK_ULONG count = 7;
-  const Session last;
-  is(f->C_FindObjects(s, found, 1, &count), CKR_OPERATION_NOT_INITIALIZED);
-  is(f->C_FindObjectsFinal(s), CKR_OPERATION_NOT_INITIALIZED);
+  CK_ULONG count = 7, total = 0;
+  all(CKR_OPERATION_NOT_INITIALIZED, {f->C_FindObjects(s, found, 1, &count), f->C_FindObjectsFinal(s)});
   is(f->C_FindObjectsInit(s, nullptr, 1), CKR_ARGUMENTS_BAD);
   Template shortNumber{{CKA_CLASS, "\3"}};
-  is(f->C_FindObjectsInit(last, shortNumber.data(), 1), {CKR_OK, CKR_ATTRIBUTE_VALUE_INVALID});
+  is(f->C_FindObjectsInit(Session(), shortNumber.data(), 1), {CKR_OK, CKR_ATTRIBUTE_VALUE_INVALID});
   is(f->C_FindObjectsInit(s, nullptr, 0), CKR_OK);
   is(f->C_FindObjectsInit(s, nullptr, 0), CKR_OPERATION_ACTIVE);
-  is(f->C_FindObjects(s, nullptr, 1, &count), CKR_ARGUMENTS_BAD);
-  is(f->C_FindObjects(s, found, 1, nullptr), CKR_ARGUMENTS_BAD);
-  Session other;
-  is(other.create(certificate().with({{CKA_TOKEN, false}})), CKR_OK);
+  all(CKR_ARGUMENTS_BAD, {f->C_FindObjects(s, nullptr, 1, &count), f->C_FindObjects(s, found, 1, nullptr)});
+  is(Session().create(certificate().with({{CKA_TOKEN, false}})), CKR_OK);
   EXPECT_FALSE(s.value(rsa_, CKA_MODULUS).empty()) << "attributes can be read between";
-  std::size_t total = 0;
-  do {
-    is(f->C_FindObjects(s, found, 1, &count), CKR_OK);
-    total += count;
-  } while (count != 0 && total < 9);
+  for (; count != 0 && total < 9; total += count) is(f->C_FindObjects(s, found, 1, &count), CKR_OK);
   EXPECT_EQ(total, 4U);
-  is(f->C_FindObjects(s, found, 2, &count), CKR_OK, "after the last");
-  EXPECT_EQ(count, 0U);
   is(f->C_FindObjectsFinal(s), CKR_OK);
 }
 
@@ -123,8 +110,7 @@ TEST_F(KeysTest, Attributes) {
   none(CKR_ATTRIBUTE_TYPE_INVALID, rsaPublic_, {CKA_PRIVATE_EXPONENT, CKA_SENSITIVE, CKA_SIGN});
   none(CKR_ATTRIBUTE_TYPE_INVALID, ec_, {CKA_EC_POINT, CKA_MODULUS, CKA_PUBLIC_EXPONENT});
   none(CKR_ATTRIBUTE_TYPE_INVALID, ecPublic_, {CKA_VALUE, CKA_VENDOR_DEFINED | 1});
-  each(noSuchObject, {0, 12345678},
-       [&](int object) { return s.get(static_cast<CK_OBJECT_HANDLE>(object), CKA_CLASS); });
+  each(noSuchObject, {0u, 12345678u}, [&](CK_OBJECT_HANDLE object) { return s.get(object, CKA_CLASS); });
   EXPECT_EQ(s.value(rsa_, CKA_MODULUS).size(), 256U);
   EXPECT_EQ(s.value(ecPublic_, CKA_EC_POINT).substr(0, 3), "\x04\x41\x04");
 
@@ -142,11 +128,9 @@ TEST_F(KeysTest, Attributes) {
   for (std::size_t i = 0; i < 6; ++i) EXPECT_EQ(several[i].ulValueLen, lengths[i]) << i;
   is(s.get(rsa_, CKA_MODULUS, 255), CKR_BUFFER_TOO_SMALL);
   EXPECT_EQ(s.length, CK_UNAVAILABLE_INFORMATION);
-  is(f->C_GetAttributeValue(s, rsa_, nullptr, 1), CKR_ARGUMENTS_BAD);
-  CK_ULONG size = 0;
-  is(f->C_GetObjectSize(s, rsa_, &size), CKR_OK);
-  is(f->C_GetObjectSize(s, 12345678, &size), noSuchObject);
-  is(f->C_GetObjectSize(s, rsa_, nullptr), CKR_ARGUMENTS_BAD);
+  all(CKR_ARGUMENTS_BAD, {f->C_GetAttributeValue(s, rsa_, nullptr, 1), f->C_GetObjectSize(s, rsa_, nullptr)});
+  is(f->C_GetObjectSize(s, rsa_, &unused), CKR_OK);
+  is(f->C_GetObjectSize(s, 12345678, &unused), noSuchObject);
 }
 
 TEST_F(KeysTest, ChangingAttributes) {
@@ -160,7 +144,6 @@ TEST_F(KeysTest, ChangingAttributes) {
   for (const Attribute& one : fixed.values()) {
     is(s.set(rsa_, {{CKA_LABEL, "rsa"}, one}), CKR_ATTRIBUTE_READ_ONLY, std::to_string(one.type));
   }
-  is(s.set(rsa_, {{CKA_LABEL, "new"}, {CKA_MODULUS, "modulus"}}), CKR_ATTRIBUTE_READ_ONLY);
   EXPECT_EQ(s.value(rsa_, CKA_LABEL), "rsa") << "a refusal changes nothing";
   is(s.set(rsa_, {{CKA_LABEL, "another"}}), CKR_OK);
   EXPECT_EQ(s.value(rsa_, CKA_LABEL), "another");
@@ -205,7 +188,7 @@ TEST_F(KeysTest, CreatingObjects) {
      differs(CKR_ATTRIBUTE_VALUE_INVALID, CKR_TEMPLATE_INCOMPLETE, unlooked));
   is(create(publicKey.with({{CKA_LOCAL, true}})), {CKR_ATTRIBUTE_READ_ONLY, CKR_TEMPLATE_INCONSISTENT});
   is(create(publicKey.with({{CKA_EC_POINT, point}})), {CKR_TEMPLATE_INCONSISTENT, CKR_ATTRIBUTE_TYPE_INVALID});
-  each(cannot({CKR_ATTRIBUTE_VALUE_INVALID, CKR_TEMPLATE_INCONSISTENT, CKR_FUNCTION_NOT_SUPPORTED}, CKR_OK, noData),
+  each(differs({CKR_ATTRIBUTE_VALUE_INVALID, CKR_TEMPLATE_INCONSISTENT, CKR_FUNCTION_NOT_SUPPORTED}, CKR_OK, noData),
        {Template{{CKA_CLASS, CKO_DATA}, {CKA_TOKEN, false}, {CKA_VALUE, "text"}}, secret}, create);
   Session reader(0);
   is(reader.create(publicKey), CKR_OK, "session objects are a reader's too");
@@ -291,29 +274,32 @@ TEST_F(KeysTest, GeneratingKeys) {
   const Expected badCurve = differs({CKR_ATTRIBUTE_VALUE_INVALID, CKR_DOMAIN_PARAMS_INVALID, curveNotSupported},
                                     CKR_GENERAL_ERROR, byOpenSsl);
   const Expected badSize{CKR_ATTRIBUTE_VALUE_INVALID, CKR_KEY_SIZE_RANGE};
-  const auto refused = [](CK_MECHANISM_TYPE type, const Expected& code, const Template& publicPart,
-                          const Template& privatePart, int line = __builtin_LINE()) {
-    Session s;
-    is(s.generate(type, publicPart, privatePart), code, "", line);
-    is(f->C_CloseSession(s), CKR_OK);
-  };
   const CK_MECHANISM_TYPE rsaPair = CKM_RSA_PKCS_KEY_PAIR_GEN, ecPair = CKM_EC_KEY_PAIR_GEN;
-  refused(rsaPair, CKR_TEMPLATE_INCOMPLETE, none, none);
-  refused(ecPair, CKR_TEMPLATE_INCOMPLETE, none, none);
-  refused(CKM_RSA_PKCS, CKR_MECHANISM_INVALID, bits, none);
-  refused(CKM_VENDOR_DEFINED | 1, CKR_MECHANISM_INVALID, bits, none);
-  refused(rsaPair, cannot(badSize, CKR_OK, "any size will do there"), {{CKA_MODULUS_BITS, 1001}}, none);
-  refused(rsaPair, differs(badSize, CKR_GENERAL_ERROR, byOpenSsl), {{CKA_MODULUS_BITS, 100000}}, none);
-  refused(rsaPair, CKR_ATTRIBUTE_VALUE_INVALID, {{CKA_MODULUS_BITS, "x"}}, none);
-  refused(rsaPair, differs(CKR_ATTRIBUTE_VALUE_INVALID, CKR_GENERAL_ERROR, byOpenSsl),
-          bits.with({{CKA_PUBLIC_EXPONENT, "\2"}}), none);
-  refused(rsaPair, badValue, bits.with({{CKA_KEY_TYPE, CKK_EC}}), none);
-  refused(rsaPair, badValue, bits, {{CKA_KEY_TYPE, CKK_EC}});
-  refused(rsaPair, badValue, bits.with({{CKA_CLASS, CKO_PRIVATE_KEY}}), none);
-  refused(rsaPair, badValue, bits, {{CKA_CLASS, CKO_PUBLIC_KEY}});
-  refused(ecPair, badCurve, {{CKA_EC_PARAMS, "x"}}, none);
-  refused(ecPair, badCurve, {{CKA_EC_PARAMS, std::string("\x06\x05\x2B\x81\x04\x00\x7F", 7)}}, none);
-  refused(ecPair, CKR_ATTRIBUTE_VALUE_INVALID, curve, {{CKA_SIGN, "yes"}});
+  const struct {
+    CK_MECHANISM_TYPE type;
+    Expected code;
+    Template publicPart, privatePart;
+  } refused[] = {{rsaPair, CKR_TEMPLATE_INCOMPLETE, none, none},
+                 {ecPair, CKR_TEMPLATE_INCOMPLETE, none, none},
+                 {CKM_RSA_PKCS, CKR_MECHANISM_INVALID, bits, none},
+                 {CKM_VENDOR_DEFINED | 1, CKR_MECHANISM_INVALID, bits, none},
+                 {rsaPair, differs(badSize, CKR_OK, "any size will do there"), {{CKA_MODULUS_BITS, 1001}}, none},
+                 {rsaPair, differs(badSize, CKR_GENERAL_ERROR, byOpenSsl), {{CKA_MODULUS_BITS, 100000}}, none},
+                 {rsaPair, CKR_ATTRIBUTE_VALUE_INVALID, {{CKA_MODULUS_BITS, "x"}}, none},
+                 {rsaPair, differs(CKR_ATTRIBUTE_VALUE_INVALID, CKR_GENERAL_ERROR, byOpenSsl),
+                  bits.with({{CKA_PUBLIC_EXPONENT, "\2"}}), none},
+                 {rsaPair, badValue, bits.with({{CKA_KEY_TYPE, CKK_EC}}), none},
+                 {rsaPair, badValue, bits, {{CKA_KEY_TYPE, CKK_EC}}},
+                 {rsaPair, badValue, bits.with({{CKA_CLASS, CKO_PRIVATE_KEY}}), none},
+                 {rsaPair, badValue, bits, {{CKA_CLASS, CKO_PUBLIC_KEY}}},
+                 {ecPair, badCurve, {{CKA_EC_PARAMS, "x"}}, none},
+                 {ecPair, badCurve, {{CKA_EC_PARAMS, std::string("\x06\x05\x2B\x81\x04\x00\x7F", 7)}}, none},
+                 {ecPair, CKR_ATTRIBUTE_VALUE_INVALID, curve, {{CKA_SIGN, "yes"}}}};
+  for (const auto& row : refused) {
+    Session s;
+    is(s.generate(row.type, row.publicPart, row.privatePart), row.code, std::to_string(&row - refused));
+    is(f->C_CloseSession(s), CKR_OK);
+  }
   EXPECT_EQ(owner_->find({}).size(), 4U) << "refused templates leave no keys";
 
   Session reader(0);

@@ -1,4 +1,5 @@
-// Starting and stopping, slots and tokens, sessions, the states of login.
+// Starting and stopping, slots and tokens, sessions, the states of login. What the random walk of the standard module
+// compares with its model after every call is not listed here again.
 #include <algorithm>
 #include <cstring>
 #include <set>
@@ -27,48 +28,27 @@ TEST(General, InitializeChecksItsArgument) {
               {{create, use, use, nullptr, 0, nullptr}, CKR_ARGUMENTS_BAD},
               {{nullptr, nullptr, nullptr, nullptr, CKF_OS_LOCKING_OK, &something}, CKR_ARGUMENTS_BAD}};
   for (auto row : rows) {
-    const auto number = std::to_string(&row - rows);
     const CK_RV code = f->C_Initialize(&row.arguments);
-    is(code, row.code, number);
+    is(code, row.code, std::to_string(&row - rows));
     is(f->C_Finalize(nullptr), code == CKR_OK ? CKR_OK : CKR_CRYPTOKI_NOT_INITIALIZED);
   }
 }
 
-TEST(General, NothingWorksBeforeInitialize) {
-  CK_INFO info;
-  CK_SLOT_ID slot = 0;
-  CK_ULONG count = 0;
-  CK_FUNCTION_LIST* list = nullptr;
-  CK_MECHANISM mechanism{CKM_SHA256, nullptr, 0};
-  const auto all = [](CK_RV code) { return code; };
-  each(CKR_CRYPTOKI_NOT_INITIALIZED,
-       {f->C_Finalize(nullptr), f->C_GetInfo(&info), f->C_GetSlotList(CK_TRUE, nullptr, &count),
-        f->C_GetSlotList(CK_TRUE, nullptr, nullptr), f->C_GetMechanismList(0, nullptr, &count),
-        f->C_OpenSession(0, CKF_SERIAL_SESSION, nullptr, nullptr, &count), f->C_CloseSession(1),
-        f->C_CloseAllSessions(0), f->C_Login(1, CKU_USER, nullptr, 0), f->C_FindObjectsInit(1, nullptr, 0),
-        f->C_DigestInit(1, &mechanism), f->C_Sign(1, nullptr, 0, nullptr, &count), f->C_GenerateRandom(1, nullptr, 0),
-        f->C_WaitForSlotEvent(CKF_DONT_BLOCK, &slot, nullptr)},
-       all);
-  is(f->C_GetFunctionList(&list), CKR_OK);
-  is(f->C_GetFunctionList(nullptr), CKR_ARGUMENTS_BAD);
-}
-
 TEST_F(StandardTest, General) {
   CK_INFO info;
-  is(f->C_Initialize(nullptr), CKR_CRYPTOKI_ALREADY_INITIALIZED);
-  is(f->C_Finalize(&info), CKR_ARGUMENTS_BAD);
-  is(f->C_GetInfo(nullptr), CKR_ARGUMENTS_BAD);
-  is(f->C_GetInfo(&info), CKR_OK);
-  EXPECT_EQ(info.cryptokiVersion.major, 2);
-  EXPECT_EQ(info.cryptokiVersion.minor, 40);
-  EXPECT_EQ(f->version.minor, 40);
-  EXPECT_EQ(+info.flags, 0U);
-  const Session session;
-  is(f->C_GetFunctionStatus(session), CKR_FUNCTION_NOT_PARALLEL);
-  is(f->C_CancelFunction(session), CKR_FUNCTION_NOT_PARALLEL);
-  is(f->C_Finalize(nullptr), CKR_OK);
-  is(f->C_Initialize(nullptr), CKR_OK);
   CK_SESSION_INFO sessionInfo;
+  CK_MECHANISM mechanism{CKM_SHA256, nullptr, 0};
+  const Session session;
+  is(f->C_Initialize(nullptr), CKR_CRYPTOKI_ALREADY_INITIALIZED);
+  all(CKR_ARGUMENTS_BAD, {f->C_Finalize(&info), f->C_GetInfo(nullptr), f->C_GetFunctionList(nullptr)});
+  is(f->C_GetInfo(&info), CKR_OK);
+  EXPECT_EQ(info.cryptokiVersion.minor * 100 + f->version.minor, 4040);
+  EXPECT_EQ(+info.flags, 0U);
+  all(CKR_FUNCTION_NOT_PARALLEL, {f->C_GetFunctionStatus(session), f->C_CancelFunction(session)});
+  is(f->C_Finalize(nullptr), CKR_OK);
+  all(CKR_CRYPTOKI_NOT_INITIALIZED, {f->C_Finalize(nullptr), f->C_GetInfo(&info), f->C_CloseAllSessions(0),
+                                     f->C_DigestInit(session, &mechanism), f->C_GenerateRandom(session, nullptr, 0)});
+  is(f->C_Initialize(nullptr), CKR_OK);
   is(f->C_GetSessionInfo(session, &sessionInfo), CKR_SESSION_HANDLE_INVALID, "a session of before");
 }
 
@@ -78,35 +58,29 @@ void expectPadded(const CK_BYTE (&text)[size]) {
 }
 
 TEST_F(StandardTest, Slots) {
-  CK_ULONG count = 0, all = 0;
+  CK_ULONG count = 0, number = 0;
   CK_SLOT_INFO slot{};
   CK_TOKEN_INFO token{};
   CK_MECHANISM_INFO info;
   constexpr CK_SLOT_ID none = 0xFFFFF;
-  each(CKR_ARGUMENTS_BAD,
-       {f->C_GetSlotList(CK_TRUE, nullptr, nullptr), f->C_GetSlotInfo(slotOf(0), nullptr),
-        f->C_GetTokenInfo(slotOf(0), nullptr), f->C_GetMechanismList(slotOf(0), nullptr, nullptr),
-        f->C_GetMechanismInfo(slotOf(0), CKM_RSA_PKCS, nullptr)},
-       [](CK_RV code) { return code; });
-  each(CKR_SLOT_ID_INVALID,
-       {f->C_GetSlotInfo(none, &slot), f->C_GetTokenInfo(none, &token), f->C_GetMechanismList(none, nullptr, &count),
-        f->C_GetMechanismInfo(none, CKM_RSA_PKCS, &info)},
-       [](CK_RV code) { return code; });
-  is(f->C_GetSlotList(CK_FALSE, nullptr, &all), CKR_OK);
+  all(CKR_ARGUMENTS_BAD, {f->C_GetSlotList(CK_TRUE, nullptr, nullptr), f->C_GetSlotInfo(slotOf(0), nullptr),
+                          f->C_GetTokenInfo(slotOf(0), nullptr), f->C_GetMechanismList(slotOf(0), nullptr, nullptr),
+                          f->C_GetMechanismInfo(slotOf(0), CKM_RSA_PKCS, nullptr)});
+  all(CKR_SLOT_ID_INVALID, {f->C_GetSlotInfo(none, &slot), f->C_GetMechanismList(none, nullptr, &count),
+                            f->C_GetMechanismInfo(none, CKM_RSA_PKCS, &info), f->C_CloseAllSessions(none)});
+  is(f->C_GetSlotList(CK_FALSE, nullptr, &number), CKR_OK);
   is(f->C_GetSlotList(CK_TRUE, nullptr, &count), CKR_OK);
-  EXPECT_LE(count, all);
-  std::vector<CK_SLOT_ID> slots(all, none);
+  EXPECT_LE(count, number);
+  std::vector<CK_SLOT_ID> slots(number, none);
   is(f->C_GetSlotList(CK_TRUE, slots.data(), &(count = 1)), CKR_BUFFER_TOO_SMALL);
-  EXPECT_GE(count, 2U) << "the number of slots is told";
+  EXPECT_GE(count, 2U) << "the number of slots is written";
   EXPECT_EQ(slots[0], none);
-  is(f->C_GetSlotList(CK_TRUE, slots.data(), &(count = 0)), CKR_BUFFER_TOO_SMALL);
-  is(f->C_GetSlotList(CK_FALSE, slots.data(), &all), CKR_OK);
-  EXPECT_EQ(std::set<CK_SLOT_ID>(slots.begin(), slots.end()).size(), all) << "each slot once";
+  is(f->C_GetSlotList(CK_FALSE, slots.data(), &number), CKR_OK);
+  EXPECT_EQ(std::set<CK_SLOT_ID>(slots.begin(), slots.end()).size(), number) << "each slot once";
 
   is(f->C_GetSlotInfo(slotOf(0), &slot), CKR_OK);
   expectPadded(slot.slotDescription);
   expectPadded(slot.manufacturerID);
-  EXPECT_NE(slot.flags & CKF_TOKEN_PRESENT, 0U);
   const Session reader(0), writer;
   is(f->C_GetTokenInfo(slotOf(0), &token), CKR_OK);
   for (const CK_BYTE* text : {token.label, token.manufacturerID}) EXPECT_EQ(std::memchr(text, 0, 32), nullptr);
@@ -114,92 +88,76 @@ TEST_F(StandardTest, Slots) {
   expectPadded(token.serialNumber);
   constexpr CK_FLAGS wanted = CKF_RNG | CKF_LOGIN_REQUIRED | CKF_USER_PIN_INITIALIZED | CKF_TOKEN_INITIALIZED;
   EXPECT_EQ(token.flags & (wanted | CKF_WRITE_PROTECTED | CKF_USER_PIN_LOCKED | CKF_SO_PIN_LOCKED), wanted);
-  if (token.ulSessionCount != CK_UNAVAILABLE_INFORMATION) {
-    EXPECT_EQ(+token.ulSessionCount, 2U);
-    EXPECT_EQ(+token.ulRwSessionCount, 1U);
-  }
+  EXPECT_EQ(+token.ulRwSessionCount, isSoftHsm() ? CK_UNAVAILABLE_INFORMATION : 1U);
   EXPECT_LE(+token.ulMinPinLen, 4U);
 
   std::vector<CK_MECHANISM_TYPE> types(200);
-  is(f->C_GetMechanismList(slotOf(0), nullptr, &count), CKR_OK);
-  const CK_ULONG mechanisms = count;
-  is(f->C_GetMechanismList(slotOf(0), types.data(), &(count = mechanisms - 1)), CKR_BUFFER_TOO_SMALL);
-  EXPECT_EQ(count, mechanisms);
+  is(f->C_GetMechanismList(slotOf(0), nullptr, &number), CKR_OK);
+  is(f->C_GetMechanismList(slotOf(0), types.data(), &(count = number - 1)), CKR_BUFFER_TOO_SMALL);
   is(f->C_GetMechanismList(slotOf(0), types.data(), &count), CKR_OK);
+  EXPECT_EQ(count, number);
   for (CK_ULONG i = 0; i < count; ++i) is(f->C_GetMechanismInfo(slotOf(0), types[i], &info), CKR_OK);
   is(f->C_GetMechanismInfo(slotOf(0), CKM_VENDOR_DEFINED | 1, &info), CKR_MECHANISM_INVALID);
   is(f->C_GetMechanismInfo(slotOf(0), CKM_EC_KEY_PAIR_GEN, &info), CKR_OK);
   EXPECT_NE(info.flags & CKF_GENERATE_KEY_PAIR, 0U);
 
-  const char noEvents[] = "it has no events";
   is(f->C_WaitForSlotEvent(CKF_DONT_BLOCK, &slots[0], nullptr), CKR_NO_EVENT);
-  is(f->C_WaitForSlotEvent(CKF_DONT_BLOCK, nullptr, nullptr), differs(CKR_ARGUMENTS_BAD, CKR_NO_EVENT, noEvents));
-  is(f->C_WaitForSlotEvent(CKF_DONT_BLOCK, &slots[0], &count), differs(CKR_ARGUMENTS_BAD, CKR_NO_EVENT, noEvents));
+  all(differs(CKR_ARGUMENTS_BAD, CKR_NO_EVENT, "it has no events"),
+      {f->C_WaitForSlotEvent(CKF_DONT_BLOCK, nullptr, nullptr),
+       f->C_WaitForSlotEvent(CKF_DONT_BLOCK, &slots[0], &count)});
 }
 
-// The random walk compares who is logged in, in every session and after every call.
+// Most rules are the walk's; that SoftHSM2 has the same is looked at here.
 TEST_F(StandardTest, SessionsAndLogin) {
   CK_SESSION_HANDLE handle = 0;
   CK_SESSION_INFO info;
   is(f->C_OpenSession(slotOf(0), CKF_RW_SESSION, nullptr, nullptr, &handle), CKR_SESSION_PARALLEL_NOT_SUPPORTED);
-  is(f->C_OpenSession(slotOf(0), CKF_SERIAL_SESSION, nullptr, nullptr, nullptr), CKR_ARGUMENTS_BAD);
-  is(f->C_OpenSession(0xFFFFF, CKF_SERIAL_SESSION, nullptr, nullptr, &handle), CKR_SLOT_ID_INVALID);
-  is(f->C_CloseAllSessions(0xFFFFF), CKR_SLOT_ID_INVALID);
   const Session reader(0), writer, other(CKF_RW_SESSION, 1);
-  is(f->C_GetSessionInfo(reader, nullptr), CKR_ARGUMENTS_BAD);
+  all(CKR_ARGUMENTS_BAD,
+      {f->C_OpenSession(slotOf(0), CKF_SERIAL_SESSION, nullptr, nullptr, nullptr), f->C_GetSessionInfo(reader, nullptr),
+       f->C_Login(reader, CKU_USER, nullptr, 4), f->C_SetPIN(writer, nullptr, 3, nullptr, 3)});
   is(f->C_GetSessionInfo(reader, &info), CKR_OK);
-  EXPECT_EQ(+info.slotID, slotOf(0));
   EXPECT_EQ(+info.flags, CKF_SERIAL_SESSION);
   is(f->C_Logout(reader), differs(CKR_USER_NOT_LOGGED_IN, CKR_OK, "its logout has no state to check"));
   is(reader.login(7), CKR_USER_TYPE_INVALID);
-  is(f->C_Login(reader, CKU_USER, nullptr, 4), CKR_ARGUMENTS_BAD);
   is(reader.login(CKU_USER, "not the PIN"), CKR_PIN_INCORRECT);
   is(reader.login(CKU_USER, "x"), {CKR_PIN_INCORRECT, CKR_PIN_LEN_RANGE});
   is(writer.login(CKU_SO, Session::pinOf(CKU_SO)), CKR_SESSION_READ_ONLY_EXISTS);
-  is(reader.login(), CKR_OK, "a read-only session will do");
-  EXPECT_EQ(reader.state(), CKS_RO_USER_FUNCTIONS);
-  EXPECT_EQ(writer.state(), CKS_RW_USER_FUNCTIONS);
-  EXPECT_EQ(other.state(), CKS_RW_PUBLIC_SESSION) << "each token has its login";
+  is(reader.login(), CKR_OK);
   is(writer.login(CKU_USER, "not the PIN"), CKR_USER_ALREADY_LOGGED_IN);
-  is(writer.login(CKU_SO, Session::pinOf(CKU_SO)), {CKR_USER_ANOTHER_ALREADY_LOGGED_IN, CKR_SESSION_READ_ONLY_EXISTS});
+  EXPECT_EQ(writer.state() * 10 + other.state(), CKS_RW_USER_FUNCTIONS * 10 + CKS_RW_PUBLIC_SESSION);
   is(f->C_CloseAllSessions(slotOf(0)), CKR_OK);
-  is(f->C_GetSessionInfo(writer, &info), CKR_SESSION_HANDLE_INVALID);
-  is(f->C_GetSessionInfo(other, &info), CKR_OK, "sessions of another token stay");
 
   const Session officer;
   EXPECT_EQ(officer.state(), CKS_RW_PUBLIC_SESSION) << "the last session's end is a logout";
-  EXPECT_GT(officer.handle, other.handle) << "handles do not come back";
   is(f->C_InitPIN(officer, bytesOf("12345678"), 8),
-     cannot({CKR_USER_NOT_LOGGED_IN, CKR_FUNCTION_NOT_SUPPORTED}, CKR_USER_NOT_LOGGED_IN, unsupported));
+     differs({CKR_USER_NOT_LOGGED_IN, CKR_FUNCTION_NOT_SUPPORTED}, CKR_USER_NOT_LOGGED_IN, unsupported));
   is(officer.login(CKU_SO, "not the PIN"), CKR_PIN_INCORRECT);
   is(officer.login(CKU_SO, Session::pinOf(CKU_SO)), CKR_OK);
-  EXPECT_EQ(officer.state(), CKS_RW_SO_FUNCTIONS);
   is(officer.login(), CKR_USER_ANOTHER_ALREADY_LOGGED_IN);
   is(f->C_OpenSession(slotOf(0), CKF_SERIAL_SESSION, nullptr, nullptr, &handle), CKR_SESSION_READ_WRITE_SO_EXISTS);
   EXPECT_TRUE(officer.find({{CKA_CLASS, CKO_PRIVATE_KEY}}).empty()) << "private objects are the user's";
-  is(f->C_Logout(officer), CKR_OK);
-  EXPECT_EQ(officer.state(), CKS_RW_PUBLIC_SESSION);
-}
-
-CK_RV setPin(CK_SESSION_HANDLE session, const std::string& before, const std::string& after) {
-  return f->C_SetPIN(session, bytesOf(before), lengthOf(before), bytesOf(after), lengthOf(after));
 }
 
 TEST_F(StandardTest, Pins) {
-  const Session reader(0, 1), writer(CKF_RW_SESSION, 1);
+  const Session reader(0, 1);
+  Session writer(CKF_RW_SESSION, 1);
   const std::string pin = Session::pinOf(CKU_USER);
-  is(setPin(reader, pin, "123456"), CKR_SESSION_READ_ONLY);
-  is(setPin(writer, "not the PIN", "123456"), CKR_PIN_INCORRECT);
-  each(CKR_PIN_LEN_RANGE, {1, 3, 64, 300}, [&](int length) {
-    if (isSoftHsm()) length = length < 4 ? length : 300;  // it takes up to 255
-    return setPin(writer, pin, std::string(static_cast<std::size_t>(length), '1'));
-  });
-  is(f->C_SetPIN(writer, nullptr, 3, nullptr, 3), CKR_ARGUMENTS_BAD);
-  is(setPin(writer, pin, "1234"), CKR_OK, "no login is needed");
+  const auto set = [](CK_SESSION_HANDLE session, const std::string& before, const std::string& after) {
+    return f->C_SetPIN(session, bytesOf(before), lengthOf(before), bytesOf(after), lengthOf(after));
+  };
+  is(set(reader, pin, "123456"), CKR_SESSION_READ_ONLY);
+  is(set(writer, "not the PIN", "123456"), CKR_PIN_INCORRECT);
+  // SoftHSM2 takes up to 255.
+  each(CKR_PIN_LEN_RANGE, {1u, 3u, isSoftHsm() ? 300u : 64u, 300u},
+       [&](std::size_t length) { return set(writer, pin, std::string(length, '1')); });
+  is(set(writer, pin, "1234"), CKR_OK, "no login is needed");
   is(writer.login(), CKR_PIN_INCORRECT);
   is(writer.login(CKU_USER, "1234"), CKR_OK);
-  is(setPin(writer, "1234", pin), CKR_OK);
+  is(set(writer, "1234", pin), CKR_OK);
   EXPECT_EQ(reader.state(), CKS_RO_USER_FUNCTIONS);
+  is(Session().login(), CKR_OK);
+  is(writer.generate(CKM_EC_KEY_PAIR_GEN, {{CKA_EC_PARAMS, p256}}, {}), CKR_OK, "the new PIN serves this login");
   is(f->C_Logout(writer), CKR_OK);
   is(writer.login(), CKR_OK);
 }
@@ -212,20 +170,18 @@ TEST_F(StandardTest, WhatTheTokenCannot) {
   CK_OBJECT_HANDLE made = 0;
   CK_ULONG length = 0;
   is(f->C_GenerateKey(session, &aes, key.data(), key.size(), &made),
-     cannot(CKR_FUNCTION_NOT_SUPPORTED, CKR_OK, "no symmetric keys"));
+     differs(CKR_FUNCTION_NOT_SUPPORTED, CKR_OK, "no symmetric keys"));
   is(f->C_WrapKey(session, &wrapping, 1, 1, nullptr, &length),
-     cannot(CKR_FUNCTION_NOT_SUPPORTED, CKR_WRAPPING_KEY_HANDLE_INVALID, unsupported));
+     differs(CKR_FUNCTION_NOT_SUPPORTED, CKR_WRAPPING_KEY_HANDLE_INVALID, unsupported));
   is(f->C_UnwrapKey(session, &wrapping, 1, bytesOf("x"), 1, key.data(), key.size(), &made),
-     cannot(CKR_FUNCTION_NOT_SUPPORTED, CKR_UNWRAPPING_KEY_HANDLE_INVALID, unsupported));
-  each(CKR_FUNCTION_NOT_SUPPORTED,
-       {f->C_GetOperationState(session, nullptr, &length), f->C_SetOperationState(session, nullptr, 0, 0, 0),
-        f->C_SignRecoverInit(session, &wrapping, 1), f->C_DigestEncryptUpdate(session, nullptr, 0, nullptr, &length)},
-       [](CK_RV code) { return code; });
+     differs(CKR_FUNCTION_NOT_SUPPORTED, CKR_UNWRAPPING_KEY_HANDLE_INVALID, unsupported));
+  all(CKR_FUNCTION_NOT_SUPPORTED,
+      {f->C_GetOperationState(session, nullptr, &length), f->C_SetOperationState(session, nullptr, 0, 0, 0),
+       f->C_SignRecoverInit(session, &wrapping, 1), f->C_DigestEncryptUpdate(session, nullptr, 0, nullptr, &length)});
   is(f->C_DigestKey(session, 1), CKR_OPERATION_NOT_INITIALIZED);
-  is(f->C_SeedRandom(session, bytesOf("seed"), 4), cannot(CKR_RANDOM_SEED_NOT_SUPPORTED, CKR_OK, "no seed is taken"));
+  is(f->C_SeedRandom(session, bytesOf("seed"), 4), differs(CKR_RANDOM_SEED_NOT_SUPPORTED, CKR_OK, "no seed is taken"));
   std::string random(64, '\0'), again = random;
-  is(f->C_GenerateRandom(session, bytesOf(random), 64), CKR_OK);
-  is(f->C_GenerateRandom(session, bytesOf(again), 64), CKR_OK);
+  all(CKR_OK, {f->C_GenerateRandom(session, bytesOf(random), 64), f->C_GenerateRandom(session, bytesOf(again), 64)});
   EXPECT_NE(random, again);
   is(f->C_GenerateRandom(session, nullptr, 4), CKR_ARGUMENTS_BAD);
 }
