@@ -158,10 +158,7 @@ awk 'BEGIN {
     printf "21/11::%02d:%02d:%02d:%03d-> ->%s\n", i / 7200, i / 120 % 60, i / 2 % 60, i % 1000, text
   }
 }' >many.LOG
-start=$(date +%s%N)
 tool 0 report many.html --log "$(native "$E2E_FOLDER/many.LOG")"
-took=$((($(date +%s%N) - start) / 1000000))
-((took < 8000)) || fail "100000 lines took $took ms" # 2 s on a machine that is idle
 (($(stat -c %s many.html) < 20000000)) || fail "the page of 100000 lines is too large"
 says many.html '10000 times, first at 00:00:00.000'
-echo "status, log and report said what was wrong; 100000 lines took $took ms"
+echo "status, log and report said what was wrong"
