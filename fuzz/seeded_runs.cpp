@@ -10,8 +10,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 int main(int argc, char** argv) {
   LLVMFuzzerInitialize(&argc, &argv);
   std::mt19937 random(1);
-  std::vector<std::uint8_t> input(1500);
-  for (int run = 0; run < 400; ++run) {
+  std::vector<std::uint8_t> input(6000);
+  for (int run = 0; run < 200; ++run) {
     for (std::uint8_t& byte : input) byte = static_cast<std::uint8_t>(random());
     LLVMFuzzerTestOneInput(input.data(), input.size());
   }

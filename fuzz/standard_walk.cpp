@@ -38,6 +38,7 @@ struct ModelSession {
   bool readWrite;
   bool dead = false;
   std::set<Operation> active{};
+  std::set<Operation> inParts{};  // have had a part, so that data in one call are refused
 
   CK_STATE state() const {
     if (token->login == officer) return CKS_RW_SO_FUNCTIONS;
@@ -371,20 +372,25 @@ class Walk {
   }
 
   void begin() {
-    static constexpr CK_MECHANISM_TYPE types[] = {
-        CKM_RSA_PKCS, CKM_SHA256,       CKM_SHA256_RSA_PKCS,     CKM_ECDSA_SHA256, CKM_RSA_PKCS_OAEP,
-        CKM_SHA_1,    CKM_RSA_PKCS_PSS, CKM_SHA512_RSA_PKCS_PSS, CKM_ECDSA,        0x80000001};
+    static constexpr std::pair<Operation, CK_MECHANISM_TYPE> pairs[] = {
+        {digest, CKM_SHA256},         {digest, CKM_SHA_1},
+        {sign, CKM_SHA256_RSA_PKCS},  {sign, CKM_RSA_PKCS},
+        {sign, CKM_RSA_PKCS_PSS},     {sign, CKM_ECDSA_SHA256},
+        {verify, CKM_ECDSA},          {verify, CKM_SHA512_RSA_PKCS_PSS},
+        {encrypt, CKM_RSA_PKCS_OAEP}, {encrypt, CKM_RSA_PKCS},
+        {decrypt, CKM_RSA_PKCS},      {decrypt, 0x80000001}};
+    auto [operation, type] = pairs[input_.below(std::size(pairs))];
+    if (input_.chance(32)) type = pairs[input_.below(std::size(pairs))].second;
     const CK_SESSION_HANDLE handle = anySession();
     const CK_OBJECT_HANDLE key = anyObject();
     CK_RSA_PKCS_PSS_PARAMS pss{CKM_SHA512, CKG_MGF1_SHA512, 64};
     CK_RSA_PKCS_OAEP_PARAMS oaep{CKM_SHA_1, CKG_MGF1_SHA1, CKZ_DATA_SPECIFIED, nullptr, 0};
-    CK_MECHANISM mechanism{types[input_.below(std::size(types))], nullptr, 0};
+    CK_MECHANISM mechanism{type, nullptr, 0};
     if (mechanism.mechanism == CKM_SHA512_RSA_PKCS_PSS) mechanism = {mechanism.mechanism, &pss, sizeof pss};
     if (mechanism.mechanism == CKM_RSA_PKCS_OAEP) mechanism = {mechanism.mechanism, &oaep, sizeof oaep};
     if (input_.chance(16)) mechanism.ulParameterLen = static_cast<CK_ULONG>(input_.below(40));
     CK_MECHANISM_PTR given = input_.chance(8) ? nullptr : &mechanism;
     if (mechanism.ulParameterLen > 0 && !mechanism.pParameter) mechanism.pParameter = &pss;
-    const auto operation = static_cast<Operation>(digest + input_.below(5));
     const CK_C_SignInit inits[] = {nullptr,         nullptr,          f->C_SignInit,
                                    f->C_VerifyInit, f->C_EncryptInit, f->C_DecryptInit};
     const CK_RV code = operation == digest ? f->C_DigestInit(handle, given) : inits[operation](handle, given, key);
@@ -399,6 +405,7 @@ class Walk {
     const bool isPrivate = operation == sign || operation == decrypt;
     if (isPrivate && session->token->login != user) stop("an Init call", code, CKR_USER_NOT_LOGGED_IN);
     session->active.insert(operation);
+    session->inParts.erase(operation);
     keys_[{handle, operation}] = key;
   }
 
@@ -439,6 +446,8 @@ class Walk {
     const CK_RV code = step.call();
     ModelSession* session = sessionOf(step.name, handle, code);
     if (!session) return;
+    const bool whole = !step.update && std::string(step.name).find("Final") == std::string::npos;
+    if (whole && session->inParts.contains(step.operation)) session->active.erase(step.operation);
     if (!session->active.contains(step.operation)) return same(step.name, code, CKR_OPERATION_NOT_INITIALIZED);
     if (code == CKR_OPERATION_NOT_INITIALIZED) stop(step.name, code, CKR_OK);
     const bool isQuery = !out && code == CKR_OK;
@@ -451,6 +460,7 @@ class Walk {
     if (step.operation == sign && !asked_.empty()) checkKey(*session, keys_[{handle, sign}], handle);
     const bool stays = code == CKR_BUFFER_TOO_SMALL || (step.update && code == CKR_OK) || (isQuery && !step.last);
     if (!stays) session->active.erase(step.operation);
+    if (step.update && code == CKR_OK && (out || step.operation < encrypt)) session->inParts.insert(step.operation);
   }
 
   // The device was asked for a signature by the token of the session, and by the key of the Init call.
@@ -476,7 +486,7 @@ class Walk {
     const auto few = static_cast<CK_ULONG>(input_.below(sizeof bytes + 1));
     CK_OBJECT_HANDLE made[2] = {};
     CK_ULONG size = 0;
-    enum { reads, changes, needsUser };
+    enum { reads, writes, changes, needsUser };
     const struct {
       const char* name;
       int does;
@@ -486,11 +496,11 @@ class Walk {
         {"C_GetAttributeValue", reads,
          [&] { return f->C_GetAttributeValue(handle, object, wanted.data(), wanted.size()); }},
         {"C_GenerateRandom", reads, [&] { return f->C_GenerateRandom(handle, bytes, few); }},
-        {"C_SetAttributeValue", changes,
+        {"C_SetAttributeValue", writes,
          [&] { return f->C_SetAttributeValue(handle, object, wanted.data(), wanted.size()); }},
         {"C_CreateObject", changes, [&] { return f->C_CreateObject(handle, wanted.data(), wanted.size(), made); }},
         {"C_CopyObject", changes, [&] { return f->C_CopyObject(handle, object, wanted.data(), wanted.size(), made); }},
-        {"C_DestroyObject", changes, [&] { return f->C_DestroyObject(handle, object); }},
+        {"C_DestroyObject", writes, [&] { return f->C_DestroyObject(handle, object); }},
         {"C_GenerateKeyPair", needsUser,
          [&] {
            return f->C_GenerateKeyPair(handle, &generation, wanted.data(), wanted.size(), other.data(), other.size(),
@@ -499,9 +509,14 @@ class Walk {
         {"C_DeriveKey", needsUser,
          [&] { return f->C_DeriveKey(handle, &derivation, object, wanted.data(), wanted.size(), made); }}};
     const auto& chosen = calls[input_.below(std::size(calls))];
+    CK_BBOOL onToken = CK_FALSE;
+    CK_ATTRIBUTE place{CKA_TOKEN, &onToken, 1};
+    f->C_GetAttributeValue(handle, object, &place, 1);
     const CK_RV code = chosen.call();
     const ModelSession* session = sessionOf(chosen.name, handle, code);
     if (!session) return;
+    if (code == CKR_OK && chosen.does == writes && onToken != CK_FALSE && !session->readWrite)
+      stop(chosen.name, code, CKR_SESSION_READ_ONLY);
     if (chosen.does != reads && (code == CKR_OK || faulty_)) session->token->changed = true;
     if (code == CKR_OK && chosen.name == std::string("C_DestroyObject")) session->token->hides = true;
     const bool allowed = chosen.does != needsUser || session->token->login == user;
