@@ -9,7 +9,7 @@
 namespace tavrin::standard {
 namespace {
 
-// How an attribute is written, and what it is when a session object's template does not say.
+// The form of an attribute, and its value when the template of a session object lacks it.
 enum class Form {
   value,       // no attribute
   text,        // empty

@@ -26,7 +26,7 @@ class Attributes {
   bool flag(CK_ATTRIBUTE_TYPE type) const;
   CK_ULONG number(CK_ATTRIBUTE_TYPE type) const;
 
-  // That the object has this attribute with exactly this value.
+  // Whether the object has this attribute with exactly this value.
   bool match(const CK_ATTRIBUTE& wanted) const;
 
   const std::vector<std::pair<CK_ATTRIBUTE_TYPE, SecretBytes>>& all() const { return entries_; }
@@ -72,7 +72,7 @@ class Template {
   void mustNotContradict(CK_ATTRIBUTE_TYPE type, CK_ULONG value) const;
 
   // Refuses with CKR_ATTRIBUTE_TYPE_INVALID what an object of this kind cannot have, and with CKR_ATTRIBUTE_READ_ONLY
-  // what tells how a key came to be.
+  // what only the token sets, such as a key's origin.
   void mustBeOf(Kind kind) const;
 
  private:

@@ -21,7 +21,7 @@ CK_RV libraryCall(const char* name, Body&& body) noexcept {
 }
 
 // A call on an existing slot: runs `body(call, module, token)` under the module lock. The token is null when there was
-// never one in the slot; what it says of itself is as of now.
+// never one in the slot. Its record has just been refreshed.
 template <typename Body>
 CK_RV slotCall(const char* name, CK_SLOT_ID slotID, Body&& body) noexcept {
   return libraryCall(name, [&](const Call& call, State& state) -> CK_RV {
@@ -41,8 +41,8 @@ CK_RV tokenCall(const char* name, CK_SLOT_ID slotID, Body&& body) noexcept {
   });
 }
 
-// A call on an open session, one at a time in each session: runs `body(call, state, session)`. The sessions of a token
-// that was removed stay until they are closed, and answer nothing but that.
+// A call on an open session, one at a time in each session: runs `body(call, state, session)`. The sessions of a
+// removed token stay until they are closed; other calls in them are refused.
 template <typename Body>
 CK_RV sessionCall(const char* name, CK_SESSION_HANDLE hSession, Body&& body) noexcept {
   return libraryCall(name, [&](const Call& call, State& state) -> CK_RV {
@@ -55,13 +55,13 @@ CK_RV sessionCall(const char* name, CK_SESSION_HANDLE hSession, Body&& body) noe
   });
 }
 
-// The exported functions' bodies read their pointers by these.
+// The pointers that exported functions take.
 inline const CK_MECHANISM& requiredMechanism(const CK_MECHANISM* pMechanism) {
   if (!pMechanism) throw Refusal(CKR_ARGUMENTS_BAD, "pMechanism is NULL");
   return *pMechanism;
 }
 
-// Data that a caller passes: nothing may be at NULL.
+// The caller's data; only empty data may be at NULL.
 inline ByteView requiredData(const CK_BYTE* data, CK_ULONG length) {
   if (!data && length != 0) throw Refusal(CKR_ARGUMENTS_BAD, "the data are NULL with length=", length);
   return {data, static_cast<std::size_t>(length)};

@@ -12,7 +12,7 @@ constexpr std::size_t oaepOverhead = 42;  // with SHA-1
 constexpr KeyUse encryption{&Session::encryption, CKF_ENCRYPT, CKA_ENCRYPT};
 constexpr KeyUse decryption{&Session::decryption, CKF_DECRYPT, CKA_DECRYPT};
 
-// Without a buffer the call is a query, and the part comes again.
+// Without a buffer the call is a query, and the caller passes the part again.
 CK_RV addPart(const UseCall& use, ByteView part, const CK_BYTE* out, CK_ULONG& outLength, CK_RV tooLong) {
   KeyOperation& operation = use.operation;
   outLength = 0;

@@ -53,7 +53,7 @@ std::shared_ptr<Object> createCertificate(ModuleLock& module, const Session& ses
   return module.state().objects.ofModule(session.token, handle);
 }
 
-// CKA_SENSITIVE and CKA_EXTRACTABLE are accepted as given: the key is known outside, but never read from the token.
+// CKA_SENSITIVE and CKA_EXTRACTABLE are accepted with any value; the key cannot be read from the token in any case.
 std::shared_ptr<Object> createPrivateKey(ModuleLock& module, const Session& session, const Template& given) {
   given.mustBeOf(privateKey);
   if (given.requiredNumber(CKA_KEY_TYPE) != CKK_RSA) {
@@ -95,7 +95,8 @@ std::shared_ptr<Object> createPublicKey(ModuleLock& module, const Session& sessi
   return addSessionObject(module, session, std::move(made));
 }
 
-// What the copy's template may say: another label and ID, where it is kept, and what the original has as well.
+// The template of a copy may give another label and ID, CKA_TOKEN, a stricter CKA_SENSITIVE or CKA_EXTRACTABLE, and
+// values that the original has.
 void checkCopyTemplate(const Attributes& original, const Template& changes) {
   for (const CK_ATTRIBUTE& entry : changes.entries()) {
     const CK_ATTRIBUTE_TYPE type = entry.type;

@@ -1,4 +1,4 @@
-// Cryptoki as this library speaks it: the shared headers, and what it uses of version 2.40 beyond 2.20.
+// The Cryptoki headers, and what this library uses of version 2.40 beyond 2.20.
 #pragma once
 
 #include "pkcs11.h"

@@ -9,7 +9,7 @@ using namespace tavrin::standard;
 
 namespace {
 
-constexpr std::size_t longestSecret = std::size_t{1} << 20;  // that anybody may ask for, in bytes
+constexpr std::size_t longestSecret = std::size_t{1} << 20;  // that a template may ask for, in bytes
 
 struct Agreement {
   const HashMechanism* hash;  // of the key derivation function; null for the raw secret
@@ -39,7 +39,7 @@ void checkPoint(ByteView point, std::size_t length) {
   throw Refusal(CKR_MECHANISM_PARAM_INVALID, "no point of the key's curve, ulPublicDataLen=", point.size());
 }
 
-// The length that the template asks for, or nothing. A key type of a fixed length decides by itself.
+// The length that the template asks for, or nothing. Key types of a fixed length need no CKA_VALUE_LEN.
 std::optional<std::size_t> readLength(const Template& wanted, CK_KEY_TYPE keyType) {
   const std::optional<CK_ULONG> length = wanted.number(CKA_VALUE_LEN);
   const Refusal refusal(CKR_TEMPLATE_INCONSISTENT, "no length for key type=", keyType);
@@ -62,7 +62,7 @@ SecretBytes agree(ModuleLock& module, const Object& key, ByteView point) {
   CK_MECHANISM mechanism{CKM_ECDH1_DERIVE, &parameters, sizeof parameters};
   CK_OBJECT_HANDLE derived = 0;
   CK_RV code = module->C_DeriveKey(session, &mechanism, key.moduleHandle, nullptr, 0, &derived);
-  // Of a token that answers, only the point is left to refuse: it is not on the curve.
+  // A token that is present refuses only the point, if it is not on the curve.
   if (code != CKR_OK) throw moduleFailure(module, token, "C_DeriveKey", code, CKR_MECHANISM_PARAM_INVALID);
   SecretBytes secret(4096);
   CK_ATTRIBUTE value{CKA_VALUE, secret.data(), static_cast<CK_ULONG>(secret.size())};

@@ -1,4 +1,4 @@
-// Reading of token objects through the module, and what the standard says of them.
+// Reads token objects through the module and makes of them the attributes that the standard defines.
 #include <algorithm>
 #include <iterator>
 
@@ -8,7 +8,8 @@
 namespace tavrin::standard {
 namespace {
 
-// What the module says of a key pair, by its public half, or of a certificate. Larger than any of its records.
+// The module's attributes of a key pair, read from its public half, or of a certificate. Each buffer is larger than any
+// value of the module.
 struct Record {
   std::uint8_t label[160];
   std::uint8_t id[longestId];
@@ -47,7 +48,7 @@ void readFromModule(ModuleLock& module, Object& object, std::span<CK_ATTRIBUTE> 
   throw failure;
 }
 
-// Throws when the handle has become another object's.
+// Throws when the handle now names another object.
 void compareIdentity(ModuleLock& module, Object& object, ByteView value) {
   if (object.identity.empty()) object.identity.assign(value.begin(), value.end());
   if (std::ranges::equal(object.identity, value)) return;

@@ -22,9 +22,10 @@ void checkCurve(ByteView curve) {
   throw Refusal(isName ? CKR_CURVE_NOT_SUPPORTED : CKR_DOMAIN_PARAMS_INVALID, "not a curve of the token");
 }
 
-// A pair has one usage for both halves. Without any attribute for it the key may be used for all that its type can.
+// Both halves of a pair have one usage. Without any attribute for it the key may be used for everything that its type
+// can do.
 void readUsage(Attributes& request, bool isRsa, const Template& publicPart, const Template& privatePart) {
-  // Another use of the public half than of the private one counts only where the private half is silent.
+  // The attribute of the public half counts only where the private template lacks its own.
   const auto wantedUse = [&](CK_ATTRIBUTE_TYPE privateUse, CK_ATTRIBUTE_TYPE publicUse, bool otherwise) {
     const bool opened = publicPart.flag(publicUse).value_or(otherwise);
     const bool wanted = privatePart.flag(privateUse).value_or(opened);

@@ -1,4 +1,4 @@
-// What operations with keys share: their beginning, their calls, and the module's calls with the key.
+// What all operations with keys share: the Init calls, the later calls, and the use of the key in the module.
 #pragma once
 
 #include "standard/output.h"

@@ -101,7 +101,7 @@ CK_RV C_SetPIN(CK_SESSION_HANDLE hSession, CK_UTF8CHAR_PTR pOldPin, CK_ULONG ulO
       if (token.login == Login::user) pins.keep(token.slot, {pNewPin, static_cast<std::size_t>(ulNewLen)});
       return CKR_OK;
     }
-    // The module does not say why; both PINs had a possible form, so the token has refused the old one.
+    // The module does not report the reason. Both PINs had a possible form, so the token has refused the old one.
     state.tokens.countWrongPin(module, token);
     const Refusal failure = moduleFailure(module, token, "C_SetPIN", code, CKR_PIN_INCORRECT);
     if (failure.code() == CKR_PIN_INCORRECT && (token.flags & CKF_USER_PIN_LOCKED) != 0) {

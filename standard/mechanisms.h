@@ -10,7 +10,7 @@ namespace tavrin::standard {
 
 struct Token;
 
-// A hash, with what belongs to it in the parameters of other mechanisms.
+// A hash, and the values that name it in the parameters of other mechanisms.
 struct HashMechanism {
   CK_MECHANISM_TYPE type;
   std::size_t length;  // bytes of a digest

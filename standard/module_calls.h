@@ -27,7 +27,7 @@ CK_RV loginToModule(ModuleLock& module, Token& token, CK_USER_TYPE userType, std
 // Ends the token's login here and in the module, and with it the private objects that this library holds.
 void endLogin(ModuleLock& module, Token& token);
 
-// Forgets what belonged to a token that is gone: sessions of the module, login, session objects and private objects.
+// Forgets what belonged to a removed token: sessions of the module, login, session objects and private objects.
 void forgetToken(ModuleLock& module, Token& token);
 
 // What a failed call to the module means: CKR_DEVICE_REMOVED when the token is gone, the code itself when it is one of
@@ -37,7 +37,8 @@ Refusal moduleFailure(ModuleLock& module, const Token& token, const char* functi
 Refusal moduleFailure(State& state, const Token& token, const char* function, CK_RV code,
                       CK_RV otherwise = CKR_DEVICE_ERROR);
 
-// A session of the module for one user at a time, who needs no lock. It is kept for the next user when it goes.
+// A session of the module for calls that need no lock. The destructor keeps the session for the next object of this
+// class, unless it was spoiled.
 class ModuleSession {
  public:
   // Opens one under the module lock when none is idle.

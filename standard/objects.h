@@ -1,6 +1,6 @@
 // Objects: the token's key pairs and certificates as the module shows them, and session objects that exist in this
 // library alone. A library handle names one object for the life of the process; before each use the object is compared
-// with what its handle first named, as the module gives the handles of deleted objects to new ones.
+// with the one that its handle first named, because the module gives the handles of deleted objects to new ones.
 //
 // Everything here is used under the module lock.
 #pragma once
@@ -95,7 +95,7 @@ const Attributes& knownAttributes(ModuleLock& module, Object& object);
 // Throws when the object is no longer the one that its handle first named.
 void checkIdentity(ModuleLock& module, Object& object);
 
-// That the value of this type exists and must not be read.
+// Whether the object has a value of this type that must not be read.
 bool isSensitive(const Object& object, const Attributes& attributes, CK_ATTRIBUTE_TYPE type);
 
 // Deletes a key pair or certificate from its token and forgets it. A public key that has been read stays, as an object

@@ -25,13 +25,13 @@ struct Search {
 class HashRun {
  public:
   HashRun(State& state, Token& token, const HashMechanism& hash);
-  ~HashRun();  // a hash that nobody finished is finished, as the device library would keep it
+  ~HashRun();  // finishes the hash, which the device library would keep otherwise
 
   const HashMechanism& mechanism() const { return hash_; }
   bool inParts() const { return inParts_; }
 
   void update(ByteView data);
-  // The digest. Nothing but destruction may follow.
+  // The digest. No other call may follow.
   SecretBytes finish();
 
  private:

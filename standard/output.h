@@ -27,7 +27,7 @@ class OperationEnd {
     return code;
   }
 
-  // Delivers a result of so many bytes, which `make()` returns, to the caller's buffer.
+  // Copies the result that `make()` returns, of `needed` bytes, to the caller's buffer.
   template <typename Make>
   CK_RV deliver(const Call& call, std::size_t needed, CK_BYTE* out, CK_ULONG& length, Make&& make) {
     const CK_ULONG room = length;

@@ -21,7 +21,7 @@ struct Session {
   const bool readWrite;
 
   std::mutex mutex;     // held for each call in the session; guards everything below
-  bool closed = false;  // by a call that ran before the one that waits for the mutex
+  bool closed = false;  // also while a call waits for the mutex
   std::optional<Search> search;
   std::unique_ptr<HashRun> digest;
   std::unique_ptr<KeyOperation> signing;
@@ -29,7 +29,7 @@ struct Session {
   std::unique_ptr<KeyOperation> encryption;
   std::unique_ptr<KeyOperation> decryption;
 
-  // That the token is the one that the session was opened on, never removed since as far as anybody has noticed.
+  // Whether the token has stayed connected since the session was opened, as far as the library has noticed.
   bool isAlive() const { return token.present && token.insertion == insertion; }
   CK_STATE state() const;
 };
@@ -48,7 +48,7 @@ class SessionTable {
   std::map<CK_SESSION_HANDLE, std::shared_ptr<Session>> sessions_;
 };
 
-// Closes the session and ends what belongs to it. The token's last session takes the login with it.
+// Closes the session and ends what belongs to it. When it is the token's last session, the login ends too.
 void closeSession(State& state, Session& session);
 
 }  // namespace tavrin::standard

@@ -18,7 +18,7 @@ std::vector<CK_SLOT_ID> slots(TokenTable& tokens, bool tokenPresent) {
   return result;
 }
 
-// Copies a list by the rule of the two calls: without a buffer its length, and the length in any case.
+// Delivers a list: always its length, and its items when there is a buffer.
 template <typename Item>
 CK_RV deliverList(const Call& call, const std::vector<Item>& list, Item* out, CK_ULONG& count) {
   const CK_ULONG room = count;
@@ -53,7 +53,7 @@ CK_RV C_GetSlotList(CK_BBOOL tokenPresent, CK_SLOT_ID_PTR pSlotList, CK_ULONG_PT
   return libraryCall("C_GetSlotList", [&](const Call& call, State& state) -> CK_RV {
     if (!pulCount) return call.refuse(CKR_ARGUMENTS_BAD, "pulCount is NULL");
     ModuleLock module(state);
-    // A list that follows its count is the list that was counted.
+    // A call with a buffer returns the list that the call before it counted.
     std::optional<std::vector<CK_SLOT_ID>>& counted = state.tokens.counted[tokenPresent != CK_FALSE ? 1 : 0];
     if (!pSlotList || !counted) {
       state.tokens.refresh(module);

@@ -1,4 +1,4 @@
-// The library's state, and what happens to it when the library is loaded, unloaded and taken along by a fork.
+// The library's state, and what loading, unloading and forking do with it.
 //
 // Nothing of it is destroyed at the end of the process, where other threads may still use it. While it is initialised
 // the library keeps itself loaded.

@@ -17,12 +17,12 @@
 namespace tavrin::standard {
 
 struct State {
-  ModuleLibrary module;  // first: unloaded last
+  ModuleLibrary module;  // declared first, so that it is unloaded last
 
   std::mutex mutex;                   // the module lock; see ModuleLock
-  std::mutex turnstile;               // held by the next one to get the module lock
-  std::condition_variable idle;       // with the module lock: no key is being generated
-  unsigned generating = 0;            // keys being generated outside the lock, under the login as it is
+  std::mutex turnstile;               // held by the thread that gets the module lock next
+  std::condition_variable idle;       // signalled under the module lock when no key is being generated
+  unsigned generating = 0;            // number of keys being generated outside the lock with the current login
   Token* loggedIn = nullptr;          // whose PIN the module has; null when it has none
   std::atomic<bool> ending = false;   // the module is finalised, or about to be
   std::atomic<unsigned> waiters = 0;  // threads that wait for a slot event in the module
@@ -35,7 +35,7 @@ struct State {
   SessionTable sessions;
 };
 
-// Who has the state: changed by C_Initialize and C_Finalize alone.
+// The current state. Only C_Initialize and C_Finalize change it.
 struct Lifecycle {
   std::mutex changing;    // held by C_Initialize and C_Finalize
   std::mutex stateMutex;  // guards `state`; held for nothing else
@@ -44,18 +44,18 @@ struct Lifecycle {
 };
 extern Lifecycle& lifecycle;
 
-// The state, or null while the library is not initialised. A caller keeps it alive for its call.
+// The state, or null while the library is not initialised. The pointer keeps it alive until the call returns.
 std::shared_ptr<State> currentState();
 
 // Used under the module lock.
 extern PinStore& pins;
 
-// The module, for calls that belong together: no other thread's search, attributes or key comes in between. Not
-// recursive. Calls that touch neither keys nor objects nor slots may be made without it.
+// The module, locked for calls that belong together, so that no other thread's search, attributes or key comes between
+// them. Not recursive. Calls that use neither keys nor objects nor slots may be made without it.
 class ModuleLock {
  public:
   explicit ModuleLock(State& state) : state_(state) {
-    // A thread that returns for the lock at once queues up with the others.
+    // Without it a thread that locks again at once could keep the others waiting for long.
     const std::lock_guard turn(state.turnstile);
     lock_ = std::unique_lock(state.mutex);
   }

@@ -8,7 +8,7 @@
 
 namespace tavrin::standard {
 
-// The longest beginning of a UTF-8 text that fits into so many bytes without cutting a character.
+// The longest prefix of a UTF-8 text that has at most `size` bytes and no cut character.
 inline std::string_view fitting(std::string_view text, std::size_t size) {
   if (text.size() <= size) return text;
   while (size > 0 && (static_cast<unsigned char>(text[size]) & 0xC0) == 0x80) --size;

@@ -14,7 +14,7 @@ std::string textIn(const CK_UTF8CHAR (&field)[size]) {
   return {field, std::find(field, field + size, '\0')};
 }
 
-// As many tokens as anybody connects: asking for the number first would list the devices twice.
+// More tokens than are usually connected: asking for the number first would list the devices twice.
 constexpr CK_ULONG usualTokens = 64;
 
 std::vector<CK_SLOT_ID> listModuleSlots(ModuleLock& module) {
@@ -72,7 +72,7 @@ void TokenTable::refresh(ModuleLock& module) {
     const std::string serial = textIn(info.serialNumber);
     if (serial.empty()) continue;
     Token& token = tokenOf(serial);
-    if (!seen.insert(&token).second) continue;  // its serial number ends where another one's does
+    if (!seen.insert(&token).second) continue;  // the module cuts serial numbers, and this one is equal to another then
     token.moduleSlot = moduleSlot;
     token.label = textIn(slotInfo.slotDescription);  // the module shortens the label of the token's own record
     token.model = textIn(info.model);
@@ -93,7 +93,8 @@ void TokenTable::refresh(ModuleLock& module) {
   }
 }
 
-// The module says "low" of two tries and of one. Low before and after a wrong PIN, it is one.
+// The module reports a low count when two tries are left and when one is. Low before a wrong PIN and after it means
+// one.
 void TokenTable::countWrongPin(ModuleLock& module, Token& token) {
   const bool wasLow = (token.flags & CKF_USER_PIN_COUNT_LOW) != 0;
   refresh(module);

@@ -27,9 +27,9 @@ struct Token {
 
   // Changed under the module lock, read by any thread.
   std::atomic<bool> present = false;
-  std::atomic<unsigned> insertion = 0;  // counts how often the token came; sessions of an earlier one are dead
+  std::atomic<unsigned> insertion = 0;  // number of insertions seen; sessions of an earlier one have ended
   std::atomic<Login> login = Login::none;
-  std::atomic<unsigned> logouts = 0;  // operations with private keys of an earlier count are dead
+  std::atomic<unsigned> logouts = 0;  // operations with private keys of an earlier count have ended
   std::atomic<bool> hasPssAndOaep = false;
 
   // Used under the module lock.
@@ -67,7 +67,7 @@ extern SlotNumbers& slotNumbers;
 // The tokens that were seen since C_Initialize. All functions need the module lock, except `inSlot`.
 class TokenTable {
  public:
-  // Lists the tokens through the module: notices which came and went, and reads their texts and flags afresh. Throws
+  // Lists the tokens through the module: finds which were inserted or removed, and reads their texts and flags. Throws
   // CKR_HOST_MEMORY or CKR_GENERAL_ERROR, and changes nothing, when the module cannot list them.
   void refresh(ModuleLock& module);
 
@@ -77,7 +77,7 @@ class TokenTable {
   // To be called after a wrong PIN: finds out whether the next try is the last.
   void countWrongPin(ModuleLock& module, Token& token);
 
-  // Takes the event of a slot whose token came or went, of the lowest slot first.
+  // Takes the event of a slot whose token was inserted or removed. The lowest slot comes first.
   std::optional<CK_SLOT_ID> takeEvent();
   void clearEvents() { events_.clear(); }
 

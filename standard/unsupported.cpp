@@ -1,4 +1,4 @@
-// The functions that the token cannot do, and those that the standard keeps for history.
+// The functions that the token cannot do, and the two that the standard keeps for old applications.
 #include "standard/call.h"
 
 using namespace tavrin;
