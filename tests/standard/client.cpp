@@ -47,37 +47,6 @@ bool is(CK_RV got, const Expected& expected, const std::string& note, int line, 
   return false;
 }
 
-Template Template::with(const Template& more) const {
-  Template result = *this;
-  for (const Attribute& one : more.values_) {
-    result = result.without(one.type);
-    result.values_.push_back(one);
-  }
-  return result;
-}
-
-Template Template::without(CK_ATTRIBUTE_TYPE type) const {
-  Template result = *this;
-  std::erase_if(result.values_, [type](const Attribute& one) { return one.type == type; });
-  return result;
-}
-
-CK_ATTRIBUTE* Template::data() {
-  attributes_.clear();
-  attributes_.reserve(1);  // not even an empty template is a null pointer
-  for (Attribute& one : values_) attributes_.push_back({one.type, one.value.data(), lengthOf(one.value)});
-  return attributes_.data();
-}
-
-Mechanism pss(CK_MECHANISM_TYPE type, CK_MECHANISM_TYPE hash, CK_RSA_PKCS_MGF_TYPE mgf, CK_ULONG salt) {
-  return {type, CK_RSA_PKCS_PSS_PARAMS{hash, mgf, salt}};
-}
-Mechanism oaep(CK_MECHANISM_TYPE hash, CK_RSA_PKCS_MGF_TYPE mgf) {
-  return {CKM_RSA_PKCS_OAEP, CK_RSA_PKCS_OAEP_PARAMS{hash, mgf, CKZ_DATA_SPECIFIED, nullptr, 0}};
-}
-
-CK_BYTE* bytesOf(const std::string& text) { return reinterpret_cast<CK_BYTE*>(const_cast<char*>(text.data())); }
-CK_ULONG lengthOf(const std::string& text) { return static_cast<CK_ULONG>(text.size()); }
 CK_SLOT_ID slotOf(int token) { return slots[token]; }
 
 std::string fileNamed(const char* name) {
@@ -94,10 +63,6 @@ std::string Session::pinOf(CK_USER_TYPE user) {
 
 Session::Session(CK_FLAGS flags, int token) {
   is(f->C_OpenSession(slots[token], CKF_SERIAL_SESSION | flags, nullptr, nullptr, &handle), CKR_OK);
-}
-
-CK_RV Session::login(CK_USER_TYPE user, const std::string& pin) const {
-  return f->C_Login(handle, user, bytesOf(pin), lengthOf(pin));
 }
 
 CK_STATE Session::state() const {
@@ -135,10 +100,6 @@ CK_RV Session::once(Operation operation, const std::string& data, CK_ULONG room)
   return into(room, [&](auto to, auto size) {
     return functionsOf(operation).once(handle, bytesOf(data), lengthOf(data), to, size);
   });
-}
-
-CK_RV Session::check(const std::string& data, const std::string& signature) const {
-  return f->C_Verify(handle, bytesOf(data), lengthOf(data), bytesOf(signature), lengthOf(signature));
 }
 
 CK_RV Session::update(Operation operation, const std::string& data, CK_ULONG room) {
@@ -184,10 +145,6 @@ CK_RV Session::get(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type, CK_ULONG roo
     *size = attribute.ulValueLen;
     return result;
   });
-}
-
-std::string Session::value(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) {
-  return get(object, type) == CKR_OK ? out : "";
 }
 
 std::string hashed(CK_MECHANISM_TYPE hash, const std::string& data) {

@@ -68,11 +68,25 @@ struct Attribute {
 class Template {
  public:
   Template(std::initializer_list<Attribute> attributes) : values_(attributes) {}
+  Template without(CK_ATTRIBUTE_TYPE type) const {
+    Template result = *this;
+    std::erase_if(result.values_, [type](const Attribute& one) { return one.type == type; });
+    return result;
+  }
   // With these attributes too; those it has already get the new value.
-  Template with(const Template& more) const;
-  Template without(CK_ATTRIBUTE_TYPE type) const;
+  Template with(const Template& more) const {
+    Template result = *this;
+    for (const Attribute& one : more.values_) (result = result.without(one.type)).values_.push_back(one);
+    return result;
+  }
   const std::vector<Attribute>& values() const { return values_; }
-  CK_ATTRIBUTE* data();  // as long as this lives
+  CK_ATTRIBUTE* data() {        // as long as this lives
+    attributes_.assign(1, {});  // not even an empty template is a null pointer
+    attributes_.clear();
+    for (Attribute& one : values_)
+      attributes_.push_back({one.type, one.value.data(), static_cast<CK_ULONG>(one.value.size())});
+    return attributes_.data();
+  }
   CK_ULONG size() const { return static_cast<CK_ULONG>(values_.size()); }
 
  private:
@@ -92,8 +106,14 @@ struct Mechanism {
   CK_MECHANISM_TYPE type;
   std::string parameter{};
 };
-Mechanism pss(CK_MECHANISM_TYPE type, CK_MECHANISM_TYPE hash, CK_RSA_PKCS_MGF_TYPE mgf, CK_ULONG salt);
-Mechanism oaep(CK_MECHANISM_TYPE hash, CK_RSA_PKCS_MGF_TYPE mgf);
+inline Mechanism pss(CK_MECHANISM_TYPE type, CK_MECHANISM_TYPE hash, CK_RSA_PKCS_MGF_TYPE mgf, CK_ULONG salt) {
+  return {type, CK_RSA_PKCS_PSS_PARAMS{hash, mgf, salt}};
+}
+inline Mechanism oaep(CK_MECHANISM_TYPE hash, CK_RSA_PKCS_MGF_TYPE mgf) {
+  return {CKM_RSA_PKCS_OAEP, CK_RSA_PKCS_OAEP_PARAMS{hash, mgf, CKZ_DATA_SPECIFIED, nullptr, 0}};
+}
+inline CK_BYTE* bytesOf(const std::string& text) { return reinterpret_cast<CK_BYTE*>(const_cast<char*>(text.data())); }
+inline CK_ULONG lengthOf(const std::string& text) { return static_cast<CK_ULONG>(text.size()); }
 
 enum Operation { digest, sign, verify, encrypt, decrypt };
 // The library's functions for an operation. Those that take no result, or a mechanism alone, are null.
@@ -114,7 +134,9 @@ class Session {
   explicit Session(CK_FLAGS flags = CKF_RW_SESSION, int token = 0);
   operator CK_SESSION_HANDLE() const { return handle; }
 
-  CK_RV login(CK_USER_TYPE user = CKU_USER, const std::string& pin = pinOf(CKU_USER)) const;
+  CK_RV login(CK_USER_TYPE user = CKU_USER, const std::string& pin = pinOf(CKU_USER)) const {
+    return f->C_Login(handle, user, bytesOf(pin), lengthOf(pin));
+  }
   CK_STATE state() const;
 
   // Results of the calls below. Memory beyond `room` must stay as it was, or the test fails.
@@ -124,7 +146,9 @@ class Session {
 
   CK_RV init(Operation operation, Mechanism mechanism, CK_OBJECT_HANDLE key = 0) const;
   CK_RV once(Operation operation, const std::string& data, CK_ULONG room = 1024);  // not for verification
-  CK_RV check(const std::string& data, const std::string& signature) const;        // C_Verify
+  CK_RV check(const std::string& data, const std::string& signature) const {
+    return f->C_Verify(handle, bytesOf(data), lengthOf(data), bytesOf(signature), lengthOf(signature));
+  }
   CK_RV update(Operation operation, const std::string& data, CK_ULONG room = 1024);
   CK_RV final(Operation operation, CK_ULONG room = 1024);  // for verification `out` is the signature
   // The whole operation, in one call or in pieces of so many bytes: the first code that is not CKR_OK. For verification
@@ -136,7 +160,8 @@ class Session {
 
   std::vector<CK_OBJECT_HANDLE> find(Template wanted) const;
   CK_RV get(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type, CK_ULONG room = 1024);
-  std::string value(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type);  // empty when it cannot be read
+  // Empty when it cannot be read.
+  std::string value(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) { return get(object, type) == CKR_OK ? out : ""; }
   CK_RV set(CK_OBJECT_HANDLE object, Template changed) const {
     return f->C_SetAttributeValue(handle, object, changed.data(), changed.size());
   }
@@ -167,8 +192,6 @@ class Session {
 // The slots of the tokens that the script made.
 CK_SLOT_ID slotOf(int token);
 std::string fileNamed(const char* name);
-CK_BYTE* bytesOf(const std::string& text);
-CK_ULONG lengthOf(const std::string& text);
 
 // Whether the signature is right by libgcrypt. The key is a modulus or a CKA_EC_POINT, the hash the bare digest of what
 // was signed: its length tells the algorithm.
