@@ -14,7 +14,7 @@ class PasswordTry {
  public:
   // Spends a try of the role, which must have one. Throws Failure, and spends none, if that cannot be written.
   PasswordTry(const std::filesystem::path& triesFile, const Tries& before, Role role);
-  // Gives the try back, if neither function below was called or refill() failed. Ignores errors.
+  // Restores the try if neither function below was called or refill() failed. Ignores errors.
   ~PasswordTry();
   PasswordTry(const PasswordTry&) = delete;
   PasswordTry& operator=(const PasswordTry&) = delete;

@@ -7,7 +7,7 @@
 
 namespace softtoken {
 
-// Not thread_local: such values would live longer than the library's code when it is unloaded.
+// Not thread_local: such values are destroyed when their thread ends, which may be after the library is unloaded.
 template <class Value>
 class PerThread {
  public:

@@ -56,7 +56,7 @@ void moveEntry(const std::filesystem::path& from, const std::filesystem::path& t
 void makePrivateFolder(const std::filesystem::path& folder);
 
 // An exclusive lock on a file, held by one FileLock of all processes at a time. The system releases it when the process
-// dies. The file is made if it is missing, and stays.
+// ends. The file is created if it is missing, and is not removed.
 class FileLock {
  public:
   static constexpr std::chrono::milliseconds longestWait{30'000};

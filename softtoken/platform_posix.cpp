@@ -96,7 +96,7 @@ void closeGate() { ::pthread_rwlock_wrlock(&gate); }
 
 void openGate() { ::pthread_rwlock_unlock(&gate); }
 
-// The threads that waited at the gate do not exist in the child, but the lock still counts them.
+// The threads that waited at the gate do not exist in the child, but its lock still counts them.
 void openGateInChild() {
   gate = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
   childHook();

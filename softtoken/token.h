@@ -1,7 +1,7 @@
 // One token: a folder with the files `token` (TokenState), `tries` (Tries) and `lock`, shared by processes. A change
 // holds the lock. Readers hold no lock, because files are only replaced whole.
 //
-// Any number of threads may call a Token. Functions throw Failure: deviceFault when the token is gone, damaged or
+// Any number of threads may call a Token. Functions throw Failure: deviceFault when the token is missing, damaged or
 // replaced by another one, when its files cannot be read or written, or when the lock is not free within 30 s; full
 // when the disk is full; and what is said below. A function that changes a file has synced it, and the folder, to the
 // disk when it returns.

@@ -16,7 +16,7 @@ struct FoundToken {
 class TokenDirectory {
  public:
   // The serial numbers of the connected tokens in ascending order, read from the file system now. Folders without a
-  // complete token are skipped; of several copies of one token only the first by name counts.
+  // complete token are skipped; of several copies of one token only the first by name is listed.
   std::vector<std::string> serials();
 
   // The connected token with this serial number. Throws deviceFault when there is none.

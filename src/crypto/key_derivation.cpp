@@ -52,7 +52,7 @@ SecretBytes applyKdf(const Session& session, CK_EC_KDF_TYPE kdf, SecretBytes sec
   return secret;
 }
 
-// The length that the template asks for; 0 when it asks for none.
+// The length in the template; 0 when it has none.
 std::size_t wantedLength(CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulAttributeCount) {
   CK_ULONG length = 0;
   if (!pTemplate) return 0;

@@ -5,7 +5,7 @@
 
 namespace tavrin {
 
-// Bytes that somebody else owns. They must stay in place while the view is used.
+// A view of bytes that another object owns. They must stay valid while the view is used.
 using ByteView = std::span<const std::uint8_t>;
 
 }  // namespace tavrin

@@ -66,7 +66,7 @@ inline constexpr std::size_t maximumLabelLength = 128;
 inline constexpr std::uint32_t minimumPinLength = 4;
 inline constexpr std::uint32_t maximumPinLength = 63;
 
-// Hash codes of tavrin_initHash. 1 is SHA-1 too; key derivation asks for it by that code.
+// Hash codes of tavrin_initHash. 1 is SHA-1 too; key derivation uses that code.
 enum class HashCode : std::int32_t {
   none = 0,  // not a code of the library: marks input that is not hashed
   sha1Alternative = 1,
@@ -86,7 +86,7 @@ inline constexpr int officerPasswordKind = 2;
 
 // The statuses that the module treats specially. Every other status but 0 is a failure like any other.
 inline constexpr int statusTokenFull = 40;
-inline constexpr int statusDeviceFault = 48;       // the token is gone or damaged, or its storage failed
+inline constexpr int statusDeviceFault = 48;       // the token is missing or damaged, or its storage failed
 inline constexpr int statusTokenFullLegacy = 242;  // of older firmware
 
 }  // namespace tavrin

@@ -1,5 +1,5 @@
-// Bounds-checked access to the device library's records. A length in a record counts up to the size of its field, a
-// text ends with its field at the latest, and a returned length counts up to the size of its buffer. The views point
+// Bounds-checked access to the device library's records. A length in a record is limited to the size of its field, a
+// text ends with its field at the latest, and a returned length is limited to the size of its buffer. The views point
 // into the record. Any thread may call the functions; none throws.
 #pragma once
 

@@ -51,7 +51,7 @@ struct ProcessName {
   char text[256] = {};
 };
 
-// A program keeps its name. The text needs no destructor, since lines are written until the process is gone.
+// The name of a program does not change. The text is never destroyed, because lines are written until the process ends.
 std::string_view processName() noexcept {
   try {
     static const ProcessName name;
@@ -106,7 +106,7 @@ int getLogLevel() noexcept {
   std::uint8_t data[32];
   const auto length = platform::readRegistryValue(registryKey, logLevelValue, data, sizeof data);
   if (!length) return errorLevel;
-  // Only the first byte counts, for values of every type: administrators have set the level as a number and as text.
+  // Only the first byte is used, for values of every type: administrators have set the level as a number and as text.
   const auto level = static_cast<std::int8_t>(*length > 0 ? data[0] : 0);
   return level <= debugLevel ? level : errorLevel;
 }

@@ -7,7 +7,7 @@
 namespace tavrin {
 namespace {
 
-// Never destroyed: lines are logged until the process is gone.
+// Never destroyed, because lines are logged until the process ends.
 alignas(Utils) std::byte utilsStorage[sizeof(Utils)];
 
 }  // namespace

@@ -30,7 +30,7 @@ void createInstance() {
   libraryInstance = instance;
 }
 
-// The module counts as not initialised afterwards, even if the library throws.
+// The module is not initialised afterwards, even if the library throws.
 void releaseInstance() {
   const struct Clear {
     ~Clear() { libraryInstance = nullptr; }
@@ -105,7 +105,7 @@ CK_RV C_GetInfo(CK_INFO_PTR pInfo) {
 CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR ppFunctionList) {
   return exportedCall("C_GetFunctionList", [&](const Call& call) -> CK_RV {
     if (!ppFunctionList) return call.refuse(CKR_ARGUMENTS_BAD, "ppFunctionList is NULL");
-    // The standard's type is not const; the list is, and lies in read-only memory.
+    // The standard's type is not const, but the list is in read-only memory.
     *ppFunctionList = const_cast<CK_FUNCTION_LIST_PTR>(&functionList);
     return CKR_OK;
   });

@@ -1,7 +1,7 @@
 // All state of the module, each variable with its owner and the threads that use it.
 //
 // None of it is ever destroyed: at the end of the process, or when the library is unloaded, threads of the
-// application or the monitor may still be using it, and its locks may be held by threads that are gone. All memory is
+// application or the monitor may still be using it, and its locks may be held by threads that have ended. All memory is
 // freed by C_Finalize; only derived secrets outlive it, and they are wiped when the module is unloaded.
 #include <new>
 

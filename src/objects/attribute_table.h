@@ -1,4 +1,4 @@
-// The attributes that certificates and the two halves of a key pair carry.
+// The attributes of certificates and of the two halves of a key pair.
 #pragma once
 
 #include <array>

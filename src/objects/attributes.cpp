@@ -67,7 +67,7 @@ CK_RV readEntry(const Call& call, const ObjectView& object, std::size_t index, C
 
 std::optional<std::size_t> privateKeySize(const Session& session, CK_OBJECT_HANDLE handle) {
   const TavrinKeyPair* keyPair = resolveKeyPair(session, handle, privateKeyBase);
-  // The device does not report the size of the private part; the public key counts twice.
+  // The device does not report the size of the private part, so twice the size of the public key is returned.
   return keyPair ? std::optional(2 * publicKey(*keyPair).size()) : std::nullopt;
 }
 

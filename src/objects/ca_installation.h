@@ -1,4 +1,4 @@
-// The CA certificate files of an installation: where they are, what they are called, and how one names its issuer.
+// The CA certificate files of an installation: their folder, their extensions, and how a certificate names its issuer.
 // tavrin-tool uses this too. Needs no device library. Any thread may call the functions.
 #pragma once
 
@@ -11,7 +11,7 @@
 
 namespace tavrin {
 
-// The folders in which TavrinDSC/Certificates may be when $TAVRIN_HOME is not set. The first that exists counts.
+// The folders in which TavrinDSC/Certificates may be when $TAVRIN_HOME is not set. The first that exists is used.
 using platform::installFolders;
 
 inline std::vector<std::string> caFileExtensions() { return {".cer", ".der", ".pem", ".crt"}; }

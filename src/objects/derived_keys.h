@@ -14,14 +14,14 @@ namespace tavrin {
 // Safe from any thread.
 class DerivedKeyTable {
  public:
-  // Stores the secret under the next handle; handles are never given out twice.
+  // Stores the secret under the next handle; no handle is used twice.
   CK_OBJECT_HANDLE insert(SecretBytes secret);
 
   // A copy of the secret; nothing for an unknown handle.
   std::optional<SecretBytes> find(CK_OBJECT_HANDLE handle) const;
 
   void clear();
-  // The same, but does nothing while another thread works on the table, or died doing so.
+  // The same, but does nothing if the lock is taken: by a running thread, or by one that the system ended.
   void clearUnlessBusy();
 
   std::mutex& mutex() { return mutex_; }

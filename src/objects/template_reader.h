@@ -18,7 +18,7 @@ inline ByteView valueOf(const CK_ATTRIBUTE& attribute) {
   return {static_cast<const std::uint8_t*>(attribute.pValue), static_cast<std::size_t>(attribute.ulValueLen)};
 }
 
-// A number given with fewer bytes than it has is read as what is there, the rest zero; surplus bytes are not read.
+// Reads a number. If the value is shorter than the number, the missing bytes are zero; surplus bytes are not read.
 inline CK_ULONG numberOf(ByteView value) {
   CK_ULONG number = 0;
   std::memcpy(&number, value.data(), std::min(value.size(), sizeof number));

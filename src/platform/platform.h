@@ -30,8 +30,8 @@ extern const char pathSeparator;
 extern const std::span<const char* const> installFolders;
 
 // Reads a value of the machine-wide registry into `buffer` and returns the number of bytes, or nothing when the value
-// is missing, unreadable or longer than the buffer. On POSIX the value is the decimal text in registryFile(); it counts
-// as a 32-bit value.
+// is missing, unreadable or longer than the buffer. On POSIX the value is the decimal text in registryFile(), returned
+// as a 32-bit number.
 std::optional<std::size_t> readRegistryValue(const char* key, const char* name, std::uint8_t* buffer, std::size_t size);
 
 // On POSIX the file that holds a registry value: $TAVRIN_REGISTRY/KEY/NAME (default root /etc/tavrin/registry, "/" for
@@ -45,7 +45,7 @@ bool temporaryFolder(const char* name, char* buffer, std::size_t size);
 
 bool isFolder(const char* path);
 
-// Appends the text with one write, so that lines of several threads and processes never tear each other. The first
+// Appends the text with one write, so that lines of several threads and processes are never mixed. The first
 // `baseLength` characters of the path name an existing folder; the folders after it are separated by "/", and they and
 // the file are created when they are missing. False when the file cannot be opened; a write that fails is not reported.
 // On POSIX the folders after the first one and the file are private to this user: they are created so, and refused when
@@ -89,8 +89,8 @@ void wipe(void* memory, std::size_t size);
 void* pinModule();
 void releaseModule(void* pin);
 
-// Calls `handler` when the process ends in an orderly way with threads of ours still alive; once a registration. On
-// Windows it is never called: the system has ended all other threads before it notifies a library.
+// Calls `handler` once for each registration when the process exits while threads of the module still run. On Windows
+// it is never called: the system has ended all other threads before it notifies a library.
 void atProcessExit(void (*handler)());
 
 // Calls the three handlers around every fork of the process, as pthread_atfork does, and keeps other threads out of

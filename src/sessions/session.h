@@ -26,7 +26,7 @@ enum class Operation : std::uint32_t {
   decryptionDuringDigest = 10  // C_DecryptInit, from digest. The same.
 };
 
-// The number for the log, which has always shown it as a signed one.
+// The number for the log, in which it is signed.
 constexpr std::int32_t code(Operation operation) { return static_cast<std::int32_t>(operation); }
 
 // The results of the last search. They stay until the next one.
@@ -35,11 +35,12 @@ struct Search {
   std::vector<TavrinKeyPair> keyPairs;
   bool findsPublicKeys = false;   // reports the public keys of keyPairs
   bool findsPrivateKeys = false;  // reports the private keys of keyPairs
-  std::uint32_t cursor = 0;       // results that were handed out
+  std::uint32_t cursor = 0;       // the number of results that were returned
 };
 
-// Data that comes in parts: of a digest, or of a signature to make or to verify. Digests and signatures share it, and
-// neither C_SignInit nor C_VerifyInit empties it: an operation that was given up leaves its parts to the next one.
+// Data that is passed in parts: of a digest, or of a signature to make or to verify. Digests and signatures share it,
+// and neither C_SignInit nor C_VerifyInit empties it, so the parts of an abandoned operation become part of the next
+// one.
 struct Parts {
   // The parts themselves for a mechanism without a hash, or a finished digest.
   SecretBytes data;
@@ -47,8 +48,8 @@ struct Parts {
   void* hashContext = nullptr;
 };
 
-// One thread at a time may use a session, as Cryptoki asks of applications. Other threads read and change `state` only:
-// a login or logout on another session of the token, and the device monitor.
+// Applications must use a session in one thread at a time. Other threads read and change `state` only: a login or
+// logout on another session of the token, and the device monitor.
 struct Session {
   CK_SESSION_HANDLE handle = 0;
   std::atomic<CK_STATE> state = CKS_RO_PUBLIC_SESSION;

@@ -12,8 +12,8 @@ namespace tavrin {
 
 inline constexpr CK_SESSION_HANDLE firstSessionHandle = 0x60000001;
 
-// Any thread may call the functions. The lock is held for the table's own work only. A session that is closed while
-// another thread uses it exists until that thread releases its pointer.
+// Any thread may call the functions. The lock is held only while the table is read or changed. A session that is closed
+// while another thread uses it exists until that thread releases its pointer.
 class SessionTable {
  public:
   // Null for an unknown handle.
@@ -25,7 +25,8 @@ class SessionTable {
   void erase(CK_SESSION_HANDLE handle);
   void clear();
 
-  // Visits every session in ascending handle order under the table's lock: the visitor neither logs nor calls out.
+  // Visits every session in ascending handle order under the table's lock, so the visitor must neither log nor call the
+  // device library.
   template <typename Visitor>
   void forEach(Visitor&& visit) const {
     const std::lock_guard lock(mutex_);

@@ -14,7 +14,7 @@ namespace tavrin {
 
 inline constexpr CK_SLOT_ID firstSlotId = 0x50000001;
 
-// Safe from any thread; the lock is held for the table's own work only.
+// Any thread may use it. The lock is held only while the table is read or changed.
 class SlotTable {
  public:
   using Entry = std::shared_ptr<const TokenInfo>;

@@ -1,4 +1,4 @@
-// What the slots ask of the sessions on their tokens. The folder sessions/, which is above this one, defines it.
+// The functions that the slots need from the sessions. They are defined in sessions/, the layer above this one.
 #pragma once
 
 #include <string>
