@@ -1,4 +1,4 @@
-// The layouts that applications were compiled against, held fast at compile time.
+// Checks at compile time that the layouts are those that applications were compiled with.
 #include <cstddef>
 
 #include "pkcs11.h"

@@ -1,6 +1,6 @@
 // C_FindObjectsInit, C_FindObjects and C_FindObjectsFinal.
 //
-// One criterion decides for each kind of object: the first one present in a fixed order. The other entries of a
+// For each kind of object one criterion is compared: the first one present in a fixed order. The other entries of a
 // template are ignored.
 #include <optional>
 #include <string_view>
@@ -37,7 +37,7 @@ void takeCriterion(CK_ATTRIBUTE_TYPE type, ByteView value, Criteria& criteria) {
       criteria.subject = value;
       break;
     case CKA_LABEL:
-      // A C string, as the applications that this search was made for give it; the given length is not used.
+      // A C string: existing applications pass one. The given length is not used.
       criteria.label = reinterpret_cast<const char*>(value.data());
       break;
     case CKA_VALUE:

@@ -41,7 +41,7 @@ class File {
   bool isOpen() const { return descriptor_ >= 0; }
   bool describe(struct stat& status) const { return fstat(descriptor_, &status) == 0; }
   ssize_t read(void* buffer, std::size_t size) const { return ::read(descriptor_, buffer, size); }
-  // A disk that is full cuts the text short; writing the rest later would tear other lines.
+  // A disk that is full cuts the text short; writing the rest later would put it between other lines.
   ssize_t write(std::string_view text) const { return ::write(descriptor_, text.data(), text.size()); }
 
  private:

@@ -14,8 +14,8 @@ CK_RV takePendingEvent(const Call& call, CK_SLOT_ID_PTR pSlot) {
   return CKR_OK;
 }
 
-// Sleeps until an event or a stop; true for an event, which is then collected. A stop wins over a pending event.
-// Another thread's non-blocking call may collect the same event at this moment: then both have seen it.
+// Sleeps until an event or a stop; true for an event, which is then collected. A stop has priority over a pending
+// event. Another thread's non-blocking call may collect the same event at this moment: then both have seen it.
 bool waitForEvent(std::uint64_t stopsBefore) {
   DeviceMonitor& monitor = deviceMonitor;
   std::unique_lock lock(monitor.eventMutex);
