@@ -599,9 +599,9 @@ void changeBetweenInitAndSign() {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   startWalk();
-  openLibrary(WALK_MODULE);  // libFuzzer's counters must not be unloaded
+  openLibrary(TavrinPKCS11);  // libFuzzer's counters must not be unloaded
   const auto list =
-      reinterpret_cast<CK_C_GetFunctionList>(findFunction(openLibrary(WALK_STANDARD), "C_GetFunctionList"));
+      reinterpret_cast<CK_C_GetFunctionList>(findFunction(openLibrary(TavrinPKCS11Standard), "C_GetFunctionList"));
   same("C_GetFunctionList", list(&f), CKR_OK);
   fake::reset();
   same("C_Initialize", f->C_Initialize(nullptr), CKR_OK);
