@@ -122,9 +122,17 @@ class Walk {
     for (ModelToken& token : tokens) {
       if (!token.unsure) continue;
       token = {.slot = token.slot, .hides = token.hides};
+      events_.insert(token.slot);
       for (auto& [handle, session] : sessions_) session.dead = session.dead || session.token == &token;
     }
     refresh();
+    CK_SLOT_ID slot = 0;
+    std::set<CK_SLOT_ID> seen;
+    while (f->C_WaitForSlotEvent(CKF_DONT_BLOCK, &slot, nullptr) == CKR_OK) seen.insert(slot);
+    if (seen != events_)
+      stop("the number of slots with events", static_cast<CK_ULONG>(seen.size()),
+           static_cast<CK_ULONG>(events_.size()));
+    events_.clear();
     CK_SESSION_INFO info{};
     for (const auto& [handle, session] : sessions_) {
       same("C_GetSessionInfo", f->C_GetSessionInfo(handle, &info), session.dead ? CKR_DEVICE_REMOVED : CKR_OK);
@@ -185,6 +193,7 @@ class Walk {
     if (!token.present) {
       plug(serials[which]);
       token.present = true;
+      events_.insert(token.slot);
       return refresh();
     }
     std::erase_if(fake::edit()->devices,
@@ -540,6 +549,7 @@ class Walk {
                .changed = token.changed,
                .hides = token.hides};
     quiet_ = 0;
+    events_.clear();
     readSlots();
   }
 
@@ -547,7 +557,8 @@ class Walk {
   std::map<CK_SESSION_HANDLE, ModelSession> sessions_;
   std::map<std::pair<CK_SESSION_HANDLE, Operation>, CK_OBJECT_HANDLE> keys_;
   std::vector<CK_OBJECT_HANDLE> found_;
-  std::string asked_;  // the last operation of the device library that uses a key
+  std::string asked_;            // the last operation of the device library that uses a key
+  std::set<CK_SLOT_ID> events_;  // of the slots whose token has come or gone
   CK_SESSION_HANDLE closed_ = 0;
   static inline CK_SESSION_HANDLE last_ = 0;
   bool faulty_ = false;

@@ -262,6 +262,7 @@ TEST_F(KeysTest, Encryption) {
     }
     is(s.run(encrypt, mechanism, rsaPublic_, std::string(mechanism.type == CKM_RSA_PKCS ? 246 : 215, 'p')),
        differs(CKR_DATA_LEN_RANGE, CKR_GENERAL_ERROR, byOpenSsl));
+    is(s.run(encrypt, mechanism, rsaPublic_, ""), differs(CKR_DATA_LEN_RANGE, CKR_OK, "the device needs data"));
   }
 }
 

@@ -184,8 +184,8 @@ TEST_F(KeysTest, CreatingObjects) {
   each({CKR_ATTRIBUTE_VALUE_INVALID, CKR_TEMPLATE_INCONSISTENT},
        {publicKey.with({{CKA_CLASS, 99}}), publicKey.with({{CKA_KEY_TYPE, 99}}), publicKey.with({{CKA_TOKEN, 1}})},
        create);
-  is(create(publicKey.with({{CKA_CLASS, "x"}})),
-     differs(CKR_ATTRIBUTE_VALUE_INVALID, CKR_TEMPLATE_INCOMPLETE, unlooked));
+  each(differs(CKR_ATTRIBUTE_VALUE_INVALID, CKR_TEMPLATE_INCOMPLETE, unlooked),
+       {publicKey.with({{CKA_CLASS, "x"}}), publicKey.with({{CKA_KEY_TYPE, "x"}})}, create);
   is(create(publicKey.with({{CKA_LOCAL, true}})), {CKR_ATTRIBUTE_READ_ONLY, CKR_TEMPLATE_INCONSISTENT});
   is(create(publicKey.with({{CKA_EC_POINT, point}})), {CKR_TEMPLATE_INCONSISTENT, CKR_ATTRIBUTE_TYPE_INVALID});
   each(differs({CKR_ATTRIBUTE_VALUE_INVALID, CKR_TEMPLATE_INCONSISTENT, CKR_FUNCTION_NOT_SUPPORTED}, CKR_OK, noData),
@@ -198,7 +198,8 @@ TEST_F(KeysTest, CreatingObjects) {
   is(f->C_CreateObject(*owner_, made.data(), made.size(), nullptr), CKR_ARGUMENTS_BAD);
   is(f->C_CreateObject(*owner_, nullptr, 1, &owner_->made), CKR_ARGUMENTS_BAD);
   is(f->C_Logout(*owner_), CKR_OK);
-  is(owner_->create(importedKey().with({{CKA_TOKEN, true}, {CKA_PRIVATE, true}})), CKR_USER_NOT_LOGGED_IN);
+  for (const Template& object : {importedKey().with({{CKA_TOKEN, true}}), publicKey})
+    is(owner_->create(object.with({{CKA_PRIVATE, true}})), CKR_USER_NOT_LOGGED_IN);
 }
 
 // Which attributes a template of each kind may have, as a whole list; "!" before those that only the token sets.
