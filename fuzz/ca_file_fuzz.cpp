@@ -1,8 +1,8 @@
 // The files in the folder of CA certificates, DER or PEM. The software token parses them, and the module searches a
 // chain for the last one. An input has the files with the bytes FF FE FD between them.
 #include <algorithm>
-#include <cstdlib>
 
+#include "fuzz_input.h"
 #include "objects/ca_chain.h"
 #include "softtoken/certificates.h"
 #include "softtoken/failure.h"
@@ -10,10 +10,6 @@
 using Files = std::vector<std::pair<std::string, std::vector<std::uint8_t>>>;
 
 static Files files;
-
-static void requireThat(bool fact) {
-  if (!fact) std::abort();
-}
 
 // The operations of the device library that the module calls, without a disk.
 Files tavrin_getFilesWithExtensionsAndConvertDER(const std::string&, const std::vector<std::string>&, void*) {

@@ -1,10 +1,17 @@
-// The bytes of one fuzzing input, read as choices. After the last byte every choice is 0.
+// What fuzz targets share.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <string>
 
+// Ends the program, which a fuzzer reports, unless the fact is true.
+inline void requireThat(bool fact) {
+  if (!fact) std::abort();
+}
+
+// The bytes of one input, read as choices. After the last byte every choice is 0.
 class FuzzInput {
  public:
   FuzzInput(const std::uint8_t* data, std::size_t size) : data_(data), size_(size) {}
