@@ -225,10 +225,11 @@ std::string ModuleTest::rawLog() {
 }
 
 void ModuleTest::takeLog() {
-  std::istringstream log(rawLog().substr(logRead_));
-  for (std::string line; std::getline(log, line);) {
-    logRead_ += line.size() + 1;
-    const std::string message = withoutTime(line);
+  const std::string log = rawLog();
+  // The monitor may be writing its line at this moment: only whole lines are taken.
+  for (auto end = log.find('\n', logRead_); end != log.npos; end = log.find('\n', logRead_)) {
+    const std::string message = withoutTime(log.substr(logRead_, end - logRead_));
+    logRead_ = end + 1;
     if (!isOfMonitor(message)) lines_.push_back(message);
   }
 }
