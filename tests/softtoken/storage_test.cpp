@@ -113,6 +113,12 @@ TEST_F(SoftTokenTest, APasswordChangeEndsTheOldPasswordEverywhere) {
   EXPECT_EQ(otherProcess().tries().user, 10u) << "a process that does not know of the change must not lock the token";
   EXPECT_EQ(answer("second"), Answer(wrongPassword, 9));
   EXPECT_EQ(sign(key, pattern(32), false, "third").status, ok);
+  for (const char* next : {"fourth", "fifth"}) {
+    otherProcess().setUserPassword(softtoken::Role::securityOfficer, soPin, next, tries);
+    EXPECT_EQ(keyPairs().size(), 1u);
+  }
+  EXPECT_EQ(sign(key, pattern(32), false, "third").status, wrongPassword);
+  EXPECT_EQ(otherProcess().tries().user, 9u) << "only the password of just before is known";
 }
 
 // The file of the token as an attacker writes it, who knows no password: with a hash that fits.
