@@ -141,8 +141,11 @@ TEST_F(SoftTokenTest, OnlyAWrongPasswordSpendsATry) {
   const Bytes whole = softtoken::readFile(file, 1 << 20).value();
   Bytes changed(whole.begin(), whole.end() - 32);
   changed[4 + 20 + 16 + 4] ^= 0x20;  // the label
+  softtoken::Token opened = otherProcess();
+  const softtoken::UnlockedState unlocked = opened.unlockForUser(pin);
   forge(file, changed);
   expectFault("another label");
+  EXPECT_THROW(opened.change(unlocked, [](softtoken::TokenState&) {}), softtoken::Failure) << "authenticates nothing";
   Bytes withoutProof(whole.begin(), whole.end() - 64);
   withoutProof[18] = '1';
   forge(file, withoutProof);
