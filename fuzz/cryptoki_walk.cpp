@@ -10,7 +10,6 @@
 #include <memory>
 #include <set>
 
-#include "fake_device_library.h"
 #include "fuzz_input.h"
 #include "pkcs11.h"
 #include "session_model.h"
@@ -23,13 +22,6 @@ namespace {
 constexpr CK_SLOT_ID firstSlot = 0x50000001;
 constexpr std::size_t mostSessions = 12;
 const char* const devices[] = {"TK1", "TK2", "TK3"};
-
-void plug(const std::string& serial) {
-  fake::Device device = fake::device(serial);
-  device.keyPairs = {fake::keyPair(1, 2, "rsa-modulus", "RSA"), fake::keyPair(2, 5, "ec-point", "EC", 1)};
-  device.certificates = {fake::certificate(1, "CN=User|CN=Root|01", "Certificate")};
-  fake::edit()->devices.push_back(device);
-}
 
 class Walk {
  public:

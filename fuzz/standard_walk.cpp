@@ -9,7 +9,6 @@
 #include <sstream>
 #include <thread>
 
-#include "fake_device_library.h"
 #include "load_module.h"
 #include "walk.h"
 
@@ -19,7 +18,6 @@ enum Operation { search, digest, sign, verify, encrypt, decrypt };
 enum Login { nobody, user, officer };
 constexpr std::size_t mostSessions = 12;
 const char* const serials[] = {"TK1", "TK2", "TK3"};
-const std::string modulus(256, 'R'), point = '\x04' + std::string(64, 'P');
 
 CK_FUNCTION_LIST* f = nullptr;
 
@@ -45,13 +43,6 @@ struct ModelSession {
     return (readWrite ? CKS_RW_PUBLIC_SESSION : CKS_RO_PUBLIC_SESSION) + (token->login == user ? 1U : 0U);
   }
 };
-
-void plug(const std::string& serial) {
-  fake::Device device = fake::device(serial);
-  device.keyPairs = {fake::keyPair(1, 2, modulus, "RSA"), fake::keyPair(2, 5, point, "EC", 3)};
-  device.certificates = {fake::certificate(1, "CN=User|CN=Root|01", "Certificate")};
-  fake::edit()->devices.push_back(device);
-}
 
 class Walk {
  public:

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "fake_device_library.h"
 #include "fuzz_input.h"
 #include "pkcs11.h"
 #include "test_platform.h"
@@ -30,6 +31,15 @@ inline void startWalk() {
     std::fprintf(stderr, "%lu calls, not counting those that compare sessions\n", callsMade);
     std::filesystem::remove_all(folder);
   });
+}
+
+// Connects a token with an RSA key, a P-256 key and a certificate, whose values are as long as real ones.
+inline const std::string modulus(256, 'R'), point = '\x04' + std::string(64, 'P');
+inline void plug(const std::string& serial) {
+  fake::Device device = fake::device(serial);
+  device.keyPairs = {fake::keyPair(1, 2, modulus, "RSA"), fake::keyPair(2, 5, point, "EC")};
+  device.certificates = {fake::certificate(1, "CN=User|CN=Root|01", "Certificate")};
+  fake::edit()->devices.push_back(device);
 }
 
 [[noreturn]] inline void stop(const char* what, CK_ULONG got, CK_ULONG expected) {

@@ -56,8 +56,8 @@ extern PinStore& pins;
 class ModuleLock {
  public:
   explicit ModuleLock(State& state) : state_(state), lock_(state.mutex, std::try_to_lock) {
-    // A thread that locks again before the next in turn has woken up overtakes it. That saves the time of waking up, but
-    // happens a few times only, or one thread could keep the others waiting for long.
+    // A thread that locks again before the next in turn has woken up overtakes it. That saves the time of waking up,
+    // but happens a few times only, or one thread could keep the others waiting for long.
     if (lock_ && ++state.overtakings % 16 != 0) return;
     if (lock_) lock_.unlock();
     const std::lock_guard turn(state.turnstile);

@@ -60,26 +60,14 @@ CK_RV TokenSession::login() {
   return module->C_Login(handle, CKU_USER, pointerTo(textView(pin)), sizeOf(textView(pin)));
 }
 
-CK_STATE TokenSession::state() {
-  CK_SESSION_INFO info;
-  check(module->C_GetSessionInfo(handle, &info), "C_GetSessionInfo");
-  return info.state;
-}
-
-std::vector<CK_OBJECT_HANDLE> TokenSession::findAll(CK_OBJECT_CLASS objectClass, const std::string& label) {
-  auto wanted = templateOf({{CKA_CLASS, numberView(objectClass)}, {CKA_LABEL, textView(label)}});
-  std::vector<CK_OBJECT_HANDLE> found(64);
-  CK_ULONG count = 0;
-  check(module->C_FindObjectsInit(handle, wanted.data(), label.empty() ? 1 : 2), "C_FindObjectsInit");
-  check(module->C_FindObjects(handle, found.data(), 64, &count), "C_FindObjects");
-  check(module->C_FindObjectsFinal(handle), "C_FindObjectsFinal");
-  found.resize(count);
-  return found;
-}
-
 CK_OBJECT_HANDLE TokenSession::find(CK_OBJECT_CLASS objectClass, const std::string& label) {
-  const std::vector<CK_OBJECT_HANDLE> found = findAll(objectClass, label);
-  return found.empty() ? CK_INVALID_HANDLE : found.front();
+  auto wanted = templateOf({{CKA_CLASS, numberView(objectClass)}, {CKA_LABEL, textView(label)}});
+  CK_OBJECT_HANDLE found = CK_INVALID_HANDLE;
+  CK_ULONG count = 0;
+  check(module->C_FindObjectsInit(handle, wanted.data(), 2), "C_FindObjectsInit");
+  check(module->C_FindObjects(handle, &found, 1, &count), "C_FindObjects");
+  check(module->C_FindObjectsFinal(handle), "C_FindObjectsFinal");
+  return found;
 }
 
 Bytes TokenSession::attribute(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) {

@@ -29,10 +29,8 @@ class TokenSession {
   TokenSession();
 
   CK_RV login();
-  CK_STATE state();
 
-  std::vector<CK_OBJECT_HANDLE> findAll(CK_OBJECT_CLASS objectClass, const std::string& label);  // no label: any
-  CK_OBJECT_HANDLE find(CK_OBJECT_CLASS objectClass, const std::string& label);                  // 0: there is none
+  CK_OBJECT_HANDLE find(CK_OBJECT_CLASS objectClass, const std::string& label);  // 0: there is none
   Bytes attribute(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type);
   void generate(const std::string& label, const Bytes& curve);  // an empty curve: RSA 2048
   CK_RV create(CK_OBJECT_CLASS objectClass, const Attributes& more, CK_OBJECT_HANDLE* made);

@@ -1,8 +1,6 @@
 // The place of the log, the form of its lines, and the lines that the configured level selects.
-#include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <thread>
 
 #include "module_test.h"
 #include "test_platform.h"
@@ -17,18 +15,10 @@ std::string shape(std::string text) {
   return text;
 }
 
-class LogTest : public ModuleTest {
- protected:
-  // The monitor writes the last of its lines at its first look; nothing else comes from it afterwards.
-  static bool waitForMonitorsLines() {
-    for (int i = 0; i < 3000 && rawLog().find("Slot event: ") == std::string::npos; ++i)
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    return rawLog().find("Slot event: ") != std::string::npos;
-  }
-};
+using LogTest = ModuleTest;
 
 TEST_F(LogTest, FileIsNamedByProcessAndDayAndLinesByTime) {
-  ASSERT_TRUE(waitForMonitorsLines());
+  ASSERT_TRUE(waitForListings(2));  // the monitor writes its last line after the first
   EXPECT_EQ(C_CloseSession(1), CKR_SESSION_HANDLE_INVALID);
   std::string file;
   for (const auto& entry : fs::recursive_directory_iterator(logFolder())) {
@@ -65,7 +55,7 @@ TEST_F(LogTest, LevelIsTheFirstByteOfTheValueAndIsReadForEveryLine) {
 }
 
 TEST_F(LogTest, LinesThatCannotBeWrittenAreDroppedAndThatIsPrinted) {
-  ASSERT_TRUE(waitForMonitorsLines());
+  ASSERT_TRUE(waitForListings(2));  // the monitor writes its last line after the first
   logLevel(2);
   const fs::path folder = logFolder().parent_path();
   const auto printedOver = [](const fs::path& temporary) {

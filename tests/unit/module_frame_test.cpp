@@ -1,4 +1,5 @@
 // The function list, the general calls, what every function refuses first, and what none supports.
+#include <cstdint>
 #include <cstring>
 #include <type_traits>
 
@@ -77,6 +78,46 @@ TEST_F(ModuleFrameTest, EveryOtherFunctionWantsInitializationAndThenItsSessionBe
   for (const Call& call : functions(false, unsupported + " C_Initialize C_GetFunctionList ", 0)) {
     expect(call, CKR_CRYPTOKI_NOT_INITIALIZED, call.name == "C_DeriveKey" ? Lines{} : Lines{": not initialized"});
   }
+}
+
+// Where numbers have 64 bits, handles, slots and mechanisms use 32 of them.
+TEST_F(ModuleFrameTest, WiderNumbersAreUnknown) {
+  const auto wide = [](CK_ULONG value) { return static_cast<CK_ULONG>(value | std::uint64_t{1} << 32); };
+  if (wide(0) == 0) GTEST_SKIP() << "numbers have 32 bits";
+  const CK_SESSION_HANDLE session = openLoggedIn();
+  const CK_OBJECT_HANDLE secret = derive(session, "x");
+  for (const Call& call : functions(false, unsupported + ofNoSession, wide(session))) {
+    EXPECT_EQ(call.make(), CKR_SESSION_HANDLE_INVALID) << call.name;
+  }
+  for (const Call& call :
+       functions(true, " C_GetSlotInfo C_GetTokenInfo C_OpenSession C_CloseAllSessions ", wide(slot1))) {
+    EXPECT_EQ(call.make(), CKR_SLOT_ID_INVALID) << call.name;
+  }
+  CK_MECHANISM_INFO info;
+  EXPECT_EQ(C_GetMechanismInfo(slot1, wide(CKM_RSA_PKCS), &info), CKR_MECHANISM_INVALID);
+  EXPECT_EQ(login(session, wide(CKU_SO)).make(), CKR_USER_TYPE_INVALID);
+  EXPECT_EQ(C_SetPIN(session, bytes("1234"), wide(4), bytes("1234"), 4), CKR_PIN_LEN_RANGE);
+  for (const Call& call : {signInit(session, wide(CKM_RSA_PKCS)), encryptInit(session, wide(CKM_RSA_PKCS)),
+                           digestInit(session, wide(CKM_SHA_1))}) {
+    EXPECT_EQ(call.make(), CKR_MECHANISM_INVALID) << call.name;
+  }
+  CK_ATTRIBUTE attribute{CKA_LABEL, bytes("x"), 1};
+  CK_ULONG out = 0;
+  for (const CK_OBJECT_HANDLE object : {rsaPrivate, rsaPublic, certificate1, secret}) {
+    const CK_OBJECT_HANDLE w = wide(object);
+    for (const Call& call :
+         {CALL(C_GetAttributeValue, session, w, &attribute, 1), CALL(C_SetAttributeValue, session, w, &attribute, 1),
+          CALL(C_GetObjectSize, session, w, &out), CALL(C_DestroyObject, session, w),
+          signInit(session, CKM_RSA_PKCS, w), verifyInit(session, CKM_RSA_PKCS, w),
+          encryptInit(session, CKM_RSA_PKCS, w), encryptInit(session, CKM_RSA_PKCS_OAEP, w),
+          decryptInit(session, CKM_RSA_PKCS, w)}) {
+      EXPECT_EQ(call.make(), CKR_OBJECT_HANDLE_INVALID) << call.name << " " << object;
+    }
+  }
+  CK_TOKEN_INFO token;
+  ok(C_GetTokenInfo(slot1, &token));
+  EXPECT_EQ(token.ulFreePrivateMemory, CK_UNAVAILABLE_INFORMATION);
+  EXPECT_EQ(get(session, ecPrivate, CKA_MODULUS_BITS), number(256));
 }
 
 TEST_F(ModuleFrameTest, InfoTextsEndInNulAndLeaveTheRestOfTheirFields) {
