@@ -4,6 +4,7 @@
 
 #include <array>
 #include <atomic>
+#include <barrier>
 #include <filesystem>
 #include <thread>
 #include <vector>
@@ -112,17 +113,28 @@ void threads(State& state) {
     require(standard().f->C_OpenSession(info.slotID, CKF_SERIAL_SESSION, nullptr, nullptr, &one) == CKR_OK,
             "C_OpenSession");
   }
-  const auto signWith = [&](std::size_t count) {
-    std::vector<std::thread> running;
-    for (std::size_t i = 0; i < count; ++i) {
-      running.emplace_back([&, i] {
-        for (std::size_t round = 0; round < 64 / count; ++round) sign(standard(), sessions[i], CKM_ECDSA_SHA256, key);
-      });
-    }
-    for (std::thread& thread : running) thread.join();
+  // The threads are started before: to start them costs more than the locks that are measured.
+  std::barrier<> turn(17);
+  std::size_t count = 0;
+  std::vector<std::thread> running;
+  for (std::size_t i = 0; i < 16; ++i) {
+    running.emplace_back([&, i] {
+      for (turn.arrive_and_wait(); count != 0; turn.arrive_and_wait()) {
+        for (std::size_t round = 0; i < count && round < 64 / count; ++round)
+          sign(standard(), sessions[i], CKM_ECDSA_SHA256, key);
+        turn.arrive_and_wait();
+      }
+    });
+  }
+  const auto signWith = [&](std::size_t threadCount) {
+    count = threadCount;
+    turn.arrive_and_wait();
+    if (count != 0) turn.arrive_and_wait();
   };
   compare(
       state, [&] { signWith(16); }, [&] { signWith(1); });
+  signWith(0);
+  for (std::thread& thread : running) thread.join();
   for (const CK_SESSION_HANDLE one : sessions) standard().f->C_CloseSession(one);
 }
 
