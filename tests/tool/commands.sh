@@ -205,4 +205,3 @@ else
   says out 'P-256, "key"'
   [[ $(onTerminal | head -n 1) == $'\e[31m'*$'\e[0m'* && $(onTerminal NO_COLOR=1) != *$'\e'* ]] || fail "wrong colours"
 fi
-echo "tavrin-tool did what it was told"

@@ -161,4 +161,3 @@ awk 'BEGIN {
 tool 0 report many.html --log "$(native "$E2E_FOLDER/many.LOG")"
 (($(stat -c %s many.html) < 20000000)) || fail "the page of 100000 lines is too large"
 says many.html '10000 times, first at 00:00:00.000'
-echo "status, log and report said what was wrong"

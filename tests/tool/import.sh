@@ -71,4 +71,3 @@ tool 1 import "$(native "$E2E_FOLDER/plain.pem")" --pin-file "$wrong"
 says err 'the user password is wrong'
 tool 0 token show refused --json
 json '(.keyPairs | length), (.certificates | length)' '0,0'
-echo "keys and certificates were imported"
