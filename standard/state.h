@@ -21,7 +21,7 @@ struct State {
 
   std::mutex mutex;                   // the module lock; see ModuleLock
   std::mutex turnstile;               // held by the thread that gets the module lock next
-  unsigned overtakings = 0;           // of threads in turn for the module lock, under that lock
+  unsigned overtakings = 0;           // how often the free module lock was taken out of turn; guarded by it
   std::condition_variable idle;       // signalled under the module lock when no key is being generated
   unsigned generating = 0;            // number of keys being generated outside the lock with the current login
   Token* loggedIn = nullptr;          // whose PIN the module has; null when it has none
