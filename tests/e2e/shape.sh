@@ -49,4 +49,9 @@ if [[ $E2E_SYSTEM == Windows ]]; then
     done
   done
 fi
+# The host's locale, folder, modes and handlers stay as they are. On Windows the compiler's start code needs signal.
+changes='setlocale|f?chdir|umask|sigaction|fesetround|setenv|_controlfp|Set(ErrorMode|UnhandledExceptionFilter|CurrentDirectory.)'
+[[ $E2E_SYSTEM == Windows ]] || changes+='|signal'
+changed=$({ objdump -p "$library" && nm -D "$library"; } 2>/dev/null | grep -owE "$changes" || true)
+[[ -z $changed ]] || fail "the module changes the state of its host: $changed"
 echo "68 functions, 3 extra ones, and $(imports "$library" | tr '\n' ' ')"

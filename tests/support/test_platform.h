@@ -47,13 +47,6 @@ std::vector<OddLogLevel> oddLogLevels();
 // end of the file and writes in two steps, they do not.
 bool appendsAtomically();
 
-// What libraries must leave alone, as a text: locale, working directory, signal or error handlers, floating-point
-// state.
-std::string processState();
-
-// Runs `work` on a thread with a stack of 64 KiB, and waits for it. Sanitizers get four times as much.
-void onSmallStack(const std::function<void()>& work);
-
 // Does `work` in the child of a fork, and waits for it: what the work returned, or 101 if it crashed. -1 without fork.
 int exitCodeOfFork(const std::function<int()>& work);
 

