@@ -6,14 +6,17 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <stdexcept>
+#include <string>
 #include <thread>
 
+#include "first_token.h"
 #include "test_platform.h"
-#include "token_session.h"
 
 namespace {
 
 constexpr int exitCode = 42;
+const char* const modulePath = std::getenv("E2E_MODULE");
 
 CK_FUNCTION_LIST* functions = nullptr;
 
@@ -27,25 +30,36 @@ struct Late {
   }
 } late;
 
+CK_OBJECT_HANDLE findPrivateKey(CK_SESSION_HANDLE session) {
+  CK_OBJECT_CLASS objectClass = CKO_PRIVATE_KEY;
+  CK_ATTRIBUTE wanted = {CKA_CLASS, &objectClass, sizeof objectClass};
+  CK_OBJECT_HANDLE key = CK_INVALID_HANDLE;
+  CK_ULONG count = 0;
+  check(functions->C_FindObjectsInit(session, &wanted, 1), "C_FindObjectsInit");
+  check(functions->C_FindObjects(session, &key, 1, &count), "C_FindObjects");
+  check(functions->C_FindObjectsFinal(session), "C_FindObjectsFinal");
+  return key;
+}
+
 void enter(const std::string& state, void*& library) {
   for (int round = 0; state == "reloaded" && round < 20; ++round) {
     closeLibrary(library);
-    const CryptokiModule module(setting("E2E_MODULE"));
+    const CryptokiModule module(modulePath);
     if (slotsWithToken(module).size() != 1) throw std::runtime_error("the token is not there");
-    library = openLibrary(setting("E2E_MODULE"));
+    library = openLibrary(modulePath);
   }
   check(reinterpret_cast<CK_C_GetFunctionList>(findFunction(library, "C_GetFunctionList"))(&functions),
         "C_GetFunctionList");
   if (state == "loaded" || state == "reloaded") return;
-  // It holds the module a second time, so that the states below can be reached with the usual helpers. It is never
-  // destroyed: that would finalise the module.
-  static TokenSession* const token = new TokenSession;
+  // It is never destroyed: that would finalise the module.
+  static const auto& module = *new CryptokiModule(modulePath);
   closeLibrary(library);
+  const CK_SESSION_HANDLE session = openSession(module);
   if (state == "initialised") return;
-  check(token->login(), "C_Login");
+  logIn(module, session);
   if (state == "signing") {
     CK_MECHANISM mechanism = {CKM_SHA256_RSA_PKCS, nullptr, 0};
-    check(functions->C_SignInit(token->handle, &mechanism, token->find(CKO_PRIVATE_KEY, "key")), "C_SignInit");
+    check(functions->C_SignInit(session, &mechanism, findPrivateKey(session)), "C_SignInit");
   }
   if (state == "waiting") {
     std::thread([] {
@@ -62,10 +76,11 @@ int beginAnew() {
   CK_ULONG count = 0;
   CK_SESSION_INFO info;
   if (functions->C_GetSlotList(CK_TRUE, nullptr, &count) != CKR_CRYPTOKI_NOT_INITIALIZED) return 1;
-  TokenSession token;
-  if (functions->C_GetSessionInfo(token.handle + 1, &info) != CKR_SESSION_HANDLE_INVALID) return 3;
-  check(token.login(), "C_Login in the child");
-  return token.find(CKO_PRIVATE_KEY, "key") == CK_INVALID_HANDLE ? 2 : exitCode;
+  const CryptokiModule module(modulePath);
+  const CK_SESSION_HANDLE session = openSession(module);
+  if (functions->C_GetSessionInfo(session + 1, &info) != CKR_SESSION_HANDLE_INVALID) return 3;
+  logIn(module, session);
+  return findPrivateKey(session) == CK_INVALID_HANDLE ? 2 : exitCode;
 }
 
 void leave(const std::string& way, void* library) {
@@ -93,7 +108,7 @@ void leave(const std::string& way, void* library) {
 int main(int argc, char** argv) {
   if (argc != 3) return 2;
   try {
-    void* library = openLibrary(setting("E2E_MODULE"));
+    void* library = openLibrary(modulePath);
     enter(argv[1], library);
     leave(argv[2], library);
     return exitCode;

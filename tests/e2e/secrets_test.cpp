@@ -8,22 +8,35 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
+#include <stdexcept>
 #include <thread>
 
+#include "first_token.h"
 #include "softtoken/key_material.h"
 #include "softtoken/record_io.h"
 #include "softtoken/token_folders.h"
 #include "test_platform.h"
-#include "token_session.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+using softtoken::Bytes;
 using softtoken::ByteView;
 // How often each secret is there from its beginning; 0 where only a later part of it is, or another form.
 using Copies = std::map<std::string, int>;
+
+Bytes readFile(const fs::path& name) {
+  std::ifstream file(name, std::ios::binary);
+  if (!file) throw std::runtime_error("cannot read " + name.string());
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void writeFile(const fs::path& name, const Bytes& contents) {
+  std::ranges::copy(contents, std::ostreambuf_iterator<char>(std::ofstream(name, std::ios::binary).rdbuf()));
+}
 
 // Secrets go to the other process in files, masked so that the search finds no copy of its own.
 Bytes masked(Bytes bytes) {
@@ -51,21 +64,19 @@ void pause(const char* stage) {
   while (fs::exists(stage)) std::this_thread::sleep_for(5ms);
 }
 
-void expect(CK_RV result, CK_RV expected, const char* call) {
-  if (result != expected) throw std::runtime_error(std::string(call) + " gave " + std::to_string(result));
-}
-
 class Victim {
  public:
   void run() {
     const Given alwaysThere("planted");
     login(CKU_SO, "wrong password", CKR_PIN_INCORRECT);
-    login(CKU_SO, "officer's password", CKR_OK);
-    check(module()->C_Logout(token_->handle), "C_Logout");
+    login(CKU_SO, "officer's password");
+    expect(module()->C_Logout(session_));
     login(CKU_USER, "wrong password", CKR_PIN_INCORRECT);
-    login(CKU_USER, "password", CKR_OK);
-    token_->generate("rsa", {});
-    token_->generate("ec", {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07});
+    login(CKU_USER, "password");
+    CK_ULONG bits = 2048;
+    Bytes p256{0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
+    rsa_ = generate("rsa", CKM_RSA_PKCS_KEY_PAIR_GEN, CKK_RSA, {CKA_MODULUS_BITS, &bits, sizeof bits});
+    ec_ = generate("ec", CKM_EC_KEY_PAIR_GEN, CKK_EC, attribute(CKA_EC_PARAMS, p256));
     importKey(CKR_FUNCTION_FAILED);
     importKey(CKR_OK);
     pause("keys made");
@@ -84,54 +95,96 @@ class Victim {
     changePassword("password", CKR_OK);
     sign();
     pause("password changed");
-    check(module()->C_Logout(token_->handle), "C_Logout");
+    expect(module()->C_Logout(session_));
     pause("logged out");
-    token_.reset();
+    module_.reset();
     pause("unloaded");
   }
 
  private:
-  CryptokiModule& module() { return token_->module; }
-  CK_OBJECT_HANDLE privateKey(const char* label) { return token_->find(CKO_PRIVATE_KEY, label); }
-  static CK_ULONG sizeOf(const Bytes& bytes) { return static_cast<CK_ULONG>(bytes.size()); }
+  struct KeyPair {
+    CK_OBJECT_HANDLE publicKey, privateKey;
+  };
 
-  void login(CK_USER_TYPE user, const char* name, CK_RV expected) {
+  static void expect(CK_RV result, CK_RV expected = CKR_OK, int line = __builtin_LINE()) {
+    if (result != expected)
+      throw std::runtime_error("the call of line " + std::to_string(line) + " gave " + std::to_string(result));
+  }
+  static CK_ULONG sizeOf(const Bytes& bytes) { return static_cast<CK_ULONG>(bytes.size()); }
+  static CK_ATTRIBUTE attribute(CK_ATTRIBUTE_TYPE type, Bytes& value) { return {type, value.data(), sizeOf(value)}; }
+  CryptokiModule& module() { return *module_; }
+
+  void login(CK_USER_TYPE user, const char* name, CK_RV expected = CKR_OK) {
     Given pin(name);
-    expect(module()->C_Login(token_->handle, user, pin.data(), sizeOf(pin)), expected, "C_Login");
+    expect(module()->C_Login(session_, user, pin.data(), sizeOf(pin)), expected);
   }
 
   void changePassword(const char* from, CK_RV expected) {
     Given old(from), fresh("new password");
-    const CK_RV result = module()->C_SetPIN(token_->handle, old.data(), sizeOf(old), fresh.data(), sizeOf(fresh));
-    expect(result, expected, "C_SetPIN");
+    expect(module()->C_SetPIN(session_, old.data(), sizeOf(old), fresh.data(), sizeOf(fresh)), expected);
+  }
+
+  KeyPair generate(std::string label, CK_MECHANISM_TYPE type, CK_KEY_TYPE keyType, CK_ATTRIBUTE publicPart) {
+    CK_MECHANISM mechanism = {type, nullptr, 0};
+    CK_ATTRIBUTE privatePart[] = {{CKA_KEY_TYPE, &keyType, sizeof keyType},
+                                  {CKA_LABEL, label.data(), static_cast<CK_ULONG>(label.size())}};
+    KeyPair made{};
+    expect(module()->C_GenerateKeyPair(session_, &mechanism, &publicPart, 1, privatePart, 2, &made.publicKey,
+                                       &made.privateKey));
+    return made;
   }
 
   void importKey(CK_RV expected) {
     Given modulus("modulus"), exponent("imported exponent"), prime("imported prime 1");
     if (expected != CKR_OK) modulus.back() ^= 2;
-    const Attributes parts{{CKA_LABEL, textView("imported")},
-                           {CKA_MODULUS, modulus},
-                           {CKA_PRIVATE_EXPONENT, exponent},
-                           {CKA_PRIME_1, prime}};
-    expect(token_->create(CKO_PRIVATE_KEY, parts, &made_), expected, "C_CreateObject");
+    CK_OBJECT_CLASS objectClass = CKO_PRIVATE_KEY;
+    char label[] = "imported";
+    CK_ATTRIBUTE parts[] = {{CKA_CLASS, &objectClass, sizeof objectClass},
+                            {CKA_LABEL, label, sizeof label - 1},
+                            attribute(CKA_MODULUS, modulus),
+                            attribute(CKA_PRIVATE_EXPONENT, exponent),
+                            attribute(CKA_PRIME_1, prime)};
+    expect(module()->C_CreateObject(session_, parts, 5, &imported_), expected);
+  }
+
+  void init(CK_C_SignInit call, CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key) {
+    CK_MECHANISM mechanism = {type, nullptr, 0};
+    expect(call(session_, &mechanism, key));
+  }
+
+  // Asks for the length first, so that the module keeps the result for the second call.
+  static Bytes resultOf(const std::function<CK_RV(CK_BYTE_PTR, CK_ULONG_PTR)>& call) {
+    CK_ULONG length = 0;
+    expect(call(nullptr, &length));
+    Bytes result(length);
+    expect(call(result.data(), &length));
+    result.resize(length);
+    return result;
+  }
+
+  Bytes compute(CK_C_SignInit initCall, CK_C_Sign call, CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key, Bytes& data) {
+    init(initCall, type, key);
+    return resultOf([&](auto to, auto length) { return call(session_, data.data(), sizeOf(data), to, length); });
   }
 
   void sign() {
-    const std::pair<const char*, CK_MECHANISM_TYPE> ways[] = {{"rsa", CKM_SHA256_RSA_PKCS},
-                                                              {"rsa", CKM_SHA256_RSA_PKCS_PSS},
-                                                              {"imported", CKM_SHA1_RSA_PKCS},
-                                                              {"ec", CKM_ECDSA_SHA256}};
-    const Bytes data(5000, 'd');
-    for (const auto& [label, mechanism] : ways) {
-      for (const bool inParts : {false, true}) token_->sign(mechanism, privateKey(label), data, inParts);
+    const std::pair<CK_OBJECT_HANDLE, CK_MECHANISM_TYPE> ways[] = {{rsa_.privateKey, CKM_SHA256_RSA_PKCS},
+                                                                   {rsa_.privateKey, CKM_SHA256_RSA_PKCS_PSS},
+                                                                   {imported_, CKM_SHA1_RSA_PKCS},
+                                                                   {ec_.privateKey, CKM_ECDSA_SHA256}};
+    Bytes data(5000, 'd');
+    for (const auto& [key, mechanism] : ways) {
+      compute(module()->C_SignInit, module()->C_Sign, mechanism, key, data);
+      init(module()->C_SignInit, mechanism, key);
+      for (int part = 0; part < 2; ++part) expect(module()->C_SignUpdate(session_, data.data(), 2500));
+      resultOf([&](auto to, auto length) { return module()->C_SignFinal(session_, to, length); });
     }
   }
 
-  void decrypt(CK_MECHANISM_TYPE mechanism) {
-    const Given message("message");
-    const CK_OBJECT_HANDLE publicKey = token_->find(CKO_PUBLIC_KEY, "rsa");
-    const Bytes sent = token_->compute(module()->C_EncryptInit, module()->C_Encrypt, mechanism, publicKey, message);
-    Bytes plain = token_->compute(module()->C_DecryptInit, module()->C_Decrypt, mechanism, privateKey("rsa"), sent);
+  void decrypt(CK_MECHANISM_TYPE type) {
+    Given message("message");
+    Bytes sent = compute(module()->C_EncryptInit, module()->C_Encrypt, type, rsa_.publicKey, message);
+    Bytes plain = compute(module()->C_DecryptInit, module()->C_Decrypt, type, rsa_.privateKey, sent);
     if (plain != message) throw std::runtime_error("decrypted to something else");
     wipe(plain);
   }
@@ -140,25 +193,32 @@ class Victim {
   void refused() {
     Bytes wrong(600, 'w'), out(1024);
     auto length = sizeOf(out);
-    CK_MECHANISM raw = {CKM_RSA_PKCS, nullptr, 0};
-    const CK_OBJECT_HANDLE key = privateKey("rsa");
-    check(module()->C_SignInit(token_->handle, &raw, key), "C_SignInit");
-    expect(module()->C_Sign(token_->handle, wrong.data(), 600, out.data(), &length), CKR_FUNCTION_FAILED, "C_Sign");
-    check(module()->C_DecryptInit(token_->handle, &raw, key), "C_DecryptInit");
-    const CK_RV result = module()->C_Decrypt(token_->handle, wrong.data(), 600, out.data(), &length);
-    expect(result, CKR_FUNCTION_FAILED, "C_Decrypt");
+    init(module()->C_SignInit, CKM_RSA_PKCS, rsa_.privateKey);
+    expect(module()->C_Sign(session_, wrong.data(), 600, out.data(), &length), CKR_FUNCTION_FAILED);
+    init(module()->C_DecryptInit, CKM_RSA_PKCS, rsa_.privateKey);
+    expect(module()->C_Decrypt(session_, wrong.data(), 600, out.data(), &length), CKR_FUNCTION_FAILED);
+    expect(module()->C_FindObjectsInit(session_, nullptr, 0));  // ends the decryption, as its failure does not
+    expect(module()->C_FindObjectsFinal(session_));
   }
 
   void derive(CK_EC_KDF_TYPE kdf, CK_RV expected) {
     Given peer("peer");
     if (expected != CKR_OK) peer.back() ^= 1;  // no point of the curve
-    Bytes secret;
-    expect(token_->derive(kdf, privateKey("ec"), peer, &secret), expected, "C_DeriveKey");
+    CK_ECDH1_DERIVE_PARAMS parameters = {kdf, 0, nullptr, sizeOf(peer), peer.data()};
+    CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameters, sizeof parameters};
+    CK_OBJECT_HANDLE made = CK_INVALID_HANDLE;
+    expect(module()->C_DeriveKey(session_, &mechanism, ec_.privateKey, nullptr, 0, &made), expected);
+    if (expected != CKR_OK) return;
+    Bytes secret(64);
+    CK_ATTRIBUTE value = attribute(CKA_VALUE, secret);
+    expect(module()->C_GetAttributeValue(session_, made, &value, 1));
     wipe(secret);
   }
 
-  std::unique_ptr<TokenSession> token_ = std::make_unique<TokenSession>();
-  CK_OBJECT_HANDLE made_ = 0;
+  std::unique_ptr<CryptokiModule> module_ = std::make_unique<CryptokiModule>(std::getenv("E2E_MODULE"));
+  CK_SESSION_HANDLE session_ = openSession(module());
+  KeyPair rsa_{}, ec_{};
+  CK_OBJECT_HANDLE imported_ = CK_INVALID_HANDLE;
 };
 
 // ---- The search ----
@@ -282,7 +342,7 @@ class SecretsTest : public testing::Test {
   Copies inFiles() {
     Copies found;
     for (const auto& entry : fs::recursive_directory_iterator(folder_))
-      if (entry.is_regular_file()) search_.look(readFile(entry.path().string()), found);
+      if (entry.is_regular_file()) search_.look(readFile(entry.path()), found);
     return found;
   }
 
