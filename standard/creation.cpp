@@ -108,7 +108,8 @@ void checkCopyTemplate(const Attributes& original, const Template& changes) {
   }
 }
 
-// Makes a session key pair one that stays, with new objects; the old handles end with their session.
+// Makes a session key pair one that stays, with new objects; the old handles end with their session. A copy of one half
+// keeps both: the object that a copy of the other half then gives is there already.
 std::shared_ptr<Object> keepKeyPair(ModuleLock& module, const Session& session, const Object& original,
                                     const Template& changes) {
   requireTokenWriteAccess(session);
@@ -116,7 +117,7 @@ std::shared_ptr<Object> keepKeyPair(ModuleLock& module, const Session& session, 
   ObjectTable& objects = module.state().objects;
   for (const CK_OBJECT_CLASS half : {CKO_PUBLIC_KEY, CKO_PRIVATE_KEY}) {
     const auto old = objects.ofModule(session.token, moduleHandleOf(half, original.moduleHandle));
-    if (!old) continue;
+    if (!old || old->session == 0) continue;  // the other half was copied before
     old->kept = true;
     objects.release(*old);
   }

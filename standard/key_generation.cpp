@@ -48,6 +48,8 @@ void readUsage(Attributes& request, bool isRsa, const Template& publicPart, cons
 
 // What is asked of the module for the private half.
 // CKA_WRAP, CKA_UNWRAP and the recovering uses are accepted, as many applications ask for all uses, and are false.
+// CKA_SENSITIVE and CKA_EXTRACTABLE are accepted with any value, as for imported keys: the key is protected in any
+// case.
 Attributes readTemplates(const Mechanism& mechanism, const Template& publicPart, const Template& privatePart) {
   publicPart.mustBeOf(newPublicKey);
   privatePart.mustBeOf(newPrivateKey);
@@ -65,8 +67,6 @@ Attributes readTemplates(const Mechanism& mechanism, const Template& publicPart,
   publicPart.mustNotContradict(CKA_PRIVATE, false);
   publicPart.mustNotContradict(CKA_TRUSTED, false);
   privatePart.mustNotContradict(CKA_PRIVATE, true);
-  privatePart.mustNotContradict(CKA_SENSITIVE, true);
-  privatePart.mustNotContradict(CKA_EXTRACTABLE, false);
   privatePart.mustNotContradict(CKA_ALWAYS_AUTHENTICATE, false);
   privatePart.mustNotContradict(CKA_WRAP_WITH_TRUSTED, false);
   Attributes request;

@@ -334,7 +334,8 @@ TEST_F(KeysTest, GeneratingKeys) {
 TEST_F(KeysTest, SessionObjects) {
   Session maker, other, last;
   const Template curve{{CKA_EC_PARAMS, p256}, {CKA_TOKEN, false}};
-  const Template own{{CKA_TOKEN, false}, {CKA_LABEL, "passing"}, {CKA_SIGN, true}};
+  const Template own{
+      {CKA_TOKEN, false}, {CKA_LABEL, "passing"}, {CKA_SIGN, true}, {CKA_SENSITIVE, false}, {CKA_EXTRACTABLE, true}};
   is(maker.generate(CKM_EC_KEY_PAIR_GEN, curve, own), CKR_OK);
   const CK_OBJECT_HANDLE key = maker.made, publicKey = maker.madePublic;
   EXPECT_EQ(other.value(key, CKA_TOKEN), std::string(1, '\0'));
@@ -347,6 +348,8 @@ TEST_F(KeysTest, SessionObjects) {
   is(other.copy(key, {{CKA_TOKEN, true}, {CKA_LABEL, "kept"}, {CKA_ID, "k"}}), CKR_OK);
   const CK_OBJECT_HANDLE kept = other.made;
   EXPECT_NE(kept, key);
+  is(other.copy(publicKey, {{CKA_TOKEN, true}, {CKA_LABEL, "kept"}, {CKA_ID, "k"}}), CKR_OK);
+  EXPECT_EQ(other.find({{CKA_LABEL, "kept"}, {CKA_CLASS, CKO_PUBLIC_KEY}}), Handles{other.made});
   is(f->C_CloseSession(maker), CKR_OK);
   is(other.get(publicKey, CKA_CLASS), noSuchObject);
   is(other.get(key, CKA_CLASS), noSuchObject);
