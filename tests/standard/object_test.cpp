@@ -187,9 +187,13 @@ TEST_F(KeysTest, CreatingObjects) {
   each(differs(CKR_ATTRIBUTE_VALUE_INVALID, CKR_TEMPLATE_INCOMPLETE, unlooked),
        {publicKey.with({{CKA_CLASS, "x"}}), publicKey.with({{CKA_KEY_TYPE, "x"}})}, create);
   is(create(publicKey.with({{CKA_LOCAL, true}})), {CKR_ATTRIBUTE_READ_ONLY, CKR_TEMPLATE_INCONSISTENT});
-  is(create(publicKey.with({{CKA_EC_POINT, point}})), {CKR_TEMPLATE_INCONSISTENT, CKR_ATTRIBUTE_TYPE_INVALID});
+  each({CKR_TEMPLATE_INCONSISTENT, CKR_ATTRIBUTE_TYPE_INVALID},
+       {publicKey.with({{CKA_EC_POINT, point}}), imported.with({{CKA_KEY_TYPE, CKK_EC}})}, create);
   each(differs({CKR_ATTRIBUTE_VALUE_INVALID, CKR_TEMPLATE_INCONSISTENT, CKR_FUNCTION_NOT_SUPPORTED}, CKR_OK, noData),
        {Template{{CKA_CLASS, CKO_DATA}, {CKA_TOKEN, false}, {CKA_VALUE, "text"}}, secret}, create);
+  is(owner_->create(certificate().with({{CKA_TOKEN, true}, {CKA_VALUE, std::string(3073, 'x')}})),
+     differs(CKR_ATTRIBUTE_VALUE_INVALID, CKR_OK, unlooked));
+  owner_->destroy(owner_->made);
   Session reader(0);
   is(reader.create(publicKey), CKR_OK, "session objects are a reader's too");
   is(reader.create(certificate().with({{CKA_TOKEN, true}})), CKR_SESSION_READ_ONLY);
