@@ -55,11 +55,11 @@ std::shared_ptr<Object> createCertificate(ModuleLock& module, const Session& ses
 
 // CKA_SENSITIVE and CKA_EXTRACTABLE are accepted with any value; the key cannot be read from the token in any case.
 std::shared_ptr<Object> createPrivateKey(ModuleLock& module, const Session& session, const Template& given) {
-  given.mustBeOf(privateKey);
-  if (given.requiredNumber(CKA_KEY_TYPE) != CKK_RSA) {
+  if (given.number(CKA_KEY_TYPE).value_or(CKK_RSA) != CKK_RSA) {
     throw Refusal(CKR_TEMPLATE_INCONSISTENT, "the token imports RSA keys only");
   }
-  for (const CK_ATTRIBUTE_TYPE type : {CKA_MODULUS, CKA_PRIVATE_EXPONENT, CKA_PRIME_1}) given.required(type);
+  given.mustBeOf(privateKey);
+  for (const auto type : {CKA_KEY_TYPE, CKA_MODULUS, CKA_PRIVATE_EXPONENT, CKA_PRIME_1}) given.required(type);
   checkRsaKey(given, bitsOf(given.required(CKA_MODULUS)));
   given.mustNotContradict(CKA_PRIVATE, true);
   given.mustNotContradict(CKA_ALWAYS_AUTHENTICATE, false);
