@@ -62,7 +62,4 @@ void forEachMemoryBlock(std::intptr_t process, const std::function<void(std::spa
 // False where the system has no such limit.
 bool limitFileSize(std::optional<std::size_t> size);
 
-// How many handles or descriptors this process has open.
-std::size_t openHandles();
-
 }  // namespace testPlatform

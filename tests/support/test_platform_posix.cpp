@@ -87,9 +87,4 @@ bool limitFileSize(std::optional<std::size_t> size) {
   return setrlimit(RLIMIT_FSIZE, &limit) == 0;
 }
 
-std::size_t openHandles() {
-  const std::filesystem::directory_iterator descriptors("/proc/self/fd");
-  return static_cast<std::size_t>(std::distance(begin(descriptors), end(descriptors)));
-}
-
 }  // namespace testPlatform

@@ -77,10 +77,4 @@ void forEachMemoryBlock(std::intptr_t process, const std::function<void(std::spa
 
 bool limitFileSize(std::optional<std::size_t>) { return false; }
 
-std::size_t openHandles() {
-  DWORD count = 0;
-  GetProcessHandleCount(GetCurrentProcess(), &count);
-  return count;
-}
-
 }  // namespace testPlatform

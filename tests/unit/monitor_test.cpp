@@ -4,7 +4,6 @@
 
 #include "module_test.h"
 #include "slots/device_monitor.h"
-#include "test_platform.h"
 
 namespace {
 
@@ -141,26 +140,6 @@ TEST_F(MonitorTest, EventThatTwoCallsCollectAtOnceIsNoStop) {
   EXPECT_EQ(code, CKR_OK);
   ok(C_Finalize(nullptr));
   for (std::thread& waiter : waiters) waiter.join();
-}
-
-// Module state is not destroyed when the module is unloaded, so what it has open then would stay open.
-TEST_F(MonitorTest, StateHoldsNoHandles) {
-  ok(C_Finalize(nullptr));
-  std::vector<std::aligned_storage_t<sizeof(tavrin::DeviceMonitor)>> memory(50);
-  const std::size_t before = testPlatform::openHandles();
-  for (auto& place : memory) {
-    auto* monitor = ::new (&place) tavrin::DeviceMonitor;
-    std::thread waiter([&] {
-      std::unique_lock lock(monitor->eventMutex);
-      monitor->eventCondition.wait(lock, [&] { return monitor->eventPending.load(); });
-    });
-    monitor->eventMutex.lock();
-    monitor->eventPending = true;
-    monitor->eventMutex.unlock();
-    monitor->eventCondition.notify_all();
-    waiter.join();
-  }
-  EXPECT_LT(testPlatform::openHandles(), before + 10);
 }
 
 TEST_F(MonitorTest, FailuresOfTheListingEndNothing) {
