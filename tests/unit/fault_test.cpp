@@ -31,8 +31,11 @@ namespace {
 using Kind = fake::Fault::Kind;
 constexpr std::pair<Kind, int> strikes[] = {{Kind::status, 40},   {Kind::status, 48},      {Kind::status, 242},
                                             {Kind::status, 123},  {Kind::status, -7},      {Kind::outOfMemory, 0},
-                                            {Kind::failure, 0},   {Kind::length, -1},      {Kind::length, 1025},
+                                            {Kind::failure, 0},   {Kind::nothing, 0},      {Kind::length, -1},
+                                            {Kind::length, 0},    {Kind::length, 1025},    {Kind::length, 4096},
                                             {Kind::length, 4097}, {Kind::length, INT_MIN}, {Kind::length, INT_MAX}};
+// The tries that are left after a login with this status.
+constexpr int triesLeft(int status) { return status == 242 ? 0 : status; }
 
 struct Scene {
   Call call;
@@ -274,7 +277,8 @@ Lines answerTo(const Reached& reached, int status) {
     const std::string error = "Token password validation failed";
     Lines lines{error + " : " + std::to_string(status)};
     if (status == 48) return lines + Lines{returned(CKR_FUNCTION_FAILED)};
-    return lines + Lines{error + ", retry count : " + std::to_string(status), returned(CKR_PIN_INCORRECT)};
+    const CK_RV refusal = triesLeft(status) == 0 ? CKR_PIN_LOCKED : CKR_PIN_INCORRECT;
+    return lines + Lines{error + ", retry count : " + std::to_string(triesLeft(status)), returned(refusal)};
   }
   const auto known = refusals.find(name);
   if (known != refusals.end() && known->second.contains(operation)) {
@@ -300,22 +304,27 @@ TEST_F(FaultTest, EveryFaultOfEveryOperation) {
     for (const auto& [kind, value] : strikes) {
       SCOPED_TRACE(name + ": " + operation + " " + std::to_string(reached.call) + ", kind " +
                    std::to_string(static_cast<int>(kind)) + ", value " + std::to_string(value));
-      if (kind == Kind::length && !rooms.contains(operation)) continue;
+      const bool derives = operation == "ecdhDerive", lends = derives || operation == "decrypt";
+      if ((kind == Kind::length && !rooms.contains(operation)) || (kind == Kind::nothing && !lends)) continue;
       prepare(scene);
       fake::fault(operation, kind, value, reached.call);
-      fake::edit()->counter = value;
+      fake::edit()->counter = name == "C_Login" ? triesLeft(value) : value;
       const Lines did = run(scene.call);
       if (name == "C_Finalize") expectFreshStart();
       if (kind == Kind::status) {
         EXPECT_EQ(did, answerTo(reached, value));
         if (did.back() == returned(CKR_OK)) continue;
         expectNothingDone(scene);
-      } else if (kind == Kind::length) {
-        const bool derives = operation == "ecdhDerive";
-        const bool nothing = (derives && value < 0) || ((derives || operation == "decrypt") && value > 4096);
-        EXPECT_EQ(did.back(), returned(nothing ? CKR_FUNCTION_FAILED : CKR_OK));
+      } else if (kind == Kind::length || kind == Kind::nothing) {
+        std::string error;
+        if (derives && value < 1) error = ": tavrin_ecdhDerive failed: 0";
+        if (lends && value > 4096)
+          error = (derives ? ": shared secret" : ": plaintext") + (" too long, length=" + std::to_string(value));
+        EXPECT_EQ(did, error.empty() ? Lines{returned(CKR_OK)} : (Lines{name + error, returned(CKR_FUNCTION_FAILED)}));
         EXPECT_LE(length_, rooms.at(operation));
-        EXPECT_TRUE(value > 0 || nothing || length_ == 0 || operation == "finalHash") << length_;
+        EXPECT_TRUE(value > 0 || !error.empty() || length_ == 0 || operation == "finalHash") << length_;
+        EXPECT_TRUE(value < 1 || !error.empty() || operation != "decrypt" || length_ == static_cast<CK_ULONG>(value))
+            << length_;
       } else {
         EXPECT_EQ(did.back(), returned(kind == Kind::failure ? CKR_GENERAL_ERROR : CKR_HOST_MEMORY));
       }

@@ -69,14 +69,6 @@ TEST_F(LoginTest, LoginAsksTheDeviceUnlessThePasswordIsTheCachedOne) {
   does(login(other, CKU_SO), askedOfficer("TK2") + logged("3"));  // who is always asked for
 }
 
-// The fault table has the other counters.
-TEST_F(LoginTest, NoTriesLeftIsALock) {
-  fake::fail("validatePassword", 47);
-  expect(login(open()), CKR_PIN_LOCKED,
-         askedUser("1234") +
-             Lines{"Token password validation failed : 47", "Token password validation failed, retry count : 0"});
-}
-
 TEST_F(LoginTest, ReadOnlySessionsRefuseTheSecurityOfficerAndTheOthersAreRaised) {
   const std::string refused = ": read-only session exists, cannot log in as SO";
   const std::string another = ": SO already logged in on another session";
