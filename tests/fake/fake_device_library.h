@@ -23,8 +23,7 @@
 namespace fake {
 
 struct Device {
-  TokenInfo info;  // the device is listed by its serial number, unless the next field has a name
-  std::string listedName;
+  TokenInfo info;  // the device is listed by its serial number, or as "none" if it has none
   std::vector<TavrinKeyPair> keyPairs;
   std::vector<TavrinCertificate> certificates;
   bool initialized = true;  // the lists of a device that is not are empty, until tavrin_initDevice
@@ -70,10 +69,8 @@ void reset();
 void fail(const std::string& operation, int status, int call = 1);
 void fault(const std::string& operation, Fault::Kind kind, int value = 0, int call = 1);
 
-// How often other threads than the test's have listed the devices since the last reset(), and how many of these calls
-// had another flag or instance than they should.
+// How often other threads than the test's have listed the devices since the last reset().
 int backgroundListings();
-int strayListings();
 
 // `number` is both the id and the last part of the recordId; the key id is "id-" and the number.
 Device device(const std::string& serialNumber);

@@ -28,7 +28,6 @@ TEST_F(SlotsTest, ListNeedsRoomAndTheSizeQueryFillsNoTable) {
 TEST_F(SlotsTest, IdsFollowTheListingButNameSlotsInNameOrder) {
   fake::edit()->devices = {fake::device("TK2"), fake::device(""), fake::device("TK10"), fake::device("TK1"),
                            fake::device("TK1")};
-  fake::edit()->devices[1].listedName = "none";
   std::vector<CK_SLOT_ID> slots(5, 7);
   CK_ULONG count = 5;
   does(CALL(C_GetSlotList, CK_FALSE, slots.data(), &count),
@@ -69,16 +68,9 @@ TEST_F(SlotsTest, InfoRefusals) {
 }
 
 TEST_F(SlotsTest, InfoIsZeroFilledAndCutToItsFields) {
-  struct Row {
-    std::size_t label;       // its length
-    std::size_t shownLabel;  // its length in CK_TOKEN_INFO
-    std::string model;
-    std::string serial;
-    std::int32_t retries;
-    CK_FLAGS flags;
-    const char* firmware;
-    CK_VERSION version;
-  };
+  // The lengths of the label and of its part in CK_TOKEN_INFO, the model, the serial number, the tries left, the flags,
+  // and the firmware as a text and as a version.
+  using Row = std::tuple<std::size_t, std::size_t, std::string, std::string, int, CK_FLAGS, const char*, CK_VERSION>;
   const Row rows[] = {{5, 5, "Model", "TK1", 10, 0x40D, "2.1.7", {2, 1}},
                       {0, 0, "", "0123456789ABCDEF", 3, 0x40D, "3", {3, 0}},
                       {30, 30, "0123456789ABCDEF", "0123456789ABCDEFGH", 2, 0x1040D, "", {0, 0}},
@@ -88,37 +80,37 @@ TEST_F(SlotsTest, InfoIsZeroFilledAndCutToItsFields) {
                       {63, 32, "M", "TK1", 0x7FFFFFFF, 0x40D, "2.1.7", {2, 1}},
                       {64, 32, "M", "TK1", 10, 0x40D, "2.1.7", {2, 1}},
                       {200, 32, "M", "TK1", 10, 0x40D, "2.1.7", {2, 1}}};
-  for (const Row& row : rows) {
-    fake::Device device = fake::device(row.serial);
-    device.info.label = std::string(row.label, 'x');
-    device.info.model = row.model;
-    device.info.remainingRetries = row.retries;
+  for (const auto& [label, shownLabel, model, serial, tries, flags, firmware, version] : rows) {
+    fake::Device device = fake::device(serial);
+    device.info.label = std::string(label, 'x');
+    device.info.model = model;
+    device.info.remainingRetries = tries;
     fake::edit()->devices = {device};
-    setFirmware(row.firmware);
+    setFirmware(firmware);
     CK_SLOT_INFO slot{}, readSlot;
-    std::memset(slot.slotDescription, 'x', std::min<std::size_t>(row.label, 64));
+    std::memset(slot.slotDescription, 'x', std::min<std::size_t>(label, 64));
     std::memcpy(slot.manufacturerID, "Quorvane Telemantix", 19);
     slot.flags = 7;
     slot.hardwareVersion = {1, 0};
-    slot.firmwareVersion = row.version;
+    slot.firmwareVersion = version;
     CK_TOKEN_INFO token{}, readToken;
-    std::memset(token.label, 'x', row.shownLabel);
+    std::memset(token.label, 'x', shownLabel);
     std::memcpy(token.manufacturerID, "Quorvane Telemantix", 19);
-    row.model.copy(reinterpret_cast<char*>(token.model), 16);
-    row.serial.copy(reinterpret_cast<char*>(token.serialNumber), 16);
-    token.flags = row.flags;
+    model.copy(reinterpret_cast<char*>(token.model), 16);
+    serial.copy(reinterpret_cast<char*>(token.serialNumber), 16);
+    token.flags = flags;
     token.ulMaxPinLen = 63;
     token.ulMinPinLen = 4;
     std::memset(&token.ulTotalPublicMemory, 0xFF, 4 * sizeof(CK_ULONG));
     token.hardwareVersion = {1, 0};
-    token.firmwareVersion = row.version;
+    token.firmwareVersion = version;
     std::memset(token.utcTime, ' ', 16);
     std::memset(&readSlot, 0xFF, sizeof readSlot);
     std::memset(&readToken, 0xFF, sizeof readToken);
     does(CALL(C_GetSlotInfo, slot1, &readSlot));
     ok(C_GetTokenInfo(slot1, &readToken));
-    EXPECT_EQ(hexOf(readSlot), hexOf(slot)) << row.label;
-    EXPECT_EQ(hexOf(readToken), hexOf(token)) << row.label;
+    EXPECT_EQ(hexOf(readSlot), hexOf(slot)) << label;
+    EXPECT_EQ(hexOf(readToken), hexOf(token)) << label;
   }
 }
 
