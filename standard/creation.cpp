@@ -74,10 +74,25 @@ std::shared_ptr<Object> createPrivateKey(ModuleLock& module, const Session& sess
   return pair.privateKey;
 }
 
+// The token keeps public keys as halves of pairs. Many clients write the public key after its private key; it is there
+// already then, and gets the label and ID of the template.
+std::shared_ptr<Object> publicKeyOnToken(ModuleLock& module, const Session& session, const Template& given) {
+  requireTokenWriteAccess(session);
+  CK_OBJECT_CLASS objectClass = CKO_PUBLIC_KEY;
+  const CK_ATTRIBUTE* value = given.find(given.find(CKA_MODULUS) ? CKA_MODULUS : CKA_EC_POINT);
+  const CK_ATTRIBUTE wanted[] = {{CKA_CLASS, &objectClass, sizeof objectClass}, *value};
+  for (const CK_OBJECT_HANDLE handle : findObjects(module, session, Template(wanted, std::size(wanted)))) {
+    const auto object = module.state().objects.find(handle);
+    if (object->moduleHandle == 0 || object->session != 0) continue;
+    relabel(module, *object, given);
+    return object;
+  }
+  throw Refusal(CKR_TEMPLATE_INCONSISTENT, "the token keeps a public key with its private key only");
+}
+
 // A public key outside the token is data to read: the token verifies and encrypts with its own keys only.
 std::shared_ptr<Object> createPublicKey(ModuleLock& module, const Session& session, const Template& given) {
   given.mustBeOf(publicKey);
-  given.mustNotContradict(CKA_TOKEN, false);
   given.mustNotContradict(CKA_TRUSTED, false);
   const CK_ULONG keyType = given.requiredNumber(CKA_KEY_TYPE);
   if (keyType != CKK_RSA && keyType != CKK_EC) {
@@ -90,6 +105,7 @@ std::shared_ptr<Object> createPublicKey(ModuleLock& module, const Session& sessi
        {isRsa ? CKA_EC_PARAMS : CKA_MODULUS, isRsa ? CKA_EC_POINT : CKA_PUBLIC_EXPONENT}) {
     if (given.bytes(foreign)) throw Refusal(CKR_TEMPLATE_INCONSISTENT, "not of this key type: type=", foreign);
   }
+  if (given.flag(CKA_TOKEN).value_or(false)) return publicKeyOnToken(module, session, given);
   Attributes made = describeData(given, publicKey);
   if (isRsa) made.setNumber(CKA_MODULUS_BITS, bitsOf(given.required(CKA_MODULUS)));
   return addSessionObject(module, session, std::move(made));

@@ -126,6 +126,7 @@ void describe(ModuleLock& module, Object& object, const Record& record) {
   made->setFlag(CKA_MODIFIABLE, object.isTokenKey());  // the module cannot change a certificate
   made->setFlag(CKA_COPYABLE, object.session != 0 || !object.isPrivate);
   if (object.isTokenKey()) {
+    made->set(CKA_SUBJECT, object.subject);
     describeKey(*made, object, record);
   } else {
     describeCertificate(module, *made, object, record);

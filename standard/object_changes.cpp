@@ -3,6 +3,27 @@
 #include <algorithm>
 
 namespace tavrin::standard {
+namespace {
+
+// Both are passed, as the device may clear what it is not given. It keeps no empty ones.
+void relabelOnToken(ModuleLock& module, Object& object, const Attributes& wanted) {
+  SecretBytes label = *wanted.find(CKA_LABEL), id = *wanted.find(CKA_ID);
+  CK_ATTRIBUTE update[] = {{CKA_LABEL, label.data(), static_cast<CK_ULONG>(label.size())},
+                           {CKA_ID, id.data(), static_cast<CK_ULONG>(id.size())}};
+  const auto isTaken = [&](const CK_ATTRIBUTE& entry) { return readAttributes(module, object).match(entry); };
+  if (std::ranges::all_of(update, isTaken)) return;
+  Token& token = *object.token;
+  useLogin(module, token);
+  const CK_SESSION_HANDLE session = lockedSession(module, token);
+  const CK_RV code = module->C_SetAttributeValue(session, object.moduleHandle, update, std::size(update));
+  if (code != CKR_OK) throw moduleFailure(module, token, "C_SetAttributeValue", code);
+  for (const CK_ATTRIBUTE& entry : update) {
+    const CK_ATTRIBUTE_TYPE type = entry.type;
+    if (!isTaken(entry)) throw Refusal(CKR_ATTRIBUTE_VALUE_INVALID, "the token has not taken the value of type=", type);
+  }
+}
+
+}  // namespace
 
 std::shared_ptr<Object> requiredObject(ModuleLock& module, const Session& session, CK_OBJECT_HANDLE handle) {
   std::shared_ptr<Object> object = findVisible(module, session, handle);
@@ -21,37 +42,14 @@ void requireWriteAccess(const Session& session, const Object& object) {
 
 void relabel(ModuleLock& module, Object& object, const Template& wanted) {
   checkLabelAndId(wanted);
-  const Attributes& attributes = readAttributes(module, object);
-  SecretBytes values[] = {*attributes.find(CKA_LABEL), *attributes.find(CKA_ID)};
-  constexpr CK_ATTRIBUTE_TYPE types[] = {CKA_LABEL, CKA_ID};
-  bool changes = false;
-  for (std::size_t i = 0; i < std::size(types); ++i) {
-    const auto value = wanted.bytes(types[i]);
-    if (!value || std::ranges::equal(*value, values[i])) continue;
-    values[i].assign(value->begin(), value->end());
-    changes = true;
+  const auto changed = std::make_shared<Attributes>(readAttributes(module, object));
+  for (const CK_ATTRIBUTE_TYPE type : {CKA_LABEL, CKA_ID, CKA_SUBJECT})
+    if (const auto value = wanted.bytes(type)) changed->set(type, *value);
+  if (object.moduleHandle != 0) {
+    object.subject = *changed->find(CKA_SUBJECT);
+    relabelOnToken(module, object, *changed);
   }
-  if (!changes) return;
-  if (object.moduleHandle == 0) {
-    auto changed = std::make_shared<Attributes>(attributes);
-    for (std::size_t i = 0; i < std::size(types); ++i) changed->set(types[i], values[i]);
-    object.attributes = std::move(changed);
-    return;
-  }
-
-  Token& token = *object.token;
-  useLogin(module, token);
-  // Both are passed, as the device may clear what it is not given. It keeps no empty ones.
-  CK_ATTRIBUTE update[] = {{CKA_LABEL, values[0].data(), static_cast<CK_ULONG>(values[0].size())},
-                           {CKA_ID, values[1].data(), static_cast<CK_ULONG>(values[1].size())}};
-  const CK_SESSION_HANDLE session = lockedSession(module, token);
-  const CK_RV code = module->C_SetAttributeValue(session, object.moduleHandle, update, std::size(update));
-  if (code != CKR_OK) throw moduleFailure(module, token, "C_SetAttributeValue", code);
-  for (const CK_ATTRIBUTE& entry : update) {
-    if (readAttributes(module, object).match(entry)) continue;
-    const CK_ATTRIBUTE_TYPE type = entry.type;
-    throw Refusal(CKR_ATTRIBUTE_VALUE_INVALID, "the token has not taken the value of type=", type);
-  }
+  object.attributes = changed;
 }
 
 std::shared_ptr<Object> addSessionObject(ModuleLock& module, const Session& session, Attributes attributes) {

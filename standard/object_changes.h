@@ -12,8 +12,12 @@ std::shared_ptr<Object> requiredObject(ModuleLock& module, const Session& sessio
 void requireTokenWriteAccess(const Session& session);
 void requireWriteAccess(const Session& session, const Object& object);
 
-// Gives the object the label and ID of the template; what is not in it stays as it is.
+// Gives the object the label, ID and subject of the template; what is not in it stays as it is. The subject of a key is
+// kept by this process, as the token has no room for it.
 void relabel(ModuleLock& module, Object& object, const Template& wanted);
+
+// The handles of the objects that the session may see and that match the whole template.
+std::vector<CK_OBJECT_HANDLE> findObjects(ModuleLock& module, const Session& session, const Template& wanted);
 
 // The session object with these attributes, which exists in this library alone.
 std::shared_ptr<Object> addSessionObject(ModuleLock& module, const Session& session, Attributes attributes);

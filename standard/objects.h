@@ -29,6 +29,7 @@ struct Object {
   bool imported = false;  // a key that this process brought to the token
   bool kept = false;      // a session key that a copy has made a token object: its pair is not deleted
 
+  SecretBytes subject;                           // CKA_SUBJECT of a key, if this process has set it
   std::vector<std::uint8_t> identity;            // public key or certificate; empty until the object is first read
   std::shared_ptr<const Attributes> attributes;  // as last read; null until then
 

@@ -149,12 +149,17 @@ class Collector {
 
 }  // namespace
 
+std::vector<CK_OBJECT_HANDLE> tavrin::standard::findObjects(ModuleLock& module, const Session& session,
+                                                            const Template& wanted) {
+  return Collector(module, session, wanted).collect();
+}
+
 CK_RV C_FindObjectsInit(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount) {
   return sessionCall("C_FindObjectsInit", hSession, [&](const Call& call, State& state, Session& session) -> CK_RV {
     if (session.search) return call.refuse(CKR_OPERATION_ACTIVE, "a search is active");
     const Template wanted(pTemplate, ulCount);
     ModuleLock module(state);
-    std::vector<CK_OBJECT_HANDLE> found = Collector(module, session, wanted).collect();
+    std::vector<CK_OBJECT_HANDLE> found = findObjects(module, session, wanted);
     // The module shows a token that is gone as an empty one.
     if (found.empty()) state.tokens.refresh(module);
     if (!session.isAlive()) return call.refuse(CKR_DEVICE_REMOVED, "the token was removed");

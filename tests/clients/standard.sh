@@ -42,6 +42,11 @@ for row in "ec -q nistp256" "rsa -g 2048"; do
   check "openssl verifies" verifyCms "nss$type.cms" "nss$type.pem"
 done
 
+openssl req -x509 -newkey rsa:2048 -nodes -keyout file.key -subj /CN=Imported -out file.crt 2>/dev/null
+openssl pkcs12 -export -inkey file.key -in file.crt -name imported -passout file:pin -out file.p12
+check "pk12util imports a PKCS#12 file" pk12util -i file.p12 -d db -h "Client token" -k pin -w pin
+shows "key and certificate belong together" "^Client token:imported +u,u,u" certs -L
+
 # Java without any "attributes" line.
 printf '%s\n' 'name = Tavrin' "library = $module" 'slotListIndex = 0' >java.cfg
 keystore() { keytool "$1" -addprovider SunPKCS11 -providerarg java.cfg -keystore NONE -storetype PKCS11 -storepass:env PIN "${@:2}"; }

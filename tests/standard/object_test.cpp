@@ -149,10 +149,11 @@ TEST_F(KeysTest, ChangingAttributes) {
   EXPECT_EQ(s.value(rsa_, CKA_LABEL), "another");
   EXPECT_EQ(s.value(rsa_, CKA_ID), "rsa") << "the ID stays";
   EXPECT_EQ(s.value(rsaPublic_, CKA_LABEL), isSoftHsm() ? "rsa" : "another") << oneRecord;
-  is(s.set(rsa_, {{CKA_ID, "other"}}), CKR_OK);
+  is(s.set(rsa_, {{CKA_ID, "other"}, {CKA_SUBJECT, "name"}}), CKR_OK);
   EXPECT_EQ(s.value(rsa_, CKA_LABEL), "another") << "the label stays";
   EXPECT_EQ(s.find({{CKA_ID, "other"}, {CKA_CLASS, CKO_PRIVATE_KEY}}), Handles{rsa_}) << "the handle stays";
   is(s.set(rsa_, {{CKA_ID, "rsa"}, {CKA_LABEL, "rsa"}}), CKR_OK);
+  EXPECT_EQ(s.value(rsa_, CKA_SUBJECT), "name");
   is(f->C_SetAttributeValue(s, rsa_, nullptr, 1), CKR_ARGUMENTS_BAD);
 }
 
@@ -193,6 +194,18 @@ TEST_F(KeysTest, CreatingObjects) {
        {Template{{CKA_CLASS, CKO_DATA}, {CKA_TOKEN, false}, {CKA_VALUE, "text"}}, secret}, create);
   is(owner_->create(certificate().with({{CKA_TOKEN, true}, {CKA_VALUE, std::string(3073, 'x')}})),
      differs(CKR_ATTRIBUTE_VALUE_INVALID, CKR_OK, unlooked));
+  owner_->destroy(owner_->made);
+  // Clients write a public key after its private key, whose half it is on the token already.
+  for (const auto& [key, half] : {std::pair(publicKey.with({{CKA_LABEL, "rsa"}}), rsaPublic_),
+                                  std::pair(ecKey.with({{CKA_LABEL, "ec"}}), ecPublic_)}) {
+    is(owner_->create(key.with({{CKA_TOKEN, true}})), CKR_OK);
+    if (isSoftHsm())
+      is(owner_->destroy(owner_->made), CKR_OK);
+    else
+      EXPECT_EQ(owner_->made, half);
+  }
+  is(owner_->create(publicKey.with({{CKA_TOKEN, true}, {CKA_MODULUS, std::string(256, 'm')}})),
+     differs(CKR_TEMPLATE_INCONSISTENT, CKR_OK, "it keeps lone public keys"));
   owner_->destroy(owner_->made);
   Session reader(0);
   is(reader.create(publicKey), CKR_OK, "session objects are a reader's too");
