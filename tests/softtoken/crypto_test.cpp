@@ -124,25 +124,16 @@ TEST_F(SoftTokenTest, ImportsOnlyNumbersThatBelongTogether) {
   Bytes otherStart = n, longer = d;
   otherStart[0] ^= 1;
   longer.insert(longer.begin(), 1);
-  const std::pair<Bytes Details::*, Bytes> changes[] = {{&Details::modulus, altered(n)},
-                                                        {&Details::modulus, otherStart},
-                                                        {&Details::modulus, {n.begin(), n.end() - 1}},
-                                                        {&Details::modulus, {}},
-                                                        {&Details::modulus, Bytes(128)},
-                                                        {&Details::privateExponent, altered(d)},
-                                                        {&Details::privateExponent, {1}},
-                                                        {&Details::privateExponent, Bytes(128)},
-                                                        {&Details::privateExponent, {}},
-                                                        {&Details::privateExponent, longer},
-                                                        {&Details::prime1, altered(p)},
-                                                        {&Details::prime1, n},
-                                                        {&Details::prime1, {1}},
-                                                        {&Details::prime1, Bytes(64)},
-                                                        {&Details::prime1, {}}};
-  for (const auto& [number, value] : changes) {
-    Details bad = good;
-    bad.*number = value;
-    EXPECT_EQ(tavrin_importPfx(device.c_str(), pin, &bad, instance), badArgument);
+  const std::pair<Bytes Details::*, std::vector<Bytes>> changes[] = {
+      {&Details::modulus, {altered(n), otherStart, {n.begin(), n.end() - 1}, {}, Bytes(128)}},
+      {&Details::privateExponent, {altered(d), {1}, Bytes(128), {}, longer}},
+      {&Details::prime1, {altered(p), n, {1}, Bytes(64), {}}}};
+  for (const auto& [number, values] : changes) {
+    for (const Bytes& value : values) {
+      Details bad = good;
+      bad.*number = value;
+      EXPECT_EQ(tavrin_importPfx(device.c_str(), pin, &bad, instance), badArgument);
+    }
   }
   for (Bytes* number : {&good.modulus, &good.privateExponent, &good.prime1}) number->insert(number->begin(), 70, 0);
   EXPECT_EQ(tavrin_importPfx(device.c_str(), pin, &good, instance), ok) << "the other prime, and leading zeros";

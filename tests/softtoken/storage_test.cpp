@@ -31,10 +31,6 @@ TEST_F(SoftTokenTest, ListsWholeConnectedTokensBySerial) {
   std::ofstream(tokenFolder() / "token.new") << "left behind";
   EXPECT_EQ(devices(), both);
   EXPECT_EQ(generate(5).id, 1u) << "over what was left behind";
-  std::vector<std::string> unreadable;
-  for (const softtoken::TokenSummary& token : softtoken::allTokens())
-    if (!token.state && !token.problem.empty()) unreadable.push_back(token.name);
-  EXPECT_EQ(unreadable, (std::vector<std::string>{"damaged", "empty", "half"}));
 
   const TokenInfo info = tavrin_getTokenInfo(second.c_str(), nullptr);
   EXPECT_EQ(second.size(), 16u);
@@ -191,23 +187,16 @@ TEST_F(SoftTokenTest, AnotherTokenUnderTheSameNameIsLeftAlone) {
 }
 
 TEST_F(SoftTokenTest, FilesBoundTheWorkThatTheyCause) {
-  const softtoken::TokenState state = *otherProcess().state();
   const Bytes key(32);
   using Cost = softtoken::ScryptCost;
-  for (const auto& [cost, accepted] : {std::pair{Cost{1u << 16, 2}, true},
-                                       {Cost{1u << 17, 1}, false},
-                                       {Cost{1u << 16, 3}, false},
-                                       {Cost{1u << 14, 9}, false},
-                                       {Cost{3u << 14, 1}, false}}) {
-    softtoken::TokenState other = state;
-    other.user.cost = cost;
-    const Bytes file = encodeTokenState(other, key);
-    if (accepted) {
-      EXPECT_TRUE(isAuthentic(softtoken::decodeTokenState(file), key));
-    } else {
-      EXPECT_THROW(softtoken::decodeTokenState(file), softtoken::Failure) << cost.cost << ' ' << cost.parallelism;
-    }
-  }
+  const auto decodeWith = [&](Cost cost) {
+    softtoken::TokenState state = *otherProcess().state();
+    state.user.cost = cost;
+    return softtoken::decodeTokenState(encodeTokenState(state, key));
+  };
+  EXPECT_TRUE(isAuthentic(decodeWith({1u << 16, 2}), key));
+  for (const Cost cost : {Cost{1u << 17, 1}, {1u << 16, 3}, {1u << 14, 9}, {3u << 14, 1}})
+    EXPECT_THROW(decodeWith(cost), softtoken::Failure) << cost.cost << ' ' << cost.parallelism;
 }
 
 TEST_F(SoftTokenTest, NobodyWaitsForeverOrWritesToTheWorkingFolder) {
