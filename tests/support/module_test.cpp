@@ -14,21 +14,20 @@ namespace {
 namespace fs = std::filesystem;
 
 // A temporary folder for as long as the tests run.
-struct TestFolder : ::testing::Environment {
-  void SetUp() override {
-    path = testPlatform::freshFolder("unit");
-    testPlatform::useFolder(path);
-    testPlatform::setEnvironment("TAVRIN_HOME", nullptr);
-  }
-  void TearDown() override {
-    testPlatform::setLogLevel(std::nullopt);
-    fs::remove_all(path);
-  }
-  fs::path path;
-};
-
-auto* const testFolder =
-    static_cast<TestFolder*>(::testing::AddGlobalTestEnvironment(new TestFolder));  // owned by the test framework
+const fs::path& testFolder() {
+  static const struct Folder {
+    Folder() {
+      testPlatform::useFolder(path);
+      testPlatform::setEnvironment("TAVRIN_HOME", "home");
+    }
+    ~Folder() {
+      testPlatform::setLogLevel(std::nullopt);
+      fs::remove_all(path);
+    }
+    const fs::path path = testPlatform::freshFolder("unit");
+  } folder;
+  return folder.path;
+}
 
 // "- C_Login" from "15/11::23:25:31:123-> ->DEBUG ::=>C_Login", and an error's message from its line.
 std::string withoutTime(const std::string& line) {
@@ -160,13 +159,6 @@ CK_STATE ModuleTest::state(CK_SESSION_HANDLE session) {
   return info.state;
 }
 
-Call ModuleTest::digestInit(CK_SESSION_HANDLE session, CK_MECHANISM_TYPE type) {
-  return {"C_DigestInit", [=] {
-            CK_MECHANISM mechanism{type, nullptr, 0};
-            return C_DigestInit(session, &mechanism);
-          }};
-}
-
 void ModuleTest::endOperation(CK_SESSION_HANDLE session) {
   ok(C_FindObjectsInit(session, nullptr, 0));
   ok(C_FindObjectsFinal(session));
@@ -211,7 +203,7 @@ bool ModuleTest::waitForListings(int count) {
 
 void ModuleTest::logLevel(std::uint32_t level) { testPlatform::setLogLevel(level); }
 
-fs::path ModuleTest::logFolder() { return testFolder->path / "Quorvane Telemantix"; }
+fs::path ModuleTest::logFolder() { return testFolder() / "Quorvane Telemantix"; }
 
 std::string ModuleTest::rawLog() {
   std::string text;

@@ -124,7 +124,10 @@ class ModuleTest : public ::testing::Test {
   CK_SESSION_HANDLE openLoggedIn(CK_FLAGS flags = readWrite);
   CK_STATE state(CK_SESSION_HANDLE session);
 
-  Call digestInit(CK_SESSION_HANDLE session, CK_MECHANISM_TYPE type = CKM_SHA256);
+  Call digestInit(CK_SESSION_HANDLE session, CK_MECHANISM_TYPE type = CKM_SHA256) {
+    const auto function = [](auto of, auto mechanism, auto) { return C_DigestInit(of, mechanism); };
+    return init("C_DigestInit", function, session, {type, nullptr, 0}, 0);
+  }
   Call signInit(CK_SESSION_HANDLE session, CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key = rsaPrivate,
                 void* parameter = nullptr, CK_ULONG length = 0) {
     return init("C_SignInit", C_SignInit, session, {type, parameter, length}, key);

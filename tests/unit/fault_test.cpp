@@ -11,7 +11,6 @@
 #include <set>
 
 #include "module_test.h"
-#include "test_platform.h"
 
 namespace {
 // How many allocations of this thread succeed before one fails; none fails while it is negative.
@@ -54,15 +53,10 @@ class FaultTest : public SessionTest {
  protected:
   void SetUp() override {
     SessionTest::SetUp();
-    testPlatform::setEnvironment("TAVRIN_HOME", "home");
     fake::edit()->files = {{"middle", {'M', '|', 'R', '|', '2'}}, {"root", {'R', '|', 'R', '|', '3'}}};
     devices_ = fake::edit()->devices;
     fake::edit()->record = nullptr;
     logLevel(2);
-  }
-  void TearDown() override {
-    testPlatform::setEnvironment("TAVRIN_HOME", nullptr);
-    SessionTest::TearDown();
   }
 
   // The token as it was, the user logged in, and the session in the state that the scene's call needs.

@@ -4,13 +4,7 @@
 namespace {
 
 // The random walk compares the states of all sessions after every login and logout.
-class LoginTest : public ModuleTest {
- protected:
-  void SetUp() override {
-    ModuleTest::SetUp();
-    addToken();
-  }
-};
+using LoginTest = ModuleTest;
 
 // What a login logs, when the session had this state before.
 Lines logged(const char* state, const Lines& refusals = {}, const char* result = "0") {
@@ -45,6 +39,7 @@ TEST_F(LoginTest, LoginRefusals) {
 }
 
 TEST_F(LoginTest, LoginAsksTheDeviceUnlessThePasswordIsTheCachedOne) {
+  addToken();
   const CK_SESSION_HANDLE a = open(readOnly);
   const CK_SESSION_HANDLE other = open(readWrite, slot1 + 1);
   const CK_SESSION_HANDLE b = open(readWrite);
@@ -81,6 +76,7 @@ TEST_F(LoginTest, ReadOnlySessionsRefuseTheSecurityOfficerAndTheOthersAreRaised)
 }
 
 TEST_F(LoginTest, SetPinRefusals) {
+  addToken();
   const CK_SESSION_HANDLE ro = open(readOnly);
   const CK_SESSION_HANDLE rw = open(readWrite, slot1 + 1);
   for (const char* const state : {"0", "1"}) {
@@ -100,6 +96,7 @@ TEST_F(LoginTest, SetPinRefusals) {
 }
 
 TEST_F(LoginTest, SetPinChangesTheCachedPasswordOnlyIfThereIsOne) {
+  addToken();
   const CK_SESSION_HANDLE session = open();
   const CK_SESSION_HANDLE other = open(readWrite, slot1 + 1);
   const Call setPin = CALL(C_SetPIN, session, bytes("old-pin-and-more"), 7, bytes("new-pin-and-more"), 7);

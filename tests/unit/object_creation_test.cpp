@@ -13,12 +13,7 @@ class ObjectCreationTest : public ModuleTest {
  protected:
   void SetUp() override {
     ModuleTest::SetUp();
-    testPlatform::setEnvironment("TAVRIN_HOME", "home");
     session_ = openLoggedIn(readOnly);  // neither state nor login is checked
-  }
-  void TearDown() override {
-    testPlatform::setEnvironment("TAVRIN_HOME", nullptr);
-    ModuleTest::TearDown();
   }
   Call create(const Template& attributes) {
     return {"C_CreateObject",
@@ -175,6 +170,7 @@ TEST_F(ObjectCreationTest, WithoutHomeCaFilesAreLookedForBesideTheProgram) {
     EXPECT_EQ(lines[3], "- TAVRIN_HOME not set \xE2\x80\x94 Using Windows defaults");
     EXPECT_EQ(lines[4], "- CA Folder: " + fs::path(platform::programPath()).parent_path().string() + folder.substr(4));
   }
+  testPlatform::setEnvironment("TAVRIN_HOME", "home");
 }
 
 TEST_F(ObjectCreationTest, DestroyRefusals) {
