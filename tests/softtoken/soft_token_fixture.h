@@ -16,28 +16,15 @@ inline constexpr int wrongPassword = static_cast<int>(softtoken::Status::wrongPa
 inline constexpr int locked = static_cast<int>(softtoken::Status::passwordLocked);
 inline constexpr int badArgument = static_cast<int>(softtoken::Status::badArgument);
 inline constexpr int notFound = static_cast<int>(softtoken::Status::notFound);
-inline constexpr int wrongKeyType = static_cast<int>(softtoken::Status::wrongKeyType);
-inline constexpr int badSignature = static_cast<int>(softtoken::Status::badSignature);
-inline constexpr int badCiphertext = static_cast<int>(softtoken::Status::badCiphertext);
-inline constexpr int full = 40;
 inline constexpr int deviceFault = 48;
 
-// A root certificate, and a token of the first format with a P-256 key pair; its passwords are these.
-inline const std::filesystem::path testData = TEST_DATA;
 inline constexpr const char* pin = "user password";
 inline constexpr const char* soPin = "officer password";
 
 Bytes fromHex(std::string_view text);
-Bytes joined(std::initializer_list<Bytes> parts);
 // Bytes that differ from each other, the same in every run.
 Bytes pattern(std::size_t count);
-
-// The parts of an RSA key of 1024 bits, made once; and its public key as a SubjectPublicKeyInfo.
-struct RsaKey {
-  Bytes modulus, privateExponent, prime1, prime2;
-};
-const RsaKey& rsaKey();
-Bytes rsaPublicKeyInfo();
+inline int sizeOf(const Bytes& bytes) { return static_cast<int>(bytes.size()); }
 
 struct Made {
   int status;
@@ -62,26 +49,14 @@ class SoftTokenTest : public testing::Test {
     return {status, tries};
   }
   TavrinKeyPair generate(std::uint32_t keyType);
-  TavrinKeyPair importRsa();  // rsaKey()
-  int importCertificate(TavrinCertificate& certificate, const char* password = pin);
   const std::vector<TavrinKeyPair>& keyPairs() { return tavrin_getKeyPairList(device.c_str(), instance); }
   const std::vector<TavrinCertificate>& certificates() { return tavrin_getCertificateList(device.c_str(), instance); }
 
   Made sign(const TavrinKeyPair& key, const Bytes& input, bool pss = false, const char* password = pin);
   int verify(const TavrinKeyPair& key, const Bytes& input, const Bytes& signature, bool pss = false);
-  Made encryptRsa(const Bytes& message, PaddingMode padding, const Bytes& key = rsaPublicKeyInfo());
-  Made decrypt(const TavrinKeyPair& key, const Bytes& ciphertext);
-  Made derive(const TavrinKeyPair& key, const Bytes& peer);
 
   std::filesystem::path root;
   std::string device;
   void* instance = nullptr;
   int tries = 0;
 };
-
-// The certificate of data/root.pem, and its record.
-Bytes certificateInDer();
-TavrinCertificate certificateRecord();
-Bytes publicKeyOf(const TavrinKeyPair& key);
-// The record of another's key pair.
-TavrinKeyPair keyPairOf(std::uint32_t keyType, const Bytes& publicKey);
