@@ -297,8 +297,9 @@ TEST_F(KeysTest, KeyAgreement) {
   const std::string none, shared = "shared data", octets = std::string("\x04\x41") + peer;
   is(s.derive(mine, ecdh(CKD_NULL, peer, none), readable.with({{CKA_VALUE_LEN, 32}})), CKR_OK);
   const CK_OBJECT_HANDLE secret = s.made;
+  const Template shortest = (isSoftHsm() ? readable : readable.without(CKA_CLASS)).with({{CKA_VALUE_LEN, 32}});
   const std::string z = s.value(secret, CKA_VALUE);
-  is(s.derive(ec_, ecdh(CKD_NULL, own, none), readable.with({{CKA_VALUE_LEN, 32}})), CKR_OK);
+  is(s.derive(ec_, ecdh(CKD_NULL, own, none), shortest), CKR_OK);
   EXPECT_EQ(s.find({{CKA_CLASS, CKO_SECRET_KEY}, {CKA_VALUE_LEN, 32}, {CKA_VALUE, z}}).size(), 2U)
       << "both sides agree";
   for (const Attribute& one : {Attribute(CKA_SENSITIVE, true), Attribute(CKA_EXTRACTABLE, false)}) {

@@ -187,6 +187,7 @@ TEST_F(KeysTest, CreatingObjects) {
        create);
   each(differs(CKR_ATTRIBUTE_VALUE_INVALID, CKR_TEMPLATE_INCOMPLETE, unlooked),
        {publicKey.with({{CKA_CLASS, "x"}}), publicKey.with({{CKA_KEY_TYPE, "x"}})}, create);
+  is(create(certificate().with({{CKA_VALUE, ""}})), differs(CKR_ATTRIBUTE_VALUE_INVALID, CKR_OK, unlooked));
   is(create(publicKey.with({{CKA_LOCAL, true}})), {CKR_ATTRIBUTE_READ_ONLY, CKR_TEMPLATE_INCONSISTENT});
   each({CKR_TEMPLATE_INCONSISTENT, CKR_ATTRIBUTE_TYPE_INVALID},
        {publicKey.with({{CKA_EC_POINT, point}}), imported.with({{CKA_KEY_TYPE, CKK_EC}})}, create);
@@ -362,6 +363,7 @@ TEST_F(KeysTest, SessionObjects) {
   is(other.copy(12345678, {}), noSuchObject);
   is(Session(0).copy(key, {{CKA_TOKEN, true}}), CKR_SESSION_READ_ONLY);
   is(other.copy(key, {{CKA_KEY_TYPE, CKK_RSA}}), {CKR_ATTRIBUTE_READ_ONLY, CKR_TEMPLATE_INCONSISTENT});
+  is(other.copy(key, {}), differs(CKR_TEMPLATE_INCONSISTENT, CKR_OK, "it copies session keys"));
   is(other.copy(key, {{CKA_TOKEN, true}, {CKA_LABEL, "kept"}, {CKA_ID, "k"}}), CKR_OK);
   const CK_OBJECT_HANDLE kept = other.made;
   EXPECT_NE(kept, key);
