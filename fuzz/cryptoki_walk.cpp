@@ -1,18 +1,12 @@
 // Random walks through Cryptoki: a byte string is played as calls with valid, null, stale and foreign handles,
 // templates and lengths, over the scripted device library, whose tokens come, go and fail underneath. Every answer that
 // the model of slots, sessions, logins and operations predicts is compared, and every session's state after each call.
+// The model has what an application may rely on, and shares no code with the module.
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <functional>
-#include <iterator>
-#include <memory>
+#include <map>
+#include <optional>
 #include <set>
 
-#include "fuzz_input.h"
-#include "pkcs11.h"
-#include "session_model.h"
 #include "slots/device_monitor.h"
 #include "slots/token_sessions.h"
 #include "walk.h"
@@ -20,15 +14,93 @@
 namespace {
 
 constexpr CK_SLOT_ID firstSlot = 0x50000001;
-constexpr std::size_t mostSessions = 12;
-const char* const devices[] = {"TK1", "TK2", "TK3"};
+constexpr unsigned deadEnd = 9;
+
+struct ModelSession {
+  CK_SLOT_ID slot;
+  std::string device;
+  CK_STATE state;
+  unsigned operation = 0;  // as the log numbers them: 1 search, 2 encryption, 3 decryption, 4 digest, 5 signing, ...
+
+  unsigned begun() const { return operation == deadEnd ? 0 : operation; }
+  bool isReadOnly() const { return state == CKS_RO_PUBLIC_SESSION || state == CKS_RO_USER_FUNCTIONS; }
+  bool isPublic() const { return state == CKS_RO_PUBLIC_SESSION || state == CKS_RW_PUBLIC_SESSION; }
+  bool isUser() const { return state == CKS_RO_USER_FUNCTIONS || state == CKS_RW_USER_FUNCTIONS; }
+};
+
+class SessionModel {
+ public:
+  bool initialized = true;
+  std::vector<std::string> slots;  // the devices as they were last listed
+  std::map<CK_SESSION_HANDLE, ModelSession> sessions;
+  std::string password;  // of the user who is logged in
+
+  // The answer to every call that names a session, unless the session is there.
+  std::optional<CK_RV> refusal(CK_SESSION_HANDLE handle) const {
+    if (!initialized) return CKR_CRYPTOKI_NOT_INITIALIZED;
+    if (sessions.count(handle) == 0) return CKR_SESSION_HANDLE_INVALID;
+    return std::nullopt;
+  }
+  std::optional<CK_RV> slotRefusal(CK_SLOT_ID slot) const {
+    if (!initialized) return CKR_CRYPTOKI_NOT_INITIALIZED;
+    if (slot < firstSlot || slot - firstSlot >= slots.size()) return CKR_SLOT_ID_INVALID;
+    return std::nullopt;
+  }
+
+  CK_SESSION_HANDLE open(CK_SLOT_ID slot, CK_FLAGS flags) {
+    const CK_STATE publicState = (flags & CKF_RW_SESSION) != 0 ? CKS_RW_PUBLIC_SESSION : CKS_RO_PUBLIC_SESSION;
+    const CK_SESSION_HANDLE handle = sessions.empty() ? 0x60000001 : sessions.rbegin()->first + 1;
+    sessions[handle] = {slot, slots[slot - firstSlot], password.empty() ? publicState : publicState + 1};
+    return handle;
+  }
+
+  CK_RV login(CK_SESSION_HANDLE handle, CK_USER_TYPE user, const std::string& pin) {
+    if (user == CKU_USER) password = pin;
+    CK_RV result = CKR_OK;
+    for (auto& [other, session] : sessions) {
+      if (session.device != sessions.at(handle).device) continue;
+      const bool isOfficer = session.state == CKS_RW_SO_FUNCTIONS;
+      if (isOfficer) {
+        result = user == CKU_USER ? CKR_USER_ANOTHER_ALREADY_LOGGED_IN : CKR_USER_ALREADY_LOGGED_IN;
+      } else if (user == CKU_USER) {
+        session.state = session.isReadOnly() ? CKS_RO_USER_FUNCTIONS : CKS_RW_USER_FUNCTIONS;
+      } else if (session.isReadOnly()) {
+        result = CKR_SESSION_READ_ONLY_EXISTS;
+      } else {
+        session.state = CKS_RW_SO_FUNCTIONS;
+      }
+    }
+    return result;
+  }
+
+  void logout(CK_SESSION_HANDLE handle) {
+    for (auto& [other, session] : sessions) {
+      if (session.device == sessions.at(handle).device) lower(session);
+    }
+    password.clear();
+  }
+
+  // Users of tokens that are gone are logged out, security officers are not.
+  void lookAtDevices(const std::vector<std::string>& connected) {
+    for (auto& [handle, session] : sessions) {
+      if (!session.isUser() || std::count(connected.begin(), connected.end(), session.device) != 0) continue;
+      lower(session);
+      password.clear();
+    }
+  }
+
+ private:
+  static void lower(ModelSession& session) {
+    session.state = session.isReadOnly() ? CKS_RO_PUBLIC_SESSION : CKS_RW_PUBLIC_SESSION;
+  }
+};
 
 class Walk {
  public:
   // Every walk begins with three tokens that are listed, no session, and nobody logged in.
   Walk(const std::uint8_t* data, std::size_t size) : input_(data, size) {
     fake::reset();
-    for (const char* serial : devices) plug(serial);
+    for (const char* serial : serials) plug(serial);
     fake::edit()->counter = 3;
     initialize();
     CK_SLOT_ID slots[3];
@@ -41,15 +113,15 @@ class Walk {
     C_Login(session, CKU_USER, pin, 4);
     same("C_Logout", C_Logout(session), CKR_OK);
     same("C_CloseSession", C_CloseSession(session), CKR_OK);
-    model_.slots = {std::begin(devices), std::end(devices)};
+    model_.slots = {std::begin(serials), std::end(serials)};
   }
 
   void run() {
     static constexpr void (Walk::*steps[])() = {
-        &Walk::changeDevices, &Walk::lookAtSlots, &Walk::open,      &Walk::open,      &Walk::close,
-        &Walk::login,         &Walk::login,       &Walk::logout,    &Walk::setPin,    &Walk::startSearch,
-        &Walk::search,        &Walk::begin,       &Walk::begin,     &Walk::proceed,   &Walk::proceed,
-        &Walk::proceed,       &Walk::useObject,   &Walk::useObject, &Walk::useObject, &Walk::fail,
+        &Walk::changeDevices,  &Walk::lookAtSlots, &Walk::open,      &Walk::open,      &Walk::close,
+        &Walk::login,          &Walk::login,       &Walk::logout,    &Walk::setPin,    &Walk::startSearch,
+        &Walk::continueSearch, &Walk::begin,       &Walk::begin,     &Walk::proceed,   &Walk::proceed,
+        &Walk::proceed,        &Walk::useObject,   &Walk::useObject, &Walk::useObject, &Walk::fail,
         &Walk::restart};
     while (!input_.isEmpty()) {
       (this->*steps[input_.below(std::size(steps))])();
@@ -59,15 +131,7 @@ class Walk {
   }
 
  private:
-  // Often an open session, at times a closed one or no session at all.
-  CK_SESSION_HANDLE anySession() {
-    const std::size_t choice = input_.byte();
-    if (choice < 240 && !model_.sessions.empty()) {
-      return std::next(model_.sessions.begin(), static_cast<long>(choice % model_.sessions.size()))->first;
-    }
-    static constexpr CK_SESSION_HANDLE strangers[] = {0, 0x60000000, 0x6000000D, 0x70000001, 0xFFFFFFFF};
-    return choice % 2 == 0 ? closed_ : strangers[choice % std::size(strangers)];
-  }
+  CK_SESSION_HANDLE anySession() { return choice_.any(input_, model_.sessions); }
 
   CK_OBJECT_HANDLE anyObject() {
     static constexpr CK_OBJECT_HANDLE objects[] = {0x70000001, 0x70000002, 0x70001001, 0x70001002, 0x70002001,
@@ -102,9 +166,9 @@ class Walk {
   }
 
   void changeDevices() {
-    const std::string serial = devices[input_.below(std::size(devices))];
+    const std::string serial = serials[input_.below(std::size(serials))];
     const auto isIt = [&](const fake::Device& device) { return device.info.serialNumber == serial; };
-    if (std::erase_if(fake::edit()->devices, isIt) == 0) plug(serial);
+    if (std::erase_if(fake::edit()->devices, isIt) == 0 || input_.chance(192)) plug(serial);
     if (!model_.initialized || input_.chance(64)) return;
     tavrin::logOutSessionsWithoutDevice(connected());
     model_.lookAtDevices(connected());
@@ -155,20 +219,13 @@ class Walk {
     if (!sessionOf("C_CloseSession", handle, code)) return;
     same("C_CloseSession", code, CKR_OK);
     model_.sessions.erase(handle);
-    closed_ = handle;
+    choice_.closed = handle;
   }
-
-  std::string anyPin() {
-    static const std::string pins[] = {"1234", "4321", "12345", "123", std::string(63, 'x'), std::string(64, 'x')};
-    const std::size_t choice = input_.byte();
-    return pins[choice < 200 ? choice % 3 : choice % std::size(pins)];
-  }
-  static bool isTooShortOrLong(const std::string& pin) { return pin.size() < 4 || pin.size() > 63; }
 
   void login() {
     const CK_SESSION_HANDLE handle = anySession();
     const auto user = static_cast<CK_USER_TYPE>(input_.chance(180) ? CKU_USER : input_.below(3));
-    std::string pin = anyPin();
+    std::string pin = anyPin(input_);
     const CK_RV code = C_Login(handle, user, bytesOf(pin), lengthOf(pin));
     const ModelSession* session = sessionOf("C_Login", handle, code);
     if (!session) return;
@@ -192,8 +249,8 @@ class Walk {
 
   void setPin() {
     const CK_SESSION_HANDLE handle = anySession();
-    std::string before = anyPin();
-    std::string after = anyPin();
+    std::string before = anyPin(input_);
+    std::string after = anyPin(input_);
     const CK_RV code = C_SetPIN(handle, bytesOf(before), lengthOf(before), bytesOf(after), lengthOf(after));
     const ModelSession* session = sessionOf("C_SetPIN", handle, code);
     if (!session) return;
@@ -209,156 +266,59 @@ class Walk {
     RandomTemplate wanted(input_);
     const CK_RV code = C_FindObjectsInit(handle, wanted.data(), wanted.size());
     ModelSession* session = sessionOf("C_FindObjectsInit", handle, code);
-    if (session && code == CKR_OK) session->operation = 1;
+    if (session && code == CKR_OK) session->operation = search;
   }
 
-  void search() {
+  void continueSearch() {
     const CK_SESSION_HANDLE handle = anySession();
     const bool ends = input_.chance(128);
-    const auto room = static_cast<CK_ULONG>(input_.below(9));
-    const auto found = std::make_unique<CK_OBJECT_HANDLE[]>(room);
-    CK_ULONG count = 0;
-    const CK_RV code = ends ? C_FindObjectsFinal(handle) : C_FindObjects(handle, found.get(), room, &count);
+    const CK_RV code = makeSearchCall(input_, handle, ends);
     ModelSession* session = sessionOf("a search", handle, code);
     if (!session) return;
-    same("a search", code, session->operation == 1 ? CKR_OK : CKR_OPERATION_NOT_INITIALIZED);
-    if (code == CKR_OK && count > room) stop("the number of objects found", count, room);
+    same("a search", code, session->operation == search ? CKR_OK : CKR_OPERATION_NOT_INITIALIZED);
     if (ends && code == CKR_OK) session->operation = 0;
   }
 
-  struct Begin {
-    const char* name;
-    std::function<CK_RV()> call;
-    unsigned operation;
-    bool duringDigest;  // allowed while a digest is active
-    unsigned deadEnd;   // what it then becomes
-    bool asksForLogin;  // refused in a read-only public session
-  };
-
   void begin() {
-    static constexpr CK_MECHANISM_TYPE types[] = {
-        CKM_RSA_PKCS, CKM_SHA256,       CKM_SHA256_RSA_PKCS,     CKM_ECDSA_SHA256, CKM_RSA_PKCS_OAEP,
-        CKM_SHA_1,    CKM_RSA_PKCS_PSS, CKM_SHA512_RSA_PKCS_PSS, CKM_ECDH1_DERIVE, 0x80000001};
     const CK_SESSION_HANDLE handle = anySession();
-    const CK_OBJECT_HANDLE key = anyObject();
-    std::string parameter = input_.text(40);
-    const bool plain = input_.chance(200);
-    CK_MECHANISM mechanism{types[input_.below(std::size(types))], plain ? nullptr : parameter.data(),
-                           plain ? 0 : lengthOf(parameter)};
-    CK_MECHANISM_PTR given = input_.chance(8) ? nullptr : &mechanism;
-    const Begin begins[] = {{"C_DigestInit", [&] { return C_DigestInit(handle, given); }, 4, true, 4, true},
-                            {"C_SignInit", [&] { return C_SignInit(handle, given, key); }, 5, false, 0, true},
-                            {"C_VerifyInit", [&] { return C_VerifyInit(handle, given, key); }, 7, false, 0, false},
-                            {"C_EncryptInit", [&] { return C_EncryptInit(handle, given, key); }, 2, true, 9, false},
-                            {"C_DecryptInit", [&] { return C_DecryptInit(handle, given, key); }, 3, true, 10, true}};
-    const Begin& chosen = begins[input_.below(std::size(begins))];
-    const CK_RV code = chosen.call();
-    ModelSession* session = sessionOf(chosen.name, handle, code);
+    const auto [operation, code] = makeInitCall(input_, handle, anyObject());
+    ModelSession* session = sessionOf("an Init call", handle, code);
     if (!session) return;
-    if (chosen.asksForLogin && session->state == CKS_RO_PUBLIC_SESSION) {
-      return same(chosen.name, code, CKR_SESSION_HANDLE_INVALID);
-    }
-    const bool free = session->operation == 0 || (session->operation == 4 && chosen.duringDigest);
-    if (!free) return same(chosen.name, code, CKR_OPERATION_ACTIVE);
-    if (code == CKR_OPERATION_ACTIVE || code == CKR_OPERATION_NOT_INITIALIZED) stop(chosen.name, code, CKR_OK);
-    if (code == CKR_OK) session->operation = session->operation == 4 ? chosen.deadEnd : chosen.operation;
+    const bool asksForLogin = operation == digest || operation == sign || operation == decrypt;
+    if (asksForLogin && session->state == CKS_RO_PUBLIC_SESSION)
+      return same("an Init call", code, CKR_SESSION_HANDLE_INVALID);
+    const bool duringDigest = session->operation == digest && operation != sign && operation != verify;
+    if (session->operation != 0 && !duringDigest) return same("an Init call", code, CKR_OPERATION_ACTIVE);
+    if (code == CKR_OPERATION_ACTIVE || code == CKR_OPERATION_NOT_INITIALIZED) stop("an Init call", code, CKR_OK);
+    // No call proceeds with an encryption or decryption that began during a digest.
+    if (code == CKR_OK) session->operation = duringDigest && operation != digest ? deadEnd : operation;
   }
 
-  enum Ends { never = 0, onResult = 1, onFailure = 2, always = 4 };
-  struct Proceed {
-    const char* name;
-    std::function<CK_RV()> call;
-    unsigned operation;
-    unsigned ends;
-  };
-
-  // One call of an operation; the data and the room for the result are as large as they say.
   void proceed() {
-    const CK_SESSION_HANDLE handle = anySession();
-    const std::string text = input_.text(64);
-    const auto data = std::make_unique<CK_BYTE[]>(text.size());
-    std::memcpy(data.get(), text.data(), text.size());
-    const CK_ULONG size = lengthOf(text);
-    CK_BYTE_PTR in = input_.chance(8) ? nullptr : data.get();
-    CK_BYTE buffer[2048];
-    CK_BYTE_PTR out = input_.chance(64) ? nullptr : buffer;
-    CK_ULONG room = sizeof buffer;
-    CK_ULONG_PTR outSize = input_.chance(8) ? nullptr : &room;
-    const Proceed steps[] = {
-        {"C_Digest", [&] { return C_Digest(handle, in, size, out, outSize); }, 4, onResult},
-        {"C_DigestUpdate", [&] { return C_DigestUpdate(handle, in, size); }, 4, never},
-        {"C_DigestFinal", [&] { return C_DigestFinal(handle, out, outSize); }, 4, onResult},
-        {"C_Sign", [&] { return C_Sign(handle, in, size, out, outSize); }, 5, onResult | onFailure},
-        {"C_SignUpdate", [&] { return C_SignUpdate(handle, in, size); }, 5, onFailure},
-        {"C_SignFinal", [&] { return C_SignFinal(handle, out, outSize); }, 5, onResult | onFailure},
-        {"C_Verify", [&] { return C_Verify(handle, in, size, in, size); }, 7, always},
-        {"C_VerifyUpdate", [&] { return C_VerifyUpdate(handle, in, size); }, 7, onFailure},
-        {"C_VerifyFinal", [&] { return C_VerifyFinal(handle, in, size); }, 7, always},
-        {"C_Encrypt", [&] { return C_Encrypt(handle, in, size, out, outSize); }, 2, onResult | onFailure},
-        {"C_Decrypt", [&] { return C_Decrypt(handle, in, size, out, outSize); }, 3, onResult}};
-    const Proceed& step = steps[input_.below(std::size(steps))];
-    const CK_RV code = step.call();
-    ModelSession* session = sessionOf(step.name, handle, code);
+    const DataCall call = makeDataCall(input_, choice_, model_.sessions, dataCallsOfModule);
+    ModelSession* session = sessionOf(call.name, call.session, call.code);
     if (!session) return;
-    if (session->operation != step.operation) return same(step.name, code, CKR_OPERATION_NOT_INITIALIZED);
-    if (code == CKR_OPERATION_NOT_INITIALIZED) stop(step.name, code, CKR_OK);
-    const std::string name = step.name;
-    const bool takesData = name.find("Final") == name.npos || name == "C_VerifyFinal";
-    const bool givesResult = name.find("Update") == name.npos && name.find("Verify") == name.npos;
-    const bool lacksArgument = (takesData && (!in || size == 0)) || (givesResult && !outSize);
-    if (lacksArgument != (code == CKR_ARGUMENTS_BAD)) stop(step.name, code, CKR_ARGUMENTS_BAD);
-    unsigned happened = code == CKR_OK && out ? onResult : never;
-    if (code == CKR_FUNCTION_FAILED || code == CKR_SIGNATURE_INVALID) happened = onFailure;
-    if (code != CKR_ARGUMENTS_BAD) happened |= always;
-    if ((step.ends & happened) != 0) session->operation = 0;
+    if (session->operation != call.operation) return same(call.name, call.code, CKR_OPERATION_NOT_INITIALIZED);
+    if (call.code == CKR_OPERATION_NOT_INITIALIZED) stop(call.name, call.code, CKR_OK);
+    if (call.lacksArgument != (call.code == CKR_ARGUMENTS_BAD)) stop(call.name, call.code, CKR_ARGUMENTS_BAD);
+    const bool failed = call.code == CKR_FUNCTION_FAILED || call.code == CKR_SIGNATURE_INVALID;
+    const bool delivered = call.code == CKR_OK && !call.isQuery && call.part != update;
+    bool ends = delivered || (failed && call.operation != digest && call.operation != decrypt);
+    if (call.operation == verify && call.part != update) ends = !call.lacksArgument;
+    if (ends) session->operation = 0;
   }
-
-  struct ObjectCall {
-    const char* name;
-    std::function<CK_RV()> call;
-    CK_RV readOnly = CKR_OK;  // how it is refused in a read-only session, if it is
-  };
 
   void useObject() {
     const CK_SESSION_HANDLE handle = anySession();
-    const CK_OBJECT_HANDLE object = anyObject();
-    RandomTemplate wanted(input_);
-    CK_MECHANISM generation{input_.chance(128) ? CKM_RSA_PKCS_KEY_PAIR_GEN : CKM_EC_KEY_PAIR_GEN, nullptr, 0};
-    std::string peer = input_.text(8);
-    const auto kdf = static_cast<CK_EC_KDF_TYPE>(1 + input_.below(6));
-    CK_ECDH1_DERIVE_PARAMS parameters{kdf, 0, nullptr, lengthOf(peer), bytesOf(peer)};
-    CK_MECHANISM derivation{CKM_ECDH1_DERIVE, &parameters, sizeof parameters};
-    CK_BYTE bytes[16];
-    const auto few = static_cast<CK_ULONG>(input_.below(sizeof bytes + 1));
-    CK_OBJECT_HANDLE made[2] = {};
-    CK_ULONG size = 0;
-    const ObjectCall calls[] = {
-        {"C_GetObjectSize", [&] { return C_GetObjectSize(handle, object, &size); }},
-        {"C_GetAttributeValue", [&] { return C_GetAttributeValue(handle, object, wanted.data(), wanted.size()); }},
-        {"C_SetAttributeValue", [&] { return C_SetAttributeValue(handle, object, wanted.data(), wanted.size()); }},
-        {"C_CreateObject", [&] { return C_CreateObject(handle, wanted.data(), wanted.size(), made); }},
-        {"C_GenerateKeyPair",
-         [&] {
-           RandomTemplate other(input_);
-           return C_GenerateKeyPair(handle, &generation, wanted.data(), wanted.size(), other.data(), other.size(), made,
-                                    made + 1);
-         },
-         CKR_SESSION_HANDLE_INVALID},
-        {"C_DeriveKey", [&] { return C_DeriveKey(handle, &derivation, object, wanted.data(), wanted.size(), made); }},
-        {"C_DestroyObject", [&] { return C_DestroyObject(handle, object); }, CKR_SESSION_READ_ONLY},
-        {"C_GenerateRandom", [&] { return C_GenerateRandom(handle, bytes, few); }}};
-    const ObjectCall& chosen = calls[input_.below(std::size(calls))];
-    const CK_RV code = chosen.call();
-    const ModelSession* session = sessionOf(chosen.name, handle, code);
-    if (session && session->isReadOnly() && chosen.readOnly != CKR_OK) same(chosen.name, code, chosen.readOnly);
+    const ObjectCall call = makeObjectCall(input_, handle, anyObject(), objectCallsOfModule);
+    const ModelSession* session = sessionOf(call.name.c_str(), handle, call.code);
+    if (!session || !session->isReadOnly()) return;
+    if (call.name == "C_GenerateKeyPair") same("C_GenerateKeyPair", call.code, CKR_SESSION_HANDLE_INVALID);
+    if (call.name == "C_DestroyObject") same("C_DestroyObject", call.code, CKR_SESSION_READ_ONLY);
   }
 
   void fail() {
-    static constexpr const char* operations[] = {
-        "signHash",          "initHash",         "updateHash",        "finalHash",  "verifySignatureHash",
-        "encrypt",           "decrypt",          "ecdhDerive",        "initDevice", "generateKeyPair",
-        "importCertificate", "validatePassword", "changeUserPassword"};
-    const char* operation = operations[input_.below(std::size(operations))];
+    const std::string& operation = deviceOperations[input_.below(deviceOperations.size())];
     if (faults_.insert(operation).second) fake::fail(operation, 7);
   }
   // Whether the operation, which has just been called, met a fault.
@@ -366,9 +326,10 @@ class Walk {
 
   // Costs a thread, so it comes rarely.
   void restart() {
-    if (!input_.chance(8)) return;
+    if (model_.initialized && !input_.chance(8)) return;
     same("C_Finalize", C_Finalize(nullptr), model_.initialized ? CKR_OK : CKR_CRYPTOKI_NOT_INITIALIZED);
-    model_.finalize();
+    model_ = {};
+    model_.initialized = false;
     if (input_.chance(64)) return;
     same("C_Initialize", initialize(), CKR_OK);
     model_.initialized = true;
@@ -383,7 +344,7 @@ class Walk {
 
   FuzzInput input_;
   SessionModel model_;
-  CK_SESSION_HANDLE closed_ = 0;
+  SessionChoice choice_;
   std::set<std::string> faults_;  // of operations that the walk knows to be called, those still to strike
 };
 
@@ -391,6 +352,7 @@ class Walk {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   startWalk();
+  C_GetFunctionList(&f);
   return 0;
 }
 

@@ -2,11 +2,9 @@
 // fail underneath. A small model of tokens, sessions, logins and operations foretells the codes; a signature must be
 // asked of the right token and key, a length query of nobody, and a handle must name one object for ever.
 #include <chrono>
-#include <functional>
 #include <initializer_list>
 #include <map>
 #include <set>
-#include <sstream>
 #include <thread>
 
 #include "load_module.h"
@@ -14,12 +12,7 @@
 
 namespace {
 
-enum Operation { search, digest, sign, verify, encrypt, decrypt };
 enum Login { nobody, user, officer };
-constexpr std::size_t mostSessions = 12;
-const char* const serials[] = {"TK1", "TK2", "TK3"};
-
-CK_FUNCTION_LIST* f = nullptr;
 
 struct ModelToken {
   CK_SLOT_ID slot = 0;  // for the life of the process
@@ -38,6 +31,7 @@ struct ModelSession {
   std::set<Operation> active{};
   std::set<Operation> inParts{};  // have had a part, so that data in one call are refused
 
+  unsigned begun() const { return active.empty() ? 0U : *active.rbegin(); }
   CK_STATE state() const {
     if (token->login == officer) return CKS_RW_SO_FUNCTIONS;
     return (readWrite ? CKS_RW_PUBLIC_SESSION : CKS_RO_PUBLIC_SESSION) + (token->login == user ? 1U : 0U);
@@ -94,16 +88,9 @@ class Walk {
   }
 
   void fail() {
-    static const std::vector<std::string> operations = [] {
-      std::istringstream words(
-          "signHash initHash updateHash finalHash verifySignatureHash encrypt decrypt ecdhDerive generateKeyPair "
-          "importCertificate deleteKeyPair importPfx updateKeyPairDetails deleteCertificate changeUserPassword "
-          "getKeyPairList getCertificateDetails generateRamdomNumber");
-      return std::vector<std::string>(std::istream_iterator<std::string>(words), {});
-    }();
     const auto kind = static_cast<fake::Fault::Kind>(input_.below(5));
     static constexpr int values[] = {7, -1, 0, 100000};
-    fake::fault(operations[input_.below(operations.size())], kind, values[input_.below(4)],
+    fake::fault(deviceOperations[1 + input_.below(deviceOperations.size() - 1)], kind, values[input_.below(4)],
                 static_cast<int>(1 + input_.below(2)));
   }
 
@@ -129,6 +116,7 @@ class Walk {
       same("C_GetSessionInfo", f->C_GetSessionInfo(handle, &info), session.dead ? CKR_DEVICE_REMOVED : CKR_OK);
       if (session.dead) continue;
       same("a session's state", info.state, session.state());
+      same("a session's flags", info.flags, CKF_SERIAL_SESSION | (session.readWrite ? CKF_RW_SESSION : 0U));
       same("a session's slot", info.slotID, session.token->slot);
     }
   }
@@ -154,13 +142,7 @@ class Walk {
     }
   }
 
-  CK_SESSION_HANDLE anySession() {
-    const std::size_t choice = input_.byte();
-    if (choice < 240 && !sessions_.empty()) {
-      return std::next(sessions_.begin(), static_cast<long>(choice % sessions_.size()))->first;
-    }
-    return choice % 2 == 0 ? closed_ : 0x7FFFFFFF;
-  }
+  CK_SESSION_HANDLE anySession() { return choice_.any(input_, sessions_); }
 
   // The session that a call was for, if the model knows how it is.
   ModelSession* sessionOf(const char* what, CK_SESSION_HANDLE handle, CK_RV code) {
@@ -171,10 +153,13 @@ class Walk {
     return &place->second;
   }
 
-  CK_OBJECT_HANDLE anyObject() {
+  // Mostly an object that the session's token had when it was searched last.
+  CK_OBJECT_HANDLE anyObject(CK_SESSION_HANDLE session) {
     const std::size_t choice = input_.byte();
-    if (choice < 240 && !found_.empty()) return found_[choice % found_.size()];
-    return choice % 8;
+    const auto place = sessions_.find(session);
+    const bool own = choice < 200 && place != sessions_.end();
+    const auto& found = found_[own ? place->second.token : &tokens[choice % std::size(tokens)]];
+    return choice < 240 && !found.empty() ? found[input_.below(found.size())] : choice % 8;
   }
 
   void changeDevices() {
@@ -187,6 +172,7 @@ class Walk {
       events_.insert(token.slot);
       return refresh();
     }
+    if (input_.chance(192)) return;
     std::erase_if(fake::edit()->devices,
                   [&](const auto& device) { return device.info.serialNumber == serials[which]; });
     token.unsure = true;
@@ -228,6 +214,7 @@ class Walk {
     if (handle <= last_) stop("a new session", handle, last_ + 1);
     last_ = handle;
     sessions_.insert({handle, {&token, readWrite}});
+    if (!token.unsure) readAll(handle, sessions_.at(handle));
   }
 
   void endLoginWithLastSession(ModelToken& token) {
@@ -251,21 +238,14 @@ class Walk {
     if (place == sessions_.end()) return;
     ModelToken& token = *place->second.token;
     sessions_.erase(place);
-    closed_ = handle;
+    choice_.closed = handle;
     endLoginWithLastSession(token);
   }
-
-  std::string anyPin() {
-    static const std::string pins[] = {"1234", "12345", "123", std::string(63, 'x'), std::string(64, 'x')};
-    const std::size_t choice = input_.byte();
-    return pins[choice < 200 ? choice % 2 : choice % std::size(pins)];
-  }
-  static bool isPossible(const std::string& pin) { return pin.size() >= 4 && pin.size() <= 63; }
 
   void logIn() {
     const CK_SESSION_HANDLE handle = anySession();
     const auto type = static_cast<CK_USER_TYPE>(input_.chance(180) ? CKU_USER : input_.below(4));
-    std::string pin = anyPin();
+    std::string pin = anyPin(input_);
     const bool wrong = !faulty_ && input_.chance(32);
     if (wrong) fake::fail("validatePassword", 7);
     const CK_RV code = f->C_Login(handle, type, bytesOf(pin), lengthOf(pin));
@@ -283,8 +263,10 @@ class Walk {
       const bool reads = type == CKU_SO && one.token == &token && !one.dead && !one.readWrite;
       if (reads) return expect("C_Login", code, {CKR_SESSION_READ_ONLY_EXISTS});
     }
-    expect("C_Login", code, {wrong || !isPossible(pin) ? CKR_PIN_INCORRECT : CKR_OK});
-    if (code == CKR_OK) token.login = wanted;
+    expect("C_Login", code, {wrong || isTooShortOrLong(pin) ? CKR_PIN_INCORRECT : CKR_OK});
+    if (code != CKR_OK) return;
+    token.login = wanted;
+    readAll(handle, *session);
   }
 
   void logOut() {
@@ -303,43 +285,39 @@ class Walk {
 
   void setPin() {
     const CK_SESSION_HANDLE handle = anySession();
-    std::string before = anyPin(), after = anyPin();
+    std::string before = anyPin(input_), after = anyPin(input_);
     const CK_RV code = f->C_SetPIN(handle, bytesOf(before), lengthOf(before), bytesOf(after), lengthOf(after));
     const ModelSession* session = sessionOf("C_SetPIN", handle, code);
     if (!session) return;
     if (!session->readWrite) return expect("C_SetPIN", code, {CKR_SESSION_READ_ONLY});
-    if (!isPossible(before) || !isPossible(after))
-      return expect("C_SetPIN", code, {CKR_PIN_LEN_RANGE, CKR_PIN_INCORRECT});
+    if (isTooShortOrLong(after)) return expect("C_SetPIN", code, {CKR_PIN_LEN_RANGE});
+    if (isTooShortOrLong(before)) return expect("C_SetPIN", code, {CKR_PIN_INCORRECT});
     expect("C_SetPIN", code, {session->token->login == officer ? CKR_FUNCTION_NOT_SUPPORTED : CKR_OK});
   }
 
   void startSearch() {
     const CK_SESSION_HANDLE handle = anySession();
     RandomTemplate wanted(input_);
-    const bool all = input_.chance(128);
-    const CK_RV code = f->C_FindObjectsInit(handle, all ? nullptr : wanted.data(), all ? 0 : wanted.size());
+    const CK_RV code = f->C_FindObjectsInit(handle, wanted.data(), wanted.size());
     ModelSession* session = sessionOf("C_FindObjectsInit", handle, code);
     if (!session) return;
     if (session->active.contains(search)) return expect("C_FindObjectsInit", code, {CKR_OPERATION_ACTIVE});
-    if (all) expect("C_FindObjectsInit", code, {CKR_OK});
-    if (code != CKR_OK) return;
-    session->active.insert(search);
-    if (all && !session->token->changed) readAll(handle, *session);
+    if (code == CKR_OK) session->active.insert(search);
   }
 
   // A search for everything on a token that is as it came.
-  void readAll(CK_SESSION_HANDLE handle, ModelSession& session) {
+  void readAll(CK_SESSION_HANDLE handle, const ModelSession& session) {
+    if (session.token->changed || session.active.contains(search)) return;
     CK_OBJECT_HANDLE objects[8];
     CK_ULONG count = 0;
+    expect("C_FindObjectsInit", f->C_FindObjectsInit(handle, nullptr, 0), {CKR_OK});
     expect("C_FindObjects", f->C_FindObjects(handle, objects, 8, &count), {CKR_OK});
     expect("C_FindObjectsFinal", f->C_FindObjectsFinal(handle), {CKR_OK});
-    session.active.erase(search);
     if (faulty_) return;
     const CK_ULONG all = session.token->login == user ? 5 : 3;
     if (!session.token->hides || count > all) same("the number of objects", count, all);
     for (CK_ULONG i = 0; i < count; ++i) recognise(handle, *session.token, objects[i]);
-    found_.insert(found_.end(), objects, objects + count);
-    if (found_.size() > 40) found_.erase(found_.begin(), found_.end() - 40);
+    found_[session.token].assign(objects, objects + count);
   }
 
   // What the handle names is what it named when it was first seen, in this walk or an earlier one.
@@ -360,40 +338,17 @@ class Walk {
   void continueSearch() {
     const CK_SESSION_HANDLE handle = anySession();
     const bool ends = input_.chance(128);
-    const auto room = static_cast<CK_ULONG>(input_.below(9));
-    const auto objects = std::make_unique<CK_OBJECT_HANDLE[]>(room);
-    CK_ULONG count = 0;
-    const CK_RV code = ends ? f->C_FindObjectsFinal(handle) : f->C_FindObjects(handle, objects.get(), room, &count);
+    const CK_RV code = makeSearchCall(input_, handle, ends);
     ModelSession* session = sessionOf("a search", handle, code);
     if (!session) return;
     expect("a search", code, {session->active.contains(search) ? CKR_OK : CKR_OPERATION_NOT_INITIALIZED});
     if (ends && code == CKR_OK) session->active.erase(search);
-    if (code == CKR_OK && count > room) stop("the number of objects found", count, room);
   }
 
   void begin() {
-    static constexpr std::pair<Operation, CK_MECHANISM_TYPE> pairs[] = {
-        {digest, CKM_SHA256},         {digest, CKM_SHA_1},
-        {sign, CKM_SHA256_RSA_PKCS},  {sign, CKM_RSA_PKCS},
-        {sign, CKM_RSA_PKCS_PSS},     {sign, CKM_ECDSA_SHA256},
-        {verify, CKM_ECDSA},          {verify, CKM_SHA512_RSA_PKCS_PSS},
-        {encrypt, CKM_RSA_PKCS_OAEP}, {encrypt, CKM_RSA_PKCS},
-        {decrypt, CKM_RSA_PKCS},      {decrypt, 0x80000001}};
-    auto [operation, type] = pairs[input_.below(std::size(pairs))];
-    if (input_.chance(32)) type = pairs[input_.below(std::size(pairs))].second;
     const CK_SESSION_HANDLE handle = anySession();
-    const CK_OBJECT_HANDLE key = anyObject();
-    CK_RSA_PKCS_PSS_PARAMS pss{CKM_SHA512, CKG_MGF1_SHA512, 64};
-    CK_RSA_PKCS_OAEP_PARAMS oaep{CKM_SHA_1, CKG_MGF1_SHA1, CKZ_DATA_SPECIFIED, nullptr, 0};
-    CK_MECHANISM mechanism{type, nullptr, 0};
-    if (mechanism.mechanism == CKM_SHA512_RSA_PKCS_PSS) mechanism = {mechanism.mechanism, &pss, sizeof pss};
-    if (mechanism.mechanism == CKM_RSA_PKCS_OAEP) mechanism = {mechanism.mechanism, &oaep, sizeof oaep};
-    if (input_.chance(16)) mechanism.ulParameterLen = static_cast<CK_ULONG>(input_.below(40));
-    CK_MECHANISM_PTR given = input_.chance(8) ? nullptr : &mechanism;
-    if (mechanism.ulParameterLen > 0 && !mechanism.pParameter) mechanism.pParameter = &pss;
-    const CK_C_SignInit inits[] = {nullptr,         nullptr,          f->C_SignInit,
-                                   f->C_VerifyInit, f->C_EncryptInit, f->C_DecryptInit};
-    const CK_RV code = operation == digest ? f->C_DigestInit(handle, given) : inits[operation](handle, given, key);
+    const CK_OBJECT_HANDLE key = anyObject(handle);
+    const auto [operation, code] = makeInitCall(input_, handle, key);
     ModelSession* session = sessionOf("an Init call", handle, code);
     if (!session) return;
     if (session->active.contains(operation)) {
@@ -410,57 +365,21 @@ class Walk {
   }
 
   void proceed() {
-    const CK_SESSION_HANDLE handle = anySession();
-    std::string text = input_.text(64);
-    const auto data = std::make_unique<CK_BYTE[]>(text.size());
-    std::memcpy(data.get(), text.data(), text.size());
-    const CK_ULONG size = lengthOf(text);
-    CK_BYTE_PTR in = input_.chance(8) ? nullptr : data.get();
-    CK_BYTE cipher[256] = {1}, buffer[1024];
-    CK_BYTE_PTR out = input_.chance(64) ? nullptr : buffer;
-    CK_ULONG room = input_.chance(32) ? static_cast<CK_ULONG>(input_.byte()) : sizeof buffer;
-    CK_ULONG_PTR outSize = input_.chance(8) ? nullptr : &room;
-    const struct {
-      const char* name;
-      Operation operation;
-      bool update, last;
-      std::function<CK_RV()> call;
-    } steps[] = {
-        {"C_Digest", digest, false, false, [&] { return f->C_Digest(handle, in, size, out, outSize); }},
-        {"C_DigestUpdate", digest, true, false, [&] { return f->C_DigestUpdate(handle, in, size); }},
-        {"C_DigestFinal", digest, false, false, [&] { return f->C_DigestFinal(handle, out, outSize); }},
-        {"C_Sign", sign, false, false, [&] { return f->C_Sign(handle, in, size, out, outSize); }},
-        {"C_SignUpdate", sign, true, false, [&] { return f->C_SignUpdate(handle, in, size); }},
-        {"C_SignFinal", sign, false, false, [&] { return f->C_SignFinal(handle, out, outSize); }},
-        {"C_Verify", verify, false, true, [&] { return f->C_Verify(handle, in, size, cipher, 256 - size % 2); }},
-        {"C_VerifyUpdate", verify, true, false, [&] { return f->C_VerifyUpdate(handle, in, size); }},
-        {"C_VerifyFinal", verify, false, true, [&] { return f->C_VerifyFinal(handle, cipher, size < 32 ? 64 : 256); }},
-        {"C_Encrypt", encrypt, false, false, [&] { return f->C_Encrypt(handle, in, size, out, outSize); }},
-        {"C_EncryptUpdate", encrypt, true, false, [&] { return f->C_EncryptUpdate(handle, in, size, out, outSize); }},
-        {"C_EncryptFinal", encrypt, false, false, [&] { return f->C_EncryptFinal(handle, out, outSize); }},
-        {"C_Decrypt", decrypt, false, false, [&] { return f->C_Decrypt(handle, cipher, 256, out, outSize); }},
-        {"C_DecryptUpdate", decrypt, true, false, [&] { return f->C_DecryptUpdate(handle, in, size, out, outSize); }},
-        {"C_DecryptFinal", decrypt, false, false, [&] { return f->C_DecryptFinal(handle, out, outSize); }}};
-    const auto& step = steps[input_.below(std::size(steps))];
-    const CK_ULONG given = room;
-    const CK_RV code = step.call();
-    ModelSession* session = sessionOf(step.name, handle, code);
+    const DataCall call = makeDataCall(input_, choice_, sessions_, allDataCalls);
+    const Operation operation = call.operation;
+    ModelSession* session = sessionOf(call.name, call.session, call.code);
     if (!session) return;
-    const bool whole = !step.update && std::string(step.name).find("Final") == std::string::npos;
-    if (whole && session->inParts.contains(step.operation)) session->active.erase(step.operation);
-    if (!session->active.contains(step.operation)) return same(step.name, code, CKR_OPERATION_NOT_INITIALIZED);
-    if (code == CKR_OPERATION_NOT_INITIALIZED) stop(step.name, code, CKR_OK);
-    const bool isQuery = !out && code == CKR_OK;
-    if ((!out || code == CKR_BUFFER_TOO_SMALL) && !step.last && step.operation >= sign && step.operation != decrypt &&
-        !asked_.empty()) {
-      stop(("the device was asked for a length: " + asked_).c_str(), code, 0);
-    }
-    if (code == CKR_OK && out && !step.update && !step.last && room > given)
-      stop("the length of a result", room, given);
-    if (step.operation == sign && !asked_.empty()) checkKey(*session, keys_[{handle, sign}], handle);
-    const bool stays = code == CKR_BUFFER_TOO_SMALL || (step.update && code == CKR_OK) || (isQuery && !step.last);
-    if (!stays) session->active.erase(step.operation);
-    if (step.update && code == CKR_OK && (out || step.operation < encrypt)) session->inParts.insert(step.operation);
+    if (call.part == whole && session->inParts.contains(operation)) session->active.erase(operation);
+    if (!session->active.contains(operation)) return same(call.name, call.code, CKR_OPERATION_NOT_INITIALIZED);
+    if (call.code == CKR_OPERATION_NOT_INITIALIZED) stop(call.name, call.code, CKR_OK);
+    const bool tooSmall = call.code == CKR_BUFFER_TOO_SMALL, done = call.code == CKR_OK;
+    if ((call.isQuery || tooSmall) && (operation == sign || operation == encrypt) && !asked_.empty())
+      stop(("the device was asked for a length: " + asked_).c_str(), call.code, 0);
+    if (done && !call.isQuery && call.length > call.room) stop("the length of a result", call.length, call.room);
+    if (operation == sign && !asked_.empty()) checkKey(*session, keys_[{call.session, sign}], call.session);
+    const bool queried = call.isQuery && operation != verify;
+    if (!tooSmall && !(done && (call.part == update || queried))) session->active.erase(operation);
+    if (done && call.part == update && (!call.isQuery || operation >= digest)) session->inParts.insert(operation);
   }
 
   // The device was asked for a signature by the token of the session, and by the key of the Init call.
@@ -475,53 +394,21 @@ class Walk {
 
   void useObject() {
     const CK_SESSION_HANDLE handle = anySession();
-    const CK_OBJECT_HANDLE object = anyObject();
-    RandomTemplate wanted(input_), other(input_);
-    CK_MECHANISM generation{input_.chance(128) ? CKM_RSA_PKCS_KEY_PAIR_GEN : CKM_EC_KEY_PAIR_GEN, nullptr, 0};
-    std::string peer = input_.chance(200) ? point : input_.text(8);
-    const auto kdf = static_cast<CK_EC_KDF_TYPE>(1 + input_.below(6));
-    CK_ECDH1_DERIVE_PARAMS parameters{kdf, 0, nullptr, lengthOf(peer), bytesOf(peer)};
-    CK_MECHANISM derivation{CKM_ECDH1_DERIVE, &parameters, sizeof parameters};
-    CK_BYTE bytes[16];
-    const auto few = static_cast<CK_ULONG>(input_.below(sizeof bytes + 1));
-    CK_OBJECT_HANDLE made[2] = {};
-    CK_ULONG size = 0;
-    enum { reads, writes, changes, needsUser };
-    const struct {
-      const char* name;
-      int does;
-      std::function<CK_RV()> call;
-    } calls[] = {
-        {"C_GetObjectSize", reads, [&] { return f->C_GetObjectSize(handle, object, &size); }},
-        {"C_GetAttributeValue", reads,
-         [&] { return f->C_GetAttributeValue(handle, object, wanted.data(), wanted.size()); }},
-        {"C_GenerateRandom", reads, [&] { return f->C_GenerateRandom(handle, bytes, few); }},
-        {"C_SetAttributeValue", writes,
-         [&] { return f->C_SetAttributeValue(handle, object, wanted.data(), wanted.size()); }},
-        {"C_CreateObject", changes, [&] { return f->C_CreateObject(handle, wanted.data(), wanted.size(), made); }},
-        {"C_CopyObject", changes, [&] { return f->C_CopyObject(handle, object, wanted.data(), wanted.size(), made); }},
-        {"C_DestroyObject", writes, [&] { return f->C_DestroyObject(handle, object); }},
-        {"C_GenerateKeyPair", needsUser,
-         [&] {
-           return f->C_GenerateKeyPair(handle, &generation, wanted.data(), wanted.size(), other.data(), other.size(),
-                                       made, made + 1);
-         }},
-        {"C_DeriveKey", needsUser,
-         [&] { return f->C_DeriveKey(handle, &derivation, object, wanted.data(), wanted.size(), made); }}};
-    const auto& chosen = calls[input_.below(std::size(calls))];
+    const CK_OBJECT_HANDLE object = anyObject(handle);
     CK_BBOOL onToken = CK_FALSE;
     CK_ATTRIBUTE place{CKA_TOKEN, &onToken, 1};
     f->C_GetAttributeValue(handle, object, &place, 1);
-    const CK_RV code = chosen.call();
-    const ModelSession* session = sessionOf(chosen.name, handle, code);
+    const ObjectCall call = makeObjectCall(input_, handle, object, allObjectCalls);
+    const ModelSession* session = sessionOf(call.name.c_str(), handle, call.code);
     if (!session) return;
-    if (code == CKR_OK && chosen.does == writes && onToken != CK_FALSE && !session->readWrite)
-      stop(chosen.name, code, CKR_SESSION_READ_ONLY);
-    if (chosen.does != reads && (code == CKR_OK || faulty_)) session->token->changed = true;
-    if (code == CKR_OK && chosen.name == std::string("C_DestroyObject")) session->token->hides = true;
-    const bool allowed = chosen.does != needsUser || session->token->login == user;
-    if (code == CKR_OK && !allowed) stop(chosen.name, code, CKR_USER_NOT_LOGGED_IN);
-    if (made[0] != 0) found_.push_back(made[0]);
+    const bool done = call.code == CKR_OK;
+    if (done && call.does == ObjectCall::writes && onToken != CK_FALSE && !session->readWrite)
+      stop(call.name.c_str(), call.code, CKR_SESSION_READ_ONLY);
+    if (call.does != ObjectCall::reads && (done || faulty_)) session->token->changed = true;
+    if (done && call.name == "C_DestroyObject") session->token->hides = true;
+    if (done && call.does == ObjectCall::needsUser && session->token->login != user)
+      stop(call.name.c_str(), call.code, CKR_USER_NOT_LOGGED_IN);
+    if (call.made != 0) found_[session->token].push_back(call.made);
   }
 
   // Costs a thread, so it comes rarely.
@@ -547,10 +434,10 @@ class Walk {
   FuzzInput input_;
   std::map<CK_SESSION_HANDLE, ModelSession> sessions_;
   std::map<std::pair<CK_SESSION_HANDLE, Operation>, CK_OBJECT_HANDLE> keys_;
-  std::vector<CK_OBJECT_HANDLE> found_;
+  std::map<const ModelToken*, std::vector<CK_OBJECT_HANDLE>> found_;
   std::string asked_;            // the last operation of the device library that uses a key
   std::set<CK_SLOT_ID> events_;  // of the slots whose token has come or gone
-  CK_SESSION_HANDLE closed_ = 0;
+  SessionChoice choice_;
   static inline CK_SESSION_HANDLE last_ = 0;
   bool faulty_ = false;
   unsigned quiet_ = 0;  // steps until the library is made to look at the devices
