@@ -171,12 +171,6 @@ TEST_F(OperationTest, OperationsSideBySide) {
   is(s.final(verify), CKR_OK, "with the signature of just now");
   is(f->C_FindObjects(s, found, 8, &count), CKR_OK);
   EXPECT_EQ(count, 4U);
-
-  is(s.init(sign, CKM_SHA256_RSA_PKCS, rsa_), CKR_OK);
-  is(s.init(digest, CKM_SHA256), CKR_OK);
-  is(f->C_Logout(Session()), CKR_OK);
-  is(s.once(sign, "data"), noOperation, "a logout ends what private keys are used for");
-  is(s.once(digest, "data"), CKR_OK, "and nothing else");
 }
 
 // Every hash, and every signature mechanism with it, of empty and of long data, in one part and in several.

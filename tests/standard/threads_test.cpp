@@ -10,31 +10,24 @@
 namespace {
 
 struct Key {
-  CK_OBJECT_HANDLE handle;
+  CK_OBJECT_HANDLE handle, publicKey;
   std::string id, value;  // modulus or point
   bool ec;
 };
 
-class ThreadTest : public KeysTest {
- protected:
-  // Eight keys, every other one for elliptic curves, with handles that any session may use.
-  std::vector<Key> keys() {
-    Session& s = *owner_;
-    std::vector<Key> result;
-    for (int i = 0; i < 8; ++i) {
-      const bool ec = i % 2 == 1;
-      const std::string id = "thread " + std::to_string(i);
-      const Template common{{CKA_TOKEN, true}, {CKA_LABEL, id}, {CKA_ID, id}};
-      const Template own = ec ? common.with({{CKA_EC_PARAMS, p256}}) : common.with({{CKA_MODULUS_BITS, 2048}});
-      is(s.generate(ec ? CKM_EC_KEY_PAIR_GEN : CKM_RSA_PKCS_KEY_PAIR_GEN, own, common.with({{CKA_SIGN, true}})),
-         CKR_OK);
-      result.push_back({s.made, id, s.value(s.madePublic, ec ? CKA_EC_POINT : CKA_MODULUS), ec});
-      publicKeys_.push_back(s.madePublic);
-    }
-    return result;
+// Eight keys, every other one for elliptic curves, with handles that any session may use.
+std::vector<Key> makeKeys(Session& s) {
+  std::vector<Key> result;
+  for (int i = 0; i < 8; ++i) {
+    const bool ec = i % 2 == 1;
+    const std::string id = "thread " + std::to_string(i);
+    const Template common{{CKA_TOKEN, true}, {CKA_LABEL, id}, {CKA_ID, id}};
+    const Template own = ec ? common.with({{CKA_EC_PARAMS, p256}}) : common.with({{CKA_MODULUS_BITS, 2048}});
+    is(s.generate(ec ? CKM_EC_KEY_PAIR_GEN : CKM_RSA_PKCS_KEY_PAIR_GEN, own, common.with({{CKA_SIGN, true}})), CKR_OK);
+    result.push_back({s.made, s.madePublic, id, s.value(s.madePublic, ec ? CKA_EC_POINT : CKA_MODULUS), ec});
   }
-  std::vector<CK_OBJECT_HANDLE> publicKeys_;
-};
+  return result;
+}
 
 void signOften(const std::vector<Key>& keys, unsigned thread, unsigned rounds) {
   Session session(thread % 3 == 0 ? 0 : CKF_RW_SESSION);
@@ -50,8 +43,8 @@ void signOften(const std::vector<Key>& keys, unsigned thread, unsigned rounds) {
   is(f->C_CloseSession(session), CKR_OK);
 }
 
-TEST_F(ThreadTest, SixteenThreadsSignWithEightKeys) {
-  const std::vector<Key> keys = this->keys();
+TEST_F(KeysTest, SixteenThreadsSignWithEightKeys) {
+  const std::vector<Key> keys = makeKeys(*owner_);
   constexpr unsigned signers = 16, rounds = 12;
   std::atomic<unsigned> signing = signers;
   std::vector<std::thread> threads;
@@ -74,7 +67,7 @@ TEST_F(ThreadTest, SixteenThreadsSignWithEightKeys) {
   meanwhile([&](unsigned round) {
     const Key& key = keys[round % keys.size()];
     EXPECT_EQ(reader.value(key.handle, CKA_LABEL), key.id);
-    EXPECT_EQ(reader.value(publicKeys_[round % keys.size()], key.ec ? CKA_EC_POINT : CKA_MODULUS), key.value);
+    EXPECT_EQ(reader.value(key.publicKey, key.ec ? CKA_EC_POINT : CKA_MODULUS), key.value);
   });
   meanwhile([&](unsigned round) {
     const std::string data(1000 + round % 100, 'h');
@@ -100,21 +93,15 @@ TEST_F(ThreadTest, SixteenThreadsSignWithEightKeys) {
        differs(CKR_CRYPTOKI_NOT_INITIALIZED, CKR_FUNCTION_NOT_SUPPORTED, "it cannot wait"));
   });
   for (std::thread& thread : threads) thread.join();
-  for (const Key& key : keys) is(owner_->destroy(key.handle), CKR_OK);
-  for (const CK_OBJECT_HANDLE key : publicKeys_) is(owner_->destroy(key), CKR_OK);
+  for (const Key& key : keys) all(CKR_OK, {owner_->destroy(key.handle), owner_->destroy(key.publicKey)});
   EXPECT_EQ(owner_->find({}).size(), 4U);
   is(f->C_Finalize(nullptr), CKR_OK, "which wakes who waits");
   waiter.join();
   is(f->C_Initialize(nullptr), CKR_OK);
 }
 
-CK_RV closeAndWait() {
-  std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  return f->C_CloseAllSessions(slotOf(0));
-}
-
 // Threads whose sessions, logins and objects are taken away get the codes for that, and nothing crashes.
-TEST_F(ThreadTest, SessionsCloseUnderTheirUsers) {
+TEST_F(KeysTest, SessionsCloseUnderTheirUsers) {
   if (isSoftHsm()) GTEST_SKIP() << "it crashes";
   std::atomic<bool> over = false;
   std::vector<std::thread> threads;
@@ -135,7 +122,10 @@ TEST_F(ThreadTest, SessionsCloseUnderTheirUsers) {
       }
     });
   }
-  for (int i = 0; i < 20; ++i) is(closeAndWait(), CKR_OK);
+  for (int i = 0; i < 20; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    is(f->C_CloseAllSessions(slotOf(0)), CKR_OK);
+  }
   over = true;
   for (std::thread& thread : threads) thread.join();
 }
