@@ -70,7 +70,7 @@ std::shared_ptr<Object> createPrivateKey(ModuleLock& module, const Session& sess
                      pick(given, {CKA_CLASS, CKA_KEY_TYPE, CKA_LABEL, CKA_MODULUS, CKA_PRIVATE_EXPONENT, CKA_PRIME_1}));
   const KeyPairObjects pair = addKeyPair(module, session.token, handle, onToken ? 0 : session.handle, true);
   // The module imports a key without its ID.
-  relabel(module, *pair.privateKey, given);
+  relabel(module, *pair.privateKey, given, Empty::isNotGiven);
   return pair.privateKey;
 }
 
@@ -84,7 +84,7 @@ std::shared_ptr<Object> publicKeyOnToken(ModuleLock& module, const Session& sess
   for (const CK_OBJECT_HANDLE handle : findObjects(module, session, Template(wanted, std::size(wanted)))) {
     const auto object = module.state().objects.find(handle);
     if (object->moduleHandle == 0 || object->session != 0) continue;
-    relabel(module, *object, given);
+    relabel(module, *object, given, Empty::isNotGiven);
     return object;
   }
   throw Refusal(CKR_TEMPLATE_INCONSISTENT, "the token keeps a public key with its private key only");

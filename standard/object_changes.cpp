@@ -40,11 +40,13 @@ void requireWriteAccess(const Session& session, const Object& object) {
   if (object.session == 0) requireTokenWriteAccess(session);
 }
 
-void relabel(ModuleLock& module, Object& object, const Template& wanted) {
+void relabel(ModuleLock& module, Object& object, const Template& wanted, Empty empty) {
   checkLabelAndId(wanted);
   const auto changed = std::make_shared<Attributes>(readAttributes(module, object));
-  for (const CK_ATTRIBUTE_TYPE type : {CKA_LABEL, CKA_ID, CKA_SUBJECT})
-    if (const auto value = wanted.bytes(type)) changed->set(type, *value);
+  for (const CK_ATTRIBUTE_TYPE type : {CKA_LABEL, CKA_ID, CKA_SUBJECT}) {
+    const auto value = wanted.bytes(type);
+    if (value && (!value->empty() || empty == Empty::isRefused)) changed->set(type, *value);
+  }
   if (object.moduleHandle != 0) {
     object.subject = *changed->find(CKA_SUBJECT);
     relabelOnToken(module, object, *changed);

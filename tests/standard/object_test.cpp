@@ -174,7 +174,9 @@ TEST_F(KeysTest, CreatingObjects) {
     is(f->C_CloseSession(s), CKR_OK);
     return code;
   };
-  each(CKR_OK, {publicKey, ecKey, certificate().with({{CKA_TOKEN, false}})}, create);
+  each(CKR_OK,
+       {publicKey, ecKey, certificate().with({{CKA_TOKEN, false}}), imported.with({{CKA_LABEL, ""}, {CKA_ID, ""}})},
+       create);
   each(CKR_TEMPLATE_INCOMPLETE,
        {Template{}, publicKey.without(CKA_CLASS), publicKey.without(CKA_KEY_TYPE), publicKey.without(CKA_MODULUS),
         publicKey.without(CKA_PUBLIC_EXPONENT), ecKey.without(CKA_EC_POINT), ecKey.without(CKA_EC_PARAMS),
