@@ -57,14 +57,21 @@ TEST_F(SlotsTest, UnpluggedSlotStaysUntilNoDeviceIsSeenOrTheListIsFilled) {
   EXPECT_EQ(slot, 7u);
 }
 
-TEST_F(SlotsTest, InfoRefusals) {
+TEST_F(SlotsTest, Refusals) {
   for (const CK_SLOT_ID slot : {0u, 0x50000000u, 0x50000002u, 0xD0000001u, 0xFFFFFFFFu}) {
-    const Lines invalid{": invalid slotID=" + std::to_string(slot)};
-    expect(CALL(C_GetSlotInfo, slot, nullptr), CKR_SLOT_ID_INVALID, invalid);
-    expect(CALL(C_GetTokenInfo, slot, nullptr), CKR_SLOT_ID_INVALID, invalid);
+    for (const Call& call : {CALL(C_GetSlotInfo, slot, nullptr), CALL(C_GetTokenInfo, slot, nullptr),
+                             CALL(C_OpenSession, slot, 0, nullptr, nullptr, nullptr), CALL(C_CloseAllSessions, slot)})
+      expect(call, CKR_SLOT_ID_INVALID, {": invalid slotID=" + std::to_string(slot)});
   }
   bad(CALL(C_GetSlotInfo, slot1, nullptr), ": pInfo is NULL");
   bad(CALL(C_GetTokenInfo, slot1, nullptr), ": pInfo is NULL");
+  for (const CK_FLAGS flags : {CK_FLAGS{CKF_RW_SESSION}, CK_FLAGS{0xFFFFFFFB}}) {
+    expect(CALL(C_OpenSession, slot1, flags, nullptr, nullptr, nullptr), CKR_SESSION_PARALLEL_NOT_SUPPORTED,
+           {": CKF_SERIAL_SESSION not set, flags=" + std::to_string(flags)});
+  }
+  bad(CALL(C_OpenSession, slot1, readWrite, nullptr, nullptr, nullptr), ": phSession is NULL");
+  const CK_SESSION_HANDLE session = open();
+  bad(CALL(C_GetSessionInfo, session, nullptr), ": pInfo is NULL");
 }
 
 TEST_F(SlotsTest, InfoIsZeroFilledAndCutToItsFields) {
@@ -127,19 +134,6 @@ TEST_F(SlotsTest, SessionCountsAreThoseOfPublicSessionsOfAllSlots) {
   expectCounts(slot1, 1, 2);
   ok(login(session));
   expectCounts(slot1 + 1, 0, 1);
-}
-
-TEST_F(SlotsTest, SessionRefusals) {
-  const Lines noSlot{": invalid slotID=1342177282"};
-  expect(CALL(C_OpenSession, slot1 + 1, 0, nullptr, nullptr, nullptr), CKR_SLOT_ID_INVALID, noSlot);
-  expect(CALL(C_CloseAllSessions, slot1 + 1), CKR_SLOT_ID_INVALID, noSlot);
-  for (const CK_FLAGS flags : {CK_FLAGS{CKF_RW_SESSION}, CK_FLAGS{0xFFFFFFFB}}) {
-    expect(CALL(C_OpenSession, slot1, flags, nullptr, nullptr, nullptr), CKR_SESSION_PARALLEL_NOT_SUPPORTED,
-           {": CKF_SERIAL_SESSION not set, flags=" + std::to_string(flags)});
-  }
-  bad(CALL(C_OpenSession, slot1, readWrite, nullptr, nullptr, nullptr), ": phSession is NULL");
-  const CK_SESSION_HANDLE session = open();
-  bad(CALL(C_GetSessionInfo, session, nullptr), ": pInfo is NULL");
 }
 
 TEST_F(SlotsTest, SessionHandlesAndLines) {
