@@ -376,8 +376,10 @@ class Walk {
     if ((call.isQuery || tooSmall) && (operation == sign || operation == encrypt) && !asked_.empty())
       stop(("the device was asked for a length: " + asked_).c_str(), call.code, 0);
     if (done && !call.isQuery && call.length > call.room) stop("the length of a result", call.length, call.room);
-    if (operation == sign && !asked_.empty()) checkKey(*session, keys_[{call.session, sign}], call.session);
     const bool queried = call.isQuery && operation != verify;
+    if ((tooSmall || (done && queried && call.part != update)) && call.length <= call.room)
+      stop("the length that is needed", call.length, call.room + 1);
+    if (operation == sign && !asked_.empty()) checkKey(*session, keys_[{call.session, sign}], call.session);
     if (!tooSmall && !(done && (call.part == update || queried))) session->active.erase(operation);
     if (done && call.part == update && (!call.isQuery || operation >= digest)) session->inParts.insert(operation);
   }

@@ -226,7 +226,7 @@ DataCall makeDataCall(FuzzInput& input, SessionChoice& choice, const Sessions& s
   made.session = session;
   made.code = made.make();
   made.isQuery = !out;
-  made.room = room;
+  made.room = out ? room : 0;
   made.length = length;
   return made;
 }

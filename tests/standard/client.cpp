@@ -74,7 +74,6 @@ CK_STATE Session::state() const {
 template <class Call>
 CK_RV Session::into(CK_ULONG room, Call call) {
   constexpr char untouched = '\x5A';
-  if (room == query) return call(nullptr, &(length = query));
   std::string memory(room + 16, untouched);
   const CK_RV result = call(bytesOf(memory), &(length = room));
   EXPECT_EQ(memory.substr(room), std::string(16, untouched)) << "memory beyond the buffer was written";
@@ -96,28 +95,28 @@ CK_RV Session::init(Operation operation, Mechanism mechanism, CK_OBJECT_HANDLE k
   return operation == digest ? f->C_DigestInit(handle, &given) : functionsOf(operation).init(handle, &given, key);
 }
 
-CK_RV Session::once(Operation operation, const std::string& data, CK_ULONG room) {
-  return into(room, [&](auto to, auto size) {
+CK_RV Session::once(Operation operation, const std::string& data) {
+  return into(1024, [&](auto to, auto size) {
     return functionsOf(operation).once(handle, bytesOf(data), lengthOf(data), to, size);
   });
 }
 
-CK_RV Session::update(Operation operation, const std::string& data, CK_ULONG room) {
+CK_RV Session::update(Operation operation, const std::string& data) {
   if (operation < encrypt) return functionsOf(operation).update(handle, bytesOf(data), lengthOf(data));
   const auto call = operation == encrypt ? f->C_EncryptUpdate : f->C_DecryptUpdate;
-  return into(room, [&](auto to, auto size) { return call(handle, bytesOf(data), lengthOf(data), to, size); });
+  return into(1024, [&](auto to, auto size) { return call(handle, bytesOf(data), lengthOf(data), to, size); });
 }
 
-CK_RV Session::final(Operation operation, CK_ULONG room) {
+CK_RV Session::final(Operation operation) {
   if (operation == verify) return f->C_VerifyFinal(handle, bytesOf(out), lengthOf(out));
-  return into(room, [&](auto to, auto size) { return functionsOf(operation).final(handle, to, size); });
+  return into(1024, [&](auto to, auto size) { return functionsOf(operation).final(handle, to, size); });
 }
 
 CK_RV Session::run(Operation operation, const Mechanism& mechanism, CK_OBJECT_HANDLE key, const std::string& data,
                    std::size_t piece) {
   CK_RV code = init(operation, mechanism, key);
   if (code == CKR_OK && piece == 0) return operation == verify ? check(data, out) : once(operation, data);
-  for (std::size_t at = 0; code == CKR_OK && at < data.size(); at += piece)
+  for (std::size_t at = 0; code == CKR_OK && (at == 0 || at < data.size()); at += piece)
     code = update(operation, data.substr(at, piece));
   return code == CKR_OK ? final(operation) : code;
 }

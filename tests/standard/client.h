@@ -125,8 +125,6 @@ struct Functions {
 };
 Functions functionsOf(Operation operation);
 
-constexpr CK_ULONG query = CK_UNAVAILABLE_INFORMATION;  // as room for a result: none, only its length is asked for
-
 // The calls of one session with their usual arguments. Nothing closes it; the fixture finalises the library.
 class Session {
  public:
@@ -145,12 +143,12 @@ class Session {
   CK_OBJECT_HANDLE made = 0, madePublic = 0;
 
   CK_RV init(Operation operation, Mechanism mechanism, CK_OBJECT_HANDLE key = 0) const;
-  CK_RV once(Operation operation, const std::string& data, CK_ULONG room = 1024);  // not for verification
+  CK_RV once(Operation operation, const std::string& data);  // not for verification
   CK_RV check(const std::string& data, const std::string& signature) const {
     return f->C_Verify(handle, bytesOf(data), lengthOf(data), bytesOf(signature), lengthOf(signature));
   }
-  CK_RV update(Operation operation, const std::string& data, CK_ULONG room = 1024);
-  CK_RV final(Operation operation, CK_ULONG room = 1024);  // for verification `out` is the signature
+  CK_RV update(Operation operation, const std::string& data);
+  CK_RV final(Operation operation);  // for verification `out` is the signature
   // The whole operation, in one call or in pieces of so many bytes: the first code that is not CKR_OK. For verification
   // `out` is the signature.
   CK_RV run(Operation operation, const Mechanism& mechanism, CK_OBJECT_HANDLE key, const std::string& data,
