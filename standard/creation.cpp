@@ -78,12 +78,13 @@ std::shared_ptr<Object> createPrivateKey(ModuleLock& module, const Session& sess
 // already then, and gets the label and ID of the template.
 std::shared_ptr<Object> publicKeyOnToken(ModuleLock& module, const Session& session, const Template& given) {
   requireTokenWriteAccess(session);
+  given.mustNotContradict(CKA_PRIVATE, false);
   CK_OBJECT_CLASS objectClass = CKO_PUBLIC_KEY;
   const CK_ATTRIBUTE* value = given.find(given.find(CKA_MODULUS) ? CKA_MODULUS : CKA_EC_POINT);
   const CK_ATTRIBUTE wanted[] = {{CKA_CLASS, &objectClass, sizeof objectClass}, *value};
   for (const CK_OBJECT_HANDLE handle : findObjects(module, session, Template(wanted, std::size(wanted)))) {
     const auto object = module.state().objects.find(handle);
-    if (object->moduleHandle == 0 || object->session != 0) continue;
+    if (!object || object->moduleHandle == 0 || object->session != 0) continue;
     relabel(module, *object, given, Empty::isNotGiven);
     return object;
   }

@@ -48,8 +48,8 @@ void relabel(ModuleLock& module, Object& object, const Template& wanted, Empty e
     if (value && (!value->empty() || empty == Empty::isRefused)) changed->set(type, *value);
   }
   if (object.moduleHandle != 0) {
-    object.subject = *changed->find(CKA_SUBJECT);
     relabelOnToken(module, object, *changed);
+    object.subject = *changed->find(CKA_SUBJECT);
   }
   object.attributes = changed;
 }

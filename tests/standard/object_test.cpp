@@ -207,9 +207,11 @@ TEST_F(KeysTest, CreatingObjects) {
     else
       EXPECT_EQ(owner_->made, half);
   }
-  is(owner_->create(publicKey.with({{CKA_TOKEN, true}, {CKA_MODULUS, std::string(256, 'm')}})),
-     differs(CKR_TEMPLATE_INCONSISTENT, CKR_OK, "it keeps lone public keys"));
-  owner_->destroy(owner_->made);
+  for (const Attribute& one : {Attribute(CKA_MODULUS, std::string(256, 'm')), Attribute(CKA_PRIVATE, true)}) {
+    is(owner_->create(publicKey.with({{CKA_TOKEN, true}, one})),
+       differs(CKR_TEMPLATE_INCONSISTENT, CKR_OK, "it keeps lone and private public keys"));
+    owner_->destroy(owner_->made);
+  }
   Session reader(0);
   is(reader.create(publicKey), CKR_OK, "session objects are a reader's too");
   is(reader.create(certificate().with({{CKA_TOKEN, true}})), CKR_SESSION_READ_ONLY);
