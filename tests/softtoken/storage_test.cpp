@@ -387,6 +387,7 @@ TEST_F(SoftTokenTest, OddArgumentsAreRefused) {
   int length = 0;
   void* context = nullptr;
   const std::uint8_t* id = key.recordId;
+  const Bytes der = certificateInDer();
   const int statuses[] = {
       tavrin_initDevice(nullptr, true, instance),
       tavrin_validatePassword(name, nullptr, 1, &length, instance),
@@ -397,7 +398,7 @@ TEST_F(SoftTokenTest, OddArgumentsAreRefused) {
       tavrin_importCertificate(name, pin, nullptr, instance),
       tavrin_deleteCertificate(name, nullptr, pin, instance),
       tavrin_importPfx(name, pin, nullptr, instance),
-      tavrin_getCertificateDetails(nullptr, 1, nullptr, nullptr),
+      tavrin_getCertificateDetails(der.data(), static_cast<int>(der.size()), nullptr, nullptr),
       tavrin_initHash(name, 3, nullptr, instance),
       tavrin_initHash(nullptr, 3, &context, instance),
       tavrin_signHash(name, id, pin, bytes, -1, bytes, &length, false, instance, false),
