@@ -134,6 +134,7 @@ inline std::string anyPin(FuzzInput& input) {
 inline bool isTooShortOrLong(const std::string& pin) { return pin.size() < 4 || pin.size() > 63; }
 
 enum Operation : unsigned { search = 1, encrypt, decrypt, digest, sign, verify = 7 };  // as the log numbers them
+
 // A call that begins an operation, mostly with a mechanism for it.
 inline std::pair<Operation, CK_RV> makeInitCall(FuzzInput& input, CK_SESSION_HANDLE session, CK_OBJECT_HANDLE key) {
   static constexpr std::pair<Operation, CK_MECHANISM_TYPE> pairs[] = {
@@ -191,7 +192,7 @@ DataCall makeDataCall(FuzzInput& input, SessionChoice& choice, const Sessions& s
   CK_BYTE_PTR in = input.chance(8) ? nullptr : data.get();
   // A signature or a ciphertext is mostly as long as a real one.
   CK_BYTE real[256] = {1}, buffer[2048];
-  const bool isReal = input.chance(230);
+  const bool isReal = input.chance(200);
   CK_BYTE_PTR sealed = isReal ? real : in;
   const CK_ULONG sealedSize = !isReal ? size : size < 16 ? 64 : 256 - size % 2;
   CK_BYTE_PTR out = input.chance(64) ? nullptr : buffer;
