@@ -166,7 +166,7 @@ verifyCms() { # FILE CERTIFICATE [OPTION...]
   openssl cms -verify -binary -inform DER -in "$1" -CAfile "$2" -purpose any -out verified "${@:3}" && cmp verified document
 }
 
-# nodePackages FOLDER [PACKAGE...]: pkcs11js and graphene for Node.js, from npm. compileAddon FOLDER COMPILER [OPTION...]:
+# nodePackages FOLDER [PACKAGE...]: pkcs11js and graphene for Node.js, and more, from npm. compileAddon FOLDER COMPILER [OPTION...]:
 # compiles the addon of pkcs11js. Both keep what an earlier run left in the folder.
 nodePackages() {
   [[ ! -d $1/node_modules ]] || return 0

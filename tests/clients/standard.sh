@@ -68,7 +68,8 @@ export GOPATH=/usr/share/gocode GO111MODULE=off GOFLAGS= GOCACHE=$linux/go-cache
 quietly go build -o crypto11 "$programs/crypto11.go"
 check "crypto11" ./crypto11 "$module"
 
-nodePackages "$linux/node-client"
-compileAddon "$linux/node-client" g++ -fPIC
-shows "graphene" 'as it should be' env NODE_PATH="$linux/node-client/node_modules" \
-  node "$programs/graphene.js" "$module" pin graphene
+nodePackages "$linux/node-standard" node-webcrypto-p11@2
+compileAddon "$linux/node-standard" g++ -fPIC
+export NODE_PATH=$linux/node-standard/node_modules
+shows "graphene" 'as it should be' node "$programs/graphene.js" "$module" pin graphene
+shows "node-webcrypto-p11" 'as it should be' node "$programs/webcrypto.js" "$module" pin
