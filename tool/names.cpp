@@ -4,7 +4,9 @@
 #include <charconv>
 #include <cstdint>
 
+#include "devlib/device_constants.h"
 #include "pkcs11.h"
+#include "softtoken/failure.h"
 #include "tool/cryptoki_names.h"
 
 namespace tool {
@@ -25,18 +27,18 @@ constexpr NameRow keyTypes[] = {TAVRIN_KEY_TYPES};
 constexpr NameRow states[] = {TAVRIN_STATES};
 constexpr NameRow users[] = {TAVRIN_USERS};
 
-// 40, 48 and 242 are fixed by the interface; the others are the software token's.
-constexpr NameRow statuses[] = {{20, "wrong password"},
-                                {21, "password locked"},
-                                {22, "argument not accepted"},
-                                {23, "object not found"},
-                                {24, "wrong key type"},
-                                {30, "signature does not match"},
-                                {31, "ciphertext does not fit the key"},
-                                {32, "out of memory"},
-                                {40, "token is full"},
-                                {48, "token removed, damaged or failing"},
-                                {242, "token is full"}};
+constexpr NameRow row(softtoken::Status status, const char* name) { return {static_cast<Number>(status), name}; }
+constexpr NameRow statuses[] = {row(softtoken::Status::wrongPassword, "wrong password"),
+                                row(softtoken::Status::passwordLocked, "password locked"),
+                                row(softtoken::Status::badArgument, "argument not accepted"),
+                                row(softtoken::Status::notFound, "object not found"),
+                                row(softtoken::Status::wrongKeyType, "wrong key type"),
+                                row(softtoken::Status::badSignature, "signature does not match"),
+                                row(softtoken::Status::badCiphertext, "ciphertext does not fit the key"),
+                                row(softtoken::Status::outOfMemory, "out of memory"),
+                                row(softtoken::Status::full, "token is full"),
+                                row(softtoken::Status::deviceFault, "token removed, damaged or failing"),
+                                {tavrin::statusTokenFullLegacy, "token is full"}};
 
 template <std::size_t size>
 const char* find(const NameRow (&rows)[size], Number number) {
