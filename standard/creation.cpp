@@ -83,7 +83,7 @@ std::shared_ptr<Object> publicKeyOnToken(ModuleLock& module, const Session& sess
   const CK_ATTRIBUTE* value = given.find(given.find(CKA_MODULUS) ? CKA_MODULUS : CKA_EC_POINT);
   const CK_ATTRIBUTE wanted[] = {{CKA_CLASS, &objectClass, sizeof objectClass}, *value};
   for (const CK_OBJECT_HANDLE handle : findObjects(module, session, Template(wanted, std::size(wanted)))) {
-    const auto object = module.state().objects.find(handle);
+    std::shared_ptr<Object> object = module.state().objects.find(handle);
     if (!object || object->moduleHandle == 0 || object->session != 0) continue;
     relabel(module, *object, given, Empty::isNotGiven);
     return object;
