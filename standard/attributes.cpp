@@ -13,6 +13,7 @@ namespace {
 enum class Form {
   value,       // no attribute
   text,        // empty
+  number,      // 0
   use,         // a flag that is false, whatever the template says
   falseFlag,   // a flag
   trueFlag,    // a flag
@@ -39,9 +40,10 @@ constexpr Row table[] = {
     {all, Form::trueFlag, {CKA_MODIFIABLE, CKA_COPYABLE, CKA_DESTROYABLE}},
     {all & ~secretKey, Form::text, {CKA_SUBJECT}},
     {all & ~allPrivate, Form::use, {CKA_TRUSTED}},
-    {certificate, Form::value, {CKA_CERTIFICATE_TYPE, CKA_CERTIFICATE_CATEGORY, CKA_ISSUER, CKA_SERIAL_NUMBER}},
-    {certificate, Form::value, {CKA_VALUE, CKA_CHECK_VALUE, CKA_URL, CKA_JAVA_MIDP_SECURITY_DOMAIN}},
-    {certificate, Form::value, {CKA_HASH_OF_SUBJECT_PUBLIC_KEY, CKA_HASH_OF_ISSUER_PUBLIC_KEY}},
+    {certificate, Form::value, {CKA_CERTIFICATE_TYPE, CKA_VALUE, CKA_CHECK_VALUE}},
+    {certificate, Form::number, {CKA_CERTIFICATE_CATEGORY, CKA_JAVA_MIDP_SECURITY_DOMAIN}},
+    {certificate, Form::text, {CKA_ISSUER, CKA_SERIAL_NUMBER, CKA_URL}},
+    {certificate, Form::text, {CKA_HASH_OF_SUBJECT_PUBLIC_KEY, CKA_HASH_OF_ISSUER_PUBLIC_KEY}},
     {allKeys, Form::value, {CKA_KEY_TYPE}},
     {allKeys, Form::use, {CKA_DERIVE}},
     {allPublic | secretKey, Form::use, {CKA_WRAP, CKA_ENCRYPT, CKA_VERIFY}},
@@ -218,7 +220,8 @@ Attributes describeData(const Template& given, Kind kind) {
         made.setFlag(type, false);
       } else if (!made.find(type)) {
         if (row.form == Form::text) made.set(type, {});
-        if (row.form != Form::text) made.setFlag(type, row.form == Form::trueFlag);
+        if (row.form == Form::number) made.setNumber(type, 0);
+        if (row.form == Form::falseFlag || row.form == Form::trueFlag) made.setFlag(type, row.form == Form::trueFlag);
       }
     }
   }

@@ -49,8 +49,11 @@ std::shared_ptr<Object> createCertificate(ModuleLock& module, const Session& ses
   }
   const CK_OBJECT_HANDLE handle =
       createInModule(module, session.token, pick(given, {CKA_CLASS, CKA_VALUE, CKA_LABEL, CKA_ID}));
-  module.state().objects.forget(session.token, handle);
-  return module.state().objects.ofModule(session.token, handle);
+  ObjectTable& objects = module.state().objects;
+  const auto known = objects.ofModule(session.token, handle);  // the same certificate, which is written again
+  if (known && std::ranges::equal(known->identity, value)) return known;
+  objects.forget(session.token, handle);
+  return objects.ofModule(session.token, handle);
 }
 
 // CKA_SENSITIVE and CKA_EXTRACTABLE are accepted with any value; the key cannot be read from the token in any case.

@@ -105,7 +105,6 @@ void describeKey(Attributes& made, const Object& object, const Record& record) {
 // Names and serial number are parsed by the device library, once for each certificate.
 void describeCertificate(ModuleLock& module, Attributes& made, Object& object, const Record& record) {
   made.setNumber(CKA_CERTIFICATE_TYPE, CKC_X_509);
-  made.setNumber(CKA_CERTIFICATE_CATEGORY, 0);
   made.set(CKA_VALUE, record.valueBytes());
   std::vector<std::uint8_t> names(3 * sizeof record.value);
   CK_ATTRIBUTE read[] = {{CKA_SUBJECT, names.data(), sizeof record.value},
@@ -160,6 +159,8 @@ const Attributes& knownAttributes(ModuleLock& module, Object& object) {
 }
 
 void checkIdentity(ModuleLock& module, Object& object) {
+  if (object.moduleHandle == 0)
+    throw Refusal(CKR_OBJECT_HANDLE_INVALID, "its pair was deleted, handle=", object.handle);
   std::uint8_t value[3072];
   CK_ATTRIBUTE read{CKA_VALUE, value, sizeof value};
   readFromModule(module, object, {&read, 1});

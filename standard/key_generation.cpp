@@ -137,7 +137,7 @@ CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
     if (session.token.login != Login::user) return call.refuse(CKR_USER_NOT_LOGGED_IN, "the user is not logged in");
 
     const CK_ATTRIBUTE& size = *publicPart.find(mechanism.keyType == CKK_RSA ? CKA_MODULUS_BITS : CKA_EC_PARAMS);
-    const CK_OBJECT_HANDLE made = generate(state, session.token, given, size, request);
+    const CK_OBJECT_HANDLE made = generate(state, session.token, {given.mechanism, nullptr, 0}, size, request);
     ModuleLock module(state);
     const KeyPairObjects pair = addKeyPair(module, session.token, made, onToken ? 0 : session.handle, false);
     readAttributes(module, *pair.publicKey);

@@ -56,7 +56,7 @@ inline CK_RV refuseNotInitialized(const Call& call) {
 }
 
 inline void requireNoParameter(const CK_MECHANISM& mechanism) {
-  if (!mechanism.pParameter && mechanism.ulParameterLen == 0) return;
+  if (mechanism.ulParameterLen == 0) return;
   const CK_MECHANISM_TYPE type = mechanism.mechanism;
   throw Refusal(CKR_MECHANISM_PARAM_INVALID, "mechanism param invalid for mechanism=", type);
 }

@@ -89,8 +89,22 @@ std::vector<std::uint8_t> sign(State& state, KeyOperation& operation, ByteView d
   return signature;
 }
 
+// The two numbers of an ECDSA signature may be shorter than the key's coordinates.
+std::vector<std::uint8_t> withLeadingZeros(ByteView signature, std::size_t length) {
+  std::vector<std::uint8_t> result(length);
+  const std::size_t half = signature.size() / 2;
+  std::ranges::copy_backward(signature.first(half), result.begin() + static_cast<std::ptrdiff_t>(length / 2));
+  std::ranges::copy_backward(signature.last(half), result.end());
+  return result;
+}
+
 CK_RV verify(State& state, KeyOperation& operation, ByteView data, ByteView signature) {
   Input input = prepare(state, operation, data);
+  std::vector<std::uint8_t> full;
+  const bool isShort = !signature.empty() && signature.size() % 2 == 0 && signature.size() < operation.resultLength;
+  if (operation.mechanism.keyType == CKK_EC && isShort) {
+    signature = full = withLeadingZeros(signature, operation.resultLength);
+  }
   if (signature.size() != operation.resultLength) {
     throw Refusal(CKR_SIGNATURE_LEN_RANGE, "the signature has length=", signature.size());
   }

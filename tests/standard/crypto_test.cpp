@@ -198,6 +198,8 @@ TEST_F(KeysTest, MechanismParameters) {
          {oaep(CKM_SHA256, CKG_MGF1_SHA256), oaep(CKM_SHA_1, CKG_MGF1_SHA256)});
   }
   rows(digest, 0, differs(CKR_MECHANISM_PARAM_INVALID, CKR_OK, unlooked), {{CKM_SHA256, 'x'}});
+  CK_MECHANISM none{CKM_SHA256, &none, 0};
+  is(f->C_DigestInit(*owner_, &none), CKR_OK, "a parameter without bytes is none");
   is(owner_->generate(CKM_RSA_PKCS_KEY_PAIR_GEN, {{CKA_MODULUS_BITS, 1024}}, {}), CKR_OK);
   rows(sign, owner_->made, differs(CKR_KEY_SIZE_RANGE, CKR_MECHANISM_INVALID, "its code for salts"),
        {pss(CKM_SHA512_RSA_PKCS_PSS, CKM_SHA512, CKG_MGF1_SHA512, 64)});
