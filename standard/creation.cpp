@@ -50,7 +50,8 @@ std::shared_ptr<Object> createCertificate(ModuleLock& module, const Session& ses
   const CK_OBJECT_HANDLE handle =
       createInModule(module, session.token, pick(given, {CKA_CLASS, CKA_VALUE, CKA_LABEL, CKA_ID}));
   ObjectTable& objects = module.state().objects;
-  const auto known = objects.ofModule(session.token, handle);  // the same certificate, which is written again
+  std::shared_ptr<Object> known =
+      objects.ofModule(session.token, handle);  // the same certificate, which is written again
   if (known && std::ranges::equal(known->identity, value)) return known;
   objects.forget(session.token, handle);
   return objects.ofModule(session.token, handle);
