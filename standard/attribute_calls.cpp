@@ -54,7 +54,7 @@ CK_RV C_SetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, 
     for (const CK_ATTRIBUTE& entry : wanted.entries()) {
       const CK_ATTRIBUTE_TYPE type = entry.type;
       if (!attributes.find(type)) return call.refuse(CKR_ATTRIBUTE_TYPE_INVALID, "the object has no type=", type);
-      if (attributes.match(entry)) continue;
+      if (attributes.match(entry) && !isSensitive(*object, attributes, type)) continue;
       const bool changeable =
           attributes.flag(CKA_MODIFIABLE) && (type == CKA_LABEL || type == CKA_ID || type == CKA_SUBJECT);
       if (!changeable) return call.refuse(CKR_ATTRIBUTE_READ_ONLY, "read-only type=", type);
