@@ -145,6 +145,8 @@ TEST_F(KeysTest, ChangingAttributes) {
     is(s.set(rsa_, {{CKA_LABEL, "rsa"}, one}), CKR_ATTRIBUTE_READ_ONLY, std::to_string(one.type));
   }
   EXPECT_EQ(s.value(rsa_, CKA_LABEL), "rsa") << "a refusal changes nothing";
+  is(s.set(rsa_, {{CKA_LABEL, std::string("a\0b", 3)}}), differs(CKR_ATTRIBUTE_VALUE_INVALID, CKR_OK, unlooked));
+  EXPECT_EQ(s.value(rsa_, CKA_LABEL), isSoftHsm() ? std::string("a\0b", 3) : "rsa");
   is(s.set(rsa_, {{CKA_LABEL, "another"}}), CKR_OK);
   EXPECT_EQ(s.value(rsa_, CKA_LABEL), "another");
   EXPECT_EQ(s.value(rsa_, CKA_ID), "rsa") << "the ID stays";
