@@ -50,8 +50,8 @@ std::shared_ptr<Object> createCertificate(ModuleLock& module, const Session& ses
   const CK_OBJECT_HANDLE handle =
       createInModule(module, session.token, pick(given, {CKA_CLASS, CKA_VALUE, CKA_LABEL, CKA_ID}));
   ObjectTable& objects = module.state().objects;
-  std::shared_ptr<Object> known =
-      objects.ofModule(session.token, handle);  // the same certificate, which is written again
+  // A certificate that is written again stays the same object.
+  std::shared_ptr<Object> known = objects.ofModule(session.token, handle);
   if (known && std::ranges::equal(known->identity, value)) return known;
   objects.forget(session.token, handle);
   return objects.ofModule(session.token, handle);

@@ -159,8 +159,7 @@ const Attributes& knownAttributes(ModuleLock& module, Object& object) {
 }
 
 void checkIdentity(ModuleLock& module, Object& object) {
-  if (object.moduleHandle == 0)
-    throw Refusal(CKR_OBJECT_HANDLE_INVALID, "its pair was deleted, handle=", object.handle);
+  if (object.moduleHandle == 0) throw Refusal(CKR_OBJECT_HANDLE_INVALID, "its pair is gone, handle=", object.handle);
   std::uint8_t value[3072];
   CK_ATTRIBUTE read{CKA_VALUE, value, sizeof value};
   readFromModule(module, object, {&read, 1});
