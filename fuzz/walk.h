@@ -10,6 +10,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "fake_device_library.h"
@@ -225,7 +226,7 @@ DataCall makeDataCall(FuzzInput& input, SessionChoice& choice, const Sessions& s
   DataCall made = calls[input.below(kinds)];
   for (int i = 0; i < 12 && likely != 0 && made.operation != likely; ++i) made = calls[input.below(kinds)];
   made.session = session;
-  made.code = made.make();
+  made.code = std::exchange(made.make, nullptr)();  // its arguments are gone after this function
   made.isQuery = !out;
   made.room = out ? room : 0;
   made.length = length;
@@ -269,7 +270,7 @@ inline ObjectCall makeObjectCall(FuzzInput& input, CK_SESSION_HANDLE session, CK
        [&] { return f->C_GenerateKeyPair(session, &pair, some, count, more, moreCount, &madePublic, &made); }},
       {"C_CopyObject", changes, [&] { return f->C_CopyObject(session, object, some, count, &made); }}};
   ObjectCall call = calls[input.below(kinds)];
-  call.code = call.make();
+  call.code = std::exchange(call.make, nullptr)();  // its arguments are gone after this function
   call.made = made;
   return call;
 }
