@@ -9,12 +9,13 @@ export TSAN_OPTIONS=${TSAN_OPTIONS:+$TSAN_OPTIONS:}report_thread_leaks=0
 createToken lifecycle
 run sign_file "$E2E_MODULE" "file:$(native "$E2E_PIN_FILE")" key "$(native "$E2E_PIN_FILE")" key rsa >/dev/null
 
-# Windows does not fork, and ThreadSanitizer lets no forked process start threads.
 ways='return exit _exit unload'
-[[ $E2E_SYSTEM == Windows || $E2E_SANITIZERS == *thread* ]] || ways+=' fork'
-# AddressSanitizer takes a library that is loaded again, or used while the process ends, for a second definition.
+# With sanitizers, a forked process may start no threads (ThreadSanitizer) or hang, since the allocator of
+# AddressSanitizer may be locked while it forks. AddressSanitizer also takes a library that is loaded again, or used
+# while the process ends, for a second definition.
 again=
 [[ -n $E2E_SANITIZERS ]] || ways+=' late' again=reloaded
+[[ -n $E2E_SANITIZERS || $E2E_SYSTEM == Windows ]] || ways+=' fork'
 
 milliseconds() { echo $((${EPOCHREALTIME/./} / 1000)); }
 
