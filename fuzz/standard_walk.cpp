@@ -495,6 +495,10 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
       reinterpret_cast<CK_C_GetFunctionList>(findFunction(openLibrary(TavrinPKCS11Standard), "C_GetFunctionList"));
   same("C_GetFunctionList", list(&f), CKR_OK);
   fake::reset();
+  // A start that fails after the module's own leaves the module as it was.
+  plug(serials[0]);
+  fake::fault("getTokenInfo", fake::Fault::Kind::outOfMemory);
+  same("C_Initialize without memory", f->C_Initialize(nullptr), CKR_HOST_MEMORY);
   same("C_Initialize", f->C_Initialize(nullptr), CKR_OK);
   changeBetweenInitAndSign();
   return 0;

@@ -1,4 +1,4 @@
-// No secret outlives its use. Another process uses the module, at the highest log level, with passwords and keys that
+// No secret outlives its use. Another process uses a library, at the highest log level, with passwords and keys that
 // are known here alone; its memory, its output, the log and the token's files are searched for them.
 #include <gtest/gtest.h>
 
@@ -25,6 +25,7 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using softtoken::Bytes;
 using softtoken::ByteView;
+fs::path builtFiles;
 // How often each secret is there from its beginning; 0 where only a later part of it is, or another form.
 using Copies = std::map<std::string, int>;
 
@@ -66,7 +67,7 @@ void pause(const char* stage) {
 
 class Victim {
  public:
-  void run() {
+  void useKeys() {
     const Given alwaysThere("planted");
     login(CKU_SO, "wrong password", CKR_PIN_INCORRECT);
     login(CKU_SO, "officer's password");
@@ -97,8 +98,19 @@ class Victim {
     pause("password changed");
     expect(module()->C_Logout(session_));
     pause("logged out");
-    module_.reset();
-    pause("unloaded");
+    unload();
+  }
+
+  void logInAndOut() {
+    const Given alwaysThere("planted");
+    login(CKU_USER, "wrong password", CKR_PIN_INCORRECT);
+    login(CKU_USER, "password");
+    pause("logged in");
+    changePassword("password", CKR_OK);
+    pause("password changed");
+    expect(module()->C_Logout(session_));
+    pause("logged out");
+    unload();
   }
 
  private:
@@ -113,6 +125,11 @@ class Victim {
   static CK_ULONG sizeOf(const Bytes& bytes) { return static_cast<CK_ULONG>(bytes.size()); }
   static CK_ATTRIBUTE attribute(CK_ATTRIBUTE_TYPE type, Bytes& value) { return {type, value.data(), sizeOf(value)}; }
   CryptokiModule& module() { return *module_; }
+
+  void unload() {
+    module_.reset();
+    pause("unloaded");
+  }
 
   void login(CK_USER_TYPE user, const char* name, CK_RV expected = CKR_OK) {
     Given pin(name);
@@ -275,7 +292,8 @@ class Search {
 class SecretsTest : public testing::Test {
  protected:
   void SetUp() override {
-    folder_ = testPlatform::freshFolder("secrets-test");
+    static const fs::path folder = testPlatform::freshFolder("secrets-test");
+    folder_ = folder;
     fs::create_directories(folder_ / "log");
     fs::current_path(folder_);
     testPlatform::useFolder(folder_ / "log");
@@ -284,7 +302,7 @@ class SecretsTest : public testing::Test {
   }
 
   void TearDown() override {
-    testPlatform::killProcess(victim_);
+    if (victim_ != 0) testPlatform::killProcess(victim_);
     testPlatform::setLogLevel(std::nullopt);
     fs::current_path(folder_.parent_path());
     fs::remove_all(folder_);
@@ -325,6 +343,12 @@ class SecretsTest : public testing::Test {
     }
   }
 
+  // Lets another process work with one of the built libraries.
+  void start(const char* library, const char* work) {
+    testPlatform::setEnvironment("E2E_MODULE", (builtFiles / library).string().c_str());
+    victim_ = testPlatform::startSelf({work});
+  }
+
   void await(const char* stage) {
     for (int i = 0; i < 12'000 && !fs::exists(stage); ++i) std::this_thread::sleep_for(10ms);
     ASSERT_TRUE(fs::exists(stage)) << "the other process failed: " << std::ifstream("stderr").rdbuf();
@@ -362,7 +386,7 @@ TEST_F(SecretsTest, NoSecretOutlivesItsUse) {
   secret("imported prime 1", parts.field(1024));
   writeFile("modulus", masked(imported.publicKey));
   writeFile("peer", masked(peer_.publicKey));
-  victim_ = testPlatform::startSelf({"--victim"});
+  start(MODULE_FILE, "--use-keys");
   ASSERT_NO_FATAL_FAILURE(await("keys made"));
   ASSERT_NO_FATAL_FAILURE(addKeys(password));
 
@@ -387,13 +411,26 @@ TEST_F(SecretsTest, NoSecretOutlivesItsUse) {
   EXPECT_EQ(inFiles(), (Copies{{"planted", 1}}));
 }
 
+// The standard module keeps the password once more, to log in again, and only while its user is logged in.
+TEST_F(SecretsTest, StandardModuleKeepsThePasswordUntilLogout) {
+  softtoken::createToken({.name = "one", .label = "First"}, secret("password"), secret("officer's password"));
+  for (const char* name : {"new password", "wrong password", "planted"}) secret(name);
+  start(STANDARD_MODULE_FILE, "--log-in");
+  ASSERT_NO_FATAL_FAILURE(compare("logged in", {{"planted", 1}, {"password", 2}}));
+  ASSERT_NO_FATAL_FAILURE(compare("password changed", {{"planted", 1}, {"new password", 2}}));
+  ASSERT_NO_FATAL_FAILURE(compare("logged out", {{"planted", 1}}));
+  ASSERT_NO_FATAL_FAILURE(compare("unloaded", {{"planted", 1}}));
+  EXPECT_EQ(inFiles(), Copies{});
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc == 2 && std::string(argv[1]) == "--victim") {
+  const std::string work = argc == 2 ? argv[1] : "";
+  if (work == "--use-keys" || work == "--log-in") {
     if (!std::freopen("stdout", "w", stdout) || !std::freopen("stderr", "w", stderr)) return 2;
     try {
-      Victim().run();
+      work == "--log-in" ? Victim().logInAndOut() : Victim().useKeys();
       return 0;
     } catch (const std::exception& error) {
       std::fprintf(stderr, "%s\n", error.what());
@@ -401,7 +438,6 @@ int main(int argc, char** argv) {
     }
   }
   testing::InitGoogleTest(&argc, argv);
-  const fs::path module = fs::absolute(argv[0]).parent_path() / MODULE_FILE;
-  testPlatform::setEnvironment("E2E_MODULE", module.string().c_str());
+  builtFiles = fs::absolute(argv[0]).parent_path();
   return RUN_ALL_TESTS();
 }
