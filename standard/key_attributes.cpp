@@ -31,8 +31,8 @@ struct Record {
   Record& operator=(const Record&) = delete;
 
   ByteView valueBytes() const { return valueOf(read[0]); }
-  ByteView labelBytes() const { return valueOf(read[1]); }
-  ByteView idBytes() const { return valueOf(read[2]); }
+  const CK_ATTRIBUTE& itsLabel() const { return read[1]; }
+  const CK_ATTRIBUTE& itsId() const { return read[2]; }
 };
 
 // Throws when the module has no such object any more.
@@ -54,10 +54,6 @@ void compareIdentity(ModuleLock& module, Object& object, ByteView value) {
   if (std::ranges::equal(object.identity, value)) return;
   module.state().objects.drop(object);
   throw Refusal(CKR_OBJECT_HANDLE_INVALID, "the object was deleted, handle=", object.handle);
-}
-
-bool isSame(const Attributes& known, CK_ATTRIBUTE_TYPE type, ByteView value) {
-  return std::ranges::equal(*known.find(type), value);
 }
 
 // An OCTET STRING around the point, which is at most 133 bytes long.
@@ -120,8 +116,8 @@ void describe(ModuleLock& module, Object& object, const Record& record) {
   made->setNumber(CKA_CLASS, object.objectClass);
   made->setFlag(CKA_TOKEN, object.session == 0);
   made->setFlag(CKA_PRIVATE, object.isPrivate);
-  made->set(CKA_LABEL, record.labelBytes());
-  made->set(CKA_ID, record.idBytes());
+  made->set(CKA_LABEL, valueOf(record.itsLabel()));
+  made->set(CKA_ID, valueOf(record.itsId()));
   made->setFlag(CKA_MODIFIABLE, object.isTokenKey());  // the module cannot change a certificate
   made->setFlag(CKA_COPYABLE, object.session != 0 || !object.isPrivate);
   if (object.isTokenKey()) {
@@ -141,9 +137,7 @@ const Attributes& readAttributes(ModuleLock& module, Object& object) {
   readFromModule(module, object, std::span(record.read).first(object.isTokenKey() ? std::size(record.read) : 3));
   compareIdentity(module, object, record.valueBytes());
   const Attributes* known = object.attributes.get();
-  if (known && isSame(*known, CKA_LABEL, record.labelBytes()) && isSame(*known, CKA_ID, record.idBytes())) {
-    return *known;
-  }
+  if (known && known->match(record.itsLabel()) && known->match(record.itsId())) return *known;
   describe(module, object, record);
   // One reading serves both halves of a pair: the module looks through all of the token's pairs each time.
   const auto other = object.isTokenKey() ? module.state().objects.otherHalf(object) : nullptr;

@@ -13,23 +13,19 @@ bool isPossiblePin(std::span<const CK_UTF8CHAR> pin) {
   return pin.size() >= minimumPinLength && pin.size() <= maximumPinLength && std::ranges::find(pin, 0) == pin.end();
 }
 
-CK_RV checkSecurityOfficer(const Call& call, const State& state, const Token& token) {
-  if (token.login == Login::user) {
-    return call.refuse(CKR_USER_ANOTHER_ALREADY_LOGGED_IN, "the user is logged in");
-  }
+void checkSecurityOfficer(const State& state, const Token& token) {
+  if (token.login == Login::user) throw Refusal(CKR_USER_ANOTHER_ALREADY_LOGGED_IN, "the user is logged in");
   if (std::ranges::any_of(state.sessions.ofToken(token), [](const auto& session) { return !session->readWrite; })) {
-    return call.refuse(CKR_SESSION_READ_ONLY_EXISTS, "a read-only session exists");
+    throw Refusal(CKR_SESSION_READ_ONLY_EXISTS, "a read-only session exists");
   }
-  return CKR_OK;
 }
 
-CK_RV checkUser(const Call& call, const Token& token, CK_USER_TYPE userType) {
+void checkUser(const Token& token, CK_USER_TYPE userType) {
   if (token.login == Login::securityOfficer) {
-    return call.refuse(CKR_USER_ANOTHER_ALREADY_LOGGED_IN, "the security officer is logged in");
+    throw Refusal(CKR_USER_ANOTHER_ALREADY_LOGGED_IN, "the security officer is logged in");
   }
   // No key of this token asks for a login of its own.
-  if (userType == CKU_CONTEXT_SPECIFIC) return call.refuse(CKR_OPERATION_NOT_INITIALIZED, "no operation needs a login");
-  return CKR_OK;
+  if (userType == CKU_CONTEXT_SPECIFIC) throw Refusal(CKR_OPERATION_NOT_INITIALIZED, "no operation needs a login");
 }
 
 }  // namespace
@@ -44,9 +40,7 @@ CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR
     if (token.login == wanted && userType != CKU_CONTEXT_SPECIFIC) {
       return call.refuse(CKR_USER_ALREADY_LOGGED_IN, "already logged in, userType=", userType);
     }
-    const CK_RV refusal =
-        userType == CKU_SO ? checkSecurityOfficer(call, state, token) : checkUser(call, token, userType);
-    if (refusal != CKR_OK) return refusal;
+    userType == CKU_SO ? checkSecurityOfficer(state, token) : checkUser(token, userType);
     const std::span<CK_UTF8CHAR> pin(pPin, static_cast<std::size_t>(ulPinLen));
     if (!isPossiblePin(pin)) return call.refuse(CKR_PIN_INCORRECT, "no PIN of this token, ulPinLen=", ulPinLen);
 
