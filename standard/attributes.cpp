@@ -29,17 +29,19 @@ struct Row {
 constexpr unsigned allPublic = publicKey | newPublicKey;
 constexpr unsigned allPrivate = privateKey | newPrivateKey;
 constexpr unsigned allKeys = allPublic | allPrivate | secretKey;
-constexpr unsigned all = allKeys | certificate;
+constexpr unsigned all = allKeys | certificate | dataObject;
 
 constexpr Row table[] = {
     {all, Form::value, {CKA_CLASS}},
     {all, Form::use, {CKA_TOKEN}},
     {all & ~secretKey, Form::falseFlag, {CKA_PRIVATE}},
     {secretKey, Form::trueFlag, {CKA_PRIVATE}},
-    {all, Form::text, {CKA_LABEL, CKA_ID, CKA_START_DATE, CKA_END_DATE}},
+    {all, Form::text, {CKA_LABEL}},
+    {allKeys | certificate, Form::text, {CKA_ID, CKA_START_DATE, CKA_END_DATE}},
     {all, Form::trueFlag, {CKA_MODIFIABLE, CKA_COPYABLE, CKA_DESTROYABLE}},
-    {all & ~secretKey, Form::text, {CKA_SUBJECT}},
-    {all & ~allPrivate, Form::use, {CKA_TRUSTED}},
+    {allPublic | allPrivate | certificate, Form::text, {CKA_SUBJECT}},
+    {allPublic | secretKey | certificate, Form::use, {CKA_TRUSTED}},
+    {dataObject, Form::text, {CKA_APPLICATION, CKA_OBJECT_ID, CKA_VALUE}},
     {certificate, Form::value, {CKA_CERTIFICATE_TYPE, CKA_VALUE, CKA_CHECK_VALUE}},
     {certificate, Form::number, {CKA_CERTIFICATE_CATEGORY, CKA_JAVA_MIDP_SECURITY_DOMAIN}},
     {certificate, Form::text, {CKA_ISSUER, CKA_SERIAL_NUMBER, CKA_URL}},

@@ -46,6 +46,7 @@ enum Kind : unsigned {
   newPublicKey = 8,
   newPrivateKey = 16,
   secretKey = 32,
+  dataObject = 64,
 };
 
 // A template whose pointers have been checked: every entry has a value, or none and the length 0.

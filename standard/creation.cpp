@@ -116,6 +116,22 @@ std::shared_ptr<Object> createPublicKey(ModuleLock& module, const Session& sessi
   return addSessionObject(module, session, std::move(made));
 }
 
+// The token keeps no data objects.
+std::shared_ptr<Object> createData(ModuleLock& module, const Session& session, const Template& given) {
+  given.mustBeOf(dataObject);
+  given.mustNotContradict(CKA_TOKEN, false);
+  return addSessionObject(module, session, describeData(given, dataObject));
+}
+
+std::shared_ptr<Object> createObject(ModuleLock& module, const Session& session, const Template& given) {
+  const CK_ULONG objectClass = given.requiredNumber(CKA_CLASS);
+  if (objectClass == CKO_DATA) return createData(module, session, given);
+  if (objectClass == CKO_CERTIFICATE) return createCertificate(module, session, given);
+  if (objectClass == CKO_PUBLIC_KEY) return createPublicKey(module, session, given);
+  if (objectClass == CKO_PRIVATE_KEY) return createPrivateKey(module, session, given);
+  throw Refusal(CKR_ATTRIBUTE_VALUE_INVALID, "the token keeps no objects of CKA_CLASS=", objectClass);
+}
+
 // The template of a copy may give another label and ID, CKA_TOKEN, a stricter CKA_SENSITIVE or CKA_EXTRACTABLE, and
 // values that the original has.
 void checkCopyTemplate(const Attributes& original, const Template& changes) {
@@ -190,9 +206,9 @@ CK_RV C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_
     if (!pTemplate) return call.refuse(CKR_ARGUMENTS_BAD, "pTemplate is NULL");
     if (!phObject) return call.refuse(CKR_ARGUMENTS_BAD, "phObject is NULL");
     const Template given(pTemplate, ulCount);
-    const CK_ULONG objectClass = given.requiredNumber(CKA_CLASS);
+    const bool isPrivateKey = given.requiredNumber(CKA_CLASS) == CKO_PRIVATE_KEY;
     checkLabelAndId(given);
-    const bool isPrivate = given.flag(CKA_PRIVATE).value_or(objectClass == CKO_PRIVATE_KEY);
+    const bool isPrivate = given.flag(CKA_PRIVATE).value_or(isPrivateKey);
     if (given.flag(CKA_TOKEN).value_or(false) && !session.readWrite) {
       return call.refuse(CKR_SESSION_READ_ONLY, "the session is read-only");
     }
@@ -200,19 +216,8 @@ CK_RV C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_
       return call.refuse(CKR_USER_NOT_LOGGED_IN, "the user is not logged in");
     }
     ModuleLock module(state);
-    switch (objectClass) {
-      case CKO_CERTIFICATE:
-        *phObject = createCertificate(module, session, given)->handle;
-        return CKR_OK;
-      case CKO_PUBLIC_KEY:
-        *phObject = createPublicKey(module, session, given)->handle;
-        return CKR_OK;
-      case CKO_PRIVATE_KEY:
-        *phObject = createPrivateKey(module, session, given)->handle;
-        return CKR_OK;
-      default:
-        return call.refuse(CKR_ATTRIBUTE_VALUE_INVALID, "the token keeps no objects of CKA_CLASS=", objectClass);
-    }
+    *phObject = createObject(module, session, given)->handle;
+    return CKR_OK;
   });
 }
 

@@ -96,9 +96,7 @@ CK_RV C_DigestKey(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hKey) {
     {
       ModuleLock module(state);
       const auto key = findVisible(module, session, hKey);
-      if (!key || key->objectClass == CKO_CERTIFICATE) {
-        return call.refuse(CKR_KEY_HANDLE_INVALID, "invalid hKey=", hKey);
-      }
+      if (!key || !key->isKey()) return call.refuse(CKR_KEY_HANDLE_INVALID, "invalid hKey=", hKey);
       if (key->objectClass != CKO_SECRET_KEY) return call.refuse(CKR_KEY_INDIGESTIBLE, "no secret key, hKey=", hKey);
       value = *key->attributes->find(CKA_VALUE);
     }

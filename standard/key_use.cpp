@@ -56,7 +56,7 @@ bool KeyOperation::isOver() const { return key->isPrivate && key->token->logouts
 std::shared_ptr<Object> requiredKey(ModuleLock& module, const Session& session, CK_OBJECT_HANDLE handle,
                                     const Mechanism& mechanism, CK_ATTRIBUTE_TYPE use) {
   std::shared_ptr<Object> key = findVisible(module, session, handle);
-  if (!key || key->objectClass == CKO_CERTIFICATE) throw Refusal(CKR_KEY_HANDLE_INVALID, "invalid hKey=", handle);
+  if (!key || !key->isKey()) throw Refusal(CKR_KEY_HANDLE_INVALID, "invalid hKey=", handle);
   const Attributes& attributes = knownAttributes(module, *key);
   if (attributes.number(CKA_KEY_TYPE) != mechanism.keyType) {
     throw Refusal(CKR_KEY_TYPE_INCONSISTENT, "the key has another type, hKey=", handle);

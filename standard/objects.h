@@ -33,7 +33,8 @@ struct Object {
   std::vector<std::uint8_t> identity;            // public key or certificate; empty until the object is first read
   std::shared_ptr<const Attributes> attributes;  // as last read; null until then
 
-  bool isTokenKey() const { return moduleHandle != 0 && objectClass != CKO_CERTIFICATE; }
+  bool isKey() const { return objectClass != CKO_CERTIFICATE && objectClass != CKO_DATA; }
+  bool isTokenKey() const { return moduleHandle != 0 && isKey(); }
 };
 
 class ObjectTable {
