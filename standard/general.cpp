@@ -1,4 +1,6 @@
 // C_Initialize, C_Finalize, C_GetInfo, C_GetFunctionList, and the function list itself.
+#include <chrono>
+
 #include "platform/platform.h"
 #include "standard/call.h"
 #include "standard/texts.h"
@@ -66,6 +68,19 @@ void stopModule(State& state) {
 }
 
 }  // namespace
+
+// Reading the level takes a good part of a short call's time, so it is read ten times a second at most. The module and
+// error lines read it anew each time.
+bool tavrin::wantsCallLines() noexcept {
+  static std::atomic<std::chrono::steady_clock::duration> nextReading{};
+  static std::atomic<bool> wanted = false;
+  const auto now = std::chrono::steady_clock::now().time_since_epoch();
+  if (now >= nextReading.load()) {
+    wanted = getLogLevel() >= debugLevel;
+    nextReading = now + std::chrono::milliseconds(100);
+  }
+  return wanted;
+}
 
 CK_RV C_Initialize(CK_VOID_PTR pInitArgs) {
   return exportedCall("C_Initialize", [&](const Call& call) -> CK_RV {

@@ -48,8 +48,7 @@ void readUsage(Attributes& request, bool isRsa, const Template& publicPart, cons
 
 // What is asked of the module for the private half.
 // CKA_WRAP, CKA_UNWRAP and the recovering uses are accepted, as many applications ask for all uses, and are false.
-// CKA_SENSITIVE and CKA_EXTRACTABLE are accepted with any value, as for imported keys: the key is protected in any
-// case.
+// CKA_SENSITIVE and CKA_EXTRACTABLE are accepted with any value: the key is protected in any case.
 Attributes readTemplates(const Mechanism& mechanism, const Template& publicPart, const Template& privatePart) {
   publicPart.mustBeOf(newPublicKey);
   privatePart.mustBeOf(newPrivateKey);

@@ -31,8 +31,6 @@ void checkRawLength(const KeyOperation& operation, std::size_t length) {
     case CKM_ECDSA:
       if (length > longestForModule) throw refusal;
       break;
-    default:
-      break;
   }
 }
 

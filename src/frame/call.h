@@ -10,11 +10,16 @@
 
 namespace tavrin {
 
+// Whether calls write their debug line. Each of the two libraries has its own answer.
+bool wantsCallLines() noexcept;
+
 // One call of an exported function.
 class Call {
  public:
-  // Writes the debug line with the function's name.
-  explicit Call(const char* name) noexcept : name_(name) { logDebug(name); }
+  // Writes the debug line with the function's name, if it is wanted.
+  explicit Call(const char* name) noexcept : name_(name) {
+    if (wantsCallLines()) log_detail::compose(debugLevel, name);
+  }
 
   const char* name() const { return name_; }
 

@@ -59,6 +59,9 @@ void start() {
 }
 
 }  // namespace
+
+bool wantsCallLines() noexcept { return getLogLevel() >= debugLevel; }
+
 }  // namespace tavrin
 
 using namespace tavrin;
