@@ -136,6 +136,9 @@ tool 0 log "$sent" --since 10:00 --names
 says out 'mechanism=4176 (CKM_ECDH1_DERIVE)'
 tool 2 log "$sent" --since 10
 tool 1 log "$(native "$E2E_FOLDER/nothing.LOG")"
+printf '21/11::10:00:00:000-> ->ERROR ::=>%s\n' 'C_Sign: operation not initialized, activeOperation=0' 'init hash failed 1' 'Encrypt data failed : 1' >sent2.LOG
+tool 0 log "$(native "$E2E_FOLDER/sent2.LOG")" --explain
+says out 'not begun with its Init function' 'did not compute the digest' 'too long for the key'
 
 # The report: refusals explained, gaps to scale, nothing that acts as markup; and without names.
 tool 0 report page.html --log "$sent"
