@@ -36,10 +36,13 @@ void readyCryptoLibrary();
 // Throws std::bad_alloc for a lack of memory and Failure with deviceFault for every other error.
 void check(gcry_error_t error, const char* action);
 
+// From the system's random number generator. Throw deviceFault if it fails.
 Bytes randomBytes(std::size_t count);
 SecretBytes randomSecret(std::size_t count);
 
+// Hash of the data. `algorithm` is libgcrypt's (GCRY_MD_...), not a HashCode, and must be one that libgcrypt has.
 Bytes hashOf(int algorithm, ByteView data);
+// HMAC of the parts, joined in this order. Throws as check() does.
 Digest256 hmacSha256(ByteView key, std::initializer_list<ByteView> parts);
 
 // Encrypts with AES-256-GCM under a random nonce; `context` is authenticated too but not part of the result. The result
@@ -56,6 +59,7 @@ struct ScryptCost {
   std::uint32_t parallelism = 1;
   bool operator==(const ScryptCost&) const = default;
 };
+// A key of secretKeySize bytes. Throws as check() does.
 SecretBytes scrypt(ByteView password, ByteView salt, const ScryptCost& cost);
 
 Mpi mpiOf(ByteView bigEndian);

@@ -27,7 +27,7 @@ class TokenDirectory {
 
  private:
   std::shared_ptr<Token> known(std::string_view serial);
-  void refreshInLock();
+  void refreshInLock();  // needs mutex_
 
   std::mutex mutex_;  // taken before a token's own
   std::map<std::filesystem::path, std::shared_ptr<Token>> byFolder_;

@@ -4,8 +4,8 @@
 
 namespace tool {
 
-// Sets the level for all users of this machine. Running programs use it at once. Throws Failure when this user lacks
-// the permission.
+// Sets the level for all users of this machine. Running programs use it within a tenth of a second. Throws Failure
+// when this user lacks the permission.
 void setLogLevel(int level);
 
 }  // namespace tool

@@ -1,4 +1,5 @@
 // The functions that the slots need from the sessions. They are defined in sessions/, the layer above this one.
+// Any thread may call them.
 #pragma once
 
 #include <string>
