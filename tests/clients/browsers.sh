@@ -6,7 +6,6 @@ useStandard
 unset TAVRIN_HOME
 
 createTokenWithKeys
-certificateAuthority
 serverCertificate /CN=localhost subjectAltName=DNS:localhost
 clientCertificate rsa 01
 port=$(port)

@@ -4,7 +4,6 @@ source "$(dirname "$0")/lib.sh"
 useStandard
 
 createTokenWithKeys
-certificateAuthority
 clientCertificate rsa 01
 mkdir -m 700 ~/.gnupg
 printf '%s\n' '#!/bin/bash' 'echo OK' 'while read -r line; do' \

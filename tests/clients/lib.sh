@@ -102,6 +102,7 @@ certificateAuthority() {
   openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.crt -subj "/CN=Test authority" -days 30 2>/dev/null
 }
 issue() {
+  [[ -f ca.crt ]] || certificateAuthority
   printf '%s\n' "${@:4}" >extensions
   openssl req -new -key ca.key -subj "$3" -out request
   quietly openssl x509 -req -in request -force_pubkey "$1" -CA ca.crt -CAkey ca.key -CAcreateserial -days 30 \

@@ -5,7 +5,6 @@ useStandard
 PATH=$PATH:/usr/sbin
 
 createTokenWithKeys
-certificateAuthority
 serverCertificate /CN=vpn extendedKeyUsage=serverAuth keyUsage=digitalSignature
 clientCertificate rsa 01
 clientCertificate ec 02

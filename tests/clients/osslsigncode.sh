@@ -3,7 +3,6 @@
 source "$(dirname "$0")/lib.sh"
 
 createTokenWithKeys
-certificateAuthority
 engine=$(find "$(openssl version -e | cut -d'"' -f2)" -name pkcs11.so)
 for key in rsa ec; do
   issue $key.pem $key.crt "/CN=Signer $key" extendedKeyUsage=codeSigning keyUsage=digitalSignature
