@@ -30,6 +30,15 @@ run() {
   launch "$@" | tr -d '\r'
 }
 
+# awaited CONDITION: waits a minute for it.
+awaited() {
+  for _ in {1..600}; do
+    ! eval "$1" || return 0
+    sleep 0.1
+  done
+  fail "never: $1"
+}
+
 # createToken NAME: a token of that name and label under the PINs of this run.
 createToken() {
   run tavrin-tool token create "$1" --label "$1" --pin-file "$(native "$E2E_PIN_FILE")" \

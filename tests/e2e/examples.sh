@@ -23,16 +23,9 @@ grep -q 'no key labelled "no such key"' error || fail "unclear: $(cat error)"
 # The first event is for the token that was connected from the beginning.
 : >events
 launch wait_for_token "$E2E_MODULE" 3 >>events &
-waitForLines() {
-  for _ in {1..600}; do
-    [[ $(wc -l <events) -lt $1 ]] || return 0
-    sleep 0.1
-  done
-  fail "expected $1 lines: $(cat events)"
-}
-waitForLines 2
+awaited '(($(wc -l <events) >= 2))'
 run tavrin-tool token unplug example
-waitForLines 3
+awaited '(($(wc -l <events) >= 3))'
 run tavrin-tool token plug example
 wait
 diff -u --strip-trailing-cr - events <<'END' || fail "unexpected events"

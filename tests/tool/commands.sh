@@ -97,14 +97,25 @@ tool 0 token plug anna
 tool 0 status --module "$E2E_MODULE"
 says out 'All is well.' 'tries left    10'
 
-# A key whose certificates have a whole chain, end soon, have ended, and have no chain.
-mkdir -p home/TavrinDSC/Certificates
-for ca in Root Stranger; do authority $ca; done
-cp Root.pem home/TavrinDSC/Certificates
+# A certificate is imported with its chain, root first; issuers carry their names as labels, and what is there already is
+# not written again. The folder of the certificate authorities has other files too.
+cas=home/TavrinDSC/Certificates
+mkdir -p $cas
+authority Root && cp Root.pem $cas/root.PEM
+authority Middle -CA Root.pem -CAkey Root.key && openssl x509 -in Middle.pem -outform DER -out $cas/middle.Cer
+echo "no certificate" >$cas/broken.crt
 makeKey
-certify Good Root 200
+certify Good Middle 200
+run $client "$(native "$E2E_FOLDER/Good.der")" "$keyId"
+tool 0 token show anna
+sed -n 's/  */ /g; /^certificate/p' out | diff - <(
+  printf 'certificate %s\n' '1 CN=Root,C=IN Root' '2 CN=Middle,C=IN Middle' "3 CN=Good,C=IN $keyId"
+) || fail "another chain: $(cat out)"
+
+# A key whose certificates have a whole chain, end soon, have ended, and have no chain.
+authority Stranger
 tool 0 status
-says out 'RSA 2048, "key"' 'Good, issued by Root' 'complete in the CA folder' 'All is well.'
+says out 'RSA 2048, "key"' 'Good, issued by Middle' 'complete in the CA folder' 'All is well.'
 certify Soon Root 20
 certify Ended Root -1
 certify Alone Stranger 200
@@ -114,7 +125,7 @@ says out '"Soon" on token "anna" expires in ' " days, on $ends" '"Ended" on toke
 tool 3 status --json
 json '.tokens[0].keys[].certificates | sort_by(.subject)[] | .validity, .chain' \
   '"valid","incomplete","expired","complete","valid","complete","expires soon","complete"'
-json '.tokens[0].otherCertificates[] | .subject, .chain' '"CN=Root,C=IN","self-signed"'
+json '.tokens[0].otherCertificates[] | .subject, .chain' '"CN=Root,C=IN","self-signed","CN=Middle,C=IN","complete"'
 json '.tokens[0].triesLeftExactly, (.warnings | length)' '10,3'
 
 # Not valid yet; a CA file that the module passes over because it fits on no token; a label that acts on terminals.
@@ -122,10 +133,10 @@ printf 'cn = "Future"\nactivation_date = "2098-03-04 00:00:00 UTC"\nexpiration_d
 certtool --generate-self-signed --load-privkey Root.key --template template --outder --outfile Future.der 2>/dev/null
 run $client "$(native "$E2E_FOLDER/Future.der")" '' "$(printf 'x\x1b[31m\x7f\xc2\x9b1my')"
 authority Large -addext "subjectAltName=$(printf 'DNS:name-%03d.example.org,' {1..150})DNS:last.example.org"
-cp Large.pem home/TavrinDSC/Certificates
+cp Large.pem $cas
 certify Below Large 200
 tool 3 status
-says out '"Future" on token "anna" is valid only from 2098-03-04' 'INCOMPLETE, no "Large"' 'certificates  1'
+says out '"Future" on token "anna" is valid only from 2098-03-04' 'INCOMPLETE, no "Large"' 'certificates  2'
 for words in status 'status --json' 'token show anna' 'token show anna --json'; do
   launch tavrin-tool $words >out || true
   ! LC_ALL=C grep -qP '[\x00-\x08\x0b\x0c\x0e-\x1f\x7f]|\xc2[\x80-\x9f]' out || fail "control characters: $(cat -v out)"
@@ -150,8 +161,6 @@ json '.level, .meaning' '2,"errors"'
 tool 0 token unplug anna
 ${E2E_RUNNER:+"$E2E_RUNNER"} "$E2E_BIN/tavrin-tool$exe" log --follow --program $client </dev/null >followed 2>/dev/null &
 trap 'kill %1 2>/dev/null || true' EXIT
-# awaited CONDITION: within ten seconds
-awaited() { for ((i = 0; i < 100; ++i)); do eval "$1" && break || sleep 0.1; done; }
 before=$(run tavrin-tool log --program $client | wc -l)
 awaited '(($(wc -l <followed) >= before))'
 for _ in 1 2; do
@@ -168,10 +177,9 @@ logFile=$(jq -r ".log.today[] | select(.program == \"$client\") | .path" out)
 cp "$logFile" kept.LOG
 echo '01/01::00:00:00:000-> ->ERROR ::=>anew' >"$logFile"
 awaited '[[ $(tail -n 1 followed) == *anew* ]]'
-[[ $(tail -n 1 followed) == *anew* ]] || fail "the new file is not followed: $(tail -n 3 followed)"
 cp kept.LOG "$logFile"
 tool 0 log --errors --program $client.exe --grep 'valid token'
-[[ -s out && $(grep -vc 'ERROR ::=>No valid token' out) == 0 ]] || fail "not filtered: $(cat out)"
+[[ -s out && $(grep -vc 'ERROR ::=>No valid token found' out) == 0 ]] || fail "not filtered: $(cat out)"
 tool 0 log show --day 2001-01-01
 [[ ! -s out && $(cat err) == *"no log of 2001-01-01"* ]] || fail "a log before its time: $(cat out err)"
 if [[ $E2E_SYSTEM == Windows ]]; then

@@ -38,7 +38,6 @@ json '.problems[0] | contains("anna is unplugged: tavrin-tool token plug anna")'
 rm -r tokens/damaged
 tool 0 token remove full --yes
 tool 0 token plug anna
-tool 1 status --module "$(native "$E2E_FOLDER/none.dll")"
 # Other programs' settings, and another device library in the search path.
 mkdir -p path app/Mozilla/Firefox/Profiles/x user/.mozilla/firefox/x user/.config/pkcs11/modules java/conf/security
 touch "path/$(basename "$deviceLibrary")"
@@ -95,7 +94,7 @@ else
   # What is shown follows the token.
   : >watched
   timeout 60 script -qfec "echo \$\$ >watcher; exec '$E2E_BIN/tavrin-tool' status --watch" watched < <(
-    shows() { for ((i = 0; i < 100 && $(grep -c "$1" watched) < $2; ++i)); do sleep 0.1; done; }
+    shows() { awaited "((\$(grep -c '$1' watched) >= $2))"; }
     shows 'tries left' 1
     run tavrin-tool token unplug anna >&2
     shows 'no token is connected' 1
