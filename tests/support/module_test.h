@@ -23,6 +23,7 @@ inline constexpr CK_OBJECT_HANDLE ecPrivate = 0x70000002;
 inline constexpr CK_OBJECT_HANDLE rsaPublic = 0x70001001;
 inline constexpr CK_OBJECT_HANDLE ecPublic = 0x70001002;
 inline constexpr CK_OBJECT_HANDLE certificate1 = 0x70002001;
+inline const std::string p256("\x06\x08\x2A\x86\x48\xCE\x3D\x03\x01\x07");  // the curve, as a DER identifier
 inline const std::string keysListed = "> getKeyPairList TK1 inst";
 inline const std::string certificatesListed = "> getCertificateList TK1 inst";
 
@@ -179,7 +180,7 @@ class ModuleTest : public ::testing::Test {
   Lines lines_;
 };
 
-// The same with a session of the logged-in user, and a place for outputs.
+// The same with a session of the logged-in user, a place for outputs, and calls that end an operation.
 class SessionTest : public ModuleTest {
  protected:
   void SetUp() override {
@@ -188,4 +189,10 @@ class SessionTest : public ModuleTest {
   }
   CK_SESSION_HANDLE session_ = 0;
   Output out_;
+  const Call digest_ = CALL(C_Digest, session_, DATA("ab"), out_.data(), &out_.length);
+  const Call digestFinal_ = CALL(C_DigestFinal, session_, out_.data(), &out_.length);
+  const Call sign_ = CALL(C_Sign, session_, DATA("ab"), out_.data(), &out_.length);
+  const Call signFinal_ = CALL(C_SignFinal, session_, out_.data(), &out_.length);
+  const Call verify_ = CALL(C_Verify, session_, DATA("ab"), DATA("sig"));
+  const Call verifyFinal_ = CALL(C_VerifyFinal, session_, DATA("sig"));
 };

@@ -36,7 +36,6 @@ TEST_F(AttributesTest, GetRefusals) {
 
 TEST_F(AttributesTest, EveryAttributeOfEveryKind) {
   const std::string yes(1, '\1'), no(1, '\0'), none, der = "CN=User|CN=Root|01";
-  const std::string p256("\x06\x08\x2A\x86\x48\xCE\x3D\x03\x01\x07");
   const std::string e("\1\0\1", 3);
   using Row = std::tuple<std::vector<CK_ATTRIBUTE_TYPE>, std::string, std::string, std::string>;
   const Row rows[] = {{{CKA_CLASS}, number(1), number(3), number(2)},

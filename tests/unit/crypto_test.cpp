@@ -36,12 +36,6 @@ class CryptoTest : public SessionTest {
     const auto start = lines[2].find(" key=") + 5;
     return lines[2].substr(start, lines[2].find(" signature=") - start);
   }
-  const Call digest_ = CALL(C_Digest, session_, DATA("ab"), out_.data(), &out_.length);
-  const Call digestFinal_ = CALL(C_DigestFinal, session_, out_.data(), &out_.length);
-  const Call sign_ = CALL(C_Sign, session_, DATA("ab"), out_.data(), &out_.length);
-  const Call signFinal_ = CALL(C_SignFinal, session_, out_.data(), &out_.length);
-  const Call verify_ = CALL(C_Verify, session_, DATA("ab"), DATA("sig"));
-  const Call verifyFinal_ = CALL(C_VerifyFinal, session_, DATA("sig"));
 };
 
 const std::string algorithm = "300D06092A864886F70D0101010500";

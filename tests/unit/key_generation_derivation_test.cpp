@@ -17,7 +17,6 @@ class KeyGenerationTest : public SessionTest {
 };
 
 const std::string yes(1, '\1'), no(1, '\0'), ec = number(CKK_EC);
-const std::string p256("\x06\x08\x2A\x86\x48\xCE\x3D\x03\x01\x07");
 const std::string p384("\x06\x05\x2B\x81\x04\x00\x22", 7);
 const std::string p521("\x06\x05\x2B\x81\x04\x00\x23", 7);
 const Template token{{CKA_TOKEN, yes}};
