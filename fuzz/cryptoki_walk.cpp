@@ -321,10 +321,10 @@ class Walk {
     const std::string& operation = deviceOperations[input_.below(deviceOperations.size())];
     if (faults_.insert(operation).second) fake::fail(operation, 7);
   }
-  // Whether the operation, which has just been called, met a fault.
+  // Whether the operation just called failed as scripted.
   bool takeFault(const std::string& operation) { return faults_.erase(operation) != 0; }
 
-  // Costs a thread, so it comes rarely.
+  // Rare, because it starts a thread.
   void restart() {
     if (model_.initialized && !input_.chance(8)) return;
     same("C_Finalize", C_Finalize(nullptr), model_.initialized ? CKR_OK : CKR_CRYPTOKI_NOT_INITIALIZED);

@@ -1,6 +1,6 @@
-// Random walks through the standard module over the module over the scripted device library, whose tokens come, go and
-// fail underneath. A small model of tokens, sessions, logins and operations foretells the codes; a signature must be
-// asked of the right token and key, a length query of nobody, and a handle must name one object for ever.
+// Random walks through the standard module over the module, whose tokens come, go and fail. A model predicts
+// the codes. It checks that signatures use the right token and key, that length queries call no device operation, and
+// that a handle never names two objects.
 #include <chrono>
 #include <initializer_list>
 #include <map>
@@ -81,7 +81,7 @@ class Walk {
   }
 
  private:
-  // The code must be one of these, or any failure when the device library was told to fail.
+  // The code must be one of these, or any failure when an operation of the device library fails.
   void expect(const char* what, CK_RV code, std::initializer_list<CK_RV> codes) {
     if (faulty_ && code != CKR_OK) return;
     if (std::find(codes.begin(), codes.end(), code) == codes.end()) stop(what, code, *codes.begin());
@@ -445,8 +445,8 @@ class Walk {
   unsigned quiet_ = 0;  // steps until the library is made to look at the devices
 };
 
-// Between C_SignInit and C_Sign another process replaces the key, or the token goes and comes back, which only the
-// module's own thread sees. Neither reaches the token: not the new key, and no operation without a PIN.
+// Between C_SignInit and C_Sign another process replaces the key, or the token is removed and inserted, which only the
+// module's own thread notices. No signature may use the new key, and no operation may run without a PIN.
 void changeBetweenInitAndSign() {
   for (const bool replaced : {true, false}) {
     fake::edit()->devices.clear();

@@ -23,7 +23,7 @@ inline constexpr CK_ATTRIBUTE_TYPE attributeTypes[] = {
     CKA_CLASS, CKA_SUBJECT, CKA_DECRYPT,  CKA_EC_POINT,   CKA_SERIAL_NUMBER,
     CKA_TOKEN, CKA_LABEL,   CKA_PRIME_1,  CKA_VALUE_LEN,  CKA_PRIVATE_EXPONENT,
     CKA_SIGN,  CKA_VALUE,   CKA_KEY_TYPE, CKA_START_DATE, 0x80000123};
-// Of the device library. Logins foretell a failure of the first.
+// Operations of the device library. The model of logins uses the first.
 inline const std::vector<std::string> deviceOperations = [] {
   std::istringstream words(
       "validatePassword signHash initHash updateHash finalHash verifySignatureHash encrypt decrypt ecdhDerive "
@@ -81,7 +81,7 @@ class RandomTemplate {
     for (std::size_t i = 0; i < count; ++i) {
       const CK_ATTRIBUTE_TYPE type = attributeTypes[input.below(std::size(attributeTypes))];
       std::string value = valueFor(type, input);
-      // A derived secret is as long as its caller wants, and stays: gigabytes would be right, but no finding.
+      // Limited: a derived secret of gigabytes is valid but exhausts memory.
       if (type == CKA_VALUE_LEN && value.size() > 1) std::fill(value.begin() + 1, value.end(), '\0');
       const CK_ULONG length = lengthOf(value);
       if (type == CKA_LABEL) value += '\0';  // read up to its NUL by searches

@@ -62,7 +62,7 @@ Sexp publicExpression(const RsaPublicKey& key) {
 }
 
 Sexp privateExpression(const RsaPrivateKey& key) {
-  // libgcrypt divides by them.
+  // libgcrypt ends the process when a prime is zero. With a zero exponent or coefficient its results are wrong.
   for (const SecretBytes* part : {&key.exponent, &key.prime1, &key.prime2, &key.coefficient})
     if (withoutLeadingZeros(*part).empty()) throw Failure(Status::deviceFault, "a stored RSA key is damaged");
   const Mpi n = mpiOf(key.modulus);
@@ -75,7 +75,7 @@ Sexp privateExpression(const RsaPrivateKey& key) {
                   u.get());
 }
 
-// That the product of the two exponents is 1 modulo prime - 1.
+// Whether the product of the two exponents is 1 modulo prime - 1.
 bool exponentsFit(gcry_mpi_t privateExponent, gcry_mpi_t prime) {
   const Mpi publicExponent = mpiOf(tavrin::rsaPublicExponentBytes);
   const Mpi product = newSecretMpi();
@@ -181,7 +181,7 @@ SecretBytes decryptRsa(const RsaPrivateKey& key, ByteView ciphertext) {
   require(ciphertext.size() == key.modulus.size(), "the ciphertext does not fit the key");
   const Mpi number = mpiOf(ciphertext);
   const Mpi modulus = mpiOf(key.modulus);
-  // Zero and one stay what they are; no padded message becomes one of them.
+  // Zero and one decrypt to themselves; no padded message encrypts to them.
   require(gcry_mpi_cmp(number.get(), modulus.get()) < 0 && gcry_mpi_cmp_ui(number.get(), 1) > 0,
           "the ciphertext does not fit the key");
   const Sexp privateKey = privateExpression(key);

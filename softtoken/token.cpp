@@ -30,8 +30,8 @@ std::shared_ptr<const TokenState> parseState(ByteView content) {
   }
 }
 
-// Locks of tokens whose file has had a proof from the beginning, or since this lock was made, have a context of their
-// own. Nobody without the password can make such a lock fit a file without a proof.
+// A lock made for a file with a proof, which is a MAC, has the context "with proof". So an attacker cannot remove the
+// MAC: without the password the lock cannot be changed.
 Bytes lockContext(std::string_view serial, Role role, bool needsProof) {
   Writer<> writer;
   writer.field(serial);

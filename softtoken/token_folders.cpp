@@ -52,7 +52,7 @@ void requireGoodName(const std::string& name) {
           "a token's name does not begin with a dot or blank, nor end with one");
   require(name.find_first_of("/\\:*?\"<>|") == std::string::npos && !hasControl(name),
           "a token's name holds none of / \\ : * ? \" < > | and no control character");
-  require(!isWindowsDevice(name), "a token's name is none that Windows reserves, such as CON, NUL or COM1");
+  require(!isWindowsDevice(name), "a token's name must not be one that Windows reserves, such as CON, NUL or COM1");
 }
 
 std::string makeSerial() {

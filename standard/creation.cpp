@@ -145,8 +145,8 @@ void checkCopyTemplate(const Attributes& original, const Template& changes) {
   }
 }
 
-// Makes a session key pair one that stays, with new objects; the old handles end with their session. A copy of one half
-// keeps both: the object that a copy of the other half then gives is there already.
+// Makes both halves of a session key pair token objects with new handles. A later copy of the other half returns the
+// object that exists. The old handles end with their session.
 std::shared_ptr<Object> keepKeyPair(ModuleLock& module, const Session& session, const Object& original,
                                     const Template& changes) {
   requireTokenWriteAccess(session);
@@ -234,8 +234,8 @@ CK_RV C_CopyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ATTR
   });
 }
 
-// The token deletes a pair by its private half. A public half that is destroyed alone is no longer shown; one whose
-// private half is destroyed stays to read until it is destroyed too.
+// Destroying a public key hides it. After its private key is destroyed, a public key stays readable until it is
+// destroyed.
 CK_RV C_DestroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject) {
   return sessionCall("C_DestroyObject", hSession, [&](const Call&, State& state, Session& session) -> CK_RV {
     ModuleLock module(state);

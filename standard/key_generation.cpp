@@ -130,7 +130,7 @@ CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
     const Mechanism& mechanism = requiredMechanism(given.mechanism, CKF_GENERATE_KEY_PAIR, session.token);
     requireNoParameter(given);
     Attributes request = readTemplates(mechanism, publicPart, privatePart);
-    // The pair is one thing on the token: it stays when either half is to stay.
+    // Both halves are stored as one pair. It is a token object if either template asks for that.
     const bool onToken = publicPart.flag(CKA_TOKEN).value_or(false) || privatePart.flag(CKA_TOKEN).value_or(false);
     if (onToken && !session.readWrite) return call.refuse(CKR_SESSION_READ_ONLY, "the session is read-only");
     if (session.token.login != Login::user) return call.refuse(CKR_USER_NOT_LOGGED_IN, "the user is not logged in");

@@ -40,7 +40,7 @@ std::size_t checkParameter(const CK_MECHANISM& given, const Mechanism& mechanism
 }
 
 // The bytes of a signature or ciphertext that this key makes. An EC signature is two numbers as long as a coordinate.
-// An EC private key has no other trace of that than its public key, which is its identity.
+// An EC private key's length is known only from its public key (`identity`).
 std::size_t resultLengthOf(const Object& key) {
   if (const SecretBytes* modulus = key.attributes->find(CKA_MODULUS)) return modulus->size();
   return key.identity.size() - 1;

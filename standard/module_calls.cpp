@@ -22,8 +22,8 @@ void logoutOfModule(ModuleLock& module) {
   }
 }
 
-// The module gives new sessions of any token the login of another token's user, and would log that user out when this
-// token goes. So such a session is logged out, and with it, in the module, the other user, until the next use.
+// While another token's user is logged in, the module opens new sessions as logged in. Removing this token would then
+// log that user out. So this session, and that user in the module, are logged out here; the next use logs in again.
 void undoBorrowedLogin(ModuleLock& module, const Token& token, CK_SESSION_HANDLE session) {
   if (module.state().loggedIn == &token || !isLoggedInState(stateOf(module, session))) return;
   logoutOfModule(module);
@@ -86,7 +86,7 @@ void requestLogin(ModuleLock& module, Token& token) {
 void useLogin(ModuleLock& module, Token& token) {
   requestLogin(module, token);
   if (isLoggedInState(stateOf(module, lockedSession(module, token)))) return;
-  // The module has seen the token go. It may be back by now, but its login is over.
+  // The module has noticed the removal of the token. The token may be back, but its login has ended.
   forgetToken(module, token);
   token.present = false;
   module.state().tokens.refresh(module);
@@ -98,7 +98,7 @@ void endLogin(ModuleLock& module, Token& token) {
   token.login = Login::none;
   ++token.logouts;
   pins.drop(token.slot);
-  // The standard ends the handles of private objects for good: the next login gives new ones.
+  // The standard ends the handles of private objects: the next login gives new ones.
   module.state().objects.dropIf([&](const Object& object) { return object.token == &token && object.isPrivate; });
 }
 

@@ -30,8 +30,8 @@ void endLogin(ModuleLock& module, Token& token);
 // Forgets what belonged to a removed token: sessions of the module, login, session objects and private objects.
 void forgetToken(ModuleLock& module, Token& token);
 
-// What a failed call to the module means: CKR_DEVICE_REMOVED when the token is gone, the code itself when it is one of
-// memory, `otherwise` else.
+// Translates the code of a failed call to the module: CKR_DEVICE_REMOVED if the token is missing, codes of memory and
+// CKR_CRYPTOKI_NOT_INITIALIZED unchanged, else `otherwise`.
 Refusal moduleFailure(ModuleLock& module, const Token& token, const char* function, CK_RV code,
                       CK_RV otherwise = CKR_DEVICE_ERROR);
 Refusal moduleFailure(State& state, const Token& token, const char* function, CK_RV code,

@@ -104,7 +104,7 @@ std::shared_ptr<Object> findVisible(ModuleLock& module, const Session& session, 
 
 void deleteFromToken(ModuleLock& module, Object& object) {
   Token& token = *object.token;
-  readAttributes(module, object);  // that it is still the object of this handle
+  readAttributes(module, object);  // throws unless the handle still names this object
   useLogin(module, token);
   // The module deletes key pairs by their private half.
   const auto other = object.isTokenKey() ? module.state().objects.otherHalf(object) : nullptr;

@@ -87,7 +87,7 @@ CK_OBJECT_HANDLE moduleHandleOf(CK_OBJECT_CLASS objectClass, CK_OBJECT_HANDLE si
 std::shared_ptr<Object> findVisible(ModuleLock& module, const Session& session, CK_OBJECT_HANDLE handle);
 bool isVisible(const Object& object, const Session& session);
 
-// The object's attributes as they are now. Throws CKR_OBJECT_HANDLE_INVALID when the object is gone, and
+// The object's attributes as they are now. Throws CKR_OBJECT_HANDLE_INVALID when the object was deleted, and
 // CKR_DEVICE_REMOVED when its token is.
 const Attributes& readAttributes(ModuleLock& module, Object& object);
 

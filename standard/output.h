@@ -11,7 +11,7 @@
 
 namespace tavrin::standard {
 
-// Ends a session's operation when the call is over, unless the call says that it goes on.
+// Ends a session's operation when the call is over, unless the call continues it.
 template <typename Operation>
 class OperationEnd {
  public:

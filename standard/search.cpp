@@ -71,7 +71,7 @@ ModuleHandles searchClass(ModuleLock& module, Token& token, CK_OBJECT_CLASS obje
   return searchModule(module, token, {&filter, 1});
 }
 
-// That the object has the attribute. Filters have been applied by the module; class, token and private need no reading.
+// Whether the object has the attribute. The module has applied the filters; class, token and private need no reading.
 bool matches(ModuleLock& module, Object& object, const CK_ATTRIBUTE& entry) {
   const CK_ATTRIBUTE_TYPE type = entry.type;
   const bool inModule = object.moduleHandle != 0;
@@ -160,7 +160,7 @@ CK_RV C_FindObjectsInit(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, 
     const Template wanted(pTemplate, ulCount);
     ModuleLock module(state);
     std::vector<CK_OBJECT_HANDLE> found = findObjects(module, session, wanted);
-    // The module shows a token that is gone as an empty one.
+    // The module shows a removed token as an empty one.
     if (found.empty()) state.tokens.refresh(module);
     if (!session.isAlive()) return call.refuse(CKR_DEVICE_REMOVED, "the token was removed");
     session.search = Search{std::move(found)};

@@ -20,7 +20,7 @@ CK_RV C_OpenSession(CK_SLOT_ID slotID, CK_FLAGS flags, CK_VOID_PTR, CK_NOTIFY, C
   });
 }
 
-// Closing works on the sessions of a token that is gone, too.
+// Closing works on the sessions of a removed token, too.
 CK_RV C_CloseSession(CK_SESSION_HANDLE hSession) {
   return libraryCall("C_CloseSession", [&](const Call& call, State& state) -> CK_RV {
     const std::shared_ptr<Session> session = state.sessions.find(hSession);

@@ -1,8 +1,8 @@
 // C_SignInit, C_Sign, C_SignUpdate, C_SignFinal and the four functions of verification.
 //
-// The module's raw mechanisms take 20, 32, 48 or 64 bytes for a digest, of which the token builds the signature that
-// the hashing mechanisms make. So data in parts are hashed first; and such data of an application's own, given to
-// CKM_RSA_PKCS, are refused, as the signature would be one of something else.
+// The token treats 20, 32, 48 or 64 bytes as a digest and signs them as the hashing mechanisms do. So data in parts are
+// hashed first, and the digest is signed. Raw data of these lengths for CKM_RSA_PKCS are refused, because the signature
+// would be that of a digest.
 #include "standard/key_use.h"
 
 using namespace tavrin;

@@ -68,6 +68,8 @@ constexpr Explanation rows[] = {
     {"Delete ", "The token did not delete the object.", "See the status in the line, and log in again."},
     {"Update key pair details failed", "The token did not change label or ID of the key.",
      "See the status in the line, and log in again."},
+    {"in find objects failed", "The token did not list its objects.",
+     "See the status in the line; plug the token in again."},
     {"not found in", "The object has been deleted, or the handle never existed.", "Search for the object again."},
     {"invalid hObject", "The object handle is unknown.", "Search for the object again."},
     {"Input hobject not valid", "The object handle is unknown.", "Search for the object again."},

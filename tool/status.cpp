@@ -108,7 +108,7 @@ void judgeIds(const TokenStatus& token, const std::string& tokenName, SystemStat
     const CertificateStatus& certificate = token.certificates[key.certificates.front()];
     std::string text = "the key \"" + key.key->label + "\" on " + tokenName + " has " + shownId(key.key->id) +
                        " and its certificate has " + shownId(certificate.id) +
-                       ", so applications do not find the one by the other";
+                       ", so applications cannot find the certificate for the key";
     if (!certificate.id.empty() && !key.key->id.empty()) {
       text += "; give the key the certificate's ID: pkcs11-tool --module " + status.module.module.path +
               " --login --type privkey --id " + hexOf(key.key->id) + " --set-id " + hexOf(certificate.id);

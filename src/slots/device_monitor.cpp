@@ -59,7 +59,7 @@ void runDeviceMonitor() {
 }
 
 // At the end of a process that does not call C_Finalize, the device library's state is destroyed while the thread uses
-// it. So the thread is told to end before. The wait is short, since a device may not answer. Waiters of
+// it. So the thread is stopped before. The wait is short, since a device may not answer. Waiters of
 // C_WaitForSlotEvent are not woken: they would run in a process whose state is being destroyed.
 void endMonitorAtExit() {
   processEnds = true;

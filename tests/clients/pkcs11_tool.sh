@@ -69,7 +69,7 @@ refuses "OAEP with another hash than SHA-1" 'C_DecryptInit failed.*CKR_OPERATION
 refuses "import of data" CKR_FUNCTION_NOT_SUPPORTED loggedIn --write-object document --type data --label x
 refuses "deleting a public key" CKR_OBJECT_HANDLE_INVALID loggedIn --delete-object --type pubkey --id 0a
 check "deleting the private key" loggedIn --delete-object --type privkey --id 0a
-refuses "the public key went with it" 'object not found' loggedIn --read-object --type pubkey --id 0a
+refuses "the public key was deleted with it" 'object not found' loggedIn --read-object --type pubkey --id 0a
 refuses "a wrong PIN" CKR_PIN_INCORRECT env PIN=wrong pkcs11-tool --module "$module" --login --pin env:PIN --list-objects
 
 # These complaints are deliberate departures: no empty requests, no comparison of buffer sizes, OAEP with SHA-1 only.

@@ -98,7 +98,7 @@ void leave(const std::string& way, void* library) {
   }
   if (way == "unload") {
     closeLibrary(library);
-    // Longer than the monitor sleeps, so that it wakes in a module that the application has let go of.
+    // Longer than the monitor sleeps, so that it wakes after the application has closed the module.
     std::this_thread::sleep_for(std::chrono::milliseconds(1200));
   }
 }

@@ -391,7 +391,7 @@ TEST_F(SecretsTest, NoSecretOutlivesItsUse) {
   ASSERT_NO_FATAL_FAILURE(addKeys(password));
 
   // The software token keeps the master key, the password and the last results as long as the module is initialised,
-  // since it is not told of a logout. Derived keys are the module's objects until it is unloaded.
+  // since the module does not report a logout to it. Derived keys are the module's objects until it is unloaded.
   Copies expected{{"planted", 1}, {"master key", 1}, {"password", 1}};
   ASSERT_NO_FATAL_FAILURE(compare("keys made", expected));
   ASSERT_NO_FATAL_FAILURE(compare("signed", expected));

@@ -33,7 +33,7 @@ char instanceObject;
 // What the library keeps for a thread. Not thread_local itself: mingw destroys such objects after their memory is
 // freed.
 struct ThreadState {
-  Fault struck;  // that strikes the operation which the thread is in
+  Fault struck;  // of the operation that this thread runs
   std::vector<std::unique_ptr<Hash>> hashes;
   std::vector<TavrinKeyPair> keyPairs;
   std::vector<TavrinCertificate> certificates;
@@ -125,7 +125,7 @@ int deliver(std::string result, std::size_t real, std::uint8_t* out, int* length
 // The same for results in the library's own buffer.
 int lend(const std::string& result, std::size_t real, std::uint8_t** out, int* length) {
   Bytes& buffer = mine().buffer;
-  buffer.resize(5000);  // room for lengths that lie
+  buffer.resize(5000);  // room for wrong lengths
   *out = mine().struck.kind == Fault::Kind::nothing ? nullptr : buffer.data();
   return deliver(result, real, buffer.data(), length);
 }

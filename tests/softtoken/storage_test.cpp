@@ -43,9 +43,9 @@ TEST_F(SoftTokenTest, ListsWholeConnectedTokensBySerial) {
   fs::resize_file(root / "damaged" / "token", 200);
   fs::copy(tokenFolder(), root / ".new-three");
   std::ofstream(root / "file") << "no folder";
-  std::ofstream(tokenFolder() / "token.new") << "left behind";
+  std::ofstream(tokenFolder() / "token.new") << "left over";
   EXPECT_EQ(devices(), both);
-  EXPECT_EQ(generate(5).id, 1u) << "over what was left behind";
+  EXPECT_EQ(generate(5).id, 1u) << "over a file that a killed writer left";
 
   const TokenInfo info = tavrin_getTokenInfo(second.c_str(), nullptr);
   EXPECT_EQ(second.size(), 16u);

@@ -192,7 +192,7 @@ CK_SLOT_ID slotOf(int token);
 std::string fileNamed(const char* name);
 
 // Whether the signature is right by libgcrypt. The key is a modulus or a CKA_EC_POINT, the hash the bare digest of what
-// was signed: its length tells the algorithm.
+// was signed: its length gives the algorithm.
 bool verifies(const std::string& key, const std::string& hash, const std::string& signature, bool pss = false);
 std::string hashed(CK_MECHANISM_TYPE hash, const std::string& data);
 

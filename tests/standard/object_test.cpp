@@ -359,7 +359,7 @@ TEST_F(KeysTest, GeneratingKeys) {
     EXPECT_TRUE(verifies(s.value(s.madePublic, CKA_EC_POINT), std::string(20, 'h'), signature));
     const CK_OBJECT_HANDLE key = s.made;
     is(s.destroy(s.madePublic), CKR_OK);
-    EXPECT_EQ(s.find({{CKA_ID, "42"}, {CKA_CLASS, CKO_PRIVATE_KEY}}), Handles{key}) << "a half can go by itself";
+    EXPECT_EQ(s.find({{CKA_ID, "42"}, {CKA_CLASS, CKO_PRIVATE_KEY}}), Handles{key}) << "half a pair is destroyed alone";
     EXPECT_TRUE(s.find({{CKA_ID, "42"}, {CKA_CLASS, CKO_PUBLIC_KEY}}).empty());
     is(s.destroy(key), CKR_OK);
   }
