@@ -8,8 +8,8 @@
 namespace softtoken {
 namespace {
 
-constexpr std::size_t smallestModulus = 1024 / 8;
-constexpr std::size_t largestModulus = 4096 / 8;
+constexpr std::size_t smallestModulus = tavrin::rsaKeySizes.smallest / 8;
+constexpr std::size_t largestModulus = tavrin::rsaKeySizes.largest / 8;
 // No standard allows longer ones, and the time that an operation takes grows with the exponent.
 constexpr std::size_t largestExponent = 256 / 8;
 

@@ -237,7 +237,7 @@ void checkLabelAndId(const Template& wanted) {
     throw Refusal(CKR_ATTRIBUTE_VALUE_INVALID, "the token cannot keep this CKA_LABEL, ulValueLen=", label.size());
   }
   const std::size_t idLength = wanted.bytes(CKA_ID).value_or(ByteView{}).size();
-  if (idLength > longestId) {
+  if (idLength > maximumIdLength) {
     throw Refusal(CKR_ATTRIBUTE_VALUE_INVALID, "the token cannot keep this CKA_ID, ulValueLen=", idLength);
   }
 }

@@ -86,7 +86,6 @@ ByteView valueOf(const CK_ATTRIBUTE& attribute);
 Attributes describeData(const Template& given, Kind kind);
 
 // The label and ID that the token can keep: CKR_ATTRIBUTE_VALUE_INVALID for a longer one or a label with a NUL.
-inline constexpr std::size_t longestId = 128;
 void checkLabelAndId(const Template& wanted);
 
 // Refuses with CKR_ATTRIBUTE_VALUE_INVALID an RSA key that the token cannot have, by its public exponent or its size.

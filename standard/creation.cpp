@@ -43,8 +43,7 @@ std::shared_ptr<Object> createCertificate(ModuleLock& module, const Session& ses
   }
   requireTokenWriteAccess(session);
   given.mustNotContradict(CKA_PRIVATE, false);
-  constexpr std::size_t longestCertificate = 3072;
-  if (value.size() > longestCertificate) {
+  if (value.size() > maximumCertificateLength) {
     throw Refusal(CKR_ATTRIBUTE_VALUE_INVALID, "the certificate is too long, ulValueLen=", value.size());
   }
   const CK_OBJECT_HANDLE handle =

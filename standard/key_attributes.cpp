@@ -12,8 +12,8 @@ namespace {
 // value of the module.
 struct Record {
   std::uint8_t label[160];
-  std::uint8_t id[longestId];
-  std::uint8_t value[3072];
+  std::uint8_t id[maximumIdLength];
+  std::uint8_t value[maximumCertificateLength];
   CK_KEY_TYPE keyType = 0;
   CK_ULONG bits = 0;
   CK_BBOOL verify = CK_FALSE;
@@ -154,7 +154,7 @@ const Attributes& knownAttributes(ModuleLock& module, Object& object) {
 
 void checkIdentity(ModuleLock& module, Object& object) {
   if (object.moduleHandle == 0) throw Refusal(CKR_OBJECT_HANDLE_INVALID, "its pair is gone, handle=", object.handle);
-  std::uint8_t value[3072];
+  std::uint8_t value[maximumCertificateLength];
   CK_ATTRIBUTE read{CKA_VALUE, value, sizeof value};
   readFromModule(module, object, {&read, 1});
   compareIdentity(module, object, valueOf(read));

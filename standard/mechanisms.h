@@ -20,8 +20,7 @@ struct HashMechanism {
 
 struct Mechanism {
   CK_MECHANISM_TYPE type;
-  CK_ULONG smallestKey;  // bits
-  CK_ULONG largestKey;
+  KeySizes keySizes;
   CK_FLAGS flags;
   CK_KEY_TYPE keyType;
   const HashMechanism* hash;  // of a signature over hashed data; null otherwise

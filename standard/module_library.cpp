@@ -1,7 +1,7 @@
 #include "standard/module_library.h"
 
-#include "standard/module_file.h"
 #include "standard/refusal.h"
+#include "standard/system.h"
 
 namespace tavrin::standard {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "platform/platform.h"
-#include "standard/module_file.h"
+#include "standard/system.h"
 
 namespace tavrin::standard {
 

@@ -117,8 +117,8 @@ CK_RV C_GetMechanismInfo(CK_SLOT_ID slotID, CK_MECHANISM_TYPE type, CK_MECHANISM
   return tokenCall("C_GetMechanismInfo", slotID, [&](const Call& call, ModuleLock&, const Token& token) -> CK_RV {
     if (!pInfo) return call.refuse(CKR_ARGUMENTS_BAD, "pInfo is NULL");
     const Mechanism& mechanism = requiredMechanism(type, 0, token);
-    pInfo->ulMinKeySize = mechanism.smallestKey;
-    pInfo->ulMaxKeySize = mechanism.largestKey;
+    pInfo->ulMinKeySize = mechanism.keySizes.smallest;
+    pInfo->ulMaxKeySize = mechanism.keySizes.largest;
     pInfo->flags = mechanism.flags;
     return CKR_OK;
   });

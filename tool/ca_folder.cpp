@@ -5,7 +5,7 @@
 #include "softtoken/certificates.h"
 #include "tool/certificate_facts.h"
 #include "tool/console.h"
-#include "tool/module_file.h"
+#include "tool/shared_library.h"
 
 namespace tool {
 

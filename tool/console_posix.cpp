@@ -133,7 +133,7 @@ std::optional<SecretBytes> secretVariable(const char* name) {
   return SecretBytes(bytes.begin(), bytes.end());
 }
 
-std::string environmentText(const char* name) { return platform::environmentVariable(name); }
+std::string environmentText(const char* name) { return tavrin::platform::environmentVariable(name); }
 
 std::filesystem::path systemPath(const std::string& text) { return text; }
 

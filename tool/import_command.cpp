@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iostream>
 
+#include "devlib/device_constants.h"
 #include "objects/ca_installation.h"
 #include "softtoken/certificates.h"
 #include "softtoken/crypto_library.h"
@@ -216,7 +217,8 @@ class Import {
     CK_RV result = CKR_OK;
     attributes.create(functions_, session_, result);
     if (result == CKR_DATA_LEN_RANGE)
-      throw Failure(Status::badArgument, "the certificate of " + name + " is longer than 3072 bytes");
+      throw Failure(Status::badArgument, "the certificate of " + name + " is longer than " +
+                                             std::to_string(tavrin::maximumCertificateLength) + " bytes");
     requireStored(result, "the certificate of " + name);
     std::cout << "wrote the certificate of \"" << printable(name) << '"' << (id.empty() ? "" : ", id " + hexOf(id))
               << '\n';

@@ -97,13 +97,13 @@ class EntryStream {
 
 fs::path logFolder() { return systemPath(tavrin::logFolder()).lexically_normal(); }
 
-std::string today() { return tavrin::logFileName(platform::localTime()).substr(0, 10); }
+std::string today() { return fs::path(tavrin::logFileName(tavrin::platform::localTime())).stem().string(); }
 
 std::vector<LogFile> logFilesOf(const std::string& day) {
   std::vector<LogFile> files;
   std::error_code error;
   for (fs::directory_iterator entry(logFolder(), error), end; !error && entry != end; entry.increment(error)) {
-    const fs::path file = entry->path() / (day + ".LOG");
+    const fs::path file = entry->path() / (day + tavrin::logFileExtension);
     std::error_code missing;
     const std::uintmax_t size = fs::file_size(file, missing);
     if (!missing) files.push_back({softtoken::textOf(entry->path().filename()), file, size});

@@ -41,7 +41,7 @@ bool replaceText(const fs::path& file, const std::string& text) {
 }  // namespace
 
 void setLogLevel(int level) {
-  const fs::path file = platform::registryFile(tavrin::registryKey, tavrin::logLevelValue);
+  const fs::path file = tavrin::platform::registryFile(tavrin::registryKey, tavrin::logLevelValue);
   if (!replaceText(file, std::to_string(level) + "\n")) {
     throw softtoken::Failure(softtoken::Status::badArgument,
                              "cannot write " + file.string() + "; only an administrator can set the level");

@@ -2,12 +2,13 @@
 
 #include <algorithm>
 
+#include "log/log_location.h"
 #include "softtoken/failure.h"
 #include "softtoken/token_folders.h"
 #include "tool/console.h"
 #include "tool/log_files.h"
-#include "tool/module_file.h"
 #include "tool/module_session.h"
+#include "tool/shared_library.h"
 
 namespace tool {
 namespace {
@@ -116,7 +117,7 @@ void readModule(CK_FUNCTION_LIST* functions, ProbedModule& result) {
 // Removes the lines of this program's own calls from the log, so that it shows those of applications only.
 class OwnLog {
  public:
-  OwnLog() : file_(logFolder() / "tavrin-tool" / (today() + ".LOG")) {
+  OwnLog() : file_(logFolder() / "tavrin-tool" / (today() + tavrin::logFileExtension)) {
     std::error_code error;
     const std::uintmax_t size = std::filesystem::file_size(file_, error);
     if (!error) size_ = size;

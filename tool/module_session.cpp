@@ -4,7 +4,7 @@
 #include <cstdio>
 
 #include "softtoken/failure.h"
-#include "tool/module_file.h"
+#include "tool/shared_library.h"
 
 namespace tool {
 

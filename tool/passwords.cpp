@@ -113,7 +113,7 @@ SecretBytes readNewPassword(const PasswordSource& source) {
   for (;;) {
     if (asked) password = askSecret(question);
     try {
-      softtoken::requireGoodPassword(textIn(*password));
+      softtoken::requireValidPassword(textIn(*password));
     } catch (const Failure& failure) {
       throw Failure(failure.status(), "the " + name + " cannot be used: " + failure.what());
     }

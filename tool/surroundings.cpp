@@ -5,7 +5,7 @@
 
 #include "softtoken/platform.h"
 #include "tool/console.h"
-#include "tool/module_file.h"
+#include "tool/shared_library.h"
 
 namespace tool {
 namespace {

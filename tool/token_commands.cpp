@@ -50,7 +50,7 @@ void warnOfLabel(const softtoken::NewToken& token) {
 }
 
 void checkNewToken(const softtoken::NewToken& token) {
-  softtoken::requireGood(token);
+  softtoken::requireValid(token);
   if (printable(token.label) != token.label)
     throw Failure(Status::badArgument, "a label is UTF-8 text without control characters");
 }

@@ -127,13 +127,6 @@ CK_RV decrypt(const Call& call, Session& session, CK_BYTE_PTR pEncryptedData, CK
   return CKR_OK;
 }
 
-CK_RV deliverResult(const Call& call, Session& session, CK_BYTE_PTR out, CK_ULONG_PTR outLength) {
-  const Delivery delivery = deliver(call, session.result, out, outLength);
-  if (delivery == Delivery::tooSmall) return CKR_BUFFER_TOO_SMALL;
-  if (delivery == Delivery::delivered) session.activeOperation = Operation::none;
-  return CKR_OK;
-}
-
 }  // namespace
 }  // namespace tavrin
 

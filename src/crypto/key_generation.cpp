@@ -3,7 +3,7 @@
 #include <iterator>
 
 #include "crypto/mechanisms.h"
-#include "devlib/device_statuses.h"
+#include "devlib/store_failure.h"
 #include "objects/object_handles.h"
 #include "objects/template_reader.h"
 #include "sessions/refusals.h"

@@ -12,6 +12,7 @@ namespace {
 constexpr CK_FLAGS generates = CKF_GENERATE_KEY_PAIR;
 constexpr CK_FLAGS encrypts = CKF_ENCRYPT | CKF_DECRYPT;
 constexpr CK_FLAGS signs = CKF_SIGN | CKF_VERIFY;
+constexpr KeySizes noKey{0, 0};
 
 using enum HashCode;
 
@@ -19,28 +20,28 @@ using enum HashCode;
 // every PSS mechanism: devices have always received it in this form.
 constexpr Mechanism mechanisms[] = {
     // type                     key sizes   flags              hash    in parts  PSS
-    {CKM_RSA_PKCS_KEY_PAIR_GEN, 1024, 4096, generates, none, none, false},
-    {CKM_RSA_PKCS, 1024, 4096, encrypts | signs, none, none, false},
-    {CKM_RSA_PKCS_OAEP, 1024, 4096, encrypts, none, none, false},
-    {CKM_RSA_PKCS_PSS, 1024, 4096, signs, none, sha256, true},
-    {CKM_SHA1_RSA_PKCS, 1024, 4096, signs, sha1, sha1, false},
-    {CKM_SHA256_RSA_PKCS, 1024, 4096, signs, sha256, sha256, false},
-    {CKM_SHA384_RSA_PKCS, 1024, 4096, signs, sha384, sha384, false},
-    {CKM_SHA512_RSA_PKCS, 1024, 4096, signs, sha512, sha512, false},
-    {CKM_SHA1_RSA_PKCS_PSS, 1024, 4096, signs, sha1, sha256, true},
-    {CKM_SHA256_RSA_PKCS_PSS, 1024, 4096, signs, sha256, sha256, true},
-    {CKM_SHA384_RSA_PKCS_PSS, 1024, 4096, signs, sha384, sha256, true},
-    {CKM_SHA512_RSA_PKCS_PSS, 1024, 4096, signs, sha512, sha256, true},
-    {CKM_EC_KEY_PAIR_GEN, 256, 521, generates, none, none, false},
-    {CKM_ECDH1_DERIVE, 256, 521, CKF_DERIVE, none, none, false},
-    {CKM_ECDSA, 256, 521, signs, none, none, false},
-    {CKM_ECDSA_SHA1, 256, 521, signs, sha1, sha1, false},
-    {CKM_ECDSA_SHA256, 256, 521, signs, sha256, sha256, false},
-    {CKM_ECDSA_SHA384, 256, 521, signs, sha384, sha384, false},
-    {CKM_SHA_1, 0, 0, CKF_DIGEST, sha1, none, false},
-    {CKM_SHA256, 0, 0, CKF_DIGEST, sha256, none, false},
-    {CKM_SHA384, 0, 0, CKF_DIGEST, sha384, none, false},
-    {CKM_SHA512, 0, 0, CKF_DIGEST, sha512, none, false}};
+    {CKM_RSA_PKCS_KEY_PAIR_GEN, rsaKeySizes, generates, none, none, false},
+    {CKM_RSA_PKCS, rsaKeySizes, encrypts | signs, none, none, false},
+    {CKM_RSA_PKCS_OAEP, rsaKeySizes, encrypts, none, none, false},
+    {CKM_RSA_PKCS_PSS, rsaKeySizes, signs, none, sha256, true},
+    {CKM_SHA1_RSA_PKCS, rsaKeySizes, signs, sha1, sha1, false},
+    {CKM_SHA256_RSA_PKCS, rsaKeySizes, signs, sha256, sha256, false},
+    {CKM_SHA384_RSA_PKCS, rsaKeySizes, signs, sha384, sha384, false},
+    {CKM_SHA512_RSA_PKCS, rsaKeySizes, signs, sha512, sha512, false},
+    {CKM_SHA1_RSA_PKCS_PSS, rsaKeySizes, signs, sha1, sha256, true},
+    {CKM_SHA256_RSA_PKCS_PSS, rsaKeySizes, signs, sha256, sha256, true},
+    {CKM_SHA384_RSA_PKCS_PSS, rsaKeySizes, signs, sha384, sha256, true},
+    {CKM_SHA512_RSA_PKCS_PSS, rsaKeySizes, signs, sha512, sha256, true},
+    {CKM_EC_KEY_PAIR_GEN, ecKeySizes, generates, none, none, false},
+    {CKM_ECDH1_DERIVE, ecKeySizes, CKF_DERIVE, none, none, false},
+    {CKM_ECDSA, ecKeySizes, signs, none, none, false},
+    {CKM_ECDSA_SHA1, ecKeySizes, signs, sha1, sha1, false},
+    {CKM_ECDSA_SHA256, ecKeySizes, signs, sha256, sha256, false},
+    {CKM_ECDSA_SHA384, ecKeySizes, signs, sha384, sha384, false},
+    {CKM_SHA_1, noKey, CKF_DIGEST, sha1, none, false},
+    {CKM_SHA256, noKey, CKF_DIGEST, sha256, none, false},
+    {CKM_SHA384, noKey, CKF_DIGEST, sha384, none, false},
+    {CKM_SHA512, noKey, CKF_DIGEST, sha512, none, false}};
 
 constexpr CK_ULONG mechanismCount = std::size(mechanisms);
 
@@ -85,7 +86,7 @@ CK_RV C_GetMechanismInfo(CK_SLOT_ID, CK_MECHANISM_TYPE type, CK_MECHANISM_INFO_P
     const Mechanism* mechanism = findMechanism(type);
     if (!mechanism) return call.refuse(CKR_MECHANISM_INVALID, "unsupported mechanism type=", type);
 
-    *pInfo = {mechanism->minimumKeySize, mechanism->maximumKeySize, mechanism->flags};
+    *pInfo = {mechanism->keySizes.smallest, mechanism->keySizes.largest, mechanism->flags};
     logDebug("C_GetMechanismInfo -- exit");
     return CKR_OK;
   });

@@ -10,8 +10,7 @@ namespace tavrin {
 
 struct Mechanism {
   CK_MECHANISM_TYPE type;
-  CK_ULONG minimumKeySize;  // bits; 0 for digests
-  CK_ULONG maximumKeySize;
+  KeySizes keySizes;  // 0 for digests
   CK_FLAGS flags;
   HashCode hash;  // of a digest, of signing, and of verifying in one part
   HashCode hashWhenVerifyingInParts;

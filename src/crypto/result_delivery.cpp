@@ -19,4 +19,11 @@ Delivery deliver(const Call& call, SecretBytes& result, CK_BYTE_PTR out, CK_ULON
   return Delivery::delivered;
 }
 
+CK_RV deliverResult(const Call& call, Session& session, CK_BYTE_PTR out, CK_ULONG_PTR outLength) {
+  const Delivery delivery = deliver(call, session.result, out, outLength);
+  if (delivery == Delivery::tooSmall) return CKR_BUFFER_TOO_SMALL;
+  if (delivery == Delivery::delivered) session.activeOperation = Operation::none;
+  return CKR_OK;
+}
+
 }  // namespace tavrin

@@ -55,18 +55,6 @@ CK_RV signParts(const Call& call, Session& session) {
   return endFailed(session, call.refuse(CKR_FUNCTION_FAILED, "signHash failed ", status));
 }
 
-CK_RV deliverSignature(const Call& call, Session& session, CK_BYTE_PTR pSignature, CK_ULONG_PTR pulSignatureLen) {
-  switch (deliver(call, session.result, pSignature, pulSignatureLen)) {
-    case Delivery::tooSmall:
-      return CKR_BUFFER_TOO_SMALL;
-    case Delivery::delivered:
-      session.activeOperation = Operation::none;
-      return CKR_OK;
-    default:
-      return CKR_OK;
-  }
-}
-
 }  // namespace
 }  // namespace tavrin
 
@@ -115,7 +103,7 @@ CK_RV C_Sign(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen, 
       const CK_RV refusal = signMessage(call, session, {pData, static_cast<std::size_t>(ulDataLen)});
       if (refusal != CKR_OK) return refusal;
     }
-    return deliverSignature(call, session, pSignature, pulSignatureLen);
+    return deliverResult(call, session, pSignature, pulSignatureLen);
   });
 }
 
@@ -138,6 +126,6 @@ CK_RV C_SignFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature, CK_ULONG_P
       const CK_RV refusal = signParts(call, session);
       if (refusal != CKR_OK) return refusal;
     }
-    return deliverSignature(call, session, pSignature, pulSignatureLen);
+    return deliverResult(call, session, pSignature, pulSignatureLen);
   });
 }

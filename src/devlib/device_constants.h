@@ -51,6 +51,14 @@ constexpr const KeyTypeInfo* findKeyType(std::uint32_t code) {
   return code >= 1 && code <= std::size(keyTypes) ? &keyTypes[code - 1] : nullptr;
 }
 
+// The sizes of keys in bits.
+struct KeySizes {
+  std::uint32_t smallest;
+  std::uint32_t largest;
+};
+inline constexpr KeySizes rsaKeySizes{1024, 4096};
+inline constexpr KeySizes ecKeySizes{256, 521};
+
 // The bits of TavrinKeyPair::usage.
 inline constexpr std::uint32_t usageSign = 1U << 0;     // sign and verify
 inline constexpr std::uint32_t usageDecrypt = 1U << 1;  // encrypt and decrypt
@@ -61,6 +69,10 @@ inline constexpr std::uint8_t rsaPublicExponentBytes[] = {0x01, 0x00, 0x01};
 
 // The longest label that a token takes, in bytes. The records' fields are longer.
 inline constexpr std::size_t maximumLabelLength = 128;
+
+// The longest certificate, and the longest ID of a record, in bytes.
+inline constexpr std::size_t maximumCertificateLength = 3072;
+inline constexpr std::size_t maximumIdLength = 128;
 
 // The token's password, in bytes without its NUL.
 inline constexpr std::uint32_t minimumPinLength = 4;

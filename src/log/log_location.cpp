@@ -14,7 +14,7 @@ std::string logFolder() {
 
 std::string logFileName(const platform::LocalTime& day) {
   char name[32];
-  std::snprintf(name, sizeof name, "%04d-%02d-%02d.LOG", day.year, day.month, day.day);
+  std::snprintf(name, sizeof name, "%04d-%02d-%02d%s", day.year, day.month, day.day, logFileExtension);
   return name;
 }
 

@@ -20,7 +20,8 @@ inline constexpr char logFolderName[] = "Quorvane Telemantix";
 // folder is not created and may not exist.
 std::string logFolder();
 
-// The name of a day's log file: "2026-11-21.LOG".
+// The name of a day's log file, "2026-11-21.LOG", and its end.
+inline constexpr char logFileExtension[] = ".LOG";
 std::string logFileName(const platform::LocalTime& day);
 
 }  // namespace tavrin

@@ -1,7 +1,14 @@
-// Checks at compile time that the layouts are those that applications were compiled with.
+// Checks at compile time that the layouts are those that applications were compiled with, and that the limits of
+// records are the sizes of their fields.
 #include <cstddef>
 
+#include "devlib/device_constants.h"
+#include "devlib/device_library.h"
 #include "pkcs11.h"
+
+static_assert(sizeof(TavrinCertificate::certificate) == tavrin::maximumCertificateLength);
+static_assert(sizeof(TavrinCertificate::certId) == tavrin::maximumIdLength);
+static_assert(sizeof(TavrinKeyPair::keyId) == tavrin::maximumIdLength);
 
 #if CRYPTOKI_PACKED
 

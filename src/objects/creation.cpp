@@ -1,7 +1,7 @@
 // C_CreateObject: importing a certificate with its chain, or an RSA private key.
 #include <string>
 
-#include "devlib/device_statuses.h"
+#include "devlib/store_failure.h"
 #include "objects/ca_chain.h"
 #include "objects/object_handles.h"
 #include "objects/template_reader.h"
@@ -12,7 +12,7 @@ namespace tavrin {
 namespace {
 
 // The key type of every import request, for keys of all sizes.
-constexpr std::int32_t importedKeyType = 2;
+constexpr auto importedKeyType = static_cast<std::int32_t>(KeyType::rsa2048);
 
 // The template's values; they point into it.
 struct NewObject {

@@ -10,7 +10,7 @@
 #include <mutex>
 #endif
 
-namespace platform {
+namespace tavrin::platform {
 
 #ifdef _WIN32
 
@@ -44,4 +44,4 @@ using Condition = std::condition_variable;
 
 #endif
 
-}  // namespace platform
+}  // namespace tavrin::platform

@@ -11,7 +11,7 @@
 #include <string_view>
 #include <thread>
 
-namespace platform {
+namespace tavrin::platform {
 
 struct LocalTime {
   int year;
@@ -97,4 +97,4 @@ void atProcessExit(void (*handler)());
 // localTime() during the fork, whose lock the child would otherwise find taken. Does nothing where there is no fork.
 void aroundFork(void (*prepare)(), void (*parent)(), void (*child)());
 
-}  // namespace platform
+}  // namespace tavrin::platform

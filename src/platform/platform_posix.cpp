@@ -17,7 +17,7 @@
 
 #include "platform/platform.h"
 
-namespace platform {
+namespace tavrin::platform {
 
 namespace {
 
@@ -340,4 +340,4 @@ void aroundFork(void (*prepare)(), void (*parent)(), void (*child)()) {
   static_cast<void>(pthread_atfork(prepare, parent, child));
 }
 
-}  // namespace platform
+}  // namespace tavrin::platform

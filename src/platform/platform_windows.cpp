@@ -5,7 +5,7 @@
 #include "platform/condition.h"
 #include "platform/platform.h"
 
-namespace platform {
+namespace tavrin::platform {
 
 namespace {
 
@@ -132,4 +132,4 @@ void atProcessExit(void (*)()) {}
 
 void aroundFork(void (*)(), void (*)(), void (*)()) {}
 
-}  // namespace platform
+}  // namespace tavrin::platform

@@ -160,7 +160,8 @@ TEST_F(ObjectCreationTest, WithoutHomeCaFilesAreLookedForBesideTheProgram) {
     testPlatform::setEnvironment("TAVRIN_HOME", home);
     const Lines lines = run(create({{CKA_VALUE, leaf}}));
     EXPECT_EQ(lines[3], "- TAVRIN_HOME not set \xE2\x80\x94 Using Windows defaults");
-    EXPECT_EQ(lines[4], "- CA Folder: " + fs::path(platform::programPath()).parent_path().string() + folder.substr(4));
+    EXPECT_EQ(lines[4],
+              "- CA Folder: " + fs::path(tavrin::platform::programPath()).parent_path().string() + folder.substr(4));
   }
   testPlatform::setEnvironment("TAVRIN_HOME", "home");
 }

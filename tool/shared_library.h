@@ -1,4 +1,4 @@
-// Shared libraries as an application loads them. module_file_posix.cpp and module_file_windows.cpp hold the same
+// Shared libraries as an application loads them. shared_library_posix.cpp and shared_library_windows.cpp hold the same
 // functions in the same order.
 #pragma once
 

@@ -1,5 +1,5 @@
-// The module's file beside this library, and memory that is not written to disk: what this library asks of the system
-// beyond src/platform. One implementation a platform.
+// What the standard module asks of the system beyond src/platform: the module in the folder of this library, and memory
+// that is not written to disk. One implementation for each platform.
 #pragma once
 
 #include <cstddef>

@@ -7,7 +7,7 @@
 
 #include "softtoken/failure.h"
 #include "softtoken/platform.h"
-#include "tool/module_file.h"
+#include "tool/shared_library.h"
 
 namespace tool {
 namespace {

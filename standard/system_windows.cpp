@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "standard/module_file.h"
+#include "standard/system.h"
 
 namespace tavrin::standard {
 namespace {
