@@ -7,13 +7,11 @@
 #include <string_view>
 #include <vector>
 
-#include "devlib/byte_view.h"
 #include "softtoken/platform.h"
 
 namespace softtoken {
 
 using Bytes = std::vector<std::uint8_t>;
-using tavrin::ByteView;
 
 template <class Value>
 struct WipingAllocator {

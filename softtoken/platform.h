@@ -13,7 +13,11 @@
 #include <string_view>
 #include <vector>
 
+#include "devlib/byte_view.h"
+
 namespace softtoken {
+
+using tavrin::ByteView;
 
 // Overwrites memory; the compiler does not remove the call.
 void wipe(void* block, std::size_t size) noexcept;
@@ -40,7 +44,7 @@ std::optional<std::vector<std::uint8_t>> readFile(const std::filesystem::path& f
 
 // Writes a file that nobody reads yet and syncs its content to the disk. Overwrites an existing file. On failure the
 // file is removed.
-void writeFile(const std::filesystem::path& file, std::span<const std::uint8_t> content);
+void writeFile(const std::filesystem::path& file, ByteView content);
 
 // Renames `fresh` to `file`, which it replaces atomically, gives it a stamp that `file` has not had, and syncs the
 // folder. A reader, or a process started after a crash, sees either the old or the new content. Needs no free disk

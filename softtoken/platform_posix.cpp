@@ -67,7 +67,7 @@ std::int64_t timeForNext(const fs::path& file) {
   return old && old->time >= time ? old->time + 1 : time;
 }
 
-bool writeAll(int descriptor, std::span<const std::uint8_t> content) {
+bool writeAll(int descriptor, ByteView content) {
   while (!content.empty()) {
     const ssize_t written = ::write(descriptor, content.data(), content.size());
     if (written < 0 && errno == EINTR) continue;
@@ -137,7 +137,7 @@ std::optional<std::vector<std::uint8_t>> readFile(const fs::path& file, std::siz
   return content;
 }
 
-void writeFile(const fs::path& file, std::span<const std::uint8_t> content) {
+void writeFile(const fs::path& file, ByteView content) {
   const Descriptor out(file, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW);
   if (!out) fail("cannot make", file);
   if (writeAll(out.number(), content) && ::fsync(out.number()) == 0) return;

@@ -138,7 +138,7 @@ std::optional<std::vector<std::uint8_t>> readFile(const fs::path& file, std::siz
   return content;
 }
 
-void writeFile(const fs::path& file, std::span<const std::uint8_t> content) {
+void writeFile(const fs::path& file, ByteView content) {
   DWORD error = ERROR_SUCCESS;
   {
     const Handle out(file, GENERIC_WRITE, CREATE_ALWAYS);

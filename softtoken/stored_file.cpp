@@ -6,7 +6,7 @@ namespace softtoken {
 
 namespace fs = std::filesystem;
 
-void replaceFile(const fs::path& file, std::span<const std::uint8_t> content) {
+void replaceFile(const fs::path& file, ByteView content) {
   const fs::path fresh = withSuffix(file, ".new");
   writeFile(fresh, content);
   try {

@@ -182,7 +182,7 @@ UnlockedState Token::openInFileLock(Role role, std::string_view password) {
 
 void Token::setUserPassword(Role authority, std::string_view password, std::string_view newPassword, int& triesLeft) {
   triesLeft = static_cast<int>(tries().of(authority));
-  requireGoodPassword(newPassword);
+  requireValidPassword(newPassword);
   require(!password.empty(), "the password is empty");
   const FileLock alone(lockFile_);
   const UnlockedState unlocked = loginInFileLock(authority, password, triesLeft);
@@ -260,7 +260,7 @@ void Token::rememberRefused(const TokenState& state, std::string_view password) 
   refused_.push_back(mac);
 }
 
-void requireGoodPassword(std::string_view password) {
+void requireValidPassword(std::string_view password) {
   require(password.size() >= tavrin::minimumPinLength && password.size() <= tavrin::maximumPinLength &&
               password.find('\0') == std::string_view::npos,
           "a password has 4 to 63 bytes");

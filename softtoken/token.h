@@ -102,6 +102,6 @@ class Token {
 };
 
 // The rule for new passwords: 4 to 63 bytes, none of them NUL. Throws badArgument.
-void requireGoodPassword(std::string_view password);
+void requireValidPassword(std::string_view password);
 
 }  // namespace softtoken

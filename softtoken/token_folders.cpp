@@ -46,7 +46,7 @@ bool isWindowsDevice(std::string_view name) {
 }
 
 // A name must be valid in the file systems of both platforms.
-void requireGoodName(const std::string& name) {
+void requireValidName(const std::string& name) {
   require(!name.empty() && name.size() <= maxName, "a token's name has 1 to 64 bytes");
   require(name[0] != '.' && name.back() != '.' && name[0] != ' ' && name.back() != ' ',
           "a token's name does not begin with a dot or blank, nor end with one");
@@ -138,8 +138,8 @@ std::vector<fs::path> tokenFolders(const fs::path& root) {
   return folders;
 }
 
-void requireGood(const NewToken& token) {
-  requireGoodName(token.name);
+void requireValid(const NewToken& token) {
+  requireValidName(token.name);
   require(!token.label.empty() && token.label.size() <= maxLabel && !hasControl(token.label),
           "a label has 1 to 64 bytes and no control characters");
   require(token.firmware.size() <= maxFirmware && token.firmware.find_first_not_of("0123456789.") == std::string::npos,
@@ -148,9 +148,9 @@ void requireGood(const NewToken& token) {
 }
 
 void createToken(const NewToken& token, std::string_view userPassword, std::string_view officerPassword) {
-  requireGood(token);
-  requireGoodPassword(userPassword);
-  requireGoodPassword(officerPassword);
+  requireValid(token);
+  requireValidPassword(userPassword);
+  requireValidPassword(officerPassword);
   requireNoSuchToken(token.name);
 
   TokenState state;
@@ -185,14 +185,14 @@ std::vector<TokenSummary> allTokens() {
 }
 
 fs::path folderOfToken(const std::string& name) {
-  requireGoodName(name);
+  requireValidName(name);
   for (const fs::path& folder : {pluggedPath(name), unpluggedPath(name)})
     if (fs::is_directory(folder)) return folder;
   throw Failure(Status::notFound, "there is no token named " + name);
 }
 
 bool tokenExists(const std::string& name) {
-  requireGoodName(name);
+  requireValidName(name);
   return fs::is_directory(pluggedPath(name)) || fs::is_directory(unpluggedPath(name));
 }
 

@@ -18,7 +18,7 @@ struct NewToken {
 };
 
 // Throws badArgument, with the reason, for what no token can have.
-void requireGood(const NewToken& token);
+void requireValid(const NewToken& token);
 
 // Makes a connected token and syncs it to the disk. Throws badArgument also when the name is taken or a password breaks
 // the rule. On failure no part of the token remains.

@@ -37,8 +37,8 @@ struct TokenState {
   std::uint32_t lastCertificateId = 0;
   PasswordLock user;
   PasswordLock securityOfficer;
-  std::vector<TavrinKeyPair> keyPairs;
-  std::vector<Bytes> privateKeys;  // of the key pairs, in the same order; sealed under the master key
+  std::vector<TavrinKeyPair> keyPairs;  // callers of the listing operation get this vector itself
+  std::vector<Bytes> privateKeys;       // so the private keys are here, in the same order; sealed under the master key
   std::vector<TavrinCertificate> certificates;
   std::optional<FileProof> proof;  // of the file that was decoded; empty for files of the first format
 

@@ -38,11 +38,11 @@ std::size_t distanceBetween(std::string_view left, std::string_view right) {
 // The candidate that is most similar to the word; empty when none is similar.
 std::string nearest(const std::string& word, const std::vector<std::string>& candidates) {
   std::string best;
-  std::size_t least = std::max<std::size_t>(2, word.size() / 3) + 1;
+  std::size_t smallest = std::max<std::size_t>(2, word.size() / 3) + 1;
   for (const std::string& candidate : candidates) {
     const std::size_t distance = candidate.starts_with(word) ? 1 : distanceBetween(word, candidate);
-    if (distance >= least) continue;
-    least = distance;
+    if (distance >= smallest) continue;
+    smallest = distance;
     best = candidate;
   }
   return best;
@@ -176,8 +176,8 @@ void Command::requiredArgument(const std::string& name, std::string& value, cons
   addOption(*app_, name, value, description).required();
 }
 
-void Command::argument(const std::string& name, int& value, int most, const std::string& description) const {
-  addOption(*app_, name, value, description).check(CLI::Range(0, most));
+void Command::argument(const std::string& name, int& value, int maximum, const std::string& description) const {
+  addOption(*app_, name, value, description).check(CLI::Range(0, maximum));
 }
 
 void Command::flag(const std::string& name, bool& value, const std::string& description) const {

@@ -61,8 +61,8 @@ class Command {
 
   void argument(const std::string& name, std::string& value, const std::string& description) const;
   void requiredArgument(const std::string& name, std::string& value, const std::string& description) const;
-  // Accepts numbers from 0 to `most`.
-  void argument(const std::string& name, int& value, int most, const std::string& description) const;
+  // Accepts numbers from 0 to `maximum`.
+  void argument(const std::string& name, int& value, int maximum, const std::string& description) const;
 
   void flag(const std::string& name, bool& value, const std::string& description) const;
   void option(const std::string& name, std::string& value, const std::string& description,

@@ -15,7 +15,7 @@ using softtoken::Failure;
 using softtoken::SecretBytes;
 using softtoken::Status;
 
-constexpr int mostIterations = 10'000'000;
+constexpr int maxIterations = 10'000'000;
 
 // Contents of object identifiers.
 constexpr std::uint8_t data[] = {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x07, 0x01};
@@ -63,7 +63,7 @@ int codeOf(const Algorithm (&rows)[size], ByteView identifier) {
 
 int iterationsIn(DerFields& fields) {
   const int count = fields.smallNumber();
-  if (count < 1 || count > mostIterations)
+  if (count < 1 || count > maxIterations)
     throw Failure(Status::badArgument, "the file's password protection has an iteration count out of range");
   return count;
 }
