@@ -106,10 +106,10 @@ authority Middle -CA Root.pem -CAkey Root.key && openssl x509 -in Middle.pem -ou
 echo "no certificate" >$cas/broken.crt
 makeKey
 certify Good Middle 200
-run $client "$(native "$E2E_FOLDER/Good.der")" "$keyId"
+run $client "$(native "$E2E_FOLDER/Good.der")" "$keyId" "my certificate"
 tool 0 token show anna
 sed -n 's/  */ /g; /^certificate/p' out | diff - <(
-  printf 'certificate %s\n' '1 CN=Root,C=IN Root' '2 CN=Middle,C=IN Middle' "3 CN=Good,C=IN $keyId"
+  printf 'certificate %s\n' '1 CN=Root,C=IN Root' '2 CN=Middle,C=IN Middle' "3 CN=Good,C=IN my certificate $keyId"
 ) || fail "another chain: $(cat out)"
 
 # A key whose certificates have a whole chain, end soon, have ended, and have no chain.
