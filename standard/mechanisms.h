@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <span>
 
+#include "devlib/device_constants.h"
 #include "standard/cryptoki.h"
 
 namespace tavrin::standard {
