@@ -149,16 +149,8 @@ Role roleOf(int kind) {
 Bytes copyOf(ByteView bytes) { return {bytes.begin(), bytes.end()}; }
 
 std::uint32_t bitsOf(EncryptionType type) {
-  switch (type) {
-    case EncryptionType::rsa1024:
-      return 1024;
-    case EncryptionType::rsa2048:
-      return 2048;
-    case EncryptionType::rsa3072:
-      return 3072;
-    case EncryptionType::rsa4096:
-      return 4096;
-  }
+  for (const tavrin::KeyTypeInfo& row : tavrin::keyTypes)
+    if (row.algorithm == tavrin::KeyAlgorithm::rsa && EncryptionType{row.encryption} == type) return row.bits;
   throw Failure(Status::badArgument, "unknown type of encryption");
 }
 

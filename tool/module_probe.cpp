@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "devlib/device_constants.h"
 #include "log/log_location.h"
 #include "softtoken/failure.h"
 #include "softtoken/token_folders.h"
@@ -28,20 +29,21 @@ Bytes pointIn(const Bytes& octetString) {
   return {octetString.begin() + static_cast<std::ptrdiff_t>(header), octetString.end()};
 }
 
-// An uncompressed point is a byte and two coordinates.
-std::string curveOf(const Bytes& point) {
-  const std::size_t coordinate = point.size() / 2;
-  return coordinate == 66 ? "P-521" : "P-" + std::to_string(8 * coordinate);
+// The name of the type of a key whose modulus or coordinate has this many bytes.
+std::string typeName(tavrin::KeyAlgorithm algorithm, std::size_t bytes) {
+  for (const tavrin::KeyTypeInfo& row : tavrin::keyTypes)
+    if (row.algorithm == algorithm && (row.bits + 7) / 8 == bytes) return row.name;
+  return (algorithm == tavrin::KeyAlgorithm::rsa ? "RSA " : "EC ") + std::to_string(8 * bytes);
 }
 
 PublicKey readKey(const Session& session, CK_OBJECT_HANDLE object) {
   PublicKey key{{}, session.text(object, CKA_LABEL), session.bytes(object, CKA_ID), {}};
   if (session.number(object, CKA_KEY_TYPE) == CKK_RSA) {
     key.value = session.bytes(object, CKA_MODULUS);
-    key.type = "RSA " + std::to_string(8 * key.value.size());
+    key.type = typeName(tavrin::KeyAlgorithm::rsa, key.value.size());
   } else {
     key.value = pointIn(session.bytes(object, CKA_EC_POINT));
-    key.type = curveOf(key.value);
+    key.type = typeName(tavrin::KeyAlgorithm::ec, key.value.size() / 2);  // a point is a byte and two coordinates
   }
   return key;
 }

@@ -13,17 +13,10 @@ namespace {
 // The longest ciphertext is that of RSA 4096, with 512 bytes.
 constexpr std::size_t ciphertextBufferSize = 1024;
 
+// All other keys are used as RSA 2048.
 EncryptionType encryptionType(std::uint32_t keyType) {
-  switch (static_cast<KeyType>(keyType)) {
-    case KeyType::rsa1024:
-      return EncryptionType::rsa1024;
-    case KeyType::rsa3072:
-      return EncryptionType::rsa3072;
-    case KeyType::rsa4096:
-      return EncryptionType::rsa4096;
-    default:
-      return EncryptionType::rsa2048;
-  }
+  const KeyTypeInfo* row = findKeyType(keyType);
+  return row && row->algorithm == KeyAlgorithm::rsa ? EncryptionType{row->encryption} : EncryptionType::rsa2048;
 }
 
 PaddingMode paddingMode(CK_MECHANISM_TYPE mechanism) {
