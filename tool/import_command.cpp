@@ -216,9 +216,10 @@ class Import {
     attributes.add(CKA_ID, id);
     CK_RV result = CKR_OK;
     attributes.create(functions_, session_, result);
-    if (result == CKR_DATA_LEN_RANGE)
-      throw Failure(Status::badArgument, "the certificate of " + name + " is longer than " +
-                                             std::to_string(tavrin::maximumCertificateLength) + " bytes");
+    if (result == CKR_DATA_LEN_RANGE) {
+      const std::string longest = std::to_string(tavrin::maximumCertificateLength);
+      throw Failure(Status::badArgument, "the certificate of " + name + " is longer than " + longest + " bytes");
+    }
     requireStored(result, "the certificate of " + name);
     std::cout << "wrote the certificate of \"" << printable(name) << '"' << (id.empty() ? "" : ", id " + hexOf(id))
               << '\n';

@@ -27,8 +27,8 @@ struct KeyTypeInfo {
   KeyType type;
   KeyAlgorithm algorithm;
   std::uint32_t bits;  // of the RSA modulus, or of the curve
-  const char* name;    // for people
   int encryption;      // the EncryptionType of such keys; 0 for EC
+  const char* name;    // for people
   ByteView curve;      // the curve's object identifier in DER, with tag and length; empty for RSA
 };
 
@@ -37,13 +37,13 @@ inline constexpr std::uint8_t oidP384[] = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0
 inline constexpr std::uint8_t oidP521[] = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x23};
 
 // In the order of their codes, which begin with 1.
-inline constexpr KeyTypeInfo keyTypes[] = {{KeyType::rsa1024, KeyAlgorithm::rsa, 1024, "RSA 1024", 7, {}},
-                                           {KeyType::rsa2048, KeyAlgorithm::rsa, 2048, "RSA 2048", 8, {}},
-                                           {KeyType::rsa3072, KeyAlgorithm::rsa, 3072, "RSA 3072", 9, {}},
-                                           {KeyType::rsa4096, KeyAlgorithm::rsa, 4096, "RSA 4096", 10, {}},
-                                           {KeyType::ecP256, KeyAlgorithm::ec, 256, "P-256", 0, oidP256},
-                                           {KeyType::ecP384, KeyAlgorithm::ec, 384, "P-384", 0, oidP384},
-                                           {KeyType::ecP521, KeyAlgorithm::ec, 521, "P-521", 0, oidP521}};
+inline constexpr KeyTypeInfo keyTypes[] = {{KeyType::rsa1024, KeyAlgorithm::rsa, 1024, 7, "RSA 1024", {}},
+                                           {KeyType::rsa2048, KeyAlgorithm::rsa, 2048, 8, "RSA 2048", {}},
+                                           {KeyType::rsa3072, KeyAlgorithm::rsa, 3072, 9, "RSA 3072", {}},
+                                           {KeyType::rsa4096, KeyAlgorithm::rsa, 4096, 10, "RSA 4096", {}},
+                                           {KeyType::ecP256, KeyAlgorithm::ec, 256, 0, "P-256", oidP256},
+                                           {KeyType::ecP384, KeyAlgorithm::ec, 384, 0, "P-384", oidP384},
+                                           {KeyType::ecP521, KeyAlgorithm::ec, 521, 0, "P-521", oidP521}};
 
 constexpr std::uint32_t codeOf(KeyType type) { return static_cast<std::uint32_t>(type); }
 
