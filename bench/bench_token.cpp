@@ -125,7 +125,6 @@ void setKeyPairCount(std::size_t count) {
   const softtoken::TokenState& own = ownKeyPairs();
   changeToken([&](softtoken::TokenState& state) {
     state.keyPairs.assign(count, own.keyPairs.back());
-    state.privateKeys.assign(count, own.privateKeys.back());
     for (std::size_t i = 0; i < count; ++i) {
       state.keyPairs[i].id = static_cast<std::uint32_t>(i + 1);
       for (std::size_t byte = 0; byte < 2; ++byte) {
@@ -137,10 +136,7 @@ void setKeyPairCount(std::size_t count) {
 
 void restoreKeyPairs() {
   const softtoken::TokenState& own = ownKeyPairs();
-  changeToken([&](softtoken::TokenState& state) {
-    state.keyPairs = own.keyPairs;
-    state.privateKeys = own.privateKeys;
-  });
+  changeToken([&](softtoken::TokenState& state) { state.keyPairs = own.keyPairs; });
 }
 
 CK_SESSION_HANDLE session() {

@@ -22,10 +22,10 @@ bool accepted(Body body) {
 void use(TokenState& state) {
   const Bytes digest(32);
   if (!state.keyPairs.empty()) {
-    const TavrinKeyPair& pair = state.keyPairs.front();
+    const StoredKeyPair& pair = state.keyPairs.front();
     const ByteView publicKey = ByteView(pair.publicKey).first(pair.publicKeyLength);
     const Bytes signature(isRsa(pair.keyType) ? publicKey.size() : 64, 1);
-    requireThat(indexOfKeyPair(state, pair.recordId) == 0 && !unseal(digest, state.privateKeys[0], {}));
+    requireThat(indexOfKeyPair(state, pair.recordId) == 0 && !unseal(digest, pair.sealedPrivateKey, {}));
     requireThat(!accepted([&] { verifyWith(pair.keyType, publicKey, digest, signature, false); }));
   }
   TavrinKeyPair added{};

@@ -84,10 +84,9 @@ KeyMaterial openKey(LibraryState& library, const char* device, const std::uint8_
   require(recordId != nullptr, "no record is named");
   const UnlockedToken token = unlockToken(library, device, password);
   const TokenState& state = token.state();
-  const std::size_t index = indexOfKeyPair(state, recordId);
-  const TavrinKeyPair& pair = state.keyPairs[index];
+  const StoredKeyPair& pair = state.keyPairs[indexOfKeyPair(state, recordId)];
   std::optional<SecretBytes> privateKey =
-      unseal(token.masterKey(), state.privateKeys[index], privateKeyContext(state, pair));
+      unseal(token.masterKey(), pair.sealedPrivateKey, privateKeyContext(state, pair));
   if (!privateKey) throw Failure(Status::deviceFault, "a private key is damaged");
   const ByteView publicKey = ByteView(pair.publicKey).first(pair.publicKeyLength);
   return {pair.keyType, {publicKey.begin(), publicKey.end()}, std::move(*privateKey)};
@@ -205,8 +204,13 @@ bool tavrin_changeUserPassword(const char* device, const char* oldPassword, cons
 }
 
 const std::vector<TavrinKeyPair>& tavrin_getKeyPairList(const char* device, void*) {
-  const auto* list = resultOf<const std::vector<TavrinKeyPair>*>(
-      [&](LibraryState& library) { return &library.listedKeyPairs.keep(findToken(library, device).state)->keyPairs; });
+  const auto* list = resultOf<const std::vector<TavrinKeyPair>*>([&](LibraryState& library) {
+    const std::shared_ptr<const TokenState> state = findToken(library, device).state;
+    const ListedKeyPairs& kept = library.listedKeyPairs.change([&](ListedKeyPairs& listed) {
+      if (listed.state != state) listed = {state, {state->keyPairs.begin(), state->keyPairs.end()}};
+    });
+    return &kept.records;
+  });
   return list ? *list : emptyList<TavrinKeyPair>();
 }
 

@@ -12,13 +12,19 @@
 
 namespace softtoken {
 
+// The key pairs that a listing has returned, and the state that they are of.
+struct ListedKeyPairs {
+  std::shared_ptr<const TokenState> state;
+  std::vector<TavrinKeyPair> records;
+};
+
 class LibraryState {
  public:
   static LibraryState& get();
 
   TokenDirectory tokens;
   HashContexts hashes;
-  PerThread<std::shared_ptr<const TokenState>> listedKeyPairs;
+  PerThread<ListedKeyPairs> listedKeyPairs;
   PerThread<std::shared_ptr<const TokenState>> listedCertificates;
   PerThread<SecretBytes> plaintexts;
   PerThread<SecretBytes> secrets;

@@ -13,9 +13,15 @@ class PerThread {
  public:
   // Replaces the calling thread's value; the reference stays valid until the next keep() of this thread or clear().
   Value& keep(Value value) {
+    return change([&](Value& kept) { kept = std::move(value); });
+  }
+
+  // Lets `change(value)` change the calling thread's value. The reference is as that of keep().
+  template <class Change>
+  Value& change(Change&& change) {
     const std::lock_guard guard(mutex_);
     Value& kept = values_[std::this_thread::get_id()];
-    kept = std::move(value);
+    change(kept);
     return kept;
   }
 

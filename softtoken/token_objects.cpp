@@ -54,8 +54,7 @@ void requireRoom(const TokenState& state) {
 void addKeyPair(TokenState& state, TavrinKeyPair& pair, Bytes privateKey) {
   requireRoom(state);
   pair.id = nextId(state.keyPairs, state.lastKeyPairId);
-  state.keyPairs.push_back(pair);
-  state.privateKeys.push_back(std::move(privateKey));
+  state.keyPairs.push_back({pair, std::move(privateKey)});
 }
 
 void addCertificate(TokenState& state, TavrinCertificate& certificate) {
@@ -77,9 +76,7 @@ void addCertificate(TokenState& state, TavrinCertificate& certificate) {
 }
 
 void removeKeyPair(TokenState& state, const std::uint8_t* recordId) {
-  const std::size_t index = indexOfKeyPair(state, recordId);
-  eraseAt(state.keyPairs, index);
-  eraseAt(state.privateKeys, index);
+  eraseAt(state.keyPairs, indexOfKeyPair(state, recordId));
 }
 
 void removeCertificate(TokenState& state, const std::uint8_t* recordId) {

@@ -97,7 +97,7 @@ PasswordLock readLock(Reader& reader) {
   return lock;
 }
 
-void writeKeyPair(Writer<>& writer, const TavrinKeyPair& pair, const Bytes& privateKey) {
+void writeKeyPair(Writer<>& writer, const StoredKeyPair& pair) {
   writer.number(pair.id);
   writer.raw(pair.recordId);
   writer.field(ByteView(pair.publicKey).first(pair.publicKeyLength));
@@ -105,11 +105,11 @@ void writeKeyPair(Writer<>& writer, const TavrinKeyPair& pair, const Bytes& priv
   writer.field(textIn(pair.label));
   writer.number(pair.usage);
   writer.number(pair.keyType);
-  writer.field(privateKey);
+  writer.field(pair.sealedPrivateKey);
 }
 
-TavrinKeyPair readKeyPair(Reader& reader) {
-  TavrinKeyPair pair{};
+StoredKeyPair readKeyPair(Reader& reader) {
+  StoredKeyPair pair{};
   pair.id = reader.number(1, largestId);
   std::ranges::copy(reader.raw(sizeof pair.recordId), pair.recordId);
   pair.publicKeyLength = readInto(pair.publicKey, reader);
@@ -118,6 +118,7 @@ TavrinKeyPair readKeyPair(Reader& reader) {
   pair.usage = reader.number();
   pair.keyType = reader.number();
   if (!tavrin::findKeyType(pair.keyType)) failDamaged();
+  pair.sealedPrivateKey = reader.bytes(longestSealedKey);
   return pair;
 }
 
@@ -149,7 +150,7 @@ Bytes encodeTokenState(const TokenState& state, ByteView masterKey) {
   writeLock(writer, state.user);
   writeLock(writer, state.securityOfficer);
   writer.number(static_cast<std::uint32_t>(state.keyPairs.size()));
-  for (std::size_t i = 0; i < state.keyPairs.size(); ++i) writeKeyPair(writer, state.keyPairs[i], state.privateKeys[i]);
+  for (const StoredKeyPair& pair : state.keyPairs) writeKeyPair(writer, pair);
   writer.number(static_cast<std::uint32_t>(state.certificates.size()));
   for (const TavrinCertificate& certificate : state.certificates) writeCertificate(writer, certificate);
   writer.raw(macOf(sha256(writer.content()), masterKey));
@@ -180,10 +181,8 @@ TokenState decodeTokenState(ByteView file) {
   state.lastCertificateId = reader.number(0, largestId);
   state.user = readLock(reader);
   state.securityOfficer = readLock(reader);
-  for (std::uint32_t left = reader.number(0, largestId); left > 0; --left) {
+  for (std::uint32_t left = reader.number(0, largestId); left > 0; --left)
     state.keyPairs.push_back(readKeyPair(reader));
-    state.privateKeys.push_back(reader.bytes(longestSealedKey));
-  }
   for (std::uint32_t left = reader.number(0, largestId); left > 0; --left)
     state.certificates.push_back(readCertificate(reader));
   reader.end();

@@ -28,6 +28,11 @@ struct FileProof {
   Digest256 mac;
 };
 
+// The record of a key pair, with its private key.
+struct StoredKeyPair : TavrinKeyPair {
+  Bytes sealedPrivateKey;  // under the master key
+};
+
 struct TokenState {
   std::string serial;
   std::string label;
@@ -37,8 +42,7 @@ struct TokenState {
   std::uint32_t lastCertificateId = 0;
   PasswordLock user;
   PasswordLock securityOfficer;
-  std::vector<TavrinKeyPair> keyPairs;  // callers of the listing operation get this vector itself
-  std::vector<Bytes> privateKeys;       // so the private keys are here, in the same order; sealed under the master key
+  std::vector<StoredKeyPair> keyPairs;
   std::vector<TavrinCertificate> certificates;
   std::optional<FileProof> proof;  // of the file that was decoded; empty for files of the first format
 

@@ -326,10 +326,9 @@ class SecretsTest : public testing::Test {
     search_.add("master key", masterKey);
     search_.add("password's key", softtoken::scrypt(softtoken::viewOf(password), state->user.salt, state->user.cost));
     ASSERT_EQ(state->keyPairs.size(), 3u);
-    for (std::size_t i = 0; i < 3; ++i) {
-      const TavrinKeyPair& pair = state->keyPairs[i];
+    for (const softtoken::StoredKeyPair& pair : state->keyPairs) {
       const softtoken::KeyMaterial key{
-          pair.keyType, {}, unseal(masterKey, state->privateKeys[i], privateKeyContext(*state, pair)).value()};
+          pair.keyType, {}, unseal(masterKey, pair.sealedPrivateKey, privateKeyContext(*state, pair)).value()};
       if (softtoken::isRsa(key.keyType)) {
         softtoken::Reader reader(key.privateKey);
         for (const char* part : {" exponent", " prime 1", " prime 2", " coefficient"})

@@ -119,9 +119,8 @@ class CrashTest : public SoftTokenTest {
     softtoken::Token token = otherProcess();
     Things found;
     const auto state = token.state();
-    for (std::size_t i = 0; i < state->keyPairs.size(); ++i) {
-      const TavrinKeyPair& pair = state->keyPairs[i];
-      EXPECT_TRUE(unseal(masterKey_, state->privateKeys[i], privateKeyContext(*state, pair))) << pair.label;
+    for (const softtoken::StoredKeyPair& pair : state->keyPairs) {
+      EXPECT_TRUE(unseal(masterKey_, pair.sealedPrivateKey, privateKeyContext(*state, pair))) << pair.label;
       found.insert(pair.label);
     }
     EXPECT_EQ(found.size(), state->objectCount()) << "an object twice";
