@@ -233,8 +233,7 @@ CK_RV C_CopyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ATTR
   });
 }
 
-// Destroying a public key hides it. After its private key is destroyed, a public key stays readable until it is
-// destroyed.
+// Destroying a public key hides it. After its private key is destroyed, it stays readable until it is destroyed too.
 CK_RV C_DestroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject) {
   return sessionCall("C_DestroyObject", hSession, [&](const Call&, State& state, Session& session) -> CK_RV {
     ModuleLock module(state);

@@ -22,8 +22,7 @@ void checkCurve(ByteView curve) {
   throw Refusal(isName ? CKR_CURVE_NOT_SUPPORTED : CKR_DOMAIN_PARAMS_INVALID, "not a curve of the token");
 }
 
-// Both halves of a pair have one usage. Without any attribute for it the key may be used for everything that its type
-// can do.
+// Both halves of a pair have one usage. Without any attribute for it, the key has all uses of its type.
 void readUsage(Attributes& request, bool isRsa, const Template& publicPart, const Template& privatePart) {
   // The attribute of the public half counts only where the private template lacks its own.
   const auto wantedUse = [&](CK_ATTRIBUTE_TYPE privateUse, CK_ATTRIBUTE_TYPE publicUse, bool otherwise) {

@@ -1,5 +1,6 @@
 #include "standard/sessions.h"
 
+#include <algorithm>
 #include <atomic>
 
 #include "standard/module_calls.h"
@@ -52,6 +53,12 @@ std::vector<std::shared_ptr<Session>> SessionTable::all() const {
   return result;
 }
 
+bool SessionTable::hasAny(const Token& token) const {
+  const std::lock_guard guard(mutex_);
+  return std::ranges::any_of(
+      sessions_, [&](const auto& entry) { return &entry.second->token == &token && entry.second->isAlive(); });
+}
+
 void closeSession(State& state, Session& session) {
   {
     const std::lock_guard guard(session.mutex);
@@ -68,9 +75,7 @@ void closeSession(State& state, Session& session) {
   if (!session.isAlive()) return;
   ModuleLock module(state);
   endSessionObjects(module, session.token, session.handle);
-  if (session.token.login != Login::none && state.sessions.ofToken(session.token).empty()) {
-    endLogin(module, session.token);
-  }
+  if (session.token.login != Login::none && !state.sessions.hasAny(session.token)) endLogin(module, session.token);
 }
 
 }  // namespace tavrin::standard

@@ -41,6 +41,7 @@ class SessionTable {
   std::shared_ptr<Session> find(CK_SESSION_HANDLE handle) const;
   void remove(CK_SESSION_HANDLE handle);
   std::vector<std::shared_ptr<Session>> ofToken(const Token& token) const;
+  bool hasAny(const Token& token) const;
   std::vector<std::shared_ptr<Session>> all() const;
 
  private:
