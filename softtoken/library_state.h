@@ -12,7 +12,7 @@
 
 namespace softtoken {
 
-// The key pairs that a listing has returned, and the state that they are of.
+// The records that a listing has returned, and the state from which they were copied.
 struct ListedKeyPairs {
   std::shared_ptr<const TokenState> state;
   std::vector<TavrinKeyPair> records;

@@ -16,7 +16,7 @@ class PerThread {
     return change([&](Value& kept) { kept = std::move(value); });
   }
 
-  // Lets `change(value)` change the calling thread's value. The reference is as that of keep().
+  // Lets `change(value)` change the calling thread's value. The reference is valid as long as that of keep().
   template <class Change>
   Value& change(Change&& change) {
     const std::lock_guard guard(mutex_);

@@ -115,7 +115,7 @@ std::shared_ptr<Object> createPublicKey(ModuleLock& module, const Session& sessi
   return addSessionObject(module, session, std::move(made));
 }
 
-// The token keeps no data objects.
+// The token keeps no data objects, so they are made in this library alone.
 std::shared_ptr<Object> createData(ModuleLock& module, const Session& session, const Template& given) {
   given.mustBeOf(dataObject);
   given.mustNotContradict(CKA_TOKEN, false);
@@ -233,7 +233,7 @@ CK_RV C_CopyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ATTR
   });
 }
 
-// Destroying a public key hides it. After its private key is destroyed, it stays readable until it is destroyed too.
+// Destroying a public key hides it. One whose private key was destroyed stays readable until it is destroyed too.
 CK_RV C_DestroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject) {
   return sessionCall("C_DestroyObject", hSession, [&](const Call&, State& state, Session& session) -> CK_RV {
     ModuleLock module(state);

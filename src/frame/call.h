@@ -10,7 +10,7 @@
 
 namespace tavrin {
 
-// Whether calls write their debug line. Each of the two libraries has its own answer.
+// Whether calls write their debug line. The module reads the level at every call, the standard module less often.
 bool wantsCallLines() noexcept;
 
 // One call of an exported function.

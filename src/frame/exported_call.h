@@ -32,8 +32,7 @@ struct Session;
 std::shared_ptr<const TokenInfo> findSlot(CK_SLOT_ID slotID);
 std::shared_ptr<Session> findSession(CK_SESSION_HANDLE handle);
 
-// What a frame logs when it refuses a call. C_DestroyObject and C_DeriveKey log less than the other functions; tools
-// that read logs depend on it.
+// What a frame logs when it refuses a call. C_DestroyObject and C_DeriveKey log less than the other functions.
 enum class RefusalLines {
   errors,                  // an error line for each refusal
   debugForUnknownSession,  // the same, but the debug line of C_DestroyObject for an unknown session
