@@ -305,7 +305,7 @@ class Walk {
     if (code == CKR_OK) session->active.insert(search);
   }
 
-  // A search for everything on a token that is as it came.
+  // Searches for all objects of a token that no call has changed.
   void readAll(CK_SESSION_HANDLE handle, const ModelSession& session) {
     if (session.token->changed || session.active.contains(search)) return;
     CK_OBJECT_HANDLE objects[8];

@@ -162,8 +162,8 @@ inline std::pair<Operation, CK_RV> makeInitCall(FuzzInput& input, CK_SESSION_HAN
 
 enum Part { whole, update, final };
 
-// A call that proceeds with an operation, mostly one that its session has. Its data and the room for its result are as
-// large as they say.
+// A call that continues an operation, mostly an active one of its session. The memory of its data and of its result has
+// at least the length that is passed.
 struct DataCall {
   const char* name;
   Operation operation;

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds the benchmarks and prints one table that compares each kind of call through the module with the device library alone.
-# Arguments go to Google Benchmark, for example --benchmark_filter=sign.
+# Builds the benchmarks and prints one table. It compares calls through the module with the device library alone, and calls
+# through the standard module with the module. Arguments go to Google Benchmark, for example --benchmark_filter=sign.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 cmake --preset linux -DTAVRIN_BUILD_BENCHMARKS=ON >/dev/null

@@ -12,7 +12,7 @@ packages=(
   libcli11-dev nlohmann-json3-dev                                    # tavrin-tool
   libgcrypt-mingw-w64-dev libksba-mingw-w64-dev libgpg-error-mingw-w64-dev
   googletest libbenchmark-dev                                        # the tests and the benchmarks
-  softhsm2                                                           # the token that proves the tables of tests/standard
+  softhsm2                                                           # the other library that tests/standard tests
   opensc gnutls-bin openssl jq                                       # independent clients and an independent check
   clang-14 libclang-rt-14-dev                                  # the fuzz targets
   clang-format clang-tidy git util-linux
@@ -27,7 +27,7 @@ if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then
   exit 0
 fi
 
-# A line of packages.txt is a package, and a command if any other package with that command will do.
+# A line of packages.txt names a package and optionally a command. The package is not installed if the command exists.
 if [[ ${1-} == --clients ]]; then
   while read -r package command; do
     [[ -n $command ]] && command -v "$command" >/dev/null || packages+=("$package")

@@ -102,9 +102,9 @@ buildAll() {
   done
 }
 
-# Counts the tests in a report of ctest: the cases that a GoogleTest program printed, and one for any other test. The names of
-# those contain a point. A test that failed without naming a case counts as one failure. So does a program that stopped early
-# or did not start, even with exit code 0, which Wine has returned for both. Prints "passed failed".
+# Counts the tests in a ctest report: each case that a GoogleTest program printed, and one for every other test. The names of
+# the other tests contain a dot. A test that failed without naming a case counts as one failure. So does a program that stopped
+# early or did not start, even with exit code 0, which Wine has returned for both. Prints "passed failed".
 countCases() {
   awk '/<testcase / {good = /status="run"/; program = !/name="[^"]*\./; ok = bad = underway = 0}
        /^\[=+\] Running / || /<system-out>.*\[=+\] Running / {underway = 1}
@@ -182,7 +182,7 @@ run() {
   esac
 }
 
-# What can run once a build is there.
+# runAfter BUILD: prints the runs that can start when this build is finished.
 runAfter() {
   case $1 in
     linux) say bench package desktop ;;

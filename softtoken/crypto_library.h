@@ -45,8 +45,9 @@ Bytes hashOf(int algorithm, ByteView data);
 // HMAC of the parts, joined in this order. Throws as check() does.
 Digest256 hmacSha256(ByteView key, std::initializer_list<ByteView> parts);
 
-// Encrypts with AES-256-GCM under a random nonce; `context` is authenticated too but not part of the result. The result
-// is nonce (12 bytes), ciphertext (as long as the content), tag (16 bytes).
+// Encrypts with AES-256-GCM under a random nonce. `key` has secretKeySize bytes. `context` is authenticated but is not
+// part of the result. Throws as check() does. The result is nonce (12 bytes), ciphertext (as long as the content), tag
+// (16 bytes).
 constexpr std::size_t sealOverhead = 12 + 16;
 Bytes seal(ByteView key, ByteView content, ByteView context);
 // Empty when key or context differ from those of seal(), or a byte has changed.

@@ -8,7 +8,8 @@
 
 namespace softtoken {
 
-// Any number of threads may use it. While one thread uses a context, the context does not exist for the others.
+// Any number of threads may call this class. While one thread uses a context, calls of other threads with the same
+// context throw notFound.
 class HashContexts {
  public:
   // Throws badArgument for an unknown code. At most 1024 contexts are kept; the oldest is freed first.
@@ -25,7 +26,7 @@ class HashContexts {
     int algorithm;
     std::unique_ptr<gcry_md_handle, ReleaseWith<gcry_md_close>> hash;
   };
-  // The keys are counted up and never used again, so that a stale context is found to be unknown.
+  // Each context gets a new number, so that a closed context is never mistaken for a later one.
   using RunningByNumber = std::map<std::uintptr_t, Running>;
 
   RunningByNumber::node_type take(const void* context);

@@ -25,14 +25,15 @@ KeyMaterial importRsaKeyMaterial(ByteView modulus, ByteView privateExponent, Byt
 
 Bytes signWith(const KeyMaterial& key, ByteView input, bool pss);
 
-// `publicKey` is a SubjectPublicKeyInfo or a bare modulus for RSA, else a bare point. Throws badSignature.
+// `publicKey` is a SubjectPublicKeyInfo or a bare modulus for RSA, else a bare point. Throws badSignature for a wrong
+// signature. signWith and verifyWith throw wrongKeyType for PSS with an EC key.
 void verifyWith(std::uint32_t keyType, ByteView publicKey, ByteView input, ByteView signature, bool pss);
 
 // These throw wrongKeyType for a key of the other algorithm.
 SecretBytes decryptWith(const KeyMaterial& key, ByteView ciphertext);
 SecretBytes deriveWith(const KeyMaterial& key, ByteView peerPoint);
 
-// `publicKey` is a SubjectPublicKeyInfo of `bits` bits.
+// `publicKey` is the SubjectPublicKeyInfo of an RSA key whose modulus has `bits` bits; throws badArgument otherwise.
 Bytes encryptFor(ByteView publicKey, std::uint32_t bits, ByteView message, bool oaep);
 
 }  // namespace softtoken

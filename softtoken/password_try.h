@@ -5,8 +5,8 @@
 
 namespace softtoken {
 
-// A try is written down as spent before the password is checked, so that killing the process does not save it. It is
-// given back unless the password was wrong. The tries before the attempt are kept in a file <tries>.before until the
+// A try is stored as spent before the password is checked, so that killing the process does not avoid the count. If the
+// password was not wrong, the try is restored. The tries before the attempt are kept in a file <tries>.before until the
 // outcome is known: renaming that file gives the try back even when the disk is full.
 //
 // Use one at a time per token, with the token's file lock held.

@@ -55,8 +55,8 @@ void putInPlace(const std::filesystem::path& fresh, const std::filesystem::path&
 void moveEntry(const std::filesystem::path& from, const std::filesystem::path& to);
 
 // Makes a folder and those above it that are missing, and syncs the folder above each new one. On POSIX systems new
-// folders have mode 0700; on Windows they inherit the access rights of the folder above. An existing folder is left as
-// it is, whoever may enter it.
+// folders have mode 0700; on Windows they inherit the access rights of the folder above. An existing folder keeps its
+// access rights.
 void makePrivateFolder(const std::filesystem::path& folder);
 
 // An exclusive lock on a file, held by one FileLock of all processes at a time. The system releases it when the process

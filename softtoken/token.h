@@ -28,7 +28,7 @@ Bytes privateKeyContext(const TokenState& state, const TavrinKeyPair& pair);
 struct UnlockedState {
   std::shared_ptr<const TokenState> state;
   MasterKey masterKey;
-  bool needsProof = false;  // a file without a proof is a forged one
+  bool needsProof = false;  // true: a file of this token without a proof is forged
 };
 
 class Token {
@@ -37,15 +37,15 @@ class Token {
 
   const std::filesystem::path& folder() const { return folder_; }
 
-  // The state in the file now. The file is parsed again only when it has changed. When there is none, or that of
-  // another token than at first, the password is forgotten.
+  // The current state. The file is parsed only if it has changed. Throws deviceFault, and forgets the password, when
+  // the file is missing or damaged or belongs to another token than before.
   std::shared_ptr<const TokenState> state();
 
   Tries tries();
 
   // A login. Checks the password, which costs a try until it is found right; then the role has all tries again. Throws
-  // wrongPassword, passwordLocked when no try is left, and badArgument for an empty password. `triesLeft` is set in any
-  // case.
+  // wrongPassword, passwordLocked when no try is left, and badArgument for an empty password. `triesLeft` receives the
+  // tries that are left afterwards, also when the login fails; it is unchanged only when the tries cannot be read.
   UnlockedState unlock(Role role, std::string_view password, int& triesLeft);
 
   // An operation of the user. A password that was right before is recognised without deriving a key from it, and one
@@ -61,7 +61,7 @@ class Token {
   // throws, nothing changes.
   void change(const UnlockedState& unlocked, const std::function<void(TokenState&)>& edit);
 
-  // Wipes the master key that a right password has left.
+  // Wipes the master key that is kept since the last right password.
   void forgetPassword();
 
  private:

@@ -11,10 +11,10 @@ namespace softtoken {
 std::vector<std::filesystem::path> tokenFolders(const std::filesystem::path& root);
 
 struct NewToken {
-  std::string name;  // of its folder
-  std::string label;
-  std::string firmware = "3.0.0";
-  std::uint32_t capacity = 100;
+  std::string name;                // of its folder, 1 to 64 bytes that the file systems of Windows and Linux allow
+  std::string label;               // UTF-8, 1 to 64 bytes without control characters
+  std::string firmware = "3.0.0";  // digits and points, at most 31 bytes
+  std::uint32_t capacity = 100;    // 1 to 4095 objects
 };
 
 // Throws badArgument, with the reason, for what no token can have.
@@ -39,11 +39,12 @@ std::vector<TokenSummary> allTokens();
 // The folder of a token, connected or not. Throws notFound when there is no such folder, and badArgument for what
 // cannot be a token's name.
 std::filesystem::path folderOfToken(const std::string& name);
+// Both throw badArgument for what cannot be a token's name; isPlugged throws notFound when there is no such token.
 bool tokenExists(const std::string& name);
 bool isPlugged(const std::string& name);
 
-// Connects a token, or disconnects it. A disconnected token keeps all its content. Both throw badArgument when there is
-// nothing to do.
+// Connect and disconnect a token. A disconnected token keeps all its content. Both throw badArgument when the token is
+// in that state already, and what folderOfToken throws.
 void plugToken(const std::string& name);
 void unplugToken(const std::string& name);
 

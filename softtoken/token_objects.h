@@ -14,8 +14,8 @@ void requireRoom(const TokenState& state);
 
 // Sets the number of the record, which has its recordId already, and adds it. Throws full.
 void addKeyPair(TokenState& state, TavrinKeyPair& pair, Bytes privateKey);
-// A certificate that is there already, byte for byte, keeps its record, which takes the new label and ID unless they
-// are empty. `certificate` becomes the stored record.
+// Adds a certificate. Throws full. If the same bytes are stored already, that record is kept and gets the new label and
+// ID, unless they are empty. `certificate` receives the stored record.
 void addCertificate(TokenState& state, TavrinCertificate& certificate);
 
 void removeKeyPair(TokenState& state, const std::uint8_t* recordId);

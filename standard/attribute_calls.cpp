@@ -7,7 +7,7 @@ using namespace tavrin::standard;
 
 namespace {
 
-// Answers one entry of the template.
+// Fills in one entry of the template and returns its code.
 CK_RV answer(const Object& object, const Attributes& attributes, CK_ATTRIBUTE& entry) {
   const SecretBytes* value = attributes.find(entry.type);
   const bool sensitive = isSensitive(object, attributes, entry.type);

@@ -16,13 +16,14 @@ namespace tavrin::standard {
 // Memory is wiped when it is given back. Not synchronised.
 class Attributes {
  public:
-  // Null when the object has no such attribute. A sensitive value is an attribute that `isSensitive` names.
+  // Null when there is no such attribute. Finds sensitive values too: isSensitive says which must not be returned.
   const SecretBytes* find(CK_ATTRIBUTE_TYPE type) const;
 
   void set(CK_ATTRIBUTE_TYPE type, ByteView value);
   void setFlag(CK_ATTRIBUTE_TYPE type, bool value);
   void setNumber(CK_ATTRIBUTE_TYPE type, CK_ULONG value);
 
+  // False, or CK_UNAVAILABLE_INFORMATION, when the attribute is missing or its value has another length.
   bool flag(CK_ATTRIBUTE_TYPE type) const;
   CK_ULONG number(CK_ATTRIBUTE_TYPE type) const;
 
@@ -38,7 +39,7 @@ class Attributes {
   std::vector<std::pair<CK_ATTRIBUTE_TYPE, SecretBytes>> entries_;
 };
 
-// The kinds of objects that templates make. The halves of a new pair have other attributes than keys that are given.
+// The kinds of objects that templates describe. newPublicKey and newPrivateKey are for the generation of a pair.
 enum Kind : unsigned {
   certificate = 1,
   publicKey = 2,
@@ -64,7 +65,7 @@ class Template {
   std::optional<bool> flag(CK_ATTRIBUTE_TYPE type) const;
   std::optional<CK_ULONG> number(CK_ATTRIBUTE_TYPE type) const;
 
-  // The value of an attribute that must be given: CKR_TEMPLATE_INCOMPLETE otherwise.
+  // Throw CKR_TEMPLATE_INCOMPLETE when the attribute is missing, and CKR_ATTRIBUTE_VALUE_INVALID when it is empty.
   ByteView required(CK_ATTRIBUTE_TYPE type) const;
   CK_ULONG requiredNumber(CK_ATTRIBUTE_TYPE type) const;
 

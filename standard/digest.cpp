@@ -26,7 +26,7 @@ HashRun::~HashRun() {
 
 void HashRun::update(ByteView data) {
   inParts_ = true;
-  // The device library counts in 32 bits with a sign.
+  // The device library takes lengths as signed 32-bit numbers.
   constexpr std::size_t piece = std::size_t{1} << 30;
   for (; !data.empty(); data = data.subspan(std::min(piece, data.size()))) {
     auto* bytes = const_cast<CK_BYTE_PTR>(data.data());

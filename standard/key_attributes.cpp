@@ -8,8 +8,7 @@
 namespace tavrin::standard {
 namespace {
 
-// The module's attributes of a key pair, read from its public half, or of a certificate. Each buffer is larger than any
-// value of the module.
+// The module's attributes of a key pair, read from its public half, or of a certificate. The buffers hold any value.
 struct Record {
   std::uint8_t label[160];
   std::uint8_t id[maximumIdLength];

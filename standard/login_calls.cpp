@@ -24,7 +24,7 @@ void checkUser(const Token& token, CK_USER_TYPE userType) {
   if (token.login == Login::securityOfficer) {
     throw Refusal(CKR_USER_ANOTHER_ALREADY_LOGGED_IN, "the security officer is logged in");
   }
-  // No key of this token asks for a login of its own.
+  // No key has CKA_ALWAYS_AUTHENTICATE, so no operation needs a login of its own.
   if (userType == CKU_CONTEXT_SPECIFIC) throw Refusal(CKR_OPERATION_NOT_INITIALIZED, "no operation needs a login");
 }
 

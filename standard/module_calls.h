@@ -10,14 +10,14 @@ namespace tavrin::standard {
 CK_SESSION_HANDLE lockedSession(ModuleLock& module, Token& token);
 
 // The same for key operations. This session is read-only: the module refuses to begin a signature or decryption in it
-// with CKR_SESSION_HANDLE_INVALID when it has lost the login. An operation that failed may be left in it; it is closed
-// then, and the next use opens another one.
+// with CKR_SESSION_HANDLE_INVALID when it has lost the login. After a failed operation the session is closed, because
+// the operation may still be active in it.
 CK_SESSION_HANDLE keyUseSession(ModuleLock& module, Token& token);
 void closeKeyUseSession(ModuleLock& module, Token& token);
 
-// Makes the token's user the one who is logged in to the module, which knows one user at a time. Throws
-// CKR_USER_NOT_LOGGED_IN when the token's user is not logged in or the token no longer accepts the PIN. The second
-// function also asks the module whether it still has a login that it had, and throws CKR_DEVICE_REMOVED if not.
+// Logs the token's user in to the module, which has one login at a time. Throws CKR_USER_NOT_LOGGED_IN when the user is
+// not logged in here or the token no longer accepts the PIN. useLogin also checks that the module has kept the login.
+// If not, the token was removed: CKR_DEVICE_REMOVED.
 void requestLogin(ModuleLock& module, Token& token);
 void useLogin(ModuleLock& module, Token& token);
 
@@ -37,8 +37,7 @@ Refusal moduleFailure(ModuleLock& module, const Token& token, const char* functi
 Refusal moduleFailure(State& state, const Token& token, const char* function, CK_RV code,
                       CK_RV otherwise = CKR_DEVICE_ERROR);
 
-// A session of the module for calls that need no lock. The destructor keeps the session for the next object of this
-// class, unless it was spoiled.
+// A session of the module for calls without the lock. The destructor keeps it for the next object unless spoiled.
 class ModuleSession {
  public:
   // Opens one under the module lock when none is idle.

@@ -7,7 +7,7 @@ namespace tavrin::standard {
 
 class ModuleLibrary {
  public:
-  // Loads the module; throws a Refusal when it is missing or is no Cryptoki library.
+  // Loads the module from this library's folder. Throws CKR_GENERAL_ERROR when it is missing or no Cryptoki library.
   ModuleLibrary();
   ~ModuleLibrary();
   ModuleLibrary(const ModuleLibrary&) = delete;

@@ -13,8 +13,8 @@ void requireTokenWriteAccess(const Session& session);
 void requireWriteAccess(const Session& session, const Object& object);
 
 // Gives the object the label, ID and subject of the template; what is not in it stays as it is. The subject of a key is
-// kept with its handle, as the token has no room for it. In a change the token refuses an empty value; in the template
-// of a new object it counts as not given.
+// kept with its handle, because the token cannot store it. In a change the token refuses an empty value; in the
+// template of a new object it counts as not given.
 enum class Empty { isRefused, isNotGiven };
 void relabel(ModuleLock& module, Object& object, const Template& wanted, Empty empty = Empty::isRefused);
 

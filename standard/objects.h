@@ -1,4 +1,4 @@
-// Objects: the token's key pairs and certificates as the module shows them, and session objects that exist in this
+// Objects: the token's key pairs and certificates as the module lists them, and session objects that exist in this
 // library alone. A library handle names one object for the life of the process; before each use the object is compared
 // with the one that its handle first named, because the module gives the handles of deleted objects to new ones.
 //
@@ -45,22 +45,22 @@ class ObjectTable {
   // Gives the object a new handle.
   std::shared_ptr<Object> add(Object object);
 
-  // The object that the module shows under this handle, known already or new; null when it is hidden.
+  // The object that the module lists under this handle. It is added if it is new. Null when it is hidden.
   std::shared_ptr<Object> ofModule(Token& token, CK_OBJECT_HANDLE moduleHandle);
 
   // The other half of a key pair; null when it is not known.
   std::shared_ptr<Object> otherHalf(const Object& object) const;
 
-  // Forgets the object. What the module shows under the same handle later is another one.
+  // Forgets the object. A later object with the same handle of the module is another one.
   void drop(const Object& object);
 
-  // Stops showing a public key whose private key stays on the token.
+  // Hides a public key whose private key stays on the token.
   void hide(const Object& object);
 
-  // Separates the object from what the module shows under its handle: the next one of that handle is another object.
+  // Separates the object from its handle of the module: the next object with that handle is another one.
   void release(const Object& object);
 
-  // Forgets whatever the module showed under this handle, for a new object that has it now.
+  // Forgets the object with this handle of the module, also if it is hidden: a new object has the handle now.
   void forget(const Token& token, CK_OBJECT_HANDLE moduleHandle);
 
   // Forgets all objects that the predicate names.

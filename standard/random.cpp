@@ -16,7 +16,7 @@ CK_RV C_GenerateRandom(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pRandomData, CK_U
   return sessionCall("C_GenerateRandom", hSession, [&](const Call& call, State& state, Session& session) -> CK_RV {
     if (!pRandomData && ulRandomLen != 0) return call.refuse(CKR_ARGUMENTS_BAD, "pRandomData is NULL");
     ModuleSession own(state, session.token);
-    // The device library counts in 32 bits with a sign.
+    // The device library takes lengths as signed 32-bit numbers.
     constexpr CK_ULONG piece = 1U << 30;
     while (ulRandomLen > 0) {
       const CK_ULONG length = std::min(piece, ulRandomLen);

@@ -11,12 +11,12 @@ using namespace tavrin::standard;
 
 namespace {
 
-// The module shows a certificate with the number 0, and reads none.
+// The module lists a certificate with the number 0 but cannot read its attributes.
 constexpr CK_OBJECT_HANDLE unreadableCertificate = 0x70002000U;
 
 using ModuleHandles = std::vector<CK_OBJECT_HANDLE>;
 
-// What the module can compare by itself. Key pairs are searched as public keys, which it shows to everybody.
+// What the module can compare by itself. Key pairs are searched as public keys, which need no login.
 constexpr CK_ATTRIBUTE_TYPE certificateFilters[] = {CKA_LABEL, CKA_VALUE, CKA_ID, CKA_SUBJECT};
 constexpr CK_ATTRIBUTE_TYPE keyFilters[] = {CKA_LABEL, CKA_ID, CKA_MODULUS};
 

@@ -1,4 +1,4 @@
-// The open sessions. Each has room for one operation of each kind at a time; they do not disturb each other.
+// The open sessions. A session can have one active operation of each kind; they are independent of each other.
 #pragma once
 
 #include <map>

@@ -10,7 +10,7 @@ using namespace tavrin::standard;
 
 namespace {
 
-// The module counts in 32 bits with a sign. Longer data are hashed in parts.
+// The module passes lengths on as signed 32-bit numbers, so longer data are hashed in parts.
 constexpr std::size_t longestForModule = std::size_t{1} << 30;
 
 constexpr KeyUse signing{&Session::signing, CKF_SIGN, CKA_SIGN};

@@ -124,7 +124,7 @@ CK_RV C_GetMechanismInfo(CK_SLOT_ID slotID, CK_MECHANISM_TYPE type, CK_MECHANISM
   });
 }
 
-// Finding no event is an answer, not a refusal: applications ask often.
+// CKR_NO_EVENT writes no error line, because applications poll this function often.
 CK_RV C_WaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR pSlot, CK_VOID_PTR pReserved) {
   return libraryCall("C_WaitForSlotEvent", [&](const Call& call, State& state) -> CK_RV {
     if (!pSlot) return call.refuse(CKR_ARGUMENTS_BAD, "pSlot is NULL");

@@ -1,5 +1,5 @@
-// What the standard module asks of the system beyond src/platform: the module in the folder of this library, and memory
-// that is not written to disk. One implementation for each platform.
+// The system functions of the standard module that are not in src/platform: loading the module from this library's
+// folder, and memory that is not written to disk. Each platform has one implementation.
 #pragma once
 
 #include <cstddef>

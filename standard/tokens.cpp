@@ -93,8 +93,7 @@ void TokenTable::refresh(ModuleLock& module) {
   }
 }
 
-// The module reports a low count when two tries are left and when one is. Low before a wrong PIN and after it means
-// one.
+// The module reports a low count for two tries and for one. Low before a wrong PIN and after it means one.
 void TokenTable::countWrongPin(ModuleLock& module, Token& token) {
   const bool wasLow = (token.flags & CKF_USER_PIN_COUNT_LOW) != 0;
   refresh(module);

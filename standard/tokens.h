@@ -39,8 +39,7 @@ struct Token {
   bool lastTry = false;  // of the PIN, as far as this process has seen wrong ones
   CK_VERSION firmware{};
   CK_SLOT_ID moduleSlot = 0;  // of the module's last listing
-  // Sessions of the module, for pairs of calls that are made under the lock; 0 when not open. Keys are used in one of
-  // their own.
+  // Sessions of the module that are used under the lock, the second one for keys; 0 when not open.
   CK_SESSION_HANDLE moduleSession = 0;
   CK_SESSION_HANDLE keyUseSession = 0;
 
@@ -59,7 +58,7 @@ class SlotNumbers {
 
  private:
   mutable std::mutex mutex_;
-  std::vector<std::string> serials_;  // allocates nothing while empty, as it then may never be destroyed
+  std::vector<std::string> serials_;  // may stay undestroyed while it is empty: it owns no memory then
 };
 
 extern SlotNumbers& slotNumbers;

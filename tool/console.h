@@ -52,10 +52,7 @@ std::filesystem::path systemPath(const std::string& text);
 // Failure when there is no terminal or the user cancels. A signal that ends the process restores the terminal first.
 softtoken::SecretBytes askSecret(const std::string& question);
 
-// Whether the standard input is a terminal.
 bool inputIsTerminal();
-
-// Whether the standard output is a terminal.
 bool outputIsTerminal();
 
 // Whether the standard output is a terminal that shows colours and whose user has not declined them by NO_COLOR.

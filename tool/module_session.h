@@ -52,7 +52,8 @@ std::string textOf(const CK_UTF8CHAR (&field)[size]) {
   return textInField(field, size);
 }
 
-// An open session.
+// An open session; closed when destroyed. The functions throw Failure when the module refuses a call. bytes() and
+// text() return an empty value for an attribute that has none.
 class Session {
  public:
   Session(CK_FUNCTION_LIST* functions, CK_SLOT_ID slot, bool readOnly);

@@ -20,7 +20,7 @@ constexpr CK_OBJECT_HANDLE largestRecordNumber = 0xFFF;
 struct KeyDerivationFunction {
   CK_EC_KDF_TYPE kdf;
   HashCode hash;
-  int resultLength;
+  int resultLength;  // the in-length for tavrin_finalHash, which the library ignores
 };
 
 constexpr KeyDerivationFunction keyDerivationFunctions[] = {{CKD_SHA1_KDF, HashCode::sha1Alternative, 20},

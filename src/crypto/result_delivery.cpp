@@ -9,7 +9,7 @@ Delivery deliver(const Call& call, SecretBytes& result, CK_BYTE_PTR out, CK_ULON
   const auto required = static_cast<std::uint64_t>(result.size());
   *outLength = static_cast<CK_ULONG>(required);
   if (!out) return Delivery::queried;
-  // Only a result whose length does not fit the caller's type.
+  // True only if the length does not fit into CK_ULONG.
   if (required > *outLength) {
     call.refuse(CKR_BUFFER_TOO_SMALL, "buffer too small, provided=", *outLength, " required=", required);
     return Delivery::tooSmall;

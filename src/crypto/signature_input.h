@@ -10,7 +10,8 @@
 
 namespace tavrin {
 
-// The message names CKM_RSA_PKCS_PSS for every PSS mechanism.
+// Refuses a PSS mechanism because of the token's firmware: CKR_MECHANISM_INVALID. The error line names CKM_RSA_PKCS_PSS
+// for every PSS mechanism.
 CK_RV refusePss(const Call& call, const Session& session);
 
 // Ends the session's operation and returns the code.

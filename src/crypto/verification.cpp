@@ -15,8 +15,8 @@ struct Signature {
   CK_ULONG length;
 };
 
-// The key as the device takes it: an EC point, or a key that is DER already, as it is; a modulus as
-// SubjectPublicKeyInfo.
+// The public key in the form that the device expects. An EC point or a DER key is passed unchanged; an RSA modulus is
+// converted to SubjectPublicKeyInfo.
 std::vector<std::uint8_t> preparePublicKey(const TavrinKeyPair& keyPair) {
   const ByteView key = publicKey(keyPair);
   const KeyTypeInfo* type = findKeyType(keyPair.keyType);

@@ -1,6 +1,6 @@
 // The device library TavrinDSCLibrary: its records and its 29 operations, as the module imports them.
 //
-// A program that uses the library creates an instance, lists the devices and asks for a token's record:
+// A program that uses the library creates an instance, lists the devices and reads a token's record:
 //
 //   void* instance = nullptr;
 //   tavrin_createInstance(&instance);  // null afterwards: the library cannot be used
@@ -89,7 +89,7 @@ struct TavrinCertificate {
 struct CertificateDetails {
   std::string subjectName;  // a name text such as CN=Example Root,O=Example,C=IN
   std::string issuerName;
-  std::uint8_t makerFields[1024];  // room for the further fields of the maker's record; zero and never read
+  std::uint8_t makerFields[1024];  // space for further fields of the maker's record; zero, never read by the module
 };
 
 struct ImportPFXDetails {
@@ -129,6 +129,8 @@ TAVRIN_DEVICE_API int tavrin_initDevice(const char* device, bool flag, void* ins
 // `kind` is 1 for the user and 2 for the security officer; `retryCounter` receives the tries left.
 TAVRIN_DEVICE_API int tavrin_validatePassword(const char* device, const char* password, int kind, int* retryCounter,
                                               void* instance);
+// True when the password was changed. `failureCounter` receives the number that the module logs after a refusal. The
+// module passes false for both flags.
 TAVRIN_DEVICE_API bool tavrin_changeUserPassword(const char* device, const char* oldPassword, const char* newPassword,
                                                  int* failureCounter, bool flag1, bool flag2, void* instance);
 
@@ -147,6 +149,8 @@ TAVRIN_DEVICE_API int tavrin_importCertificate(const char* device, const char* p
                                                void* instance);
 TAVRIN_DEVICE_API int tavrin_deleteCertificate(const char* device, const std::uint8_t* recordId, const char* password,
                                                void* instance);
+// Imports an RSA key. The module sets label, keyType, value, modulus, privateExponent and prime1 (numbers are
+// big-endian); the library sets recordId.
 TAVRIN_DEVICE_API int tavrin_importPfx(const char* device, const char* password, ImportPFXDetails* details,
                                        void* instance);
 
@@ -158,6 +162,8 @@ TAVRIN_DEVICE_API std::vector<std::uint8_t> tavrin_getCertificateIssuer(const st
                                                                         void* instance);
 TAVRIN_DEVICE_API std::vector<std::uint8_t> tavrin_getCertificateSerialDER(const std::uint8_t* der, int length,
                                                                            void* instance);
+// The file name and DER certificate of each file in `folder` with one of the extensions, which include the dot. Empty
+// when the folder cannot be read.
 TAVRIN_DEVICE_API std::vector<std::pair<std::string, std::vector<std::uint8_t>>>
 tavrin_getFilesWithExtensionsAndConvertDER(const std::string& folder, const std::vector<std::string>& extensions,
                                            void* instance);
@@ -171,6 +177,8 @@ TAVRIN_DEVICE_API int tavrin_finalHash(void* context, std::uint8_t* digest, int*
 TAVRIN_DEVICE_API int tavrin_signHash(const char* device, const std::uint8_t* recordId, const char* password,
                                       const std::uint8_t* input, int inputLength, std::uint8_t* signature,
                                       int* signatureLength, bool flag, void* instance, bool pss);
+// 0 only for a valid signature. `publicKey` is an EC point, or the SubjectPublicKeyInfo of an RSA key. The software
+// token accepts an RSA modulus, too.
 TAVRIN_DEVICE_API int tavrin_verifySignatureHash(std::uint32_t keyType, const char* device, const std::uint8_t* input,
                                                  int inputLength, const std::uint8_t* publicKey, int publicKeyLength,
                                                  const std::uint8_t* signature, int signatureLength, void* instance,

@@ -1,4 +1,5 @@
-// One call of an exported function, and the innermost frame of all of them. The standard module uses both too.
+// One call of an exported function, and exportedCall, the outermost frame of every exported function. The standard
+// module uses both too.
 #pragma once
 
 #include <exception>

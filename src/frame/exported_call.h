@@ -27,8 +27,8 @@ namespace tavrin {
 
 struct Session;
 
-// What the frames ask of the tables in the folders above this one. Null for an unknown ID or handle. The record and the
-// session stay valid while the pointer exists.
+// Look-ups that the frames need. They are defined in slots/ and sessions/, the layers above this one. Null for an
+// unknown ID or handle. The record and the session stay valid while the pointer exists.
 std::shared_ptr<const TokenInfo> findSlot(CK_SLOT_ID slotID);
 std::shared_ptr<Session> findSession(CK_SESSION_HANDLE handle);
 

@@ -27,7 +27,8 @@ inline constexpr int debugLevel = 3;
 // The size of the buffer that getLogBaseFolderPath fills.
 inline constexpr std::size_t logPathSize = 1024;
 
-// The configured level: the registry value "logLevel", read anew at every call.
+// The configured level: the registry value "logLevel", read anew at every call. errorLevel when the value is missing,
+// unreadable or above debugLevel.
 int getLogLevel() noexcept;
 
 // The name of the running program, cut before its first point.

@@ -44,8 +44,8 @@ void emptyTables() {
   userPassword.clear();
 }
 
-// Starts the monitor with a new instance. The monitor of an earlier initialisation that had no instance ends first; at
-// the end of the process its thread may have ended without being joined.
+// Creates the instance and starts the monitor. If an earlier C_Initialize failed to create an instance, its monitor is
+// still running and is stopped first. At the end of the process its thread may have ended without being joined.
 void start() {
   createInstance();
   if (deviceMonitor.monitorRunning) logDebug("Monitor already running. Stopping old thread.");

@@ -58,9 +58,9 @@ void unlockAll() {
   state.slotTable.mutex().unlock();
 }
 
-// Gives the child of a fork a module that is not initialised and has no session. It keeps the slots: libraries that
-// know a slot ID from before the fork use it after C_Initialize without asking for the list. The monitor exists in the
-// parent only.
+// Gives the child of a fork a module that is not initialised and has no session. The slots are kept, because some
+// libraries use a slot ID from before the fork and do not fetch the list again after C_Initialize. The monitor thread
+// exists in the parent only.
 void startAfresh() {
   unlockAll();
   if (state.libraryInstance != nullptr) inheritedInstance = state.libraryInstance.exchange(nullptr);

@@ -1,4 +1,4 @@
-// The entry points that exist and are not supported: each writes its name and refuses, without looking at anything.
+// The unsupported functions. Each writes its debug line and returns CKR_FUNCTION_NOT_SUPPORTED; nothing is checked.
 #include "frame/exported_call.h"
 #include "module/vendor_extensions.h"
 

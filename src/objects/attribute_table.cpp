@@ -34,7 +34,7 @@ void certificateLabel(const ObjectView& object, AttributeValue& value) {
 }
 void certificateId(const ObjectView& object, AttributeValue& value) { value.view(certId(*object.certificate)); }
 
-// Asks the device library. Empty for bytes that it cannot parse.
+// Calls the device library. The value is empty when the library cannot parse the certificate.
 template <std::vector<std::uint8_t> (*operation)(const std::uint8_t*, int, void*)>
 void partOfCertificate(const ObjectView& object, AttributeValue& value) {
   const ByteView der = certificate(*object.certificate);
@@ -67,7 +67,8 @@ void keyGenMechanism(const ObjectView& object, AttributeValue& value) {
 void modulusBits(const ObjectView& object, AttributeValue& value) { value.setNumber(keyTypeOf(object).bits); }
 void ecParams(const ObjectView& object, AttributeValue& value) { value.view(keyTypeOf(object).curve); }
 
-// A DER OCTET STRING with the public key. Its length always has one byte.
+// A DER OCTET STRING with the public key. A length from 128 on is written as 0x81 and its lowest byte. EC points have
+// at most 133 bytes; for RSA moduli of 2048 bits and more the written length is wrong.
 void ecPoint(const ObjectView& object, AttributeValue& value) {
   const ByteView point = publicKey(*object.keyPair);
   std::vector<std::uint8_t> der{0x04};

@@ -17,8 +17,8 @@ std::string programFolder() {
   return end == std::string::npos ? std::string() : path.substr(0, end);
 }
 
-// The CA certificates by common name. Of two files with one name, the first gives the certificate and the last gives
-// the issuer: installations depend on the file order that this needs.
+// The CA certificates by common name. If two files have the same common name, the certificate is taken from the first
+// and the issuer's name from the last. Existing installations depend on this.
 struct CaTable {
   std::map<std::string, TavrinCertificate> certificates;
   std::map<std::string, std::string> issuers;

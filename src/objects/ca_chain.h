@@ -14,9 +14,9 @@ namespace tavrin {
 // fit.
 TavrinCertificate certificateRecord(std::string_view label, ByteView id, ByteView der);
 
-// The chain to import, root first and the certificate itself last. Empty when the folder holds no CA files, or when an
-// issuer is missing or leads back into the chain. `issuerName` is the certificate's issuer as a name text. Calls the
-// device library.
+// The chain to import, root first and the certificate itself last. Empty when the folder holds no CA files, when an
+// issuer is missing, or when the issuers form a loop. `issuerName` is the certificate's issuer as a name text. Calls
+// the device library.
 std::vector<TavrinCertificate> findChain(const TavrinCertificate& certificate, const std::string& issuerName);
 
 }  // namespace tavrin

@@ -20,8 +20,8 @@ inline std::vector<std::string> caFileExtensions() { return {".cer", ".der", ".p
 // exists, else below `programFolder`. It may not exist.
 std::string caFolder(const std::string& programFolder);
 
-// The common name in a name text: what follows the first "CN=" up to a comma or the end of the line; the whole text
-// when there is none.
+// The common name in a name text: the first text after a "CN=", up to a comma or the end of the line, that is not
+// empty. The whole text when there is none.
 std::string extractCommonName(std::string_view name);
 
 // The issuers of a certificate among the CA files, by common name.

@@ -53,7 +53,7 @@ void takeAttribute(CK_ATTRIBUTE_TYPE type, ByteView value, NewObject& object) {
       object.prime1 = value;
       break;
     default:
-      // Among them the other components of a key, which the device computes.
+      // Ignored. The device computes the other components of a key itself.
       break;
   }
 }
@@ -111,13 +111,13 @@ CK_RV createPrivateKey(const Call& call, const Session& session, const NewObject
   if (status != 0) {
     return call.refuseBare(storeFailure(status), "Import private key into device failed : ", status);
   }
-  // Without a handle if the device does not list the record, although the key is on the token.
+  // *phObject is not written if the device does not list the new record, although the key is on the token.
   const CK_OBJECT_HANDLE handle = findKeyPairHandle(session, request.details().recordId);
   if (handle != 0) *phObject = handle;
   return CKR_OK;
 }
 
-// The device writes the number under which it keeps the certificate into the record's `recordId`.
+// The device writes the 16-byte identifier of the stored certificate into the record's `recordId`.
 CK_RV importCertificate(const Call& call, const Session& session, TavrinCertificate& record) {
   const int status = tavrin_importCertificate(session.deviceId(), userPassword.copy().text(), &record, libraryInstance);
   if (status == 0) return CKR_OK;

@@ -1,6 +1,6 @@
-// Everything that the module asks of the operating system. One implementation for each platform, with the same
-// functions in the same order: platform_windows.cpp and platform_posix.cpp. Texts are in the system's 8-bit encoding
-// (UTF-8 on POSIX); all functions may be called from any thread.
+// The access of the module to the operating system. Each platform has one implementation with the same functions in the
+// same order: platform_windows.cpp and platform_posix.cpp. Texts are in the system's 8-bit encoding (UTF-8 on POSIX);
+// all functions may be called from any thread.
 #pragma once
 
 #include <cstddef>
@@ -23,7 +23,7 @@ struct LocalTime {
   int millisecond;
 };
 
-// Between folders in the paths that the system itself reports.
+// The separator between folders in paths that the system returns.
 extern const char pathSeparator;
 
 // The folders in which an installation may be, in the order in which they are tried.
@@ -84,8 +84,8 @@ void sleepMilliseconds(unsigned milliseconds);
 // Overwrites memory with zeros in a way that the compiler does not drop.
 void wipe(void* memory, std::size_t size);
 
-// Keeps this module loaded, even if the application unloads it, until the pin is released: while a thread of ours runs
-// its code. Does not wait. A pin may be null (nothing to hold); releasing null does nothing.
+// Returns a pin that keeps this module loaded until it is released, even if the application unloads it. A running
+// thread of the module needs one. Null when the module cannot be pinned; releaseModule accepts null. Does not wait.
 void* pinModule();
 void releaseModule(void* pin);
 

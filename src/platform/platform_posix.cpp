@@ -92,8 +92,8 @@ File openPrivateFile(int folder, const char* name) {
   return usable ? std::move(file) : File();
 }
 
-// Writes where the process may have a limit on the size of files. Beyond the limit the system sends a signal that would
-// end the process; it is sent to the writing thread, which takes it back.
+// Writes the text. If the process has a limit on the size of files, a write beyond it raises SIGXFSZ, which would end
+// the process. So the signal is blocked during the write, and removed if this write raised it.
 void writeWithinLimit(const File& file, std::string_view text) {
   rlimit limit{};
   if (getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur == RLIM_INFINITY) {
@@ -196,7 +196,7 @@ bool registryPath(std::string_view key, std::string_view name, char* path, std::
 
 const char pathSeparator = '/';
 
-// The last is that of the Debian package, where TavrinDSC/Certificates leads to /etc/tavrin/ca-certificates.
+// The last one is used by the Debian package. Its TavrinDSC/Certificates is a link to /etc/tavrin/ca-certificates.
 static constexpr const char* knownFolders[] = {"C:/Program Files (x86)/Quorvane Telemantix/Tavrin",
                                                "C:/Program Files/Quorvane Telemantix/Tavrin",
                                                "/usr/share/tavrin-pkcs11"};
@@ -326,8 +326,8 @@ void releaseModule(void* pin) {
   if (pin != nullptr) dlclose(pin);
 }
 
-// By a static object, which is destroyed when the library is unloaded. A handler given to std::atexit may stay
-// registered after that, where a sanitizer or another library has replaced that function.
+// Uses the destructor of a static object, because it also runs when the library is unloaded. A handler registered with
+// std::atexit could stay registered after the unload if a sanitizer or another library replaces that function.
 void atProcessExit(void (*handler)()) {
   static const struct AtExit {
     void (*handler)();

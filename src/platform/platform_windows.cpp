@@ -29,8 +29,8 @@ HANDLE openForAppending(const char* path) {
                      FILE_ATTRIBUTE_NORMAL, nullptr);
 }
 
-// Creates the folders of the path after its base. One that exists is no error; any other failure is met again when the
-// file is opened.
+// Creates the folders of the path after its base. An existing folder is no error. After any other failure, opening the
+// file fails too.
 void createFolders(const std::string& path, std::size_t baseLength) {
   for (auto end = path.find('/', baseLength + 1); end != std::string::npos; end = path.find('/', end + 1)) {
     CreateDirectoryA(path.substr(0, end).c_str(), nullptr);

@@ -30,7 +30,7 @@ constexpr LoginEffect officerLogin[] = {{CKS_RO_PUBLIC_SESSION, CKR_SESSION_READ
                                         {CKS_RW_SO_FUNCTIONS, CKR_OK, nullptr},  // from CKS_RW_USER_FUNCTIONS
                                         {CKS_RW_SO_FUNCTIONS, CKR_USER_ALREADY_LOGGED_IN, nullptr}};
 
-// Asks the device for the password and maps its refusal.
+// Lets the device check the PIN and maps its status to a result code.
 CK_RV validatePassword(const Call& call, const Session& session, CK_USER_TYPE userType, const Pin& pin) {
   int retryCounter = 0;
   const int status = tavrin_validatePassword(session.deviceId(), pin.text(),

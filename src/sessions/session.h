@@ -26,7 +26,7 @@ enum class Operation : std::uint32_t {
   decryptionDuringDigest = 10  // C_DecryptInit, from digest. The same.
 };
 
-// The number for the log, in which it is signed.
+// The number that the log shows, as a signed integer.
 constexpr std::int32_t code(Operation operation) { return static_cast<std::int32_t>(operation); }
 
 // The results of the last search. They stay until the next one.

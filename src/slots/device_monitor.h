@@ -21,7 +21,7 @@ struct DeviceMonitor {
   std::atomic<bool> stopRequested{};    // ends the loop and releases blocked waiters
   std::atomic<bool> eventPending{};     // several changes between two collections are one event
   std::atomic<CK_SLOT_ID> eventSlot{};  // the slot of the pending event
-  std::atomic<std::uint64_t> stops{};   // how often a monitor was stopped: a waiter sees a stop that a start followed
+  std::atomic<std::uint64_t> stops{};   // number of stops; a waiter notices a stop even if a start followed
   platform::Mutex eventMutex;           // guards the wait below; never held together with another lock
   platform::Condition eventCondition;   // blocked C_WaitForSlotEvent callers sleep on it
 };

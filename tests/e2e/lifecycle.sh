@@ -33,8 +33,8 @@ leave() {
   echo $(($(milliseconds) - $(<"$file.left") - held))
 }
 
-# What a process takes that does nothing is a measure of the machine. A busy machine may delay one process; a fault
-# delays each, so the fastest of four counts.
+# The time of a process that does nothing shows how fast the machine is. A busy machine may delay one process but a fault
+# delays all, so the fastest of four is compared.
 began=$(milliseconds)
 launch lifecycle_child 2>/dev/null || true
 limit=$((2000 + 4 * ($(milliseconds) - began)))

@@ -1,4 +1,4 @@
-// Loads the module as a program does that knows nothing of its device library, and prints where Windows found that.
+// Loads the module with plain LoadLibrary, and prints the path from which Windows loaded the device library.
 #include <windows.h>
 
 #include <cstdio>

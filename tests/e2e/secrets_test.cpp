@@ -286,7 +286,7 @@ class Search {
 
   std::map<Piece, std::string> pieces_;
   std::map<std::string, Piece> beginnings_;
-  std::bitset<65521> starts_;  // most places in memory begin like no piece
+  std::bitset<65521> starts_;  // a filter: for most positions it shows that no piece begins there
 };
 
 class SecretsTest : public testing::Test {

@@ -114,7 +114,7 @@ class CrashTest : public SoftTokenTest {
     return lines;
   }
 
-  // A password that is lost, or of which nobody knows, ends the next writer.
+  // Tries the password only if its change was under way. If a password is lost, the next writer's login fails.
   void compare(const Things& pending) {
     softtoken::Token token = otherProcess();
     Things found;

@@ -52,7 +52,7 @@ int exitCodeOfFork(const std::function<int()>& work);
 
 // Starts this program once more, with other arguments, none of which has blanks or quotes.
 std::intptr_t startSelf(const std::vector<std::string>& arguments);
-// Ends it from outside, without any warning, and waits until it is gone. False when it had ended before.
+// Kills a process that startSelf started, and waits until it has ended. False when it had ended before.
 bool killProcess(std::intptr_t process);
 
 // What such a process has in its memory, all that can be read, block by block.
