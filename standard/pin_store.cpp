@@ -11,19 +11,20 @@ PinStore::PinStore() : entries_{} { lockInMemory(entries_.data(), sizeof entries
 
 bool PinStore::keep(CK_SLOT_ID slot, std::span<const CK_UTF8CHAR> pin) {
   drop(slot);
-  if (slot >= entries_.size() || pin.size() > maximumPinLength) return false;
-  std::ranges::copy(pin, entries_[slot].text.begin());
-  entries_[slot].length = static_cast<CK_BYTE>(pin.size());
+  Entry* const entry = entryOf(slot);
+  if (!entry || pin.size() > maximumPinLength) return false;
+  std::ranges::copy(pin, entry->text.begin());
+  entry->length = static_cast<CK_BYTE>(pin.size());
   return true;
 }
 
 std::span<CK_UTF8CHAR> PinStore::of(CK_SLOT_ID slot) {
-  if (slot >= entries_.size()) return {};
-  return std::span<CK_UTF8CHAR>(entries_[slot].text).first(entries_[slot].length);
+  if (Entry* const entry = entryOf(slot)) return std::span<CK_UTF8CHAR>(entry->text).first(entry->length);
+  return {};
 }
 
 void PinStore::drop(CK_SLOT_ID slot) {
-  if (slot < entries_.size()) platform::wipe(&entries_[slot], sizeof(Entry));
+  if (Entry* const entry = entryOf(slot)) platform::wipe(entry, sizeof(Entry));
 }
 
 void PinStore::dropAll() { platform::wipe(entries_.data(), sizeof entries_); }

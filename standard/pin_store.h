@@ -16,7 +16,7 @@ class PinStore {
  public:
   PinStore();
 
-  // False when there is no room: PINs are kept for the first 64 slots.
+  // False for a slot above 64, and for a longer PIN than tokens accept.
   bool keep(CK_SLOT_ID slot, std::span<const CK_UTF8CHAR> pin);
   std::span<CK_UTF8CHAR> of(CK_SLOT_ID slot);
   void drop(CK_SLOT_ID slot);
@@ -27,7 +27,10 @@ class PinStore {
     std::array<CK_UTF8CHAR, maximumPinLength> text;
     CK_BYTE length;
   };
-  alignas(4096) std::array<Entry, 64> entries_;
+  // Null for a slot that has no entry.
+  Entry* entryOf(CK_SLOT_ID slot) { return slot >= 1 && slot <= entries_.size() ? &entries_[slot - 1] : nullptr; }
+
+  alignas(4096) std::array<Entry, 64> entries_;  // of the slots 1 to 64
 };
 
 }  // namespace tavrin::standard
