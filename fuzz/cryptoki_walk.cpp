@@ -1,5 +1,5 @@
 // Random walks through Cryptoki: a byte string is played as calls with valid, null, stale and foreign handles,
-// templates and lengths, over the scripted device library, whose tokens come, go and fail underneath. Every answer that
+// templates and lengths, over the scripted device library, whose tokens come, go and fail underneath. Every result that
 // the model of slots, sessions, logins and operations predicts is compared, and every session's state after each call.
 // The model has what an application may rely on, and shares no code with the module.
 #include <algorithm>
@@ -35,7 +35,7 @@ class SessionModel {
   std::map<CK_SESSION_HANDLE, ModelSession> sessions;
   std::string password;  // of the user who is logged in
 
-  // The answer to every call that names a session, unless the session is there.
+  // The code of every call that names a session, unless the session is open.
   std::optional<CK_RV> refusal(CK_SESSION_HANDLE handle) const {
     if (!initialized) return CKR_CRYPTOKI_NOT_INITIALIZED;
     if (sessions.count(handle) == 0) return CKR_SESSION_HANDLE_INVALID;
@@ -80,7 +80,7 @@ class SessionModel {
     password.clear();
   }
 
-  // Users of tokens that are gone are logged out, security officers are not.
+  // Users of removed tokens are logged out, security officers are not.
   void lookAtDevices(const std::vector<std::string>& connected) {
     for (auto& [handle, session] : sessions) {
       if (!session.isUser() || std::count(connected.begin(), connected.end(), session.device) != 0) continue;
@@ -345,7 +345,7 @@ class Walk {
   FuzzInput input_;
   SessionModel model_;
   SessionChoice choice_;
-  std::set<std::string> faults_;  // of operations that the walk knows to be called, those still to strike
+  std::set<std::string> faults_;  // operations that are set to fail once and were not called yet
 };
 
 }  // namespace

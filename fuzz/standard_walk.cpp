@@ -17,8 +17,8 @@ enum Login { nobody, user, officer };
 struct ModelToken {
   CK_SLOT_ID slot = 0;  // for the life of the process
   bool present = false;
-  bool unsure = false;   // pulled, and nobody may have noticed yet
-  bool changed = false;  // no longer the objects of a new one
+  bool unsure = false;   // removed, perhaps not noticed yet
+  bool changed = false;  // its objects differ from those of a new token
   bool hides = false;    // a public key was destroyed alone: its number is hidden for the life of the library
   Login login = nobody;
 };
@@ -144,7 +144,7 @@ class Walk {
 
   CK_SESSION_HANDLE anySession() { return choice_.any(input_, sessions_); }
 
-  // The session that a call was for, if the model knows how it is.
+  // The session of a call, if its state is certain.
   ModelSession* sessionOf(const char* what, CK_SESSION_HANDLE handle, CK_RV code) {
     const auto place = sessions_.find(handle);
     if (place == sessions_.end()) return expect(what, code, {CKR_SESSION_HANDLE_INVALID}), nullptr;
@@ -384,7 +384,7 @@ class Walk {
     if (done && call.part == update && (!call.isQuery || operation >= digest)) session->inParts.insert(operation);
   }
 
-  // The device was asked for a signature by the token of the session, and by the key of the Init call.
+  // The device signed with the token of the session and with the key of the Init call.
   void checkKey(const ModelSession& session, CK_OBJECT_HANDLE key, CK_SESSION_HANDLE handle) {
     const std::string serial = serials[session.token - tokens];
     CK_KEY_TYPE keyType = 99;
@@ -438,7 +438,7 @@ class Walk {
   std::map<std::pair<CK_SESSION_HANDLE, Operation>, CK_OBJECT_HANDLE> keys_;
   std::map<const ModelToken*, std::vector<CK_OBJECT_HANDLE>> found_;
   std::string asked_;            // the last operation of the device library that uses a key
-  std::set<CK_SLOT_ID> events_;  // of the slots whose token has come or gone
+  std::set<CK_SLOT_ID> events_;  // of the slots whose token was inserted or removed
   SessionChoice choice_;
   static inline CK_SESSION_HANDLE last_ = 0;
   bool faulty_ = false;

@@ -42,8 +42,8 @@ std::optional<FileStamp> stampOf(const std::filesystem::path& file);
 // The whole file; empty when it is absent, unreadable, not a regular file or longer than `limit` bytes.
 std::optional<std::vector<std::uint8_t>> readFile(const std::filesystem::path& file, std::size_t limit);
 
-// Writes a file that nobody reads yet and syncs its content to the disk. Overwrites an existing file. On failure the
-// file is removed.
+// Writes a file that no process reads yet and syncs its content to the disk. Overwrites an existing file. On failure
+// the file is removed.
 void writeFile(const std::filesystem::path& file, ByteView content);
 
 // Renames `fresh` to `file`, which it replaces atomically, gives it a stamp that `file` has not had, and syncs the

@@ -63,7 +63,7 @@ struct Tries {
 Bytes encodeTokenState(const TokenState& state, ByteView masterKey);
 Bytes encodeTries(const Tries& tries);
 
-// Whether the file of this state was written by somebody who knew the master key. False without a proof.
+// Whether the file of this state was written with the master key. False without a proof.
 bool isAuthentic(const TokenState& state, ByteView masterKey);
 
 // Throw deviceFault for anything but a complete, undamaged file. A token file's proof is not checked.

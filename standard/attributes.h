@@ -13,7 +13,7 @@
 
 namespace tavrin::standard {
 
-// Memory is wiped when it is given back. Not synchronised.
+// Memory is wiped when it is released. Not synchronised.
 class Attributes {
  public:
   // Null when there is no such attribute. Finds sensitive values too: isSensitive says which must not be returned.

@@ -9,7 +9,7 @@ using namespace tavrin::standard;
 
 namespace {
 
-constexpr std::size_t longestSecret = std::size_t{1} << 20;  // that a template may ask for, in bytes
+constexpr std::size_t longestSecret = std::size_t{1} << 20;  // in bytes, for CKA_VALUE_LEN
 
 struct Agreement {
   const HashMechanism* hash;  // of the key derivation function; null for the raw secret
@@ -39,7 +39,7 @@ void checkPoint(ByteView point, std::size_t length) {
   throw Refusal(CKR_MECHANISM_PARAM_INVALID, "no point of the key's curve, ulPublicDataLen=", point.size());
 }
 
-// The length that the template asks for, or nothing. Key types of a fixed length need no CKA_VALUE_LEN.
+// The length in the template, or nothing. Key types of a fixed length need no CKA_VALUE_LEN.
 std::optional<std::size_t> readLength(const Template& wanted, CK_KEY_TYPE keyType) {
   const std::optional<CK_ULONG> length = wanted.number(CKA_VALUE_LEN);
   const Refusal refusal(CKR_TEMPLATE_INCONSISTENT, "no length for key type=", keyType);

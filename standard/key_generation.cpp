@@ -45,9 +45,9 @@ void readUsage(Attributes& request, bool isRsa, const Template& publicPart, cons
   request.setFlag(CKA_DECRYPT, wantsDecrypt);
 }
 
-// What is asked of the module for the private half.
-// CKA_WRAP, CKA_UNWRAP and the recovering uses are accepted, as many applications ask for all uses, and are false.
-// CKA_SENSITIVE and CKA_EXTRACTABLE are accepted with any value: the key is protected in any case.
+// The template that the module receives for the private half. CKA_WRAP, CKA_UNWRAP and the recovering uses are
+// accepted, because many applications set all uses, and are false. CKA_SENSITIVE and CKA_EXTRACTABLE are accepted with
+// any value: the key is protected in any case.
 Attributes readTemplates(const Mechanism& mechanism, const Template& publicPart, const Template& privatePart) {
   publicPart.mustBeOf(newPublicKey);
   privatePart.mustBeOf(newPrivateKey);
@@ -129,7 +129,7 @@ CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
     const Mechanism& mechanism = requiredMechanism(given.mechanism, CKF_GENERATE_KEY_PAIR, session.token);
     requireNoParameter(given);
     Attributes request = readTemplates(mechanism, publicPart, privatePart);
-    // Both halves are stored as one pair. It is a token object if either template asks for that.
+    // Both halves are stored as one pair. It is a token object if either template has CKA_TOKEN true.
     const bool onToken = publicPart.flag(CKA_TOKEN).value_or(false) || privatePart.flag(CKA_TOKEN).value_or(false);
     if (onToken && !session.readWrite) return call.refuse(CKR_SESSION_READ_ONLY, "the session is read-only");
     if (session.token.login != Login::user) return call.refuse(CKR_USER_NOT_LOGGED_IN, "the user is not logged in");

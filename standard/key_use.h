@@ -12,7 +12,7 @@ struct KeyUse {
   CK_ATTRIBUTE_TYPE attribute;  // of the keys that may do it
 };
 
-// The bytes of a block that PKCS #1 v1.5 leaves for no data: 0, type, at least eight of padding, 0.
+// The bytes of a PKCS #1 v1.5 block that hold no data: 0, type, at least eight of padding, 0.
 constexpr std::size_t pkcs1Overhead = 11;
 
 // The key, checked for the mechanism and the use that the attribute allows: CKR_KEY_HANDLE_INVALID,

@@ -12,7 +12,7 @@ CK_STATE stateOf(ModuleLock& module, CK_SESSION_HANDLE session) {
   return module->C_GetSessionInfo(session, &info) == CKR_OK ? info.state : CKS_RW_PUBLIC_SESSION;
 }
 
-// Logs out whoever is logged in to the module. Waits for keys that are being generated under that login.
+// Ends the login of the module, if there is one. Waits for keys that are being generated under that login.
 void logoutOfModule(ModuleLock& module) {
   State& state = module.state();
   state.idle.wait(module.lock(), [&] { return state.generating == 0; });
@@ -60,7 +60,7 @@ CK_RV loginToModule(ModuleLock& module, Token& token, CK_USER_TYPE userType, std
   const CK_SESSION_HANDLE session = lockedSession(module, token);
   logoutOfModule(module);
   if (isLoggedInState(stateOf(module, session))) module->C_Logout(session);
-  if (userType == CKU_SO) closeKeyUseSession(module, token);  // the officer logs in beside no read-only session
+  if (userType == CKU_SO) closeKeyUseSession(module, token);  // else the officer's login is refused
   const CK_RV code = module->C_Login(session, userType, pin.data(), static_cast<CK_ULONG>(pin.size()));
   if (code != CKR_OK) return code;
   if (userType == CKU_USER) {

@@ -26,7 +26,7 @@ struct Object {
   CK_OBJECT_HANDLE moduleHandle = 0;  // 0: exists in this library alone
   CK_SESSION_HANDLE session = 0;      // the session that the object ends with; 0 for a token object
   bool isPrivate = false;
-  bool imported = false;  // a key that this process brought to the token
+  bool imported = false;  // a key that this process imported to the token
   bool kept = false;      // a session key that a copy has made a token object: its pair is not deleted
 
   SecretBytes subject;                           // CKA_SUBJECT of a key, if this process has set it
@@ -48,7 +48,7 @@ class ObjectTable {
   // The object that the module lists under this handle. It is added if it is new. Null when it is hidden.
   std::shared_ptr<Object> ofModule(Token& token, CK_OBJECT_HANDLE moduleHandle);
 
-  // The other half of a key pair; null when it is not known.
+  // The other half of a key pair; null when it is not in the table.
   std::shared_ptr<Object> otherHalf(const Object& object) const;
 
   // Forgets the object. A later object with the same handle of the module is another one.

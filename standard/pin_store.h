@@ -1,5 +1,5 @@
-// The PINs of logged-in users, for as long as they are logged in. They lie in one page that is kept out of the swap
-// space; a PIN is wiped when it is dropped.
+// The PINs of logged-in users, for as long as they are logged in. They are stored in one page that is kept out of the
+// swap space; a PIN is wiped when it is dropped.
 #pragma once
 
 #include <array>

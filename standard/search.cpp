@@ -160,7 +160,7 @@ CK_RV C_FindObjectsInit(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, 
     const Template wanted(pTemplate, ulCount);
     ModuleLock module(state);
     std::vector<CK_OBJECT_HANDLE> found = findObjects(module, session, wanted);
-    // The module shows a removed token as an empty one.
+    // The module finds no objects on a removed token.
     if (found.empty()) state.tokens.refresh(module);
     if (!session.isAlive()) return call.refuse(CKR_DEVICE_REMOVED, "the token was removed");
     session.search = Search{std::move(found)};

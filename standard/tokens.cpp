@@ -14,7 +14,7 @@ std::string textIn(const CK_UTF8CHAR (&field)[size]) {
   return {field, std::find(field, field + size, '\0')};
 }
 
-// More tokens than are usually connected: asking for the number first would list the devices twice.
+// More tokens than are usually connected: fetching the number first would list the devices twice.
 constexpr CK_ULONG usualTokens = 64;
 
 std::vector<CK_SLOT_ID> listModuleSlots(ModuleLock& module) {

@@ -177,8 +177,8 @@ TAVRIN_DEVICE_API int tavrin_finalHash(void* context, std::uint8_t* digest, int*
 TAVRIN_DEVICE_API int tavrin_signHash(const char* device, const std::uint8_t* recordId, const char* password,
                                       const std::uint8_t* input, int inputLength, std::uint8_t* signature,
                                       int* signatureLength, bool flag, void* instance, bool pss);
-// 0 only for a valid signature. `publicKey` is an EC point, or the SubjectPublicKeyInfo of an RSA key. The software
-// token accepts an RSA modulus, too.
+// 0 only for a valid signature. `publicKey` is an EC point, or an RSA key as SubjectPublicKeyInfo or as its bare
+// modulus.
 TAVRIN_DEVICE_API int tavrin_verifySignatureHash(std::uint32_t keyType, const char* device, const std::uint8_t* input,
                                                  int inputLength, const std::uint8_t* publicKey, int publicKeyLength,
                                                  const std::uint8_t* signature, int signatureLength, void* instance,

@@ -58,7 +58,7 @@ void append(std::string& message, Number number) {
 
 void reportException(const char* where, const char* what) noexcept;
 
-// A line that begins with room for its head. The message is appended to it. Both functions may throw std::bad_alloc.
+// A line that begins with space for its head. The message is appended to it. Both functions may throw std::bad_alloc.
 std::string beginLine();
 
 // Fills in the head of a line that beginLine made, ends the line and writes it.

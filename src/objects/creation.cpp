@@ -124,8 +124,8 @@ CK_RV importCertificate(const Call& call, const Session& session, TavrinCertific
   return call.refuseBare(storeFailure(status), "Leaf import failed: ", status);
 }
 
-// Imports the issuers, root first, and then the certificate. Imports the certificate only when an issuer is not known.
-// When the device refuses a certificate of the chain, those before it stay on the token.
+// Imports the issuers, root first, and then the certificate. Imports the certificate alone when findChain finds no
+// whole chain. When the device refuses a certificate of the chain, those before it stay on the token.
 CK_RV importWithChain(const Call& call, const Session& session, const std::string& issuerName,
                       TavrinCertificate& record) {
   std::vector<TavrinCertificate> chain = findChain(record, issuerName);

@@ -131,8 +131,8 @@ bool same(const timespec& left, const timespec& right) {
   return left.tv_sec == right.tv_sec && left.tv_nsec == right.tv_nsec;
 }
 
-// The number in a small file. The file is read again only when its status has changed: asking for the status costs a
-// third of opening, reading and closing the file.
+// The number in a small file. The file is read again only when its status has changed: reading the status takes a third
+// of the time of opening, reading and closing the file.
 class NumberInFile {
  public:
   // Nothing when the file is missing, unreadable or no decimal text.

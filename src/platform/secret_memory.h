@@ -1,4 +1,4 @@
-// Memory for secrets. It is wiped whenever it is given back. Any thread may use it.
+// Memory for secrets. It is wiped when it is released. Any thread may use it.
 #pragma once
 
 #include <cstddef>
@@ -28,7 +28,8 @@ struct WipingAllocator {
 
 using SecretBytes = std::vector<std::uint8_t, WipingAllocator<std::uint8_t>>;
 
-// Empties the bytes and gives their memory back, wiped. Assigning {} or calling clear() would keep the memory as it is.
+// Empties the bytes, and wipes and releases their memory. Assigning {} or calling clear() would keep the memory as it
+// is.
 inline void wipeAndFree(SecretBytes& bytes) { SecretBytes().swap(bytes); }
 
 }  // namespace tavrin

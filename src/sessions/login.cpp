@@ -82,7 +82,7 @@ CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR
     }
 
     const Pin pin(pPin, ulPinLen);
-    // The cached password is accepted for every token without asking its device.
+    // The cached password is accepted for every token without a check by its device.
     if (userType != CKU_USER || !userPassword.equals(pin)) {
       const CK_RV refusal = validatePassword(call, session, userType, pin);
       if (refusal != CKR_OK) return refusal;

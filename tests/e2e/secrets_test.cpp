@@ -1,5 +1,5 @@
-// No secret outlives its use. Another process uses a library, at the highest log level, with passwords and keys that
-// are known here alone; its memory, its output, the log and the token's files are searched for them.
+// No secret stays in memory after its use. Another process uses a library, at the highest log level, with passwords and
+// keys that only this test has; its memory, its output, the log and the token's files are searched for them.
 #include <gtest/gtest.h>
 
 #include <array>

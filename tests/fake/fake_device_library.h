@@ -1,4 +1,4 @@
-// A device library that plays a script: it needs no token, records what it is asked and fails on demand.
+// A device library that plays a script: it needs no token, records each call and fails on demand.
 //
 // Its results can be read by eye: the hash of "ab" with code 3 is "H3(ab)", a signature "S(input)", a ciphertext
 // "E(data)", a plaintext "P(ciphertext)", a shared secret "Z(peer point)". A certificate is the text

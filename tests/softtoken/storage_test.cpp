@@ -127,7 +127,7 @@ TEST_F(SoftTokenTest, APasswordChangeEndsTheOldPasswordEverywhere) {
   EXPECT_EQ(otherProcess().tries().user, 9u) << "only the password of just before is known";
 }
 
-// The file of the token as an attacker writes it, who knows no password: with a hash that fits.
+// The file of the token as an attacker without a password writes it: with a hash that fits.
 void forge(const fs::path& file, Bytes content) {
   const Bytes hash = softtoken::hashOf(GCRY_MD_SHA256, content);
   content.insert(content.end(), hash.begin(), hash.end());

@@ -1,5 +1,5 @@
 // The tables of tests/standard: each row is a call on the Cryptoki library under test and the code that PKCS#11 v2.40
-// demands. The same rows run on SoftHSM2, which proves them; where it answers otherwise the row says why.
+// demands. The same rows run on SoftHSM2 as a check; where its result differs, the row says why.
 #pragma once
 
 #include <gtest/gtest.h>

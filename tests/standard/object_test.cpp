@@ -1,4 +1,4 @@
-// Searches, attributes, templates, key generation, and how long objects live.
+// Searches, attributes, templates, key generation, and the lifetime of objects.
 #include <algorithm>
 #include <sstream>
 

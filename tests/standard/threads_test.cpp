@@ -1,4 +1,4 @@
-// Many threads at once, each signature checked by libgcrypt against the key that was asked for. Under ThreadSanitizer
+// Many threads at once, each signature checked by libgcrypt against the key of its Init call. Under ThreadSanitizer
 // too.
 #include <atomic>
 #include <chrono>

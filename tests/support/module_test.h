@@ -51,7 +51,7 @@ std::string hexOf(const Structure& structure) {
   return fake::hex(&structure, sizeof structure);
 }
 
-// What the module asks for each hash, and its result.
+// The calls of the device library for a hash, and its result.
 inline std::string hashBegun(int code) { return "> initHash TK1 code=" + std::to_string(code) + " inst"; }
 inline std::string hashUpdated(int context, const std::string& data) {
   return "> updateHash ctx=" + std::to_string(context) + " '" + data + "' inst";
@@ -95,8 +95,8 @@ class ModuleTest : public ::testing::Test {
   void SetUp() override;
   void TearDown() override;
 
-  // What the call did, in order: error lines of the log as they are, debug lines after "- ", and what it asked of the
-  // device library after "> ". Lines of the monitor thread are left out.
+  // What the call did, in order: error lines of the log as they are, debug lines after "- ", and calls of the device
+  // library after "> ". Lines of the monitor thread are left out.
   Lines run(const Call& call);
   // Expects the function's own debug line, these lines, this code, and nothing else. A line that begins with ": " has
   // the function's name before it.

@@ -1,4 +1,4 @@
-// What the tests ask of the operating system: test_platform_windows.cpp and test_platform_posix.cpp.
+// The tests' access to the operating system: test_platform_windows.cpp and test_platform_posix.cpp.
 #pragma once
 
 #include <cstdint>

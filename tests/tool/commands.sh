@@ -38,7 +38,7 @@ while read -r words; do
   sed -n "s/^ *'$words') words=//p" completion | grep -oE -- '--[a-z-]+' | sort | diff shown - || fail "completion of $words"
 done <commands
 
-# What is refused before passwords are asked for, which would fail here for want of a terminal.
+# Refused before the passwords are read, which would fail here without a terminal.
 while IFS='|' read -r words reason; do
   tool 1 token create $words
   says err "$reason"
@@ -202,7 +202,7 @@ else
   script -qec "'$E2E_BIN/tavrin-tool' token create sig & sleep 1; kill -TERM \$!; wait \$!; echo code \$?; stty -a" \
     terminal < <(sleep 3) >/dev/null || fail "no terminal"
   says terminal 'new user password' 'code 143' ' echo '
-  # A mistyped repetition is asked for again.
+  # After a mistyped repetition the tool asks again.
   : >typed
   timeout 60 script -qfec "'$E2E_BIN/tavrin-tool' token create typed --so-pin-file so-pin" typed < <(
     for row in 1:first 2:mistyped 3:"$(cat pin)" 4:"$(cat pin)"; do

@@ -1,4 +1,4 @@
-// Mechanisms, digests, signatures, encryption and random numbers: what the device is asked, and what the session keeps.
+// Mechanisms, digests, signatures, encryption and random numbers: the calls of the device, and what the session keeps.
 #include "module_test.h"
 
 namespace {
@@ -92,7 +92,7 @@ TEST_F(CryptoTest, DigestsInOneAndInSeveralParts) {
     ++hash;
     CK_MECHANISM mechanism{type, &hash, 3};  // the parameter does not matter
     does(CALL(C_DigestInit, session_, &mechanism), {hashBegun(hash)});
-    out_.length = 1;  // nor does the room
+    out_.length = 1;  // nor does the buffer's size
     does(digest_, {hashUpdated(hash - 1, "ab"), hashFinished(hash - 1, 0), "- C_Digest Success"});
     EXPECT_EQ(out_.text(), hashOf(hash, "ab"));
     expectNoOperation(CALL(C_DigestUpdate, session_, nullptr, 0));
@@ -126,7 +126,7 @@ TEST_F(CryptoTest, PssWantsFirmwareTwo) {
 }
 
 // Verification in several parts hashes with SHA-256 for every PSS mechanism, passes the key as it is stored, and never
-// asks for PSS.
+// uses PSS.
 TEST_F(CryptoTest, EverySignatureInOneAndInSeveralParts) {
   int context = 0;
   // The lines of an update and of the hash's end, if there is a hash.

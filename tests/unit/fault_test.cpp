@@ -255,7 +255,7 @@ const std::map<std::string, std::map<std::string, std::string>> refusals = {
     {"C_Encrypt", {{"encrypt", "Encrypt data failed : "}}},
     {"C_Decrypt", {{"decrypt", "Dacrypt data failed : "}}}};
 
-// The error lines and the code of a call whose operation answered with a status.
+// The error lines and the code of a call whose operation returned this status.
 Lines answerTo(const Reached& reached, int status) {
   const std::string& name = reached.scene.call.name;
   const std::string& operation = reached.operation;

@@ -133,7 +133,7 @@ TEST_F(KeyDerivationTest, RefusalsAreSilent) {
 }
 
 TEST_F(KeyDerivationTest, SecretIsHashedAndCutAsAsked) {
-  // The function, the code of its hash (0: none), the room for the hash, the template and the secret.
+  // The function, the code of its hash (0: none), the in-length for the hash, the template and the secret.
   const std::tuple<CK_EC_KDF_TYPE, int, int, Template, std::string> rows[] = {
       {CKD_NULL, 0, 0, {}, "Z(peer)"},
       {9, 0, 0, {{CKA_CLASS, number(CKO_SECRET_KEY)}, {CKA_LABEL, "x"}}, "Z(peer)"},

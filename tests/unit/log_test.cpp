@@ -1,4 +1,4 @@
-// The place of the log, the form of its lines, and the lines that the configured level selects.
+// The location of the log, the form of its lines, and the lines that the configured level selects.
 #include <filesystem>
 #include <fstream>
 

@@ -42,7 +42,7 @@ TEST_F(ObjectSearchTest, InitRefusalsResetTheSearchAndKeepTheOperation) {
   expect(init(session, {{CKA_ID, "x"}, {CKA_CLASS, std::string(8, '\1')}}), CKR_ATTRIBUTE_VALUE_INVALID,
          first + Lines{"- Find object init type : 0", ": wrong size for CKA_CLASS at index=1 ulValueLen=8"});
   EXPECT_EQ(results(session), Handles{});
-  // Without room for handles, only the log shows the number of objects.
+  // Without a buffer for handles, only the log shows the number of objects.
   CK_ULONG count = 77;
   ok(C_FindObjectsInit(session, nullptr, 0));
   does(CALL(C_FindObjects, session, nullptr, 0, &count),

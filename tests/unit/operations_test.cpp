@@ -170,7 +170,7 @@ TEST_F(OperationsTest, LengthQueriesKeepTheResultForTheCallThatFetchesIt) {
     place = nullptr;
     does(call, logged);
     place = out_.data();
-    out_.length = 0;  // the room does not matter
+    out_.length = 0;  // the buffer's size does not matter
     does(call, logged);
     EXPECT_EQ(out_.text(), result);
     expectNoOperation(call);
