@@ -106,7 +106,7 @@ std::vector<std::pair<std::string, Bytes>> certificatesInFolder(const std::strin
   std::vector<std::pair<std::string, Bytes>> found;
   std::error_code error;
   for (fs::directory_iterator entry(pathOf(folder), error), end; !error && entry != end; entry.increment(error)) {
-    const std::string name = textOf(entry->path().filename());
+    const std::string name = nameOf(*entry);
     if (!hasExtension(name, extensions)) continue;
     const auto content = readFile(entry->path(), maxFile);
     if (!content) continue;

@@ -11,6 +11,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 #include "devlib/byte_view.h"
@@ -102,6 +103,13 @@ inline std::filesystem::path pathOf(std::string_view utf8) {
 inline std::string textOf(const std::filesystem::path& path) {
   const std::u8string text = path.u8string();
   return {text.begin(), text.end()};
+}
+
+// The name of a folder's entry. Empty for a name that is no UTF-16 on Windows, which has no text.
+inline std::string nameOf(const std::filesystem::directory_entry& entry) try {
+  return textOf(entry.path().filename());
+} catch (const std::system_error&) {
+  return {};
 }
 
 }  // namespace softtoken

@@ -99,6 +99,7 @@ void Token::setStateInLock(std::shared_ptr<const TokenState> next, const FileSta
   if (!next) {
     former_.reset();
     known_.reset();
+    refused_.clear();
   } else if (state_ && !(next->user == state_->user)) {
     former_.reset();
     if (known_) former_ = known_->mac;

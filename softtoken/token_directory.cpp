@@ -49,24 +49,27 @@ static std::string serialOf(Token& token) {
   }
 }
 
+// The tables are exchanged last, so that a failure leaves them as they are.
 void TokenDirectory::refreshInLock() {
-  std::map<fs::path, std::shared_ptr<Token>> before = std::move(byFolder_);
-  byFolder_.clear();
-  bySerial_.clear();
+  std::map<fs::path, std::shared_ptr<Token>> byFolder;
+  std::map<std::string, std::shared_ptr<Token>, std::less<>> bySerial;
   for (const fs::path& folder : tokenFolders(tokenRoot())) {
-    auto kept = before.extract(folder);
-    auto token = kept ? kept.mapped() : std::make_shared<Token>(folder);
+    const auto kept = byFolder_.find(folder);
+    auto token = kept != byFolder_.end() ? kept->second : std::make_shared<Token>(folder);
     std::string serial = serialOf(*token);
-    if (kept && serial.empty()) {
+    if (kept != byFolder_.end() && serial.empty()) {
       // Another token may be in the folder now.
       token->forgetPassword();
       token = std::make_shared<Token>(folder);
       serial = serialOf(*token);
     }
-    byFolder_.emplace(folder, token);
-    if (!serial.empty()) bySerial_.emplace(serial, token);
+    byFolder.emplace(folder, token);
+    if (!serial.empty()) bySerial.emplace(serial, token);
   }
-  for (const auto& [folder, gone] : before) gone->forgetPassword();
+  byFolder_.swap(byFolder);
+  bySerial_.swap(bySerial);
+  for (const auto& [folder, token] : byFolder)
+    if (!byFolder_.contains(folder)) token->forgetPassword();
 }
 
 }  // namespace softtoken

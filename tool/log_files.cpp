@@ -106,7 +106,8 @@ std::vector<LogFile> logFilesOf(const std::string& day) {
     const fs::path file = entry->path() / (day + tavrin::logFileExtension);
     std::error_code missing;
     const std::uintmax_t size = fs::file_size(file, missing);
-    if (!missing) files.push_back({softtoken::textOf(entry->path().filename()), file, size});
+    const std::string program = softtoken::nameOf(*entry);
+    if (!missing && !program.empty()) files.push_back({program, file, size});
   }
   std::ranges::sort(files, {}, &LogFile::program);
   return files;
