@@ -159,10 +159,9 @@ void putInPlace(const fs::path& fresh, const fs::path& file) {
 }
 
 void moveEntry(const fs::path& from, const fs::path& to) {
-  if (fs::symlink_status(to).type() != fs::file_type::not_found) {
-    errno = EEXIST;
-    fail("cannot move to", to);
-  }
+  struct stat info {};
+  if (::lstat(to.c_str(), &info) == 0) errno = EEXIST;
+  if (errno != ENOENT) fail("cannot move to", to);
   if (::rename(from.c_str(), to.c_str()) != 0) fail("cannot move", from);
   flushFolder(from.parent_path());
   if (to.parent_path() != from.parent_path()) flushFolder(to.parent_path());

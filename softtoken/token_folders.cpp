@@ -65,6 +65,14 @@ std::string makeSerial() {
   return serial;
 }
 
+bool isFolder(const fs::path& path) {
+  std::error_code error;
+  const fs::file_type type = fs::status(path, error).type();
+  if (error && type != fs::file_type::not_found)
+    throw Failure(Status::deviceFault, "cannot read " + textOf(path) + ": " + error.message());
+  return type == fs::file_type::directory;
+}
+
 fs::path pluggedPath(const std::string& name) { return tokenRoot() / pathOf(name); }
 
 fs::path unpluggedPath(const std::string& name) { return tokenRoot() / unpluggedFolder / pathOf(name); }
@@ -82,10 +90,10 @@ void removeLeftovers() {
   std::vector<fs::path> leftovers;
   std::error_code error;
   for (fs::directory_iterator entry(tokenRoot(), error), end; !error && entry != end; entry.increment(error)) {
-    const std::string name = textOf(entry->path().filename());
+    const std::string name = nameOf(*entry);
     if (name.starts_with(unfinishedPrefix) || name.starts_with(removedPrefix)) leftovers.push_back(entry->path());
   }
-  for (const fs::path& leftover : leftovers) fs::remove_all(leftover);
+  for (const fs::path& leftover : leftovers) fs::remove_all(leftover, error);  // else the next call does
 }
 
 void appendSummaries(const fs::path& root, bool plugged, std::vector<TokenSummary>& summaries) {
@@ -102,25 +110,38 @@ void appendSummaries(const fs::path& root, bool plugged, std::vector<TokenSummar
   }
 }
 
-// Removes an unfinished token, unless it was finished.
+struct EmptyToken {
+  TokenState state;
+  MasterKey masterKey;
+};
+
+// A token without objects, with a new serial number. Takes as long as two derivations of keys.
+EmptyToken makeEmptyToken(std::string_view userPassword, std::string_view officerPassword) {
+  requireValidPassword(userPassword);
+  requireValidPassword(officerPassword);
+  EmptyToken empty{{}, randomSecret(secretKeySize)};
+  TokenState& state = empty.state;
+  state.serial = makeSerial();
+  state.user = makePasswordLock(userPassword, empty.masterKey, state.serial, Role::user);
+  state.securityOfficer = makePasswordLock(officerPassword, empty.masterKey, state.serial, Role::securityOfficer);
+  return empty;
+}
+
+// A file or folder that is removed unless it was moved to its place.
 class Unfinished {
  public:
-  explicit Unfinished(fs::path folder) : folder_(std::move(folder)) {}
+  explicit Unfinished(fs::path path) : path_(std::move(path)) {}
   ~Unfinished() {
     std::error_code ignored;
-    if (!folder_.empty()) fs::remove_all(folder_, ignored);
+    fs::remove_all(path_, ignored);
   }
   Unfinished(const Unfinished&) = delete;
   Unfinished& operator=(const Unfinished&) = delete;
 
-  const fs::path& folder() const { return folder_; }
-  void moveTo(const fs::path& place) {
-    moveEntry(folder_, place);
-    folder_.clear();
-  }
+  const fs::path& path() const { return path_; }
 
  private:
-  fs::path folder_;
+  const fs::path path_;
 };
 
 }  // namespace
@@ -130,9 +151,9 @@ std::vector<fs::path> tokenFolders(const fs::path& root) {
   std::error_code error;
   // An error ends the walk: the folder may be removed meanwhile.
   for (fs::directory_iterator entry(root, error), end; !error && entry != end; entry.increment(error)) {
-    const std::string name = textOf(entry->path().filename());
+    const std::string name = nameOf(*entry);
     std::error_code unreadable;
-    if (name[0] != '.' && entry->is_directory(unreadable)) folders.push_back(entry->path());
+    if (!name.empty() && name[0] != '.' && entry->is_directory(unreadable)) folders.push_back(entry->path());
   }
   std::ranges::sort(folders);
   return folders;
@@ -149,28 +170,21 @@ void requireValid(const NewToken& token) {
 
 void createToken(const NewToken& token, std::string_view userPassword, std::string_view officerPassword) {
   requireValid(token);
-  requireValidPassword(userPassword);
-  requireValidPassword(officerPassword);
   requireNoSuchToken(token.name);
-
-  TokenState state;
-  state.serial = makeSerial();
-  state.label = token.label;
-  state.firmware = token.firmware;
-  state.capacity = token.capacity;
-  const MasterKey masterKey = randomSecret(secretKeySize);
-  state.user = makePasswordLock(userPassword, masterKey, state.serial, Role::user);
-  state.securityOfficer = makePasswordLock(officerPassword, masterKey, state.serial, Role::securityOfficer);
+  EmptyToken empty = makeEmptyToken(userPassword, officerPassword);
+  empty.state.label = token.label;
+  empty.state.firmware = token.firmware;
+  empty.state.capacity = token.capacity;
 
   makePrivateFolder(tokenRoot());
   const FileLock alone(tokenRoot() / rootLock);
   requireNoSuchToken(token.name);
   removeLeftovers();
-  Unfinished unfinished(tokenRoot() / pathOf(unfinishedPrefix + token.name));
-  makePrivateFolder(unfinished.folder());
-  writeFile(unfinished.folder() / "tries", encodeTries({}));
-  replaceFile(unfinished.folder() / "token", encodeTokenState(state, masterKey));
-  unfinished.moveTo(pluggedPath(token.name));
+  const Unfinished folder(tokenRoot() / pathOf(unfinishedPrefix + token.name));
+  makePrivateFolder(folder.path());
+  writeFile(folder.path() / "tries", encodeTries({}));
+  replaceFile(folder.path() / "token", encodeTokenState(empty.state, empty.masterKey));
+  moveEntry(folder.path(), pluggedPath(token.name));
 }
 
 std::vector<TokenSummary> allTokens() {
@@ -187,13 +201,13 @@ std::vector<TokenSummary> allTokens() {
 fs::path folderOfToken(const std::string& name) {
   requireValidName(name);
   for (const fs::path& folder : {pluggedPath(name), unpluggedPath(name)})
-    if (fs::is_directory(folder)) return folder;
+    if (isFolder(folder)) return folder;
   throw Failure(Status::notFound, "there is no token named " + name);
 }
 
 bool tokenExists(const std::string& name) {
   requireValidName(name);
-  return fs::is_directory(pluggedPath(name)) || fs::is_directory(unpluggedPath(name));
+  return isFolder(pluggedPath(name)) || isFolder(unpluggedPath(name));
 }
 
 bool isPlugged(const std::string& name) { return folderOfToken(name) == pluggedPath(name); }
@@ -215,6 +229,23 @@ void unplugToken(const std::string& name) {
   require(isPlugged(name), "the token is not plugged in");
   makePrivateFolder(tokenRoot() / unpluggedFolder);
   moveEntry(pluggedPath(name), unpluggedPath(name));
+}
+
+void resetToken(const std::string& name, std::string_view userPassword, std::string_view officerPassword) {
+  EmptyToken empty = makeEmptyToken(userPassword, officerPassword);
+  const FileLock alone = lockFor(name);
+  const fs::path folder = folderOfToken(name);
+  // A process that waits for this lock finds another token after it, and changes nothing.
+  const FileLock nobodyWrites(folder / "lock");
+  const auto old = Token(folder).state();
+  empty.state.label = old->label;
+  empty.state.firmware = old->firmware;
+  empty.state.capacity = old->capacity;
+  // First, so that no disk space is needed when the new token is in its place.
+  const Unfinished tries(folder / "tries.new");
+  writeFile(tries.path(), encodeTries({}));
+  replaceFile(folder / "token", encodeTokenState(empty.state, empty.masterKey));
+  putInPlace(tries.path(), folder / "tries");
 }
 
 void removeToken(const std::string& name) {

@@ -48,6 +48,10 @@ bool isPlugged(const std::string& name);
 void plugToken(const std::string& name);
 void unplugToken(const std::string& name);
 
+// Makes a token anew: without objects, with a new serial number, new passwords and all tries. Label, firmware version,
+// capacity and connection stay. Throws badArgument when a password breaks the rule. On failure the old token stays.
+void resetToken(const std::string& name, std::string_view userPassword, std::string_view officerPassword);
+
 // Deletes a token with all its keys.
 void removeToken(const std::string& name);
 

@@ -2,6 +2,7 @@
 
 #include <iostream>
 
+#include "devlib/device_constants.h"
 #include "softtoken/token_folders.h"
 #include "tool/command_line.h"
 #include "tool/console.h"
@@ -21,8 +22,6 @@ constexpr const char* passwordFooter =
     "and TAVRIN_NEW_PIN (unlock), else from the terminal; never from the command line, where\n"
     "other users could see them.\n";
 
-constexpr std::size_t tokenInfoLabel = 32;  // bytes of a label in CK_TOKEN_INFO
-
 struct TokenOptions {
   softtoken::NewToken token;
   std::string pinFile;
@@ -40,8 +39,9 @@ PasswordSource officerPassword(const TokenOptions& options) {
 PasswordSource userPassword(const TokenOptions& options) { return {"user password", options.pinFile, "TAVRIN_PIN"}; }
 
 void warnOfLabel(const softtoken::NewToken& token) {
-  if (token.label.size() > tokenInfoLabel)
-    std::cerr << "tavrin-tool: warning: applications see only the first 32 bytes of the label\n";
+  const std::size_t shown = tavrin::shownLabelLength(token.label.size());
+  if (shown < token.label.size())
+    std::cerr << "tavrin-tool: warning: applications see only the first " << shown << " bytes of the label\n";
   for (const softtoken::TokenSummary& other : softtoken::allTokens()) {
     if (!other.state || other.name == token.name || other.state->label != token.label) continue;
     std::cerr << "tavrin-tool: warning: token " << printable(other.name)
@@ -55,25 +55,37 @@ void checkNewToken(const softtoken::NewToken& token) {
     throw Failure(Status::badArgument, "a label is UTF-8 text without control characters");
 }
 
-void makeToken(const TokenOptions& options) {
-  const auto user = readNewPassword(userPassword(options));
-  const auto officer = readNewPassword(officerPassword(options));
-  if (softtoken::tokenExists(options.token.name)) softtoken::removeToken(options.token.name);
-  softtoken::createToken(options.token, textIn(user), textIn(officer));
+struct NewPasswords {
+  softtoken::SecretBytes user;
+  softtoken::SecretBytes officer;
+};
+
+NewPasswords readNewPasswords(const TokenOptions& options) {
+  return {readNewPassword(userPassword(options)), readNewPassword(officerPassword(options))};
 }
 
 int create(TokenOptions& options) {
   softtoken::NewToken& token = options.token;
   if (token.label.empty()) token.label = token.name;
   checkNewToken(token);
-  if (softtoken::tokenExists(token.name)) {
-    if (!options.ifAbsent) throw Failure(Status::badArgument, "there is a token named " + token.name + " already");
-    std::cout << token.name << " exists, serial " << serialOf(token.name) << '\n';
-    return 0;
+  const auto isThere = [&] { return softtoken::tokenExists(token.name); };
+  const bool wasThere = isThere();
+  // Before passwords are asked for.
+  if (wasThere && !options.ifAbsent)
+    throw Failure(Status::badArgument, "there is a token named " + token.name + " already");
+  if (!wasThere) {
+    warnOfLabel(token);
+    const NewPasswords passwords = readNewPasswords(options);
+    try {
+      softtoken::createToken(token, textIn(passwords.user), textIn(passwords.officer));
+      std::cout << "created " << token.name << ", serial " << serialOf(token.name) << '\n';
+      return 0;
+    } catch (const Failure&) {
+      // Another process may have made the token meanwhile.
+      if (!options.ifAbsent || !isThere()) throw;
+    }
   }
-  warnOfLabel(token);
-  makeToken(options);
-  std::cout << "created " << token.name << ", serial " << serialOf(token.name) << '\n';
+  std::cout << token.name << " exists, serial " << serialOf(token.name) << '\n';
   return 0;
 }
 
@@ -90,16 +102,13 @@ void confirm(const TokenOptions& options, const std::string& action) {
   if (answer != "y" && answer != "Y" && answer != "yes") throw Failure(Status::badArgument, "nothing was changed");
 }
 
-int reset(TokenOptions& options) {
-  const auto state = softtoken::Token(softtoken::folderOfToken(options.token.name)).state();
-  const bool plugged = softtoken::isPlugged(options.token.name);
+int reset(const TokenOptions& options) {
+  const std::string& name = options.token.name;
+  serialOf(name);  // throws for a token that cannot be read
   confirm(options, "reset");
-  options.token.label = state->label;
-  options.token.firmware = state->firmware;
-  options.token.capacity = state->capacity;
-  makeToken(options);
-  if (!plugged) softtoken::unplugToken(options.token.name);
-  std::cout << "reset " << options.token.name << ", serial " << serialOf(options.token.name) << '\n';
+  const NewPasswords passwords = readNewPasswords(options);
+  softtoken::resetToken(name, textIn(passwords.user), textIn(passwords.officer));
+  std::cout << "reset " << name << ", serial " << serialOf(name) << '\n';
   return 0;
 }
 
@@ -168,7 +177,8 @@ class TokenCommands {
     made.option("--firmware VERSION", options_->token.firmware, "The firmware version to report");
     made.option("--capacity NUMBER", options_->token.capacity, "Most key pairs and certificates to hold");
     made.flag("--if-absent", options_->ifAbsent, "Succeed when the token exists already");
-    const Command again = add("reset", "Makes a token anew: empty, new passwords and serial.", true, reset);
+    const Command again = add("reset", "Makes a token anew: empty, new passwords and serial.", true,
+                              [](TokenOptions& options) { return reset(options); });
     addFile(again, "--pin-file FILE", options_->pinFile, "File with the new user password");
     addFile(again, "--so-pin-file FILE", options_->soPinFile, "File with the new security officer password");
     addYes(again);

@@ -71,6 +71,10 @@ inline constexpr std::uint8_t rsaPublicExponentBytes[] = {0x01, 0x00, 0x01};
 // The longest label that a token takes, in bytes. The records' fields are longer.
 inline constexpr std::size_t maximumLabelLength = 128;
 
+// The bytes that C_GetTokenInfo shows of a token's label of this length. A label that fits into the field of 32 bytes
+// is cut after 30; only a longer one fills the field. Clients have matched tokens by labels that were cut in this way.
+constexpr std::size_t shownLabelLength(std::size_t length) { return length > 32 ? 32 : length > 30 ? 30 : length; }
+
 // The longest certificate, and the longest ID of a record, in bytes.
 inline constexpr std::size_t maximumCertificateLength = 3072;
 inline constexpr std::size_t maximumIdLength = 128;

@@ -23,10 +23,8 @@ void copyText(std::span<CK_UTF8CHAR> field, std::string_view text) {
 // The part of a text that a C string shows.
 std::string_view untilNul(const std::string& text) { return text.c_str(); }
 
-// A label that fits the field is cut after its 30th character; only a longer one fills the field. Clients have matched
-// tokens by labels that were cut in this way.
 std::string_view tokenLabel(const std::string& label) {
-  return untilNul(label).substr(0, label.size() <= 32 ? 30 : 32);
+  return untilNul(label).substr(0, shownLabelLength(label.size()));
 }
 
 CK_FLAGS tokenFlags(std::int32_t remainingRetries) {

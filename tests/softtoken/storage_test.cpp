@@ -68,6 +68,9 @@ TEST_F(SoftTokenTest, NamesThatLeadElsewhereAreRefused) {
     EXPECT_THROW(softtoken::createToken({.name = name, .label = "x"}, pin, soPin), softtoken::Failure) << name;
   for (const std::string& password : {std::string("123"), std::string(64, 'p')})
     EXPECT_THROW(softtoken::createToken({.name = "x", .label = "x"}, password, soPin), softtoken::Failure);
+  const fs::path::value_type noText[] = {static_cast<fs::path::value_type>(0xD8F1), 0};  // half a character of UTF-16
+  std::error_code ignored;
+  EXPECT_NO_THROW(softtoken::nameOf({root / noText, ignored}));
 }
 
 TEST_F(SoftTokenTest, WrongPasswordsCountUntilTheRightOneOrTheLock) {
@@ -125,6 +128,14 @@ TEST_F(SoftTokenTest, APasswordChangeEndsTheOldPasswordEverywhere) {
   }
   EXPECT_EQ(sign(key, pattern(32), false, "third").status, wrongPassword);
   EXPECT_EQ(otherProcess().tries().user, 9u) << "only the password of just before is known";
+
+  softtoken::Token token = otherProcess();
+  EXPECT_THROW(token.unlockForUser("sixth"), softtoken::Failure);
+  otherProcess().setUserPassword(softtoken::Role::securityOfficer, soPin, "sixth", tries);
+  fs::rename(tokenFolder() / "token", root / "aside");
+  EXPECT_THROW(token.state(), softtoken::Failure);
+  fs::rename(root / "aside", tokenFolder() / "token");
+  EXPECT_FALSE(token.unlockForUser("sixth").masterKey.empty()) << "wrong for another lock only";
 }
 
 // The file of the token as an attacker without a password writes it: with a hash that fits.
@@ -196,6 +207,21 @@ TEST_F(SoftTokenTest, AnotherTokenUnderTheSameNameIsLeftAlone) {
   device = otherProcess().state()->serial;
   EXPECT_EQ(devices(), Devices{device});
   EXPECT_EQ(login(pin), ok);
+}
+
+TEST_F(SoftTokenTest, AResetMakesANewTokenOrLeavesTheOldOne) {
+  generate(5);
+  fs::create_directory(tokenFolder() / "token.new");
+  EXPECT_THROW(softtoken::resetToken("one", "second", soPin), softtoken::Failure);
+  fs::remove(tokenFolder() / "token.new");
+  EXPECT_EQ(answer("wrong"), Answer(wrongPassword, 9));
+  EXPECT_EQ(keyPairs().size(), 1u);
+  softtoken::resetToken("one", "second", soPin);
+  EXPECT_EQ(answer("second"), Answer(deviceFault, 9)) << "another serial number";
+  device = otherProcess().state()->serial;
+  EXPECT_EQ(otherProcess().state()->label, "First");
+  EXPECT_EQ(answer("second"), Answer(ok, 10));
+  EXPECT_TRUE(keyPairs().empty());
 }
 
 TEST_F(SoftTokenTest, FilesBoundTheWorkThatTheyCause) {

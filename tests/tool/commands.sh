@@ -88,6 +88,9 @@ endless=/dev/zero
 tool 1 token unlock files --so-pin-file "$endless" --new-pin-file "$pin"
 says err 'is too long'
 tool 0 token remove files --yes
+tool 0 token create 31 --pin-file "$pin" --so-pin-file "$soPin" --label "$(printf %031d 0)"
+says err 'only the first 30 bytes'
+tool 0 token remove 31 --yes
 tool 0 token unplug anna
 tool 1 token unplug anna
 tool 0 token list
@@ -198,6 +201,14 @@ else
   onTerminal() { env -u NO_COLOR TERM=xterm "$@" script -qec "'$E2E_BIN/tavrin-tool' log --errors" log </dev/null; }
   (umask 077 && TAVRIN_REGISTRY=$E2E_FOLDER/closed launch tavrin-tool log level 3 >/dev/null)
   [[ $(find closed ! -perm -o+r) == '' ]] || fail "others cannot read the level: $(ls -lR closed)"
+  # A token that another process makes while passwords are asked for stays.
+  meanwhile() { launch tavrin-tool token create "$1" --pin-file pin --so-pin-file so-pin >"$1" && cat pin; }
+  tool 1 token create first --so-pin-file so-pin --pin-file <(meanwhile first)
+  tool 0 token create second --so-pin-file so-pin --pin-file <(meanwhile second) --if-absent
+  for name in first second; do
+    says "$name" "$(run tavrin-tool token list --json | jq -r ".[] | select(.name == \"$name\") | .serial")"
+    tool 0 token remove "$name" --yes
+  done
   # A signal at a password prompt leaves the terminal as it was.
   script -qec "'$E2E_BIN/tavrin-tool' token create sig & sleep 1; kill -TERM \$!; wait \$!; echo code \$?; stty -a" \
     terminal < <(sleep 3) >/dev/null || fail "no terminal"
