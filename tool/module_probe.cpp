@@ -3,12 +3,11 @@
 #include <algorithm>
 
 #include "devlib/device_constants.h"
-#include "log/log_location.h"
 #include "softtoken/failure.h"
 #include "softtoken/token_folders.h"
 #include "tool/console.h"
-#include "tool/log_files.h"
 #include "tool/module_session.h"
+#include "tool/own_log.h"
 #include "tool/shared_library.h"
 
 namespace tool {
@@ -115,30 +114,6 @@ void readModule(CK_FUNCTION_LIST* functions, ProbedModule& result) {
   result.softTokenFolder = softtoken::textOf(softtoken::tokenRoot());
   addSoftTokens(result);
 }
-
-// Removes the lines of this program's own calls from the log, so that it shows those of applications only.
-class OwnLog {
- public:
-  OwnLog() : file_(logFolder() / "tavrin-tool" / (today() + tavrin::logFileExtension)) {
-    std::error_code error;
-    const std::uintmax_t size = std::filesystem::file_size(file_, error);
-    if (!error) size_ = size;
-  }
-  ~OwnLog() {
-    std::error_code error;
-    if (size_) {
-      std::filesystem::resize_file(file_, *size_, error);
-    } else if (std::filesystem::remove(file_, error)) {
-      std::filesystem::remove(file_.parent_path(), error);  // if nothing else is in it
-    }
-  }
-  OwnLog(const OwnLog&) = delete;
-  OwnLog& operator=(const OwnLog&) = delete;
-
- private:
-  std::filesystem::path file_;
-  std::optional<std::uintmax_t> size_;  // before; empty: there was no file
-};
 
 LoadedFile loadedFile(const std::string& path) { return {path, path.empty() ? std::string() : fileVersion(path)}; }
 

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <fstream>
 #include <iostream>
 #include <map>
 #include <thread>
@@ -14,6 +13,7 @@
 #include "tool/ca_folder.h"
 #include "tool/command_line.h"
 #include "tool/console.h"
+#include "tool/own_log.h"
 #include "tool/status_report.h"
 #include "tool/surroundings.h"
 #include "tool/text.h"
@@ -167,21 +167,10 @@ void judge(SystemStatus& status) {
   }
 }
 
-// Tries to create a file in the folder of the log, and removes it again.
-bool canLog(const std::filesystem::path& folder) {
-  std::error_code error;
-  const bool made = std::filesystem::create_directories(folder, error);
-  const std::filesystem::path probe = folder / ".tavrin-tool";
-  const bool written = !error && std::ofstream(probe).good();
-  std::filesystem::remove(probe, error);
-  if (made) std::filesystem::remove(folder, error);
-  return written;
-}
-
 void judgeLog(SystemStatus& status) {
   const std::filesystem::path folder = logFolder();
   const std::string temporary = environmentText("TMPDIR");
-  if (!canLog(folder)) {
+  if (!canLog()) {
     const std::string owner = ownerOf(folder);
     status.warnings.push_back("the log cannot be written to " + status.logFolder +
                               (owner.empty() ? "" : ", which belongs to " + owner) +

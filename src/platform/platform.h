@@ -52,6 +52,13 @@ bool isFolder(const char* path);
 // they belong to another user, are links or anything else than folders and a regular file with one name.
 bool appendToFile(const char* path, std::size_t baseLength, std::string_view text);
 
+// The size in bytes of a file to which appendToFile would append. Nothing when there is no such file or it is refused.
+std::optional<std::uint64_t> sizeOfFile(const char* path, std::size_t baseLength);
+
+// Cuts such a file, in a folder after the first one, to its first `size` bytes. With 0 the file is removed, and its
+// folder too unless something else is in it. A file that appendToFile refuses is left alone. A failure is not reported.
+void cutFile(const char* path, std::size_t baseLength, std::uint64_t size);
+
 // The file of the running program: with its folders, and its name only. Empty when the system does not report it.
 std::string programPath();
 std::string programName();

@@ -70,26 +70,52 @@ bool ownTemporaryFolder(char* buffer, std::size_t size) {
   return static_cast<std::size_t>(length) < size;
 }
 
-// Opens a folder of this user, and creates it if it is missing. Not open when it is another user's, or a link.
-File openPrivateFolder(int parent, const char* name) {
+// What becomes of folders and files that are missing.
+enum class Missing { left, created };
+
+// Opens a folder of this user. Not open when it is another user's, or a link.
+File openPrivateFolder(int parent, const char* name, Missing missing) {
   constexpr int flags = O_PATH | O_DIRECTORY | O_NOFOLLOW;
   File folder(parent, name, flags);
-  if (!folder.isOpen() && errno == ENOENT && (mkdirat(parent, name, 0700) == 0 || errno == EEXIST)) {
+  if (!folder.isOpen() && errno == ENOENT && missing == Missing::created &&
+      (mkdirat(parent, name, 0700) == 0 || errno == EEXIST)) {
     folder = File(parent, name, flags);
   }
   struct stat status;
   return folder.isOpen() && folder.describe(status) && isOfThisUser(status) ? std::move(folder) : File();
 }
 
-// Opens a regular file of this user that has one name only, and creates it if it is missing.
-File openPrivateFile(int folder, const char* name) {
+// Opens a regular file of this user that has one name only, for appending.
+File openPrivateFile(int folder, const char* name, Missing missing) {
   // A pipe in the place of the file must not block the caller.
-  constexpr int flags = O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK;
+  const int flags = O_WRONLY | O_APPEND | O_NOFOLLOW | O_NONBLOCK | (missing == Missing::created ? O_CREAT : 0);
   File file(folder, name, flags, 0600);
   struct stat status;
   const bool usable =
       file.isOpen() && file.describe(status) && S_ISREG(status.st_mode) && isOfThisUser(status) && status.st_nlink == 1;
   return usable ? std::move(file) : File();
+}
+
+// Opens the file that appendToFile describes, with its folder unless that is the first one.
+File openPrivatePath(const char* path, std::size_t baseLength, Missing missing, File& folder) {
+  char own[64];
+  if (ownTemporaryFolder(own, sizeof own) && std::string_view(path).starts_with(own)) {
+    baseLength = std::strlen(sharedTemporaryFolder);
+  }
+  std::string folders = path;
+  // Each step opens the folder whose name ends at `end`: the first one by its whole path, the others in the last
+  // folder.
+  std::size_t start = 0;
+  int parent = AT_FDCWD;
+  for (auto end = folders.find('/', folders.find_first_not_of('/', baseLength)); end != std::string::npos;
+       end = folders.find('/', start)) {
+    folders[end] = '\0';
+    if (start == 0 || end > start) folder = openPrivateFolder(parent, folders.c_str() + start, missing);
+    if (!folder.isOpen()) return {};
+    parent = folder.descriptor();
+    start = end + 1;
+  }
+  return openPrivateFile(parent, folders.c_str() + start, missing);
 }
 
 // Writes the text. If the process has a limit on the size of files, a write beyond it raises SIGXFSZ, which would end
@@ -234,28 +260,31 @@ bool isFolder(const char* path) {
 }
 
 bool appendToFile(const char* path, std::size_t baseLength, std::string_view text) {
-  char own[64];
-  if (ownTemporaryFolder(own, sizeof own) && std::string_view(path).starts_with(own)) {
-    baseLength = std::strlen(sharedTemporaryFolder);
-  }
-  std::string folders = path;
-  // Each step opens the folder whose name ends at `end`: the first one by its whole path, the others in the last
-  // folder.
-  std::size_t start = 0;
   File folder;
-  int parent = AT_FDCWD;
-  for (auto end = folders.find('/', folders.find_first_not_of('/', baseLength)); end != std::string::npos;
-       end = folders.find('/', start)) {
-    folders[end] = '\0';
-    if (start == 0 || end > start) folder = openPrivateFolder(parent, folders.c_str() + start);
-    if (!folder.isOpen()) return false;
-    parent = folder.descriptor();
-    start = end + 1;
-  }
-  const File file = openPrivateFile(parent, folders.c_str() + start);
+  const File file = openPrivatePath(path, baseLength, Missing::created, folder);
   if (!file.isOpen()) return false;
   writeWithinLimit(file, text);
   return true;
+}
+
+std::optional<std::uint64_t> sizeOfFile(const char* path, std::size_t baseLength) {
+  File folder;
+  const File file = openPrivatePath(path, baseLength, Missing::left, folder);
+  struct stat status;
+  if (!file.isOpen() || !file.describe(status)) return std::nullopt;
+  return static_cast<std::uint64_t>(status.st_size);
+}
+
+void cutFile(const char* path, std::size_t baseLength, std::uint64_t size) {
+  File folder;
+  const File file = openPrivatePath(path, baseLength, Missing::left, folder);
+  if (!file.isOpen() || !folder.isOpen()) return;
+  if (size > 0) {
+    if (ftruncate(file.descriptor(), static_cast<off_t>(size)) != 0) return;
+  } else {
+    const std::string folders(path, std::strrchr(path, '/'));
+    if (unlinkat(folder.descriptor(), path + folders.size() + 1, 0) == 0) rmdir(folders.c_str());
+  }
 }
 
 std::string programPath() {

@@ -24,9 +24,9 @@ std::string systemText(Query query) {
   }
 }
 
-HANDLE openForAppending(const char* path) {
-  return CreateFileA(path, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_ALWAYS,
-                     FILE_ATTRIBUTE_NORMAL, nullptr);
+HANDLE openFile(const char* path, DWORD access, DWORD disposition) {
+  return CreateFileA(path, access, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, disposition, FILE_ATTRIBUTE_NORMAL,
+                     nullptr);
 }
 
 // Creates the folders of the path after its base. An existing folder is no error. After any other failure, opening the
@@ -67,17 +67,40 @@ bool isFolder(const char* path) {
 }
 
 bool appendToFile(const char* path, std::size_t baseLength, std::string_view text) {
-  HANDLE file = openForAppending(path);
+  HANDLE file = openFile(path, FILE_APPEND_DATA, OPEN_ALWAYS);
   if (file == INVALID_HANDLE_VALUE) {
     // Folders are created only now: looking for them before every line would double its cost.
     createFolders(path, baseLength);
-    file = openForAppending(path);
+    file = openFile(path, FILE_APPEND_DATA, OPEN_ALWAYS);
   }
   if (file == INVALID_HANDLE_VALUE) return false;
   DWORD written = 0;
   WriteFile(file, text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
   CloseHandle(file);
   return true;
+}
+
+std::optional<std::uint64_t> sizeOfFile(const char* path, std::size_t) {
+  HANDLE file = openFile(path, FILE_READ_ATTRIBUTES, OPEN_EXISTING);
+  if (file == INVALID_HANDLE_VALUE) return std::nullopt;
+  LARGE_INTEGER size{};
+  const bool known = GetFileSizeEx(file, &size) != 0;
+  CloseHandle(file);
+  return known ? std::optional(static_cast<std::uint64_t>(size.QuadPart)) : std::nullopt;
+}
+
+void cutFile(const char* path, std::size_t, std::uint64_t size) {
+  if (size == 0) {
+    const std::string_view whole(path);
+    if (DeleteFileA(path)) RemoveDirectoryA(std::string(whole.substr(0, whole.rfind('/'))).c_str());
+    return;
+  }
+  HANDLE file = openFile(path, GENERIC_WRITE, OPEN_EXISTING);
+  if (file == INVALID_HANDLE_VALUE) return;
+  LARGE_INTEGER end{};
+  end.QuadPart = static_cast<LONGLONG>(size);
+  if (SetFilePointerEx(file, end, nullptr, FILE_BEGIN)) SetEndOfFile(file);
+  CloseHandle(file);
 }
 
 std::string programPath() {

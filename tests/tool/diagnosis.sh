@@ -78,7 +78,14 @@ else
   mv "$log" kept && touch "$log"
   tool 3 status --json
   json '[.warnings[] | select(contains("the log cannot be written"))] | length' 1
+  rm "$log" && ln -s "$E2E_FOLDER/kept" "$log"
+  tool 3 status --json
+  json '[.warnings[] | select(contains("the log cannot be written"))] | length' 1
   rm "$log" && mv kept "$log"
+  echo kept >target && ln -s "$E2E_FOLDER/target" "$log/.tavrin-tool"
+  tool 3 status
+  says target kept
+  rm "$log/.tavrin-tool"
   [[ $EUID != 0 ]] || {
     chown nobody "$log"
     tool 3 status
