@@ -88,13 +88,24 @@ void requireStored(CK_RV result, const std::string& what) {
   check(result, ("writing " + what).c_str());
 }
 
+// The module shows the whole label as the slot's description. In the token's record it is cut.
+bool hasLabel(CK_FUNCTION_LIST* functions, CK_SLOT_ID slot, const std::string& label) {
+  CK_TOKEN_INFO token{};
+  check(functions->C_GetTokenInfo(slot, &token), "C_GetTokenInfo");
+  if (textOf(token.label) == label) return true;
+  CK_SLOT_INFO info{};
+  check(functions->C_GetSlotInfo(slot, &info), "C_GetSlotInfo");
+  return textOf(info.slotDescription) == label;
+}
+
+// Whether a module refused what the template describes. The first code is the module's, the second that of the standard
+// one.
+bool refusesKind(CK_RV result) { return result == CKR_FUNCTION_FAILED || result == CKR_TEMPLATE_INCONSISTENT; }
+
 CK_SLOT_ID chooseSlot(CK_FUNCTION_LIST* functions, const std::string& label) {
   std::vector<CK_SLOT_ID> found;
-  for (const CK_SLOT_ID slot : slotsWithToken(functions)) {
-    CK_TOKEN_INFO info{};
-    check(functions->C_GetTokenInfo(slot, &info), "C_GetTokenInfo");
-    if (label.empty() || textOf(info.label) == label) found.push_back(slot);
-  }
+  for (const CK_SLOT_ID slot : slotsWithToken(functions))
+    if (label.empty() || hasLabel(functions, slot, label)) found.push_back(slot);
   if (found.empty()) {
     throw Failure(Status::notFound,
                   label.empty() ? "no token is connected" : "no token with the label " + label + " is connected");
@@ -146,6 +157,18 @@ class Import {
     });
   }
 
+  // The module reports what it does not take by the same code as a token that fails.
+  static void requireSupported(const PrivateKey& key) {
+    if (!key.isRsa()) return;
+    if (!std::ranges::equal(key.publicExponent, tavrin::rsaPublicExponentBytes))
+      throw Failure(Status::badArgument, "the token takes RSA keys with the public exponent 65537 only");
+    const auto hasSize = [&](const tavrin::KeyTypeInfo& type) {
+      return type.algorithm == tavrin::KeyAlgorithm::rsa && type.bits == 8 * key.modulus.size();
+    };
+    if (std::ranges::none_of(tavrin::keyTypes, hasSize))
+      throw Failure(Status::badArgument, "the token takes RSA keys of 1024, 2048, 3072 or 4096 bits only");
+  }
+
   void writeKey(const PrivateKey& key) const {
     const std::string label = keyLabel();
     const Bytes id = keyId(key);
@@ -153,8 +176,7 @@ class Import {
       std::cout << "the key is on the token already\n";
       return;
     }
-    if (key.isRsa() && key.publicExponent != Bytes{1, 0, 1})
-      throw Failure(Status::badArgument, "the token takes RSA keys with the public exponent 65537 only");
+    requireSupported(key);
     const CK_KEY_TYPE type = key.isRsa() ? CKK_RSA : CKK_EC;
     Template attributes(CKO_PRIVATE_KEY);
     attributes.add(CKA_KEY_TYPE, &type, sizeof type);
@@ -172,13 +194,9 @@ class Import {
     attributes.add(CKA_VALUE, key.scalar);
     CK_RV result = CKR_OK;
     const CK_OBJECT_HANDLE object = attributes.create(functions_, session_, result);
-    if (!key.isRsa() && result != CKR_OK) {
+    if (!key.isRsa() && refusesKind(result)) {
       throw Failure(Status::wrongKeyType,
                     "this token takes no elliptic-curve keys from outside; generate the key on the token");
-    }
-    if (result == CKR_FUNCTION_FAILED) {
-      throw Failure(Status::badArgument,
-                    "the token refused the key; it takes RSA keys of 1024, 2048, 3072 or 4096 bits");
     }
     requireStored(result, "the key");
     // C_CreateObject stores a key without its ID.

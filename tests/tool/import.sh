@@ -50,6 +50,7 @@ person Curve -algorithm EC -pkeyopt ec_paramgen_curve:P-256
 cat Curve.crt Curve.pem >curve.pem
 person Exponent -algorithm RSA -pkeyopt rsa_keygen_pubexp:3
 openssl rsa -in Person.pem -aes128 -traditional -passout file:filePin -out old.pem 2>/dev/null
+openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:1536 -out short.pem 2>/dev/null
 head -c 900 modern.p12 >cut.p12
 while IFS='|' read -r file words reason; do
   # shellcheck disable=SC2086  # several words
@@ -66,7 +67,12 @@ document||neither a PEM nor a PKCS#12 file
 Person.csr||neither a key nor a certificate
 none.pem||cannot read
 plain.pem|--token other|no token with the label other
+short.pem||RSA keys of 1024, 2048
 END
+mkdir tokens/refused/token.new
+tool 1 import "$(native "$E2E_FOLDER/plain.pem")" --pin-file "$pin"
+says err 'writing the key failed with 0x00000006'
+rmdir tokens/refused/token.new
 tool 1 import "$(native "$E2E_FOLDER/plain.pem")" --pin-file "$wrong"
 says err 'the user password is wrong'
 tool 0 token show refused --json
