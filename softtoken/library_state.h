@@ -34,7 +34,7 @@ class LibraryState {
   // Wipes master keys and, with the last instance, all results that callers may still read. Ignores unknown instances.
   void closeInstance(void* instance);
 
-  // Wipes and removes everything except the instances.
+  // Wipes master keys, hash contexts and all results that callers may still read. Tokens and instances stay.
   void clear();
 
  private:

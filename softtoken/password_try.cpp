@@ -28,7 +28,9 @@ PasswordTry::~PasswordTry() {
   }
 }
 
-void PasswordTry::keepSpent() {
+void PasswordTry::keepSpent() { finish(); }
+
+void PasswordTry::finish() {
   canGiveBack_ = false;
   std::error_code ignored;
   fs::remove(beforeFile_, ignored);
@@ -42,7 +44,7 @@ void PasswordTry::refill() {
     refilled.of(role_) = maxTries;
     replaceFile(triesFile_, encodeTries(refilled));
   }
-  keepSpent();
+  finish();
 }
 
 }  // namespace softtoken

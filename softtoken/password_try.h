@@ -29,6 +29,8 @@ class PasswordTry {
 
  private:
   PasswordTry(const std::filesystem::path& triesFile, const Tries& before, Role role, std::uint32_t left);
+  // Nothing is given back any more.
+  void finish();
 
   const std::filesystem::path triesFile_;
   const std::filesystem::path beforeFile_;

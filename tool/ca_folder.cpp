@@ -17,8 +17,10 @@ CaFolder::CaFolder()
   for (const auto& [file, der] : softtoken::certificatesInFolder(path_, tavrin::caFileExtensions())) {
     // The module ignores certificates that are too large for a token.
     if (der.size() > sizeof TavrinCertificate::certificate) continue;
-    if (const auto facts = readFacts(der))
-      issuers_.insert_or_assign(tavrin::extractCommonName(facts->subject), tavrin::extractCommonName(facts->issuer));
+    const auto facts = readFacts(der);
+    if (!facts) continue;
+    ++certificateCount_;
+    issuers_.insert_or_assign(tavrin::extractCommonName(facts->subject), tavrin::extractCommonName(facts->issuer));
   }
 }
 

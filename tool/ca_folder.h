@@ -13,7 +13,8 @@ class CaFolder {
   CaFolder();
 
   const std::string& path() const { return path_; }
-  std::size_t certificateCount() const { return issuers_.size(); }
+  // The files that are certificates which fit on a token.
+  std::size_t certificateCount() const { return certificateCount_; }
 
   // True when all programs use this folder, because TAVRIN_HOME names it or because it belongs to the installation.
   // False when each program looks below its own folder.
@@ -30,6 +31,7 @@ class CaFolder {
   bool shared_;
   std::string path_;
   Issuers issuers_;
+  std::size_t certificateCount_ = 0;
 };
 
 }  // namespace tool

@@ -15,7 +15,7 @@
 //     int length = sizeof signature;
 //     const int status = tavrin_signHash(device, keys[0].recordId, password, digest, 32, signature, &length, false,
 //                                        instance, false);
-//     if (status != 0) ...  // no signature; the codes are in devlib/device_constants.h
+//     if (status != 0) ...  // no signature; devlib/device_constants.h has the codes with a meaning for callers
 //   }
 //   tavrin_releaseInstance(instance);
 //
