@@ -30,7 +30,7 @@ SecretBytes compute(const UseCall& use, bool encrypting, ByteView data) {
   const ModuleLibrary& module = use.state.module;
   const auto init = encrypting ? module->C_EncryptInit : module->C_DecryptInit;
   const auto work = encrypting ? module->C_Encrypt : module->C_Decrypt;
-  SecretBytes result(4096);
+  SecretBytes result(maximumResultLength);
   auto length = static_cast<CK_ULONG>(result.size());
   useKey(use.state, use.operation, init, use.operation.mechanism.type,
          encrypting ? CKR_FUNCTION_FAILED : CKR_ENCRYPTED_DATA_INVALID, [&](CK_SESSION_HANDLE session) {

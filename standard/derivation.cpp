@@ -64,7 +64,7 @@ SecretBytes agree(ModuleLock& module, const Object& key, ByteView point) {
   CK_RV code = module->C_DeriveKey(session, &mechanism, key.moduleHandle, nullptr, 0, &derived);
   // A token that is present refuses only the point, if it is not on the curve.
   if (code != CKR_OK) throw moduleFailure(module, token, "C_DeriveKey", code, CKR_MECHANISM_PARAM_INVALID);
-  SecretBytes secret(4096);
+  SecretBytes secret(maximumResultLength);
   CK_ATTRIBUTE value{CKA_VALUE, secret.data(), static_cast<CK_ULONG>(secret.size())};
   code = module->C_GetAttributeValue(session, derived, &value, 1);
   if (code != CKR_OK) throw moduleFailure(module, token, "C_GetAttributeValue", code);

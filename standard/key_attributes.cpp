@@ -13,17 +13,19 @@ struct Record {
   std::uint8_t label[160];
   std::uint8_t id[maximumIdLength];
   std::uint8_t value[maximumCertificateLength];
+  std::uint8_t point[maximumSignatureLength];
   CK_KEY_TYPE keyType = 0;
   CK_ULONG bits = 0;
   CK_BBOOL verify = CK_FALSE;
   CK_BBOOL encrypt = CK_FALSE;
-  CK_ATTRIBUTE read[7]{{CKA_VALUE, value, sizeof value},
+  CK_ATTRIBUTE read[8]{{CKA_VALUE, value, sizeof value},
                        {CKA_LABEL, label, sizeof label},
                        {CKA_ID, id, sizeof id},
                        {CKA_KEY_TYPE, &keyType, sizeof keyType},
                        {CKA_MODULUS_BITS, &bits, sizeof bits},
                        {CKA_VERIFY, &verify, sizeof verify},
-                       {CKA_ENCRYPT, &encrypt, sizeof encrypt}};
+                       {CKA_ENCRYPT, &encrypt, sizeof encrypt},
+                       {CKA_EC_POINT, point, sizeof point}};
 
   Record() = default;
   Record(const Record&) = delete;
@@ -55,15 +57,6 @@ void compareIdentity(ModuleLock& module, Object& object, ByteView value) {
   throw Refusal(CKR_OBJECT_HANDLE_INVALID, "the object was deleted, handle=", object.handle);
 }
 
-// An OCTET STRING around the point, which is at most 133 bytes long.
-SecretBytes encodePoint(ByteView point) {
-  SecretBytes der{0x04};
-  if (point.size() >= 0x80) der.push_back(0x81);
-  der.push_back(static_cast<std::uint8_t>(point.size()));
-  der.insert(der.end(), point.begin(), point.end());
-  return der;
-}
-
 void describeKey(Attributes& made, const Object& object, const Record& record) {
   const bool isRsa = record.keyType == CKK_RSA;
   made.setNumber(CKA_KEY_TYPE, record.keyType);
@@ -93,7 +86,7 @@ void describeKey(Attributes& made, const Object& object, const Record& record) {
   if (isRsa) {
     made.setNumber(CKA_MODULUS_BITS, bitsOf(record.valueBytes()));
   } else {
-    made.set(CKA_EC_POINT, encodePoint(record.valueBytes()));
+    made.set(CKA_EC_POINT, valueOf(record.read[7]));
   }
 }
 

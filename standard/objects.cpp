@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 
+#include "objects/handle_ranges.h"
 #include "standard/module_calls.h"
 
 namespace tavrin::standard {
@@ -10,27 +11,17 @@ namespace {
 
 std::atomic<CK_OBJECT_HANDLE> lastObjectHandle = 0;
 
-// The module's ranges of handles.
-constexpr CK_OBJECT_HANDLE privateKeys = 0x70000000U;
-constexpr CK_OBJECT_HANDLE publicKeys = 0x70001000U;
-constexpr CK_OBJECT_HANDLE certificates = 0x70002000U;
-constexpr CK_OBJECT_HANDLE rangeSize = 0x1000U;
-
-CK_OBJECT_HANDLE rangeOf(CK_OBJECT_CLASS objectClass) {
-  if (objectClass == CKO_PRIVATE_KEY) return privateKeys;
-  return objectClass == CKO_PUBLIC_KEY ? publicKeys : certificates;
-}
-
 }  // namespace
 
 CK_OBJECT_CLASS classOfModuleHandle(CK_OBJECT_HANDLE handle) {
-  const CK_OBJECT_HANDLE range = handle - handle % rangeSize;
-  if (range == privateKeys) return CKO_PRIVATE_KEY;
-  return range == publicKeys ? CKO_PUBLIC_KEY : CKO_CERTIFICATE;
+  if (isPrivateKey(handle)) return CKO_PRIVATE_KEY;
+  return isPublicKey(handle) ? CKO_PUBLIC_KEY : CKO_CERTIFICATE;
 }
 
 CK_OBJECT_HANDLE moduleHandleOf(CK_OBJECT_CLASS objectClass, CK_OBJECT_HANDLE sibling) {
-  return rangeOf(objectClass) + sibling % rangeSize;
+  const CK_OBJECT_HANDLE record = sibling & maximumRecordNumber;
+  if (objectClass == CKO_PRIVATE_KEY) return privateKeyBase + record;
+  return (objectClass == CKO_PUBLIC_KEY ? publicKeyBase : certificateBase) + record;
 }
 
 std::shared_ptr<Object> ObjectTable::find(CK_OBJECT_HANDLE handle) const {

@@ -7,8 +7,6 @@ using namespace tavrin::standard;
 
 namespace {
 
-constexpr const char* manufacturer = "Quorvane Telemantix";
-
 std::vector<CK_SLOT_ID> slots(TokenTable& tokens, bool tokenPresent) {
   std::vector<CK_SLOT_ID> result;
   for (CK_SLOT_ID slot = 1; slot <= slotNumbers.count(); ++slot) {
@@ -70,7 +68,7 @@ CK_RV C_GetSlotInfo(CK_SLOT_ID slotID, CK_SLOT_INFO_PTR pInfo) {
     if (!pInfo) return call.refuse(CKR_ARGUMENTS_BAD, "pInfo is NULL");
     const bool present = token && token->present;
     putText(pInfo->slotDescription, token ? "Tavrin token " + token->serial : "Tavrin token");
-    putText(pInfo->manufacturerID, manufacturer);
+    putText(pInfo->manufacturerID, makerName);
     pInfo->flags = CKF_REMOVABLE_DEVICE | CKF_HW_SLOT | (present ? CKF_TOKEN_PRESENT : 0U);
     pInfo->hardwareVersion = {1, 0};
     pInfo->firmwareVersion = present ? token->firmware : CK_VERSION{0, 0};
@@ -82,7 +80,7 @@ CK_RV C_GetTokenInfo(CK_SLOT_ID slotID, CK_TOKEN_INFO_PTR pInfo) {
   return tokenCall("C_GetTokenInfo", slotID, [&](const Call& call, ModuleLock& module, const Token& token) -> CK_RV {
     if (!pInfo) return call.refuse(CKR_ARGUMENTS_BAD, "pInfo is NULL");
     putText(pInfo->label, token.label);
-    putText(pInfo->manufacturerID, manufacturer);
+    putText(pInfo->manufacturerID, makerName);
     putText(pInfo->model, token.model);
     putText(pInfo->serialNumber, token.serial);
     pInfo->flags = token.flags;

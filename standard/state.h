@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 
+#include "objects/handle_ranges.h"
 #include "standard/module_library.h"
 #include "standard/objects.h"
 #include "standard/pin_store.h"
@@ -29,7 +30,7 @@ struct State {
   std::atomic<unsigned> waiters = 0;  // threads that wait for a slot event in the module
 
   // For the results of the module's searches: as many objects as its handles can name.
-  std::vector<CK_OBJECT_HANDLE> foundInModule = std::vector<CK_OBJECT_HANDLE>(0x3000);
+  std::vector<CK_OBJECT_HANDLE> foundInModule = std::vector<CK_OBJECT_HANDLE>(derivedSecretBase - privateKeyBase);
 
   TokenTable tokens;
   ObjectTable objects;

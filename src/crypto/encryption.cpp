@@ -10,9 +10,6 @@
 namespace tavrin {
 namespace {
 
-// The longest ciphertext is that of RSA 4096, with 512 bytes.
-constexpr std::size_t ciphertextBufferSize = 1024;
-
 // All other keys are used as RSA 2048.
 EncryptionType encryptionType(std::uint32_t keyType) {
   const KeyTypeInfo* row = findKeyType(keyType);
@@ -93,7 +90,7 @@ CK_RV findPkcs1DecryptionKey(const Call& call, const Session& session, const CK_
 CK_RV encrypt(const Call& call, Session& session, CK_BYTE_PTR pData, CK_ULONG ulDataLen) {
   const TavrinKeyPair& keyPair = *session.operationKey;
   const auto key = rsaSubjectPublicKeyInfo(publicKey(keyPair));
-  std::uint8_t ciphertext[ciphertextBufferSize] = {};
+  std::uint8_t ciphertext[maximumSignatureLength] = {};
   int length = 0;
   const int status = tavrin_encrypt(encryptionType(keyPair.keyType), paddingMode(session.mechanism->type), pData,
                                     deviceLength(ulDataLen), ciphertext, &length, key.data(),

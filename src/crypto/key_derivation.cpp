@@ -1,6 +1,7 @@
 // C_DeriveKey: ECDH.
 #include <algorithm>
 
+#include "crypto/device_hash.h"
 #include "crypto/mechanisms.h"
 #include "devlib/records.h"
 #include "frame/exported_call.h"
@@ -12,8 +13,6 @@
 
 namespace tavrin {
 namespace {
-
-constexpr CK_OBJECT_HANDLE largestRecordNumber = 0xFFF;
 
 // A key derivation function and the hash that the device computes for it. The hash codes differ from those of the
 // digests: applications hold derived keys that were made with these.
@@ -36,10 +35,10 @@ bool readParameters(const CK_MECHANISM& mechanism, CK_ECDH1_DERIVE_PARAMS& param
 // Hashes the secret with the device. Failures are not reported: the result is the content of the digest's buffer.
 SecretBytes hashSecret(const Session& session, const KeyDerivationFunction& function, const SecretBytes& secret) {
   void* context = nullptr;
-  SecretBytes digest(64);
-  int length = function.resultLength;
-  tavrin_initHash(session.deviceId(), static_cast<int>(function.hash), &context, libraryInstance);
-  tavrin_updateHash(context, secret.data(), static_cast<int>(secret.size()), libraryInstance);
+  SecretBytes digest(Digest::capacity);
+  int length = function.resultLength;  // the library ignores it
+  initHash(session, function.hash, &context);
+  updateHash(context, secret);
   tavrin_finalHash(context, digest.data(), &length, libraryInstance);
   digest.resize(returnedLength(length, digest.size()));
   return digest;
@@ -67,9 +66,8 @@ CK_RV agreeOnSecret(const Call& call, const Session& session, const TavrinKeyPai
                     SecretBytes& secret) {
   std::uint8_t* shared = nullptr;
   int length = 0;
-  const int status =
-      tavrin_ecdhDerive(session.deviceId(), baseKey.recordId, userPassword.copy().text(), peer.data(),
-                        deviceLength(static_cast<CK_ULONG>(peer.size())), &shared, &length, libraryInstance);
+  const int status = tavrin_ecdhDerive(session.deviceId(), baseKey.recordId, userPassword.copy().text(), peer.data(),
+                                       deviceLength(peer.size()), &shared, &length, libraryInstance);
   if (status != 0 || !shared || length < 1) {
     return call.refuse(CKR_FUNCTION_FAILED, "tavrin_ecdhDerive failed: ", status);
   }
@@ -98,7 +96,7 @@ CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OB
     if (pMechanism->mechanism != CKM_ECDH1_DERIVE) return CKR_MECHANISM_INVALID;
     CK_ECDH1_DERIVE_PARAMS parameters{};
     if (!readParameters(*pMechanism, parameters)) return CKR_MECHANISM_PARAM_INVALID;
-    if (hBaseKey < privateKeyBase || hBaseKey - privateKeyBase > largestRecordNumber) return CKR_KEY_HANDLE_INVALID;
+    if (hBaseKey < privateKeyBase || hBaseKey - privateKeyBase > maximumRecordNumber) return CKR_KEY_HANDLE_INVALID;
 
     const ByteView peer(parameters.pPublicData, static_cast<std::size_t>(parameters.ulPublicDataLen));
     logDebug("key id :: ", hBaseKey - privateKeyBase);

@@ -9,9 +9,6 @@
 namespace tavrin {
 namespace {
 
-// The longest signature is that of RSA 4096, with 512 bytes.
-constexpr int signatureBufferSize = 1024;
-
 void logInput(const Session& session, bool passwordIsEmpty, ByteView input) {
   logDebug("Sign: password empty=", passwordIsEmpty ? 1 : 0, " hashLen=", input.size(),
            " session state=", session.state.load());
@@ -24,8 +21,8 @@ void logInput(const Session& session, bool passwordIsEmpty, ByteView input) {
 
 // Signs the input and keeps the signature in the session. Returns the device's status.
 int signInput(Session& session, const Pin& password, ByteView input) {
-  std::uint8_t signature[signatureBufferSize] = {};
-  int length = signatureBufferSize;
+  std::uint8_t signature[maximumSignatureLength] = {};
+  int length = sizeof signature;
   const int status =
       tavrin_signHash(session.deviceId(), session.operationKey->recordId, password.text(), input.data(),
                       deviceLength(input.size()), signature, &length, false, libraryInstance, session.mechanism->pss);

@@ -68,6 +68,9 @@ inline constexpr std::uint32_t usageDecrypt = 1U << 1;  // encrypt and decrypt
 inline constexpr std::uint32_t rsaPublicExponent = 65537;
 inline constexpr std::uint8_t rsaPublicExponentBytes[] = {0x01, 0x00, 0x01};
 
+// The largest number of a record. The numbers of key pairs and of certificates begin with 1.
+inline constexpr std::uint32_t maximumRecordNumber = 0xFFF;
+
 // The longest label that a token takes, in bytes. The records' fields are longer.
 inline constexpr std::size_t maximumLabelLength = 128;
 
@@ -93,9 +96,15 @@ enum class HashCode : std::int32_t {
   sha512 = 5
 };
 
+// The space for a signature or ciphertext, in bytes. The longest are those of RSA 4096, with 512 bytes.
+inline constexpr std::size_t maximumSignatureLength = 1024;
+
 // The most bytes that the module takes of a plaintext or a shared secret in the library's own buffer. Real results are
 // far shorter; the bound keeps a wrong length from reading beyond the buffer by more than that.
 inline constexpr std::size_t maximumResultLength = 4096;
+
+// The maker of the tokens and of their libraries, as Cryptoki reports it.
+inline constexpr char makerName[] = "Quorvane Telemantix";
 
 // The kinds of password of tavrin_validatePassword.
 inline constexpr int userPasswordKind = 1;

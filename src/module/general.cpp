@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <string_view>
 
+#include "devlib/device_constants.h"
 #include "devlib/device_library.h"
 #include "frame/exported_call.h"
 #include "sessions/session_table.h"
@@ -97,7 +98,7 @@ CK_RV C_GetInfo(CK_INFO_PTR pInfo) {
     if (!pInfo) return call.refuse(CKR_ARGUMENTS_BAD, "pInfo is NULL");
 
     pInfo->cryptokiVersion = {CRYPTOKI_VERSION_MAJOR, CRYPTOKI_VERSION_MINOR};
-    copyTerminated(pInfo->manufacturerID, "Quorvane Telemantix");
+    copyTerminated(pInfo->manufacturerID, makerName);
     pInfo->flags = 0;
     copyTerminated(pInfo->libraryDescription, "Tavrin PKCS11 Library");
     pInfo->libraryVersion = {TAVRIN_VERSION_MAJOR, TAVRIN_VERSION_MINOR};

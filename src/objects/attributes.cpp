@@ -125,9 +125,9 @@ CK_RV C_SetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, 
       if (type == CKA_ID) newId = value;
     });
     if (!newLabel.empty() || !newId.empty()) {
-      const int status = tavrin_updateKeyPairDetails(
-          session.deviceId(), keyPair->recordId, userPassword.copy().text(), newLabel.c_str(), newId.data(),
-          deviceLength(static_cast<CK_ULONG>(newId.size())), libraryInstance);
+      const int status =
+          tavrin_updateKeyPairDetails(session.deviceId(), keyPair->recordId, userPassword.copy().text(),
+                                      newLabel.c_str(), newId.data(), deviceLength(newId.size()), libraryInstance);
       if (status != 0) return call.refuseBare(CKR_FUNCTION_FAILED, "Update key pair details failed : ", status);
     }
     logDebug("Set attribute end");

@@ -13,8 +13,6 @@
 namespace tavrin {
 namespace {
 
-constexpr std::string_view manufacturer = "Quorvane Telemantix";
-
 // Copies as much of the text as the field holds; the rest of the field stays as it is.
 void copyText(std::span<CK_UTF8CHAR> field, std::string_view text) {
   std::copy_n(text.begin(), std::min(text.size(), field.size()), field.begin());
@@ -81,7 +79,7 @@ CK_RV C_GetSlotInfo(CK_SLOT_ID slotID, CK_SLOT_INFO_PTR pInfo) {
 
     CK_SLOT_INFO info{};
     copyText(info.slotDescription, untilNul(token.label));
-    copyText(info.manufacturerID, manufacturer);
+    copyText(info.manufacturerID, makerName);
     info.flags = CKF_TOKEN_PRESENT | CKF_REMOVABLE_DEVICE | CKF_HW_SLOT;
     info.hardwareVersion = {1, 0};
     info.firmwareVersion = majorAndMinor(token.firmwareVersion);
@@ -97,7 +95,7 @@ CK_RV C_GetTokenInfo(CK_SLOT_ID slotID, CK_TOKEN_INFO_PTR pInfo) {
     const PublicSessionCounts sessions = countPublicSessions();
     CK_TOKEN_INFO info{};
     copyText(info.label, tokenLabel(token.label));
-    copyText(info.manufacturerID, manufacturer);
+    copyText(info.manufacturerID, makerName);
     copyText(info.model, untilNul(token.model));
     copyText(info.serialNumber, token.serialNumber);
     info.flags = tokenFlags(token.remainingRetries);
