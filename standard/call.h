@@ -50,7 +50,7 @@ CK_RV sessionCall(const char* name, CK_SESSION_HANDLE hSession, Body&& body) noe
     if (!session) return call.refuse(CKR_SESSION_HANDLE_INVALID, "invalid hSession=", hSession);
     const std::lock_guard guard(session->mutex);
     if (session->closed) return call.refuse(CKR_SESSION_HANDLE_INVALID, "closed hSession=", hSession);
-    if (!session->isAlive()) return call.refuse(CKR_DEVICE_REMOVED, "the token was removed, hSession=", hSession);
+    session->requireAlive();
     return body(call, state, *session);
   });
 }

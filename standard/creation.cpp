@@ -211,9 +211,7 @@ CK_RV C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_
     if (given.flag(CKA_TOKEN).value_or(false) && !session.readWrite) {
       return call.refuse(CKR_SESSION_READ_ONLY, "the session is read-only");
     }
-    if (isPrivate && session.token.login != Login::user) {
-      return call.refuse(CKR_USER_NOT_LOGGED_IN, "the user is not logged in");
-    }
+    if (isPrivate) session.requireUser();
     ModuleLock module(state);
     *phObject = createObject(module, session, given)->handle;
     return CKR_OK;

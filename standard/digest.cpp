@@ -12,9 +12,7 @@ HashRun::HashRun(State& state, Token& token, const HashMechanism& hash)
   CK_MECHANISM mechanism{hash.type, nullptr, 0};
   const CK_RV code = state.module->C_DigestInit(session_->handle(), &mechanism);
   if (code == CKR_OK) return;
-  finished_ = true;
-  session_->spoil();
-  throw moduleFailure(state, token, "C_DigestInit", code);
+  session_->fail("C_DigestInit", code);
 }
 
 HashRun::~HashRun() {
@@ -26,15 +24,11 @@ HashRun::~HashRun() {
 
 void HashRun::update(ByteView data) {
   inParts_ = true;
-  // The device library takes lengths as signed 32-bit numbers.
-  constexpr std::size_t piece = std::size_t{1} << 30;
-  for (; !data.empty(); data = data.subspan(std::min(piece, data.size()))) {
+  for (; !data.empty(); data = data.subspan(std::min(longestPiece, data.size()))) {
     auto* bytes = const_cast<CK_BYTE_PTR>(data.data());
-    const auto length = static_cast<CK_ULONG>(std::min(piece, data.size()));
+    const auto length = static_cast<CK_ULONG>(std::min(longestPiece, data.size()));
     const CK_RV code = session_->state().module->C_DigestUpdate(session_->handle(), bytes, length);
-    if (code == CKR_OK) continue;
-    session_->spoil();
-    throw moduleFailure(session_->state(), session_->token(), "C_DigestUpdate", code);
+    if (code != CKR_OK) session_->fail("C_DigestUpdate", code);
   }
 }
 
@@ -43,10 +37,7 @@ SecretBytes HashRun::finish() {
   auto length = static_cast<CK_ULONG>(digest.size());
   finished_ = true;
   const CK_RV code = session_->state().module->C_DigestFinal(session_->handle(), digest.data(), &length);
-  if (code != CKR_OK || length != hash_.length) {
-    session_->spoil();
-    throw moduleFailure(session_->state(), session_->token(), "C_DigestFinal", code);
-  }
+  if (code != CKR_OK || length != hash_.length) session_->fail("C_DigestFinal", code);
   digest.resize(hash_.length);
   return digest;
 }

@@ -59,7 +59,7 @@ void stopModule(State& state) {
   for (const auto& session : state.sessions.all()) closeSession(state, *session);
   {
     ModuleLock module(state);
-    state.idle.wait(module.lock(), [&] { return state.generating == 0; });
+    awaitGeneration(module);
     state.ending = true;
     pins.dropAll();
     module->C_Finalize(nullptr);
@@ -120,7 +120,7 @@ CK_RV C_GetInfo(CK_INFO_PTR pInfo) {
   return libraryCall("C_GetInfo", [&](const Call& call, State&) -> CK_RV {
     if (!pInfo) return call.refuse(CKR_ARGUMENTS_BAD, "pInfo is NULL");
     pInfo->cryptokiVersion = {standardVersionMajor, standardVersionMinor};
-    putText(pInfo->manufacturerID, "Quorvane Telemantix");
+    putText(pInfo->manufacturerID, makerName);
     pInfo->flags = 0;
     putText(pInfo->libraryDescription, "Tavrin PKCS11 Standard Library");
     pInfo->libraryVersion = {TAVRIN_VERSION_MAJOR, TAVRIN_VERSION_MINOR};

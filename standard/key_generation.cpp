@@ -77,41 +77,30 @@ Attributes readTemplates(const Mechanism& mechanism, const Template& publicPart,
   return request;
 }
 
-// Counts a key that is being generated, for as long as the login of the module must stay as it is.
-class Generation {
- public:
-  Generation(State& state, Token& token) : state_(state) {
+// Without the module lock while the token works: other threads sign in the meantime. The key counts as being generated
+// until both halves are in the table, so that a logout finds them.
+KeyPairObjects generate(State& state, const Session& session, CK_MECHANISM mechanism, CK_ATTRIBUTE parameters,
+                        Attributes& request, bool onToken) {
+  Token& token = session.token;
+  std::vector<CK_ATTRIBUTE> key = request.asTemplate();
+  const ModuleSession own(state, token);
+  {
     ModuleLock module(state);
     useLogin(module, token);
     ++state.generating;
   }
-  ~Generation() {
-    const std::lock_guard guard(state_.mutex);
-    --state_.generating;
-    state_.idle.notify_all();
-  }
-  Generation(const Generation&) = delete;
-  Generation& operator=(const Generation&) = delete;
-
- private:
-  State& state_;
-};
-
-// Without the module lock: other threads sign in the meantime.
-CK_OBJECT_HANDLE generate(State& state, Token& token, CK_MECHANISM mechanism, CK_ATTRIBUTE parameters,
-                          Attributes& request) {
-  std::vector<CK_ATTRIBUTE> key = request.asTemplate();
-  ModuleSession own(state, token);
   CK_OBJECT_HANDLE publicHandle = 0;
   CK_OBJECT_HANDLE privateHandle = 0;
-  CK_RV code = CKR_OK;
-  {
-    const Generation generation(state, token);
-    code = state.module->C_GenerateKeyPair(own.handle(), &mechanism, &parameters, 1, key.data(),
-                                           static_cast<CK_ULONG>(key.size()), &publicHandle, &privateHandle);
-  }
-  if (code != CKR_OK) throw moduleFailure(state, token, "C_GenerateKeyPair", code);
-  return publicHandle;
+  const CK_RV code = state.module->C_GenerateKeyPair(own.handle(), &mechanism, &parameters, 1, key.data(),
+                                                     static_cast<CK_ULONG>(key.size()), &publicHandle, &privateHandle);
+  ModuleLock module(state);
+  --state.generating;
+  state.idle.notify_all();
+  if (code != CKR_OK) throw moduleFailure(module, token, "C_GenerateKeyPair", code);
+  session.requireAlive();
+  const KeyPairObjects pair = addKeyPair(module, token, publicHandle, onToken ? 0 : session.handle, false);
+  readAttributes(module, *pair.publicKey);
+  return pair;
 }
 
 }  // namespace
@@ -132,13 +121,10 @@ CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
     // Both halves are stored as one pair. It is a token object if either template has CKA_TOKEN true.
     const bool onToken = publicPart.flag(CKA_TOKEN).value_or(false) || privatePart.flag(CKA_TOKEN).value_or(false);
     if (onToken && !session.readWrite) return call.refuse(CKR_SESSION_READ_ONLY, "the session is read-only");
-    if (session.token.login != Login::user) return call.refuse(CKR_USER_NOT_LOGGED_IN, "the user is not logged in");
+    session.requireUser();
 
     const CK_ATTRIBUTE& size = *publicPart.find(mechanism.keyType == CKK_RSA ? CKA_MODULUS_BITS : CKA_EC_PARAMS);
-    const CK_OBJECT_HANDLE made = generate(state, session.token, {given.mechanism, nullptr, 0}, size, request);
-    ModuleLock module(state);
-    const KeyPairObjects pair = addKeyPair(module, session.token, made, onToken ? 0 : session.handle, false);
-    readAttributes(module, *pair.publicKey);
+    const KeyPairObjects pair = generate(state, session, {given.mechanism, nullptr, 0}, size, request, onToken);
     *phPublicKey = pair.publicKey->handle;
     *phPrivateKey = pair.privateKey->handle;
     return CKR_OK;

@@ -36,6 +36,7 @@ CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR
     if (!pPin) return call.refuse(CKR_ARGUMENTS_BAD, "pPin is NULL");
     ModuleLock module(state);
     Token& token = session.token;
+    awaitGeneration(module, &token);
     const Login wanted = userType == CKU_SO ? Login::securityOfficer : Login::user;
     if (token.login == wanted && userType != CKU_CONTEXT_SPECIFIC) {
       return call.refuse(CKR_USER_ALREADY_LOGGED_IN, "already logged in, userType=", userType);
@@ -62,6 +63,8 @@ CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR
 CK_RV C_Logout(CK_SESSION_HANDLE hSession) {
   return sessionCall("C_Logout", hSession, [&](const Call& call, State& state, const Session& session) -> CK_RV {
     ModuleLock module(state);
+    // A pair for a session that is being generated must be known before the session objects are ended.
+    if (state.loggedIn == &session.token) awaitGeneration(module);
     if (session.token.login == Login::none) return call.refuse(CKR_USER_NOT_LOGGED_IN, "nobody is logged in");
     endSessionObjects(module, session.token, CK_INVALID_HANDLE);
     endLogin(module, session.token);

@@ -12,11 +12,9 @@ CK_STATE stateOf(ModuleLock& module, CK_SESSION_HANDLE session) {
   return module->C_GetSessionInfo(session, &info) == CKR_OK ? info.state : CKS_RW_PUBLIC_SESSION;
 }
 
-// Ends the login of the module, if there is one. Waits for keys that are being generated under that login.
+// Logs out whoever is logged in to the module. A key that is being generated under that login fails.
 void logoutOfModule(ModuleLock& module) {
-  State& state = module.state();
-  state.idle.wait(module.lock(), [&] { return state.generating == 0; });
-  Token* token = std::exchange(state.loggedIn, nullptr);
+  Token* token = std::exchange(module.state().loggedIn, nullptr);
   if (token && token->moduleSession != 0 && isLoggedInState(stateOf(module, token->moduleSession))) {
     module->C_Logout(token->moduleSession);
   }
@@ -30,7 +28,7 @@ void undoBorrowedLogin(ModuleLock& module, const Token& token, CK_SESSION_HANDLE
   if (isLoggedInState(stateOf(module, session))) module->C_Logout(session);
 }
 
-CK_SESSION_HANDLE openSession(ModuleLock& module, const Token& token, CK_FLAGS access = CKF_RW_SESSION) {
+CK_SESSION_HANDLE openSession(ModuleLock& module, const Token& token, CK_FLAGS access) {
   if (module.state().ending) throw Refusal(CKR_CRYPTOKI_NOT_INITIALIZED, "the library is being finalised");
   if (!token.present) throw Refusal(CKR_DEVICE_REMOVED, "the token is not present");
   CK_SESSION_HANDLE session = 0;
@@ -40,16 +38,25 @@ CK_SESSION_HANDLE openSession(ModuleLock& module, const Token& token, CK_FLAGS a
   return session;
 }
 
+CK_SESSION_HANDLE openedSession(ModuleLock& module, const Token& token, CK_SESSION_HANDLE& session, CK_FLAGS access) {
+  if (session == 0) awaitGeneration(module, &token);
+  if (session == 0) session = openSession(module, token, access);
+  return session;
+}
+
 }  // namespace
 
+void awaitGeneration(ModuleLock& module, const Token* token) {
+  State& state = module.state();
+  state.idle.wait(module.lock(), [&] { return state.generating == 0 || (token && state.loggedIn == token); });
+}
+
 CK_SESSION_HANDLE lockedSession(ModuleLock& module, Token& token) {
-  if (token.moduleSession == 0) token.moduleSession = openSession(module, token);
-  return token.moduleSession;
+  return openedSession(module, token, token.moduleSession, CKF_RW_SESSION);
 }
 
 CK_SESSION_HANDLE keyUseSession(ModuleLock& module, Token& token) {
-  if (token.keyUseSession == 0) token.keyUseSession = openSession(module, token, 0);
-  return token.keyUseSession;
+  return openedSession(module, token, token.keyUseSession, 0);
 }
 
 void closeKeyUseSession(ModuleLock& module, Token& token) {
@@ -73,6 +80,7 @@ CK_RV loginToModule(ModuleLock& module, Token& token, CK_USER_TYPE userType, std
 }
 
 void requestLogin(ModuleLock& module, Token& token) {
+  awaitGeneration(module, &token);
   if (token.login != Login::user) throw Refusal(CKR_USER_NOT_LOGGED_IN, "the user is not logged in");
   if (module.state().loggedIn == &token) return;
   const CK_RV code = loginToModule(module, token, CKU_USER, pins.of(token.slot));
@@ -106,11 +114,12 @@ void forgetToken(ModuleLock& module, Token& token) {
   endLogin(module, token);
   if (token.moduleSession != 0) module->C_CloseSession(std::exchange(token.moduleSession, 0));
   closeKeyUseSession(module, token);
+  std::vector<CK_SESSION_HANDLE> idleSessions;
   {
     const std::lock_guard guard(token.idleMutex);
-    for (const CK_SESSION_HANDLE session : token.idleSessions) module->C_CloseSession(session);
-    token.idleSessions.clear();
+    idleSessions.swap(token.idleSessions);
   }
+  for (const CK_SESSION_HANDLE session : idleSessions) module->C_CloseSession(session);
   module.state().objects.dropIf([&](const Object& object) {
     return object.token == &token && (object.session != 0 || object.moduleHandle == 0);
   });
@@ -124,11 +133,6 @@ Refusal moduleFailure(ModuleLock& module, const Token& token, const char* functi
   return Refusal(otherwise, function, " of the module failed: ", code);
 }
 
-Refusal moduleFailure(State& state, const Token& token, const char* function, CK_RV code, CK_RV otherwise) {
-  ModuleLock module(state);
-  return moduleFailure(module, token, function, code, otherwise);
-}
-
 ModuleSession::ModuleSession(State& state, Token& token) : state_(state), token_(token), insertion_(token.insertion) {
   {
     const std::lock_guard guard(token.idleMutex);
@@ -139,7 +143,14 @@ ModuleSession::ModuleSession(State& state, Token& token) : state_(state), token_
     }
   }
   ModuleLock module(state);
-  handle_ = openSession(module, token);
+  awaitGeneration(module, &token);
+  handle_ = openSession(module, token, CKF_RW_SESSION);
+}
+
+void ModuleSession::fail(const char* function, CK_RV code) {
+  spoil();
+  ModuleLock module(state_);
+  throw moduleFailure(module, token_, function, code);
 }
 
 ModuleSession::~ModuleSession() {

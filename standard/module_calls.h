@@ -6,6 +6,10 @@
 
 namespace tavrin::standard {
 
+// Waits until no key is being generated under the login of another token, or of any token without an argument. The
+// module lock is released while it waits. The functions below that open a session or log in call it.
+void awaitGeneration(ModuleLock& module, const Token* token = nullptr);
+
 // The session in which calls to the module are made under the lock. Throws CKR_DEVICE_REMOVED when there is no token.
 CK_SESSION_HANDLE lockedSession(ModuleLock& module, Token& token);
 
@@ -34,8 +38,9 @@ void forgetToken(ModuleLock& module, Token& token);
 // CKR_CRYPTOKI_NOT_INITIALIZED unchanged, else `otherwise`.
 Refusal moduleFailure(ModuleLock& module, const Token& token, const char* function, CK_RV code,
                       CK_RV otherwise = CKR_DEVICE_ERROR);
-Refusal moduleFailure(State& state, const Token& token, const char* function, CK_RV code,
-                      CK_RV otherwise = CKR_DEVICE_ERROR);
+
+// The module takes lengths of 32 bits with a sign. Longer data are passed in pieces.
+inline constexpr std::size_t longestPiece = std::size_t{1} << 30;
 
 // A session of the module for calls without the lock. The destructor keeps it for the next object unless spoiled.
 class ModuleSession {
@@ -48,8 +53,9 @@ class ModuleSession {
 
   CK_SESSION_HANDLE handle() const { return handle_; }
   State& state() const { return state_; }
-  Token& token() const { return token_; }
   void spoil() { spoiled_ = true; }
+  // Throws what moduleFailure() makes of the code of a failed call. Takes the module lock.
+  [[noreturn]] void fail(const char* function, CK_RV code);
 
  private:
   State& state_;

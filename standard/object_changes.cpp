@@ -33,7 +33,7 @@ std::shared_ptr<Object> requiredObject(ModuleLock& module, const Session& sessio
 
 void requireTokenWriteAccess(const Session& session) {
   if (!session.readWrite) throw Refusal(CKR_SESSION_READ_ONLY, "the session is read-only");
-  if (session.token.login != Login::user) throw Refusal(CKR_USER_NOT_LOGGED_IN, "the user is not logged in");
+  session.requireUser();
 }
 
 void requireWriteAccess(const Session& session, const Object& object) {
@@ -55,6 +55,8 @@ void relabel(ModuleLock& module, Object& object, const Template& wanted, Empty e
 }
 
 std::shared_ptr<Object> addSessionObject(ModuleLock& module, const Session& session, Attributes attributes) {
+  session.requireAlive();
+  if (attributes.flag(CKA_PRIVATE)) session.requireUser();
   Object object;
   object.token = &session.token;
   object.objectClass = attributes.number(CKA_CLASS);

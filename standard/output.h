@@ -1,7 +1,8 @@
 // How results reach the caller and how operations end.
 //
 // The length is always written. Without a buffer the call is a query; a buffer that is too small is refused. Both leave
-// the operation as it is, and neither computes anything. Everything else ends the operation.
+// the operation as it is and compute nothing, except that a plaintext is decrypted to compare its length with the
+// buffer's. Everything else ends the operation.
 #pragma once
 
 #include <algorithm>

@@ -16,12 +16,10 @@ CK_RV C_GenerateRandom(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pRandomData, CK_U
   return sessionCall("C_GenerateRandom", hSession, [&](const Call& call, State& state, Session& session) -> CK_RV {
     if (!pRandomData && ulRandomLen != 0) return call.refuse(CKR_ARGUMENTS_BAD, "pRandomData is NULL");
     ModuleSession own(state, session.token);
-    // The device library takes lengths as signed 32-bit numbers.
-    constexpr CK_ULONG piece = 1U << 30;
     while (ulRandomLen > 0) {
-      const CK_ULONG length = std::min(piece, ulRandomLen);
+      const auto length = static_cast<CK_ULONG>(std::min<std::size_t>(longestPiece, ulRandomLen));
       const CK_RV code = state.module->C_GenerateRandom(own.handle(), pRandomData, length);
-      if (code != CKR_OK) throw moduleFailure(state, session.token, "C_GenerateRandom", code);
+      if (code != CKR_OK) own.fail("C_GenerateRandom", code);
       pRandomData += length;
       ulRandomLen -= length;
     }

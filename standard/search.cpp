@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <iterator>
 
+#include "objects/handle_ranges.h"
 #include "standard/call.h"
 #include "standard/object_changes.h"
 #include "standard/output.h"
@@ -10,9 +11,6 @@ using namespace tavrin;
 using namespace tavrin::standard;
 
 namespace {
-
-// The module lists a certificate with the number 0 but cannot read its attributes.
-constexpr CK_OBJECT_HANDLE unreadableCertificate = 0x70002000U;
 
 using ModuleHandles = std::vector<CK_OBJECT_HANDLE>;
 
@@ -128,7 +126,7 @@ class Collector {
 
   void collectCertificates() {
     for (const CK_OBJECT_HANDLE handle : searchClass(module_, session_.token, CKO_CERTIFICATE, wanted_))
-      if (handle != unreadableCertificate) consider(ofModule(handle));
+      if (handle != certificateBase) consider(ofModule(handle));  // the module lists the number 0 but cannot read it
   }
 
   std::shared_ptr<Object> ofModule(CK_OBJECT_HANDLE handle) {
@@ -162,7 +160,7 @@ CK_RV C_FindObjectsInit(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, 
     std::vector<CK_OBJECT_HANDLE> found = findObjects(module, session, wanted);
     // The module finds no objects on a removed token.
     if (found.empty()) state.tokens.refresh(module);
-    if (!session.isAlive()) return call.refuse(CKR_DEVICE_REMOVED, "the token was removed");
+    session.requireAlive();
     session.search = Search{std::move(found)};
     return CKR_OK;
   });

@@ -45,8 +45,7 @@ CK_RV C_GetSessionInfo(CK_SESSION_HANDLE hSession, CK_SESSION_INFO_PTR pInfo) {
                        if (!pInfo) return call.refuse(CKR_ARGUMENTS_BAD, "pInfo is NULL");
                        ModuleLock module(state);
                        state.tokens.refresh(module);
-                       if (!session.isAlive())
-                         return call.refuse(CKR_DEVICE_REMOVED, "the token was removed, hSession=", hSession);
+                       session.requireAlive();
                        pInfo->slotID = session.token.slot;
                        pInfo->state = session.state();
                        pInfo->flags = CKF_SERIAL_SESSION | (session.readWrite ? CKF_RW_SESSION : 0U);

@@ -12,6 +12,14 @@ std::atomic<CK_SESSION_HANDLE> lastSessionHandle = 0;
 
 }  // namespace
 
+void Session::requireAlive() const {
+  if (!isAlive()) throw Refusal(CKR_DEVICE_REMOVED, "the token was removed, hSession=", handle);
+}
+
+void Session::requireUser() const {
+  if (token.login != Login::user) throw Refusal(CKR_USER_NOT_LOGGED_IN, "the user is not logged in");
+}
+
 CK_STATE Session::state() const {
   switch (token.login) {
     case Login::user:

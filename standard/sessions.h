@@ -31,6 +31,8 @@ struct Session {
 
   // Whether the token has stayed connected since the session was opened, as far as the library has noticed.
   bool isAlive() const { return token.present && token.insertion == insertion; }
+  void requireAlive() const;  // throws CKR_DEVICE_REMOVED
+  void requireUser() const;   // throws CKR_USER_NOT_LOGGED_IN
   CK_STATE state() const;
 };
 

@@ -10,9 +10,6 @@ using namespace tavrin::standard;
 
 namespace {
 
-// The module passes lengths on as signed 32-bit numbers, so longer data are hashed in parts.
-constexpr std::size_t longestForModule = std::size_t{1} << 30;
-
 constexpr KeyUse signing{&Session::signing, CKF_SIGN, CKA_SIGN};
 constexpr KeyUse verification{&Session::verification, CKF_VERIFY, CKA_VERIFY};
 
@@ -29,7 +26,7 @@ void checkRawLength(const KeyOperation& operation, std::size_t length) {
       if (length != operation.digestLength) throw refusal;
       break;
     case CKM_ECDSA:
-      if (length > longestForModule) throw refusal;
+      if (length > longestPiece) throw refusal;
       break;
   }
 }
@@ -61,7 +58,7 @@ Input prepare(State& state, KeyOperation& operation, ByteView data) {
     return input;
   }
   // The module takes no empty data.
-  if (!operation.inParts && !data.empty() && data.size() <= longestForModule) return input;
+  if (!operation.inParts && !data.empty() && data.size() <= longestPiece) return input;
   addPart(state, operation, data);
   input.digest = operation.hash->finish();
   input.bytes = input.digest;
@@ -71,7 +68,7 @@ Input prepare(State& state, KeyOperation& operation, ByteView data) {
 
 std::vector<std::uint8_t> sign(State& state, KeyOperation& operation, ByteView data) {
   Input input = prepare(state, operation, data);
-  std::vector<std::uint8_t> signature(1024);
+  std::vector<std::uint8_t> signature(maximumSignatureLength);
   auto length = static_cast<CK_ULONG>(signature.size());
   const ModuleLibrary& module = state.module;
   useKey(state, operation, module->C_SignInit, input.mechanism, CKR_FUNCTION_FAILED, [&](CK_SESSION_HANDLE session) {

@@ -1,11 +1,12 @@
 // The library's state, and what loading, unloading and forking do with it.
 //
-// Nothing of it is destroyed at the end of the process, where other threads may still use it. While it is initialised
-// the library keeps itself loaded.
+// No object of it is destroyed at the end of the process, where other threads may still use it. While it is initialised
+// the library keeps itself loaded. When it is unloaded, the numbers of the slots are all that is left to free.
 #include "standard/state.h"
 
 #include <new>
 
+#include "log/log.h"
 #include "platform/platform.h"
 
 namespace tavrin::standard {
@@ -23,6 +24,7 @@ alignas(Globals) std::byte storage[sizeof(Globals)];
 Globals& globals = *::new (storage) Globals;
 
 void lockTables() {
+  static_cast<void>(getProcessName());  // not read for the first time during a fork: the child would wait for its end
   globals.lifecycle.stateMutex.lock();
   globals.slotNumbers.mutex().lock();
 }
@@ -39,16 +41,15 @@ void startAfresh() {
   std::shared_ptr<State> parents = std::move(globals.lifecycle.state);
   ::new (&globals.lifecycle) Lifecycle;
   globals.pins.dropAll();
+  ::new (&globals.pins) PinStore;  // a child does not inherit that the page is locked
   if (parents) globals.inherited.push_back(std::move(parents));
 }
 
 struct LoadAndUnload {
   LoadAndUnload() { platform::aroundFork(lockTables, unlockTables, startAfresh); }
   ~LoadAndUnload() {
-    if (globals.lifecycle.state || !globals.inherited.empty()) return;
-    // At the end of a process a later destructor may still call the library, so it finds an empty state.
-    globals.~Globals();
-    ::new (storage) Globals;
+    const std::unique_lock idle(globals.lifecycle.changing, std::try_to_lock);
+    if (idle && !globals.lifecycle.state) globals.slotNumbers.clear();
   }
   LoadAndUnload(const LoadAndUnload&) = delete;
   LoadAndUnload& operator=(const LoadAndUnload&) = delete;

@@ -1,19 +1,30 @@
 #include <dlfcn.h>
+#include <limits.h>
 #include <sys/mman.h>
 
-#include <string>
+#include <filesystem>
 
 #include "standard/system.h"
 
 namespace tavrin::standard {
+namespace {
+
+// The path of this library's file. It is read on loading: it may be relative to the working folder of that moment.
+const struct OwnFile {
+  OwnFile() {
+    Dl_info own;
+    std::error_code error;
+    if (dladdr(this, &own) != 0) std::filesystem::absolute(own.dli_fname, error).native().copy(path, sizeof path - 1);
+  }
+  char path[PATH_MAX] = {};
+} ownFile;
+
+}  // namespace
 
 void* openModuleFile() {
-  Dl_info own;
-  static const char anchor = 0;
-  if (dladdr(&anchor, &own) == 0 || own.dli_fname == nullptr) return nullptr;
-  const std::string path = own.dli_fname;
-  const std::string folder = path.find('/') == std::string::npos ? "./" : path.substr(0, path.rfind('/') + 1);
-  return dlopen((folder + "libtavrin-pkcs11.so").c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (ownFile.path[0] == '\0') return nullptr;
+  const auto module = std::filesystem::path(ownFile.path).replace_filename("libtavrin-pkcs11.so");
+  return dlopen(module.c_str(), RTLD_NOW | RTLD_LOCAL);
 }
 
 void* findModuleFunction(void* file, const char* name) { return dlsym(file, name); }

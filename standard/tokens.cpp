@@ -48,6 +48,11 @@ CK_SLOT_ID SlotNumbers::count() const {
   return static_cast<CK_SLOT_ID>(std::max<std::size_t>(serials_.size(), 1));
 }
 
+void SlotNumbers::clear() {
+  const std::lock_guard guard(mutex_);
+  std::vector<std::string>().swap(serials_);
+}
+
 Token* TokenTable::inSlot(CK_SLOT_ID slot) {
   const std::lock_guard guard(mutex_);
   const auto place = tokens_.find(slot);
@@ -89,7 +94,7 @@ void TokenTable::refresh(ModuleLock& module) {
     if (!token->present || seen.contains(token.get())) continue;
     token->present = false;
     events_.insert(slot);
-    forgetToken(module, *token);
+    forgetToken(module, *token);  // does not wait, or the list of tokens could change here
   }
 }
 

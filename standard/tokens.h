@@ -54,11 +54,12 @@ class SlotNumbers {
   // The slot of the token with this serial number; a new token takes the next.
   CK_SLOT_ID slotOf(const std::string& serial);
   CK_SLOT_ID count() const;  // at least 1: the slot for the first token is always there
+  void clear();              // frees the memory; slots are counted from 1 again
   std::mutex& mutex() { return mutex_; }
 
  private:
   mutable std::mutex mutex_;
-  std::vector<std::string> serials_;  // may stay undestroyed while it is empty: it owns no memory then
+  std::vector<std::string> serials_;
 };
 
 extern SlotNumbers& slotNumbers;

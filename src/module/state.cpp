@@ -6,6 +6,7 @@
 #include <new>
 
 #include "devlib/library_instance.h"
+#include "log/log.h"
 #include "objects/derived_keys.h"
 #include "objects/object_handles.h"
 #include "platform/platform.h"
@@ -43,6 +44,7 @@ ModuleState& state = *::new (stateStorage) ModuleState;
 void* inheritedInstance = nullptr;
 
 void lockAll() {
+  static_cast<void>(getProcessName());  // not read for the first time during a fork: the child would wait for its end
   state.slotTable.mutex().lock();
   state.sessionTable.mutex().lock();
   state.userPassword.mutex().lock();

@@ -70,8 +70,9 @@ void endMonitorAtExit() {
 }  // namespace
 
 void startDeviceMonitor() {
-  static std::once_flag once;
-  std::call_once(once, [] { platform::atProcessExit(endMonitorAtExit); });
+  // No std::call_once: a child that is forked in the middle of it would wait for its end.
+  static std::atomic<bool> registered = false;
+  if (!registered.exchange(true)) platform::atProcessExit(endMonitorAtExit);
 
   deviceMonitor.stopRequested = false;
   if (processEnds) return;

@@ -18,6 +18,19 @@ check "deletes the private half" loggedIn --delete-object --type privkey --id 09
 shows "--test has no complaint" '^No errors' loggedIn --test
 check "--test-fork" loggedIn --test-fork
 
+# A program that loads the library by a relative path and then changes its folder, and forks.
+cat >loading.py <<'PYTHON'
+import ctypes, os, sys
+os.chdir(os.path.dirname(sys.argv[1]))
+library = ctypes.CDLL("./" + os.path.basename(sys.argv[1]))
+os.chdir("/")
+if os.fork() == 0:
+    locked = next(line for line in open("/proc/self/status") if line.startswith("VmLck"))
+    os._exit(library.C_Initialize(None) != 0 or locked.split()[1] == "0")
+sys.exit(os.wait()[1] != 0 or library.C_Initialize(None) != 0)
+PYTHON
+check "its folder is that of loading, and a child's PINs are locked in memory" python3 loading.py "$module"
+
 # GnuTLS: URIs by the token's label.
 p11() { p11tool --provider "$module" --batch "$@"; }
 token=pkcs11:token=Client%20token

@@ -131,6 +131,22 @@ TEST_F(KeysTest, SessionsCloseUnderTheirUsers) {
   for (std::thread& thread : threads) thread.join();
 }
 
+// A key pair for a session that is still being generated ends with the login like those that exist.
+TEST_F(KeysTest, LogoutDuringGeneration) {
+  if (isSoftHsm()) GTEST_SKIP() << "it generates under a lock";
+  Session generator;
+  const Template common{{CKA_TOKEN, false}, {CKA_ID, std::string("unfinished")}};
+  std::thread thread([&] {
+    is(generator.generate(CKM_RSA_PKCS_KEY_PAIR_GEN, common.with({{CKA_MODULUS_BITS, 3072}}), common),
+       {CKR_OK, CKR_USER_NOT_LOGGED_IN});
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  is(f->C_Logout(*owner_), CKR_OK);
+  thread.join();
+  is(owner_->login(), CKR_OK);
+  EXPECT_TRUE(owner_->find({{CKA_CLASS, CKO_PRIVATE_KEY}, {CKA_ID, std::string("unfinished")}}).empty());
+}
+
 // With a token of its own, which is of no use afterwards.
 TEST_F(StandardTest, PinsThatAreLocked) {
   if (isSoftHsm()) GTEST_SKIP() << "it never locks a PIN";
