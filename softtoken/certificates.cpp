@@ -7,6 +7,7 @@
 
 #include "softtoken/crypto_library.h"
 #include "softtoken/der.h"
+#include "softtoken/text.h"
 
 namespace softtoken {
 namespace {
@@ -64,9 +65,6 @@ Bytes decodePem(ByteView content) {
   decoded.resize(error && gpg_err_code(error) != GPG_ERR_EOF ? 0 : length);
   return decoded;
 }
-
-// ASCII letters only, as file extensions are.
-char lower(char letter) { return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter + ('a' - 'A')) : letter; }
 
 bool hasExtension(const std::string& name, const std::vector<std::string>& extensions) {
   return std::ranges::any_of(extensions, [&](const std::string& extension) {

@@ -7,9 +7,6 @@
 namespace softtoken {
 namespace {
 
-constexpr std::size_t nonceSize = 12;
-constexpr std::size_t tagSize = 16;
-
 // libgcrypt copies keys into expressions and frees the copies without wiping them, so freeing has to wipe. The blocks
 // come from malloc(), because an application that shares libgcrypt may pass them to free().
 void* allocate(std::size_t size) { return std::malloc(size > 0 ? size : 1); }

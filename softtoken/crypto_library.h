@@ -46,9 +46,11 @@ Bytes hashOf(int algorithm, ByteView data);
 Digest256 hmacSha256(ByteView key, std::initializer_list<ByteView> parts);
 
 // Encrypts with AES-256-GCM under a random nonce. `key` has secretKeySize bytes. `context` is authenticated but is not
-// part of the result. Throws as check() does. The result is nonce (12 bytes), ciphertext (as long as the content), tag
-// (16 bytes).
-constexpr std::size_t sealOverhead = 12 + 16;
+// part of the result. Throws as check() does. The result is the nonce, the ciphertext (as long as the content) and the
+// tag.
+constexpr std::size_t nonceSize = 12;
+constexpr std::size_t tagSize = 16;
+constexpr std::size_t sealOverhead = nonceSize + tagSize;
 Bytes seal(ByteView key, ByteView content, ByteView context);
 // Empty when key or context differ from those of seal(), or a byte has changed.
 std::optional<SecretBytes> unseal(ByteView key, ByteView sealed, ByteView context);

@@ -5,7 +5,6 @@
 namespace softtoken {
 namespace {
 
-constexpr std::uint8_t rsaEncryption[] = {0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x01};
 constexpr std::uint8_t longForm = 0x80;
 constexpr std::uint8_t constructed = 0x20;
 constexpr std::size_t maxLengthBytes = 4;

@@ -15,6 +15,9 @@ constexpr std::uint8_t sequence = 0x30;
 constexpr std::uint8_t explicitZero = 0xA0;
 }  // namespace tag
 
+// The object identifier of RSA keys, with tag and length.
+inline constexpr std::uint8_t rsaEncryption[] = {0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x01};
+
 struct DerElement {
   std::uint8_t tag;
   ByteView content;

@@ -8,13 +8,12 @@
 #include "softtoken/certificates.h"
 #include "softtoken/key_material.h"
 #include "softtoken/library_state.h"
+#include "softtoken/text.h"
 #include "softtoken/token_objects.h"
 
 namespace {
 
 using namespace softtoken;  // NOLINT(google-build-using-namespace)
-
-constexpr const char* model = "Soft token";
 
 // Runs an operation's body and turns what it throws into a status.
 template <class Body>
@@ -99,11 +98,6 @@ void setKeyId(TavrinKeyPair& pair, ByteView keyId) {
   pair.keyIdLength = static_cast<std::uint32_t>(keyId.size());
 }
 
-template <std::size_t size>
-std::string labelIn(const char (&label)[size]) {
-  return {label, std::find(label, label + size, '\0')};
-}
-
 // Completes a new record, which has label, usage and perhaps a key ID, and stores it with its key.
 TavrinKeyPair storeKeyPair(const UnlockedToken& token, TavrinKeyPair pair, const KeyMaterial& key) {
   pair.keyType = key.keyType;
@@ -123,7 +117,7 @@ TokenInfo describe(const TokenState& state, Tries tries) {
   TokenInfo info{};
   info.serialNumber = state.serial;
   info.label = state.label;
-  info.model = model;
+  info.model = softTokenModel;
   info.firmwareVersion = state.firmware;
   info.remainingRetries = static_cast<std::int32_t>(tries.user);
   return info;
@@ -229,7 +223,7 @@ int tavrin_generateKeyPair(const char* device, const char* password, TavrinKeyPa
     requireRoom(token.state());
     TavrinKeyPair made{};
     made.usage = keyPair->usage & (tavrin::usageSign | tavrin::usageDecrypt);
-    setLabel(made.label, labelIn(keyPair->label));
+    setLabel(made.label, textIn(keyPair->label));
     setKeyId(made, ByteView(keyPair->keyId).first(keyPair->keyIdLength));
     *keyPair = storeKeyPair(token, made, generateKeyMaterial(keyPair->keyType));
   });
@@ -266,7 +260,7 @@ int tavrin_importCertificate(const char* device, const char* password, TavrinCer
     parseCertificate(ByteView(certificate->certificate).first(certificate->certificateLength));
     const UnlockedToken token = unlockToken(library, device, password);
     TavrinCertificate stored = *certificate;
-    setLabel(stored.label, labelIn(certificate->label));
+    setLabel(stored.label, textIn(certificate->label));
     fillRandom(stored.recordId);
     token.change([&](TokenState& state) { addCertificate(state, stored); });
     *certificate = stored;

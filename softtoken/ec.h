@@ -1,19 +1,21 @@
 // ECDSA and ECDH on the NIST curves. Points are uncompressed: 04, X, Y. Any thread may call the functions.
 #pragma once
 
+#include "devlib/device_constants.h"
 #include "softtoken/crypto_library.h"
 
 namespace softtoken {
 
 struct Curve {
-  const char* name;
-  unsigned bits;       // of the order and of the field
-  std::size_t length;  // bytes of a coordinate, and of a number modulo the order
+  tavrin::KeyType type;
+  const char* name;                                         // in libgcrypt
+  unsigned bits = tavrin::findKeyType(codeOf(type))->bits;  // of the order and of the field
+  std::size_t length = (bits + 7) / 8;                      // bytes of a coordinate, and of a number modulo the order
 };
 
-inline constexpr Curve curveP256{"NIST P-256", 256, 32};
-inline constexpr Curve curveP384{"NIST P-384", 384, 48};
-inline constexpr Curve curveP521{"NIST P-521", 521, 66};
+inline constexpr Curve curveP256{tavrin::KeyType::ecP256, "NIST P-256"};
+inline constexpr Curve curveP384{tavrin::KeyType::ecP384, "NIST P-384"};
+inline constexpr Curve curveP521{tavrin::KeyType::ecP521, "NIST P-521"};
 
 struct EcKey {
   Bytes point;

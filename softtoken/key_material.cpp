@@ -21,9 +21,9 @@ const KeyTypeInfo& typeOf(std::uint32_t keyType) {
 
 // Null for RSA.
 const Curve* curveOf(std::uint32_t keyType) {
-  const KeyTypeInfo& type = typeOf(keyType);
+  const tavrin::KeyType type = typeOf(keyType).type;
   for (const Curve* curve : {&curveP256, &curveP384, &curveP521})
-    if (type.algorithm == KeyAlgorithm::ec && type.bits == curve->bits) return curve;
+    if (type == curve->type) return curve;
   return nullptr;
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "softtoken/stored_file.h"
+#include "softtoken/text.h"
 
 namespace softtoken {
 namespace {
@@ -30,16 +31,14 @@ bool hasControl(std::string_view text) {
   return false;
 }
 
-char upper(char letter) { return letter >= 'a' && letter <= 'z' ? static_cast<char>(letter - ('a' - 'A')) : letter; }
-
 // Windows has devices with these names, with any extension, in every folder.
 bool isWindowsDevice(std::string_view name) {
   std::string base(name.substr(0, name.find('.')));
   base.erase(base.find_last_not_of(' ') + 1);
-  std::ranges::transform(base, base.begin(), upper);
-  for (const std::string_view device : {"CON", "PRN", "AUX", "NUL", "CONIN$", "CONOUT$"})
+  std::ranges::transform(base, base.begin(), lower);
+  for (const std::string_view device : {"con", "prn", "aux", "nul", "conin$", "conout$"})
     if (base == device) return true;
-  if (base.size() < 4 || (!base.starts_with("COM") && !base.starts_with("LPT"))) return false;
+  if (base.size() < 4 || (!base.starts_with("com") && !base.starts_with("lpt"))) return false;
   const std::string_view number = std::string_view(base).substr(3);
   return (number.size() == 1 && number[0] >= '0' && number[0] <= '9') || number == "\xC2\xB9" || number == "\xC2\xB2" ||
          number == "\xC2\xB3";
@@ -53,16 +52,6 @@ void requireValidName(const std::string& name) {
   require(name.find_first_of("/\\:*?\"<>|") == std::string::npos && !hasControl(name),
           "a token's name holds none of / \\ : * ? \" < > | and no control character");
   require(!isWindowsDevice(name), "a token's name must not be one that Windows reserves, such as CON, NUL or COM1");
-}
-
-std::string makeSerial() {
-  constexpr std::string_view digits = "0123456789ABCDEF";
-  std::string serial;
-  for (const std::uint8_t byte : randomBytes(8)) {
-    serial += digits[byte >> 4];
-    serial += digits[byte & 15];
-  }
-  return serial;
 }
 
 bool isFolder(const fs::path& path) {
@@ -121,7 +110,7 @@ EmptyToken makeEmptyToken(std::string_view userPassword, std::string_view office
   requireValidPassword(officerPassword);
   EmptyToken empty{{}, randomSecret(secretKeySize)};
   TokenState& state = empty.state;
-  state.serial = makeSerial();
+  state.serial = hexOf(randomBytes(8));
   state.user = makePasswordLock(userPassword, empty.masterKey, state.serial, Role::user);
   state.securityOfficer = makePasswordLock(officerPassword, empty.masterKey, state.serial, Role::securityOfficer);
   return empty;

@@ -4,6 +4,7 @@
 
 #include "devlib/device_constants.h"
 #include "softtoken/record_io.h"
+#include "softtoken/text.h"
 
 namespace softtoken {
 namespace {
@@ -60,11 +61,6 @@ FileProof takeProof(ByteView& content) {
   content = content.first(content.size() - sizeof proof.mac);
   proof.contentHash = sha256(content);
   return proof;
-}
-
-template <std::size_t size>
-std::string_view textIn(const char (&field)[size]) {
-  return {field, static_cast<std::size_t>(std::find(field, field + size, '\0') - field)};
 }
 
 template <std::size_t size>

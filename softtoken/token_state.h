@@ -8,6 +8,9 @@
 
 namespace softtoken {
 
+// TokenInfo::model of every software token.
+inline constexpr char softTokenModel[] = "Soft token";
+
 constexpr std::uint32_t maxTries = 10;
 // Object handles have twelve bits for the number of a key pair or certificate.
 constexpr std::uint32_t largestId = 4095;

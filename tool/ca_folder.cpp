@@ -1,6 +1,6 @@
 #include "tool/ca_folder.h"
 
-#include "devlib/device_library.h"
+#include "devlib/device_constants.h"
 #include "objects/ca_installation.h"
 #include "softtoken/certificates.h"
 #include "tool/certificate_facts.h"
@@ -16,7 +16,7 @@ CaFolder::CaFolder()
                                 .make_preferred())) {
   for (const auto& [file, der] : softtoken::certificatesInFolder(path_, tavrin::caFileExtensions())) {
     // The module ignores certificates that are too large for a token.
-    if (der.size() > sizeof TavrinCertificate::certificate) continue;
+    if (der.size() > tavrin::maximumCertificateLength) continue;
     const auto facts = readFacts(der);
     if (!facts) continue;
     ++certificateCount_;

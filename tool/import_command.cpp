@@ -161,7 +161,8 @@ class Import {
   static void requireSupported(const PrivateKey& key) {
     if (!key.isRsa()) return;
     if (!std::ranges::equal(key.publicExponent, tavrin::rsaPublicExponentBytes))
-      throw Failure(Status::badArgument, "the token takes RSA keys with the public exponent 65537 only");
+      throw Failure(Status::badArgument, "the token takes RSA keys with the public exponent " +
+                                             std::to_string(tavrin::rsaPublicExponent) + " only");
     const auto hasSize = [&](const tavrin::KeyTypeInfo& type) {
       return type.algorithm == tavrin::KeyAlgorithm::rsa && type.bits == 8 * key.modulus.size();
     };

@@ -23,8 +23,7 @@ using softtoken::SecretBytes;
 using softtoken::Status;
 
 constexpr std::size_t largestFile = 1 << 20;
-constexpr std::uint8_t rsaEncryption[] = {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x01};
-constexpr std::uint8_t ecPublicKey[] = {0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x02, 0x01};
+constexpr std::uint8_t ecPublicKey[] = {0x06, 0x07, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x02, 0x01};
 
 template <class Container>
 void assign(Container& target, ByteView bytes) {
@@ -125,9 +124,9 @@ PrivateKey privateKeyIn(ByteView info) {
   DerFields fields = DerFields(info).inside(softtoken::tag::sequence);
   fields.number();
   DerFields algorithm = fields.inside(softtoken::tag::sequence);
-  const ByteView identifier = algorithm.take(tag::objectIdentifier).content;
+  const ByteView identifier = algorithm.take(tag::objectIdentifier).whole;
   const ByteView key = fields.take(softtoken::tag::octetString).content;
-  if (std::ranges::equal(identifier, rsaEncryption)) return rsaKeyIn(key);
+  if (std::ranges::equal(identifier, softtoken::rsaEncryption)) return rsaKeyIn(key);
   if (std::ranges::equal(identifier, ecPublicKey)) return ecKeyIn(key, algorithm.take(tag::objectIdentifier).whole);
   throw Failure(Status::badArgument, "the file's key is neither an RSA key nor one on an elliptic curve");
 }
@@ -149,8 +148,7 @@ KeyFile readKeyFile(const std::string& file, const AskPassword& askPassword) {
   const SecretBytes bytes(content->begin(), content->end());
   softtoken::wipe(content->data(), content->size());
   const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-  constexpr std::uint8_t derStart = 0x30;
-  const bool isDer = !bytes.empty() && bytes[0] == derStart;
+  const bool isDer = !bytes.empty() && bytes[0] == softtoken::tag::sequence;
   if (!isDer && text.find("-----BEGIN ") == text.npos)
     throw Failure(Status::badArgument, file + " is neither a PEM nor a PKCS#12 file");
   KeyFile result = isDer ? readPkcs12(bytes, askPassword()) : readPem(text, askPassword);

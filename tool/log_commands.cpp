@@ -67,11 +67,9 @@ std::vector<LogFile> wantedFiles(const LogOptions& options) {
   return files;
 }
 
-char lowered(char letter) { return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter + 32) : letter; }
-
 bool holds(const std::string& line, const LogOptions& options) {
   if (!options.ignoreCase) return line.find(options.text) != std::string::npos;
-  const auto same = [](char one, char other) { return lowered(one) == lowered(other); };
+  const auto same = [](char one, char other) { return softtoken::lower(one) == softtoken::lower(other); };
   return options.text.empty() ||
          std::search(line.begin(), line.end(), options.text.begin(), options.text.end(), same) != line.end();
 }

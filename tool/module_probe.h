@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "softtoken/bytes.h"
+#include "softtoken/token_state.h"
 
 namespace tool {
 
@@ -37,7 +37,7 @@ struct ProbedToken {
   std::string name;     // of a software token, for tavrin-tool token; empty for other tokens
   std::string problem;  // why it cannot be used; empty when it can
 
-  bool isSoftToken() const { return model == "Soft token"; }
+  bool isSoftToken() const { return model == softtoken::softTokenModel; }
 };
 
 // A software token that no application sees, or that takes no more objects.

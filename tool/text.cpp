@@ -46,16 +46,6 @@ std::size_t widthOf(const std::string& text) {
 
 }  // namespace
 
-std::string hexOf(softtoken::ByteView bytes) {
-  constexpr std::string_view digits = "0123456789ABCDEF";
-  std::string text;
-  for (const std::uint8_t byte : bytes) {
-    text += digits[byte >> 4];
-    text += digits[byte & 15];
-  }
-  return text;
-}
-
 std::string validUtf8(std::string_view text) {
   std::string result;
   result.reserve(text.size());

@@ -1,16 +1,15 @@
-// Text for people: tables, hexadecimal digits, and text that is safe to print on a terminal.
+// Text for people: tables, and text that is safe to print on a terminal.
 #pragma once
 
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "softtoken/bytes.h"
+#include "softtoken/text.h"
 
 namespace tool {
 
-// Upper-case digits without separators.
-std::string hexOf(softtoken::ByteView bytes);
+using softtoken::hexOf;
 
 // Replaces each byte that does not belong to well-formed UTF-8 by a replacement character.
 std::string validUtf8(std::string_view text);

@@ -30,11 +30,6 @@ std::string objectsOf(const TokenState& state) {
   return std::to_string(state.objectCount()) + " of " + std::to_string(state.capacity);
 }
 
-template <std::size_t size>
-std::string labelIn(const char (&field)[size]) {
-  return {field, std::find(field, field + size, '\0')};
-}
-
 std::string subjectOf(const TavrinCertificate& certificate) {
   try {
     return softtoken::parseCertificate(ByteView(certificate.certificate).first(certificate.certificateLength))
@@ -63,13 +58,13 @@ Json jsonOfObjects(const TokenSummary& token) {
   Json::Array keyPairs;
   for (const TavrinKeyPair& pair : token.state->keyPairs) {
     keyPairs.push_back(Json::Object{{"type", typeName(pair)},
-                                    {"label", labelIn(pair.label)},
+                                    {"label", softtoken::textIn(pair.label)},
                                     {"id", hexOf(ByteView(pair.keyId).first(pair.keyIdLength))}});
   }
   Json::Array certificates;
   for (const TavrinCertificate& certificate : token.state->certificates) {
     certificates.push_back(Json::Object{{"subject", subjectOf(certificate)},
-                                        {"label", labelIn(certificate.label)},
+                                        {"label", softtoken::textIn(certificate.label)},
                                         {"id", hexOf(ByteView(certificate.certId).first(certificate.certIdLength))}});
   }
   Json::Object json = jsonOf(token);
@@ -127,11 +122,12 @@ void printToken(const std::string& name, bool json) {
               {"objects", objectsOf(state)}});
   std::vector<std::vector<std::string>> rows;
   for (const TavrinKeyPair& pair : state.keyPairs) {
-    rows.push_back({"key pair " + std::to_string(pair.id), typeName(pair), labelIn(pair.label),
+    rows.push_back({"key pair " + std::to_string(pair.id), typeName(pair), softtoken::textIn(pair.label),
                     hexOf(ByteView(pair.keyId).first(pair.keyIdLength))});
   }
   for (const TavrinCertificate& certificate : state.certificates) {
-    rows.push_back({"certificate " + std::to_string(certificate.id), subjectOf(certificate), labelIn(certificate.label),
+    rows.push_back({"certificate " + std::to_string(certificate.id), subjectOf(certificate),
+                    softtoken::textIn(certificate.label),
                     hexOf(ByteView(certificate.certId).first(certificate.certIdLength))});
   }
   if (!rows.empty()) printTable(rows);
