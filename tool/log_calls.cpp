@@ -3,15 +3,19 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "log/log_format.h"
+
 namespace tool {
 namespace {
 
+using tavrin::LogPlace;
+
 // DD/MM::HH:MM:SS:mmm; 0 for a line before the first message.
 std::int64_t millisecondsIn(const std::string& time) {
-  if (time.size() < 19) return 0;
+  if (time.size() < LogPlace::timeEnd) return 0;
   const auto number = [&](std::size_t at) -> std::int64_t { return 10 * (time[at] - '0') + (time[at + 1] - '0'); };
-  const std::int64_t seconds = (number(7) * 60 + number(10)) * 60 + number(13);
-  return 1000 * seconds + 10 * number(16) + (time[18] - '0');
+  const std::int64_t seconds = (number(LogPlace::hour) * 60 + number(LogPlace::minute)) * 60 + number(LogPlace::second);
+  return 1000 * seconds + 10 * number(LogPlace::millisecond) + (time[LogPlace::timeEnd - 1] - '0');
 }
 
 // A call begins with a line that holds nothing but the function's name.

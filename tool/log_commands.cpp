@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "log/log.h"
+#include "log/log_format.h"
 #include "softtoken/platform.h"
 #include "tool/catalogue.h"
 #include "tool/command_line.h"
@@ -41,18 +42,14 @@ struct LogOptions {
   bool json = false;
 };
 
-bool fits(const std::string& text, std::string_view pattern) {
-  return std::ranges::equal(text, pattern, [](char letter, char expected) {
-    return expected == '0' ? letter >= '0' && letter <= '9' : letter == expected;
-  });
-}
-
 std::string checkDay(const std::string& day) {
-  return fits(day, "0000-00-00") ? "" : "takes a day as YYYY-MM-DD, not " + day;
+  return matchesDigits(day, "0000-00-00") ? "" : "takes a day as YYYY-MM-DD, not " + day;
 }
 
 std::string checkTime(const std::string& time) {
-  return fits(time, "00:00") || fits(time, "00:00:00") ? "" : "takes a time as HH:MM or HH:MM:SS, not " + time;
+  return matchesDigits(time, "00:00") || matchesDigits(time, "00:00:00")
+             ? ""
+             : "takes a time as HH:MM or HH:MM:SS, not " + time;
 }
 
 std::vector<LogFile> allFiles(const LogOptions& options) {
@@ -75,7 +72,7 @@ bool holds(const std::string& line, const LogOptions& options) {
 }
 
 bool wanted(const LogEntry& entry, const LogOptions& options) {
-  constexpr std::size_t clock = 7;  // after DD/MM::
+  constexpr std::size_t clock = tavrin::LogPlace::hour;
   if (options.errorsOnly && entry.kind != LineKind::error) return false;
   if (!options.since.empty() && (entry.time.size() < clock || entry.time.substr(clock) < options.since)) return false;
   return holds(entry.text, options);
@@ -167,9 +164,6 @@ void explainNothing(const LogOptions& options) {
   std::cerr << printable(text) << '\n';
 }
 
-// The module, too, cuts the program's file name at the first point.
-std::string untilPoint(const std::string& name) { return name.substr(0, name.find('.')); }
-
 int listPrograms(const LogOptions& options) {
   const std::vector<LogFile> files = allFiles(options);
   if (files.empty()) explainNothing(options);
@@ -179,7 +173,7 @@ int listPrograms(const LogOptions& options) {
 
 int show(LogOptions& options) {
   if (options.listPrograms) return listPrograms(options);
-  options.program = untilPoint(options.program);
+  options.program = std::string(tavrin::logProgramName(options.program));
   Printer printer(options);
   const auto take = [&](const LogEntry& entry) { printer.add(entry); };
   LogReader reader;

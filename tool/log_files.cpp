@@ -4,32 +4,29 @@
 #include <fstream>
 #include <memory>
 
+#include "log/log_format.h"
 #include "log/log_location.h"
 #include "platform/platform.h"
 #include "softtoken/failure.h"
 #include "softtoken/platform.h"
 #include "tool/console.h"
+#include "tool/text.h"
 
 namespace tool {
 namespace {
 
 namespace fs = std::filesystem;
 
-// Every message begins with DD/MM::HH:MM:SS:mmm.
-constexpr std::string_view timePattern = "00/00::00:00:00:000-> ";
-constexpr std::size_t timeLength = 19;
+using tavrin::LogPlace;
 
 bool startsMessage(std::string_view line) {
-  return line.size() >= timePattern.size() &&
-         std::ranges::equal(line.substr(0, timePattern.size()), timePattern, [](char letter, char expected) {
-           return expected == '0' ? letter >= '0' && letter <= '9' : letter == expected;
-         });
+  return matchesDigits(line.substr(0, LogPlace::tag), tavrin::logLineHead.substr(0, LogPlace::tag));
 }
 
 LineKind kindOf(std::string_view line) {
-  const std::string_view tag = line.substr(timePattern.size());
-  if (tag.starts_with("->ERROR") || tag.starts_with("->EXCEP")) return LineKind::error;
-  return tag.starts_with("->DEBUG") ? LineKind::debug : LineKind::other;
+  const std::string_view tag = line.substr(LogPlace::tag);
+  if (tag.starts_with(tavrin::errorTag) || tag.starts_with(tavrin::exceptionTag)) return LineKind::error;
+  return tag.starts_with(tavrin::debugTag) ? LineKind::debug : LineKind::other;
 }
 
 // The entries of one file from a position on.
@@ -51,7 +48,7 @@ class EntryStream {
     atEnd_ = !readLine();
     if (atEnd_) return;
     if (startsMessage(entry_.text)) {
-      entry_.time = entry_.text.substr(0, timeLength);
+      entry_.time = entry_.text.substr(0, LogPlace::timeEnd);
       entry_.kind = kindOf(entry_.text);
     }
   }
@@ -121,8 +118,8 @@ LogFile logFileAt(const fs::path& path) {
 
 std::string_view messageIn(std::string_view line) {
   if (!startsMessage(line)) return line;
-  const std::size_t end = line.find("::=>", timePattern.size());
-  return end == std::string_view::npos ? line : line.substr(end + 4);
+  const std::size_t end = line.find(tavrin::logMessageMark, LogPlace::tag);
+  return end == std::string_view::npos ? line : line.substr(end + tavrin::logMessageMark.size());
 }
 
 void LogReader::read(const std::vector<LogFile>& files, const std::function<void(const LogEntry&)>& take) {

@@ -3,6 +3,7 @@
 #include <fstream>
 #include <iostream>
 
+#include "log/log_format.h"
 #include "softtoken/failure.h"
 #include "softtoken/platform.h"
 #include "tool/command_line.h"
@@ -24,7 +25,7 @@ struct ReportOptions {
 std::vector<LogFile> filesOf(const ReportOptions& options) {
   if (!options.log.empty()) return {logFileAt(softtoken::pathOf(options.log))};
   std::vector<LogFile> files = logFilesOf(options.day.empty() ? today() : options.day);
-  const std::string program = options.program.substr(0, options.program.find('.'));
+  const std::string_view program = tavrin::logProgramName(options.program);
   if (!program.empty()) std::erase_if(files, [&](const LogFile& file) { return file.program != program; });
   return files;
 }

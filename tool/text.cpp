@@ -46,6 +46,12 @@ std::size_t widthOf(const std::string& text) {
 
 }  // namespace
 
+bool matchesDigits(std::string_view text, std::string_view pattern) {
+  return std::ranges::equal(text, pattern, [](char letter, char expected) {
+    return expected == '0' ? letter >= '0' && letter <= '9' : letter == expected;
+  });
+}
+
 std::string validUtf8(std::string_view text) {
   std::string result;
   result.reserve(text.size());

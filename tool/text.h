@@ -11,6 +11,9 @@ namespace tool {
 
 using softtoken::hexOf;
 
+// Whether the text is the pattern with any digits in the place of its zeros.
+bool matchesDigits(std::string_view text, std::string_view pattern);
+
 // Replaces each byte that does not belong to well-formed UTF-8 by a replacement character.
 std::string validUtf8(std::string_view text);
 

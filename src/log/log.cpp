@@ -3,27 +3,23 @@
 #include <cstdio>
 #include <cstring>
 
+#include "log/log_format.h"
 #include "log/log_location.h"
-#include "log/utils.h"
 #include "platform/platform.h"
 
 namespace tavrin {
 namespace {
 
-// The text before the message. All tags have the same length.
-constexpr char lineHead[] = "00/00::00:00:00:000-> ->INFO  ::=>";
-constexpr std::size_t tagPlace = 24;
-
-const char* levelTag(int level) {
+std::string_view levelTag(int level) {
   switch (level) {
     case exceptionLevel:
-      return "EXCEP ::=>";
+      return exceptionTag;
     case errorLevel:
-      return "ERROR ::=>";
+      return errorTag;
     case debugLevel:
-      return "DEBUG ::=>";
+      return debugTag;
     default:
-      return "INFO  ::=>";
+      return otherTag;
   }
 }
 
@@ -33,20 +29,20 @@ void putNumber(char* place, int width, int number) {
 }
 
 void putHead(char* head, const platform::LocalTime& now, int level) {
-  putNumber(head, 2, now.day);
-  putNumber(head + 3, 2, now.month);
-  putNumber(head + 7, 2, now.hour);
-  putNumber(head + 10, 2, now.minute);
-  putNumber(head + 13, 2, now.second);
-  putNumber(head + 16, 3, now.millisecond);
+  putNumber(head + LogPlace::day, 2, now.day);
+  putNumber(head + LogPlace::month, 2, now.month);
+  putNumber(head + LogPlace::hour, 2, now.hour);
+  putNumber(head + LogPlace::minute, 2, now.minute);
+  putNumber(head + LogPlace::second, 2, now.second);
+  putNumber(head + LogPlace::millisecond, 3, now.millisecond);
   const std::string_view tag = levelTag(level);
-  tag.copy(head + tagPlace, tag.size());
+  tag.copy(head + LogPlace::tag, tag.size());
 }
 
 struct ProcessName {
   ProcessName() {
-    const std::string name = utils.split(platform::programName(), ".").front();
-    name.copy(text, sizeof text - 1);
+    const std::string file = platform::programName();
+    logProgramName(file).copy(text, sizeof text - 1);
   }
   char text[256] = {};
 };
@@ -69,7 +65,7 @@ namespace log_detail {
 std::string beginLine() {
   std::string line;
   line.reserve(160);  // most lines
-  return line.append(lineHead, sizeof lineHead - 1);
+  return line.append(logLineHead);
 }
 
 void writeLine(int level, std::string& line) {
