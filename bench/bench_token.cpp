@@ -1,5 +1,6 @@
 #include "bench/bench_token.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -7,6 +8,7 @@
 #include <thread>
 
 #include "devlib/device_constants.h"
+#include "log/log_location.h"
 #include "softtoken/token_folders.h"
 
 namespace bench {
@@ -68,15 +70,26 @@ void require(bool succeeded, const char* what) {
   std::exit(1);
 }
 
+CK_RV login(CK_C_Login cLogin, CK_SESSION_HANDLE session) {
+  std::string text = pin;
+  return cLogin(session, CKU_USER, reinterpret_cast<CK_UTF8CHAR*>(text.data()), static_cast<CK_ULONG>(text.size()));
+}
+
+fs::path levelFile(const fs::path& registry) {
+  std::string key = tavrin::registryKey;
+  std::ranges::replace(key, '\\', '/');
+  return registry / key / tavrin::logLevelValue;
+}
+
 Surroundings::Surroundings() : folder_(fs::temp_directory_path() / "tavrin-bench-XXXXXX") {
   std::string pattern = folder_.string();
   require(mkdtemp(pattern.data()) != nullptr, "making a temporary folder");
   folder_ = pattern;
   for (const char* name : {"tokens", "temporary"}) fs::create_directory(folder_ / name);
   for (const int level : {2, 3}) {
-    const fs::path key = unusedRegistry(level) / "Software/Quorvane Telemantix/Tavrin";
-    fs::create_directories(key);
-    std::ofstream(key / "logLevel") << level << '\n';
+    const fs::path file = levelFile(unusedRegistry(level));
+    fs::create_directories(file.parent_path());
+    std::ofstream(file) << level << '\n';
   }
   setenv("TAVRIN_SOFT_TOKENS", (folder_ / "tokens").c_str(), 1);
   setenv("TMPDIR", (folder_ / "temporary").c_str(), 1);
@@ -145,12 +158,11 @@ CK_SESSION_HANDLE session() {
     CK_SLOT_ID slot = 0;
     CK_ULONG count = 1;
     CK_SESSION_HANDLE opened = 0;
-    CK_UTF8CHAR text[] = "benchmark";
     C_Initialize(nullptr);
     require(C_GetSlotList(CK_TRUE, &slot, &count) == CKR_OK && count == 1, "C_GetSlotList");
     require(C_OpenSession(slot, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &opened) == CKR_OK,
             "C_OpenSession");
-    require(C_Login(opened, CKU_USER, text, sizeof text - 1) == CKR_OK, "C_Login");
+    require(login(C_Login, opened) == CKR_OK, "C_Login");
     return opened;
   }();
   return handle;

@@ -12,7 +12,13 @@
 
 namespace bench {
 
-inline constexpr const char* pin = "benchmark";
+inline constexpr char pin[] = "benchmark";
+
+// C_Login of the user, by the given library.
+CK_RV login(CK_C_Login cLogin, CK_SESSION_HANDLE session);
+
+// The file of the log level in a registry that begins with this folder.
+std::filesystem::path levelFile(const std::filesystem::path& registry);
 
 // Ends the program when a call of the module or the device library has failed, because the times would be meaningless.
 void require(bool succeeded, const char* what);

@@ -6,6 +6,8 @@
 #include "bench/bench_token.h"
 #include "bench/compare.h"
 #include "devlib/device_constants.h"
+#include "objects/handle_ranges.h"
+#include "slots/slot_table.h"
 
 namespace bench {
 namespace {
@@ -22,7 +24,7 @@ struct Signature {
 void signThroughModule(const TavrinKeyPair& key, CK_MECHANISM_TYPE type, Signature& signature) {
   CK_MECHANISM mechanism{type, nullptr, 0};
   signature.length = static_cast<CK_ULONG>(signature.bytes.size());
-  require(C_SignInit(session(), &mechanism, 0x70000000 + key.id) == CKR_OK &&
+  require(C_SignInit(session(), &mechanism, tavrin::privateKeyBase + key.id) == CKR_OK &&
               C_Sign(session(), message.data(), static_cast<CK_ULONG>(message.size()), signature.bytes.data(),
                      &signature.length) == CKR_OK,
           "signing through the module");
@@ -59,7 +61,7 @@ void sign(State& state) {
 
 void verifyThroughModule(const TavrinKeyPair& key, CK_MECHANISM_TYPE type, Signature& signature) {
   CK_MECHANISM mechanism{type, nullptr, 0};
-  require(C_VerifyInit(session(), &mechanism, 0x70001000 + key.id) == CKR_OK &&
+  require(C_VerifyInit(session(), &mechanism, tavrin::publicKeyBase + key.id) == CKR_OK &&
               C_Verify(session(), message.data(), static_cast<CK_ULONG>(message.size()), signature.bytes.data(),
                        signature.length) == CKR_OK,
           "verifying through the module");
@@ -134,7 +136,8 @@ void readModulus(State& state) {
   std::array<CK_BYTE, 512> modulus{};
   const auto throughModule = [&] {
     CK_ATTRIBUTE attribute{CKA_MODULUS, modulus.data(), static_cast<CK_ULONG>(modulus.size())};
-    require(C_GetAttributeValue(session(), 0x70001000 + token().rsa.id, &attribute, 1) == CKR_OK, "reading a modulus");
+    require(C_GetAttributeValue(session(), tavrin::publicKeyBase + token().rsa.id, &attribute, 1) == CKR_OK,
+            "reading a modulus");
   };
   compare(state, throughModule, [] {
     const auto keyPairs = tavrin_getKeyPairList(token().serial.c_str(), token().instance);
@@ -145,7 +148,7 @@ void readModulus(State& state) {
 void tokenInformation(State& state) {
   session();
   CK_TOKEN_INFO info;
-  for (auto _ : state) require(C_GetTokenInfo(0x50000001, &info) == CKR_OK, "C_GetTokenInfo");
+  for (auto _ : state) require(C_GetTokenInfo(tavrin::firstSlotId, &info) == CKR_OK, "C_GetTokenInfo");
 }
 
 constexpr TavrinKeyPair BenchToken::*rsa = &BenchToken::rsa;

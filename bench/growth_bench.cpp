@@ -2,6 +2,8 @@
 #include <benchmark/benchmark.h>
 
 #include "bench/bench_token.h"
+#include "objects/handle_ranges.h"
+#include "slots/slot_table.h"
 
 namespace bench {
 namespace {
@@ -38,7 +40,8 @@ void readLast(State& state) {
   withKeyPairs(state, [](CK_OBJECT_HANDLE last) {
     CK_BYTE point[256];
     CK_ATTRIBUTE attribute{CKA_EC_POINT, point, sizeof point};
-    require(C_GetAttributeValue(session(), 0x70001000 + last, &attribute, 1) == CKR_OK, "reading the last key");
+    require(C_GetAttributeValue(session(), tavrin::publicKeyBase + last, &attribute, 1) == CKR_OK,
+            "reading the last key");
   });
 }
 
@@ -46,7 +49,8 @@ void useSession(State& state) {
   session();
   std::vector<CK_SESSION_HANDLE> opened(static_cast<std::size_t>(state.range(0)));
   for (CK_SESSION_HANDLE& handle : opened) {
-    require(C_OpenSession(0x50000001, CKF_SERIAL_SESSION, nullptr, nullptr, &handle) == CKR_OK, "C_OpenSession");
+    require(C_OpenSession(tavrin::firstSlotId, CKF_SERIAL_SESSION, nullptr, nullptr, &handle) == CKR_OK,
+            "C_OpenSession");
   }
   CK_SESSION_INFO info;
   for (auto _ : state) require(C_GetSessionInfo(opened.back(), &info) == CKR_OK, "C_GetSessionInfo");
@@ -58,7 +62,8 @@ void openAndClose(State& state) {
   std::vector<CK_SESSION_HANDLE> opened(static_cast<std::size_t>(state.range(0)));
   for (auto _ : state) {
     for (CK_SESSION_HANDLE& handle : opened) {
-      require(C_OpenSession(0x50000001, CKF_SERIAL_SESSION, nullptr, nullptr, &handle) == CKR_OK, "C_OpenSession");
+      require(C_OpenSession(tavrin::firstSlotId, CKF_SERIAL_SESSION, nullptr, nullptr, &handle) == CKR_OK,
+              "C_OpenSession");
     }
     for (const CK_SESSION_HANDLE handle : opened) C_CloseSession(handle);
   }

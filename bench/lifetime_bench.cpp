@@ -7,6 +7,7 @@
 #include <chrono>
 
 #include "bench/bench_token.h"
+#include "objects/handle_ranges.h"
 
 namespace bench {
 namespace {
@@ -20,15 +21,14 @@ void firstSignature(const CK_FUNCTION_LIST& cryptoki, const TavrinKeyPair& key) 
   CK_SLOT_ID slot = 0;
   CK_ULONG count = 1;
   CK_SESSION_HANDLE opened = 0;
-  CK_UTF8CHAR text[] = "benchmark";
   CK_BYTE data[] = "data";
   CK_BYTE signature[512];
   CK_ULONG length = sizeof signature;
   CK_MECHANISM mechanism{CKM_ECDSA_SHA256, nullptr, 0};
   require(cryptoki.C_Initialize(nullptr) == CKR_OK && cryptoki.C_GetSlotList(CK_TRUE, &slot, &count) == CKR_OK &&
               cryptoki.C_OpenSession(slot, CKF_SERIAL_SESSION, nullptr, nullptr, &opened) == CKR_OK &&
-              cryptoki.C_Login(opened, CKU_USER, text, sizeof text - 1) == CKR_OK &&
-              cryptoki.C_SignInit(opened, &mechanism, 0x70000000 + key.id) == CKR_OK &&
+              login(cryptoki.C_Login, opened) == CKR_OK &&
+              cryptoki.C_SignInit(opened, &mechanism, tavrin::privateKeyBase + key.id) == CKR_OK &&
               cryptoki.C_Sign(opened, data, sizeof data, signature, &length) == CKR_OK,
           "the first signature");
 }

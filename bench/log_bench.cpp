@@ -9,6 +9,7 @@
 
 #include "bench/bench_token.h"
 #include "bench/compare.h"
+#include "log/log_location.h"
 
 namespace bench {
 namespace {
@@ -28,7 +29,8 @@ void debugLineLeftOutByValue(State& state) {
 // Opens, appends to and closes a file in the folder of the log, because the length of the path matters.
 class PlainAppend {
  public:
-  PlainAppend() : path_((surroundings().folder() / "temporary/Quorvane Telemantix/module_bench/plain.log").string()) {
+  PlainAppend()
+      : path_((surroundings().folder() / "temporary" / tavrin::logFolderName / "module_bench/plain.log").string()) {
     C_GetFunctionList(nullptr);  // logs the first error, which makes the folder
   }
   void operator()() const {
@@ -72,7 +74,7 @@ void errorLineWritten(State& state) {
 // The system calls that find that no level is set, and the state of a token's file. They take most of the time of all
 // calls that only read the token's records.
 void levelLookedFor(State& state) {
-  const std::string path = (surroundings().folder() / "registry/Software/Quorvane Telemantix/Tavrin/logLevel").string();
+  const std::string path = levelFile(surroundings().folder() / "registry").string();
   struct stat status;
   for (auto _ : state) benchmark::DoNotOptimize(stat(path.c_str(), &status));
 }

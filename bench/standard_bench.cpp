@@ -26,10 +26,9 @@ struct Client {
   void start() {
     CK_SLOT_ID slots[4];
     CK_ULONG count = 4;
-    CK_UTF8CHAR text[] = "benchmark";
     require(f->C_Initialize(nullptr) == CKR_OK && f->C_GetSlotList(CK_TRUE, slots, &count) == CKR_OK && count == 1 &&
                 f->C_OpenSession(slots[0], CKF_SERIAL_SESSION, nullptr, nullptr, &session) == CKR_OK &&
-                f->C_Login(session, CKU_USER, text, sizeof text - 1) == CKR_OK,
+                login(f->C_Login, session) == CKR_OK,
             "starting the standard module");
   }
 };

@@ -126,7 +126,7 @@ TAVRIN_DEVICE_API std::vector<std::string> tavrin_getConnectedDeviceList(bool fl
 TAVRIN_DEVICE_API TokenInfo tavrin_getTokenInfo(const char* name, void* instance);
 TAVRIN_DEVICE_API int tavrin_initDevice(const char* device, bool flag, void* instance);
 
-// `kind` is 1 for the user and 2 for the security officer; `retryCounter` receives the tries left.
+// `kind` is tavrin::userPasswordKind or officerPasswordKind; `retryCounter` receives the tries left.
 TAVRIN_DEVICE_API int tavrin_validatePassword(const char* device, const char* password, int kind, int* retryCounter,
                                               void* instance);
 // True when the password was changed. `failureCounter` receives the number that the module logs after a refusal. The
@@ -168,7 +168,7 @@ TAVRIN_DEVICE_API std::vector<std::pair<std::string, std::vector<std::uint8_t>>>
 tavrin_getFilesWithExtensionsAndConvertDER(const std::string& folder, const std::vector<std::string>& extensions,
                                            void* instance);
 
-// Hash codes: 1 and 2 SHA-1, 3 SHA-256, 4 SHA-384, 5 SHA-512. The in-length of the final call is ignored.
+// `hashCode` is a tavrin::HashCode. The in-length of the final call is ignored.
 TAVRIN_DEVICE_API int tavrin_initHash(const char* device, int hashCode, void** context, void* instance);
 TAVRIN_DEVICE_API int tavrin_updateHash(void* context, const std::uint8_t* data, int length, void* instance);
 TAVRIN_DEVICE_API int tavrin_finalHash(void* context, std::uint8_t* digest, int* length, void* instance);
