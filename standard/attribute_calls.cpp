@@ -1,5 +1,5 @@
 // C_GetAttributeValue, C_SetAttributeValue and C_GetObjectSize.
-#include "standard/call.h"
+#include "standard/call_frames.h"
 #include "standard/object_changes.h"
 
 using namespace tavrin;

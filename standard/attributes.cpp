@@ -212,7 +212,7 @@ void Template::mustBeOf(Kind kind) const {
   }
 }
 
-Attributes describeData(const Template& given, Kind kind) {
+Attributes withDefaults(const Template& given, Kind kind) {
   Attributes made;
   for (const CK_ATTRIBUTE& entry : given.entries()) made.set(entry.type, valueOf(entry));
   for (const Row& row : table) {

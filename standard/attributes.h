@@ -84,7 +84,7 @@ class Template {
 ByteView valueOf(const CK_ATTRIBUTE& attribute);
 
 // The attributes of the template, and defaults for all others of its kind: no uses, not trusted, not on the token.
-Attributes describeData(const Template& given, Kind kind);
+Attributes withDefaults(const Template& given, Kind kind);
 
 // The label and ID that the token can keep: CKR_ATTRIBUTE_VALUE_INVALID for a longer one or a label with a NUL.
 void checkLabelAndId(const Template& wanted);

@@ -1,9 +1,9 @@
-// C_CreateObject, C_CopyObject and C_DestroyObject.
+// C_CreateObject and C_CopyObject.
 #include <algorithm>
 #include <iterator>
 
 #include "devlib/device_constants.h"
-#include "standard/call.h"
+#include "standard/call_frames.h"
 #include "standard/object_changes.h"
 
 using namespace tavrin;
@@ -39,7 +39,7 @@ std::shared_ptr<Object> createCertificate(ModuleLock& module, const Session& ses
   const ByteView value = given.required(CKA_VALUE);
   given.required(CKA_SUBJECT);
   if (!given.flag(CKA_TOKEN).value_or(false)) {
-    return addSessionObject(module, session, describeData(given, certificate));
+    return addSessionObject(module, session, withDefaults(given, certificate));
   }
   requireTokenWriteAccess(session);
   given.mustNotContradict(CKA_PRIVATE, false);
@@ -110,7 +110,7 @@ std::shared_ptr<Object> createPublicKey(ModuleLock& module, const Session& sessi
     if (given.bytes(foreign)) throw Refusal(CKR_TEMPLATE_INCONSISTENT, "not of this key type: type=", foreign);
   }
   if (given.flag(CKA_TOKEN).value_or(false)) return publicKeyOnToken(module, session, given);
-  Attributes made = describeData(given, publicKey);
+  Attributes made = withDefaults(given, publicKey);
   if (isRsa) made.setNumber(CKA_MODULUS_BITS, bitsOf(given.required(CKA_MODULUS)));
   return addSessionObject(module, session, std::move(made));
 }
@@ -119,7 +119,7 @@ std::shared_ptr<Object> createPublicKey(ModuleLock& module, const Session& sessi
 std::shared_ptr<Object> createData(ModuleLock& module, const Session& session, const Template& given) {
   given.mustBeOf(dataObject);
   given.mustNotContradict(CKA_TOKEN, false);
-  return addSessionObject(module, session, describeData(given, dataObject));
+  return addSessionObject(module, session, withDefaults(given, dataObject));
 }
 
 std::shared_ptr<Object> createObject(ModuleLock& module, const Session& session, const Template& given) {
@@ -227,25 +227,6 @@ CK_RV C_CopyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ATTR
     ModuleLock module(state);
     const auto original = requiredObject(module, session, hObject);
     *phNewObject = copyObject(module, session, *original, changes)->handle;
-    return CKR_OK;
-  });
-}
-
-// Destroying a public key hides it. One whose private key was destroyed stays readable until it is destroyed too.
-CK_RV C_DestroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject) {
-  return sessionCall("C_DestroyObject", hSession, [&](const Call&, State& state, Session& session) -> CK_RV {
-    ModuleLock module(state);
-    const auto object = requiredObject(module, session, hObject);
-    requireWriteAccess(session, *object);
-    ObjectTable& objects = module.state().objects;
-    if (object->moduleHandle == 0 || object->kept) {
-      objects.drop(*object);
-    } else if (object->objectClass == CKO_PUBLIC_KEY) {
-      readAttributes(module, *object);
-      objects.hide(*object);
-    } else {
-      deleteFromToken(module, *object);
-    }
     return CKR_OK;
   });
 }

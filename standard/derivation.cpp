@@ -113,7 +113,7 @@ CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OB
     const CK_KEY_TYPE keyType = wanted.number(CKA_KEY_TYPE).value_or(CKK_GENERIC_SECRET);
     const std::optional<std::size_t> length = readLength(wanted, keyType);
 
-    Attributes made = describeData(wanted, secretKey);
+    Attributes made = withDefaults(wanted, secretKey);
     made.setNumber(CKA_CLASS, CKO_SECRET_KEY);
     made.setNumber(CKA_KEY_TYPE, keyType);
     SecretBytes secret;

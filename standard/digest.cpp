@@ -1,5 +1,5 @@
 // C_DigestInit, C_Digest, C_DigestUpdate, C_DigestKey and C_DigestFinal, and hashes for other operations.
-#include "standard/call.h"
+#include "standard/call_frames.h"
 #include "standard/output.h"
 
 using namespace tavrin;

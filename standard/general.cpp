@@ -2,7 +2,7 @@
 #include <chrono>
 
 #include "platform/platform.h"
-#include "standard/call.h"
+#include "standard/call_frames.h"
 #include "standard/texts.h"
 
 using namespace tavrin;

@@ -3,7 +3,7 @@
 #include <iterator>
 
 #include "devlib/device_constants.h"
-#include "standard/call.h"
+#include "standard/call_frames.h"
 #include "standard/object_changes.h"
 #include "standard/output.h"
 

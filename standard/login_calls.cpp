@@ -1,7 +1,7 @@
 // C_Login, C_Logout and C_SetPIN.
 #include <algorithm>
 
-#include "standard/call.h"
+#include "standard/call_frames.h"
 
 using namespace tavrin;
 using namespace tavrin::standard;

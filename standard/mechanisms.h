@@ -1,4 +1,4 @@
-// The mechanisms, as one table.
+// The mechanisms, as one table. They are those of the module, which describes them by the codes of the token instead.
 #pragma once
 
 #include <cstddef>

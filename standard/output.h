@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <memory>
 
-#include "standard/call.h"
+#include "standard/call_frames.h"
 
 namespace tavrin::standard {
 
@@ -50,16 +50,6 @@ class OperationEnd {
 inline CK_ULONG& requiredLength(CK_ULONG* length) {
   if (!length) throw Refusal(CKR_ARGUMENTS_BAD, "the pointer to the result's length is NULL");
   return *length;
-}
-
-inline CK_RV refuseNotInitialized(const Call& call) {
-  return call.refuse(CKR_OPERATION_NOT_INITIALIZED, "operation not initialized");
-}
-
-inline void requireNoParameter(const CK_MECHANISM& mechanism) {
-  if (mechanism.ulParameterLen == 0) return;
-  const CK_MECHANISM_TYPE type = mechanism.mechanism;
-  throw Refusal(CKR_MECHANISM_PARAM_INVALID, "mechanism param invalid for mechanism=", type);
 }
 
 }  // namespace tavrin::standard

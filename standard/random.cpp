@@ -1,7 +1,7 @@
 // C_SeedRandom and C_GenerateRandom.
 #include <algorithm>
 
-#include "standard/call.h"
+#include "standard/call_frames.h"
 
 using namespace tavrin;
 using namespace tavrin::standard;

@@ -1,5 +1,5 @@
 // C_OpenSession, C_CloseSession, C_CloseAllSessions and C_GetSessionInfo.
-#include "standard/call.h"
+#include "standard/call_frames.h"
 
 using namespace tavrin;
 using namespace tavrin::standard;

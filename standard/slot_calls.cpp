@@ -1,5 +1,5 @@
 // C_GetSlotList, C_GetSlotInfo, C_GetTokenInfo, C_GetMechanismList, C_GetMechanismInfo and C_WaitForSlotEvent.
-#include "standard/call.h"
+#include "standard/call_frames.h"
 #include "standard/texts.h"
 
 using namespace tavrin;

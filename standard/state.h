@@ -49,8 +49,7 @@ extern Lifecycle& lifecycle;
 // The state, or null while the library is not initialised. The pointer keeps it alive until the call returns.
 std::shared_ptr<State> currentState();
 
-// Used under the module lock.
-extern PinStore& pins;
+extern PinStore& pins;  // used under the module lock
 
 // The module, locked for calls that belong together, so that no other thread's search, attributes or key comes between
 // them. Not recursive. Calls that use neither keys nor objects nor slots may be made without it.

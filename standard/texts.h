@@ -8,17 +8,12 @@
 
 namespace tavrin::standard {
 
-// The longest prefix of a UTF-8 text that has at most `size` bytes and no cut character.
-inline std::string_view fitting(std::string_view text, std::size_t size) {
-  if (text.size() <= size) return text;
-  while (size > 0 && (static_cast<unsigned char>(text[size]) & 0xC0) == 0x80) --size;
-  return text.substr(0, size);
-}
-
+// Stores a UTF-8 text. One that is too long is cut between two characters.
 template <std::size_t size>
 void putText(CK_UTF8CHAR (&field)[size], std::string_view text) {
-  const std::string_view fits = fitting(text, size);
-  std::fill(std::copy(fits.begin(), fits.end(), field), field + size, CK_UTF8CHAR{' '});
+  std::size_t length = std::min(size, text.size());
+  while (length > 0 && length < text.size() && (static_cast<unsigned char>(text[length]) & 0xC0) == 0x80) --length;
+  std::fill(std::copy_n(text.begin(), length, field), field + size, CK_UTF8CHAR{' '});
 }
 
 }  // namespace tavrin::standard

@@ -1,5 +1,5 @@
 // The functions that the token cannot do, and the two that the standard keeps for old applications.
-#include "standard/call.h"
+#include "standard/call_frames.h"
 
 using namespace tavrin;
 using namespace tavrin::standard;

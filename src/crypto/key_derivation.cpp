@@ -4,8 +4,8 @@
 #include "crypto/device_hash.h"
 #include "crypto/mechanisms.h"
 #include "devlib/records.h"
-#include "frame/exported_call.h"
-#include "objects/derived_keys.h"
+#include "frame/call_frames.h"
+#include "objects/derived_secrets.h"
 #include "objects/object_handles.h"
 #include "objects/template_reader.h"
 #include "sessions/session.h"
@@ -113,7 +113,7 @@ CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OB
     if (length != 0) cutOrPad(secret, length);
 
     const std::size_t finalLength = secret.size();
-    *phKey = derivedKeyTable.insert(std::move(secret));
+    *phKey = derivedSecretTable.insert(std::move(secret));
     logDebug("C_DeriveKey: done, handle=", *phKey, " len=", finalLength);
     return CKR_OK;
   };

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <iterator>
 
-#include "frame/exported_call.h"
+#include "frame/call_frames.h"
 
 namespace tavrin {
 namespace {
@@ -53,12 +53,11 @@ const Mechanism* findMechanism(CK_MECHANISM_TYPE type, CK_FLAGS flags) {
   return row != std::end(mechanisms) && (row->flags & flags) == flags ? row : nullptr;
 }
 
-// Neither call checks the slot: the table is the same for every token.
-
 }  // namespace tavrin
 
 using namespace tavrin;
 
+// Neither call checks the slot: the table is the same for every token.
 CK_RV C_GetMechanismList(CK_SLOT_ID, CK_MECHANISM_TYPE_PTR pMechanismList, CK_ULONG_PTR pulCount) {
   return initializedCall("C_GetMechanismList", [&](const Call& call) -> CK_RV {
     if (!pulCount) return call.refuse(CKR_ARGUMENTS_BAD, "pulCount is NULL");

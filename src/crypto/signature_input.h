@@ -5,7 +5,7 @@
 #include "crypto/device_hash.h"
 #include "crypto/mechanisms.h"
 #include "devlib/records.h"
-#include "frame/exported_call.h"
+#include "frame/call_frames.h"
 #include "sessions/session.h"
 
 namespace tavrin {

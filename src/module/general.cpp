@@ -4,7 +4,7 @@
 
 #include "devlib/device_constants.h"
 #include "devlib/device_library.h"
-#include "frame/exported_call.h"
+#include "frame/call_frames.h"
 #include "sessions/session_table.h"
 #include "sessions/user_password.h"
 #include "slots/device_monitor.h"

@@ -7,7 +7,7 @@
 
 #include "devlib/library_instance.h"
 #include "log/log.h"
-#include "objects/derived_keys.h"
+#include "objects/derived_secrets.h"
 #include "objects/object_handles.h"
 #include "platform/platform.h"
 #include "sessions/session_table.h"
@@ -29,7 +29,7 @@ struct ModuleState {
   // token.
   UserPassword userPassword;
   // Grown by C_DeriveKey, read by C_GetAttributeValue; any application thread. Outlives C_Finalize.
-  DerivedKeyTable derivedKeyTable;
+  DerivedSecretTable derivedSecretTable;
   // Overwritten by every resolution of an object handle; application threads, which must not resolve at the same time.
   ResolutionBuffers resolutionBuffers{};
   // Owned by C_Initialize and C_Finalize; shared by the monitor and the callers of C_WaitForSlotEvent.
@@ -48,13 +48,13 @@ void lockAll() {
   state.slotTable.mutex().lock();
   state.sessionTable.mutex().lock();
   state.userPassword.mutex().lock();
-  state.derivedKeyTable.mutex().lock();
+  state.derivedSecretTable.mutex().lock();
   state.deviceMonitor.eventMutex.lock();
 }
 
 void unlockAll() {
   state.deviceMonitor.eventMutex.unlock();
-  state.derivedKeyTable.mutex().unlock();
+  state.derivedSecretTable.mutex().unlock();
   state.userPassword.mutex().unlock();
   state.sessionTable.mutex().unlock();
   state.slotTable.mutex().unlock();
@@ -68,13 +68,13 @@ void startAfresh() {
   if (state.libraryInstance != nullptr) inheritedInstance = state.libraryInstance.exchange(nullptr);
   state.sessionTable.clear();
   state.userPassword.clear();
-  state.derivedKeyTable.clear();
+  state.derivedSecretTable.clear();
   ::new (&state.deviceMonitor) DeviceMonitor;
 }
 
 struct LoadAndUnload {
   LoadAndUnload() { platform::aroundFork(lockAll, unlockAll, startAfresh); }
-  ~LoadAndUnload() { state.derivedKeyTable.clearUnlessBusy(); }
+  ~LoadAndUnload() { state.derivedSecretTable.clearUnlessBusy(); }
   LoadAndUnload(const LoadAndUnload&) = delete;
   LoadAndUnload& operator=(const LoadAndUnload&) = delete;
 } loadAndUnload;
@@ -85,7 +85,7 @@ std::atomic<void*>& libraryInstance = state.libraryInstance;
 SlotTable& slotTable = state.slotTable;
 SessionTable& sessionTable = state.sessionTable;
 UserPassword& userPassword = state.userPassword;
-DerivedKeyTable& derivedKeyTable = state.derivedKeyTable;
+DerivedSecretTable& derivedSecretTable = state.derivedSecretTable;
 ResolutionBuffers& resolutionBuffers = state.resolutionBuffers;
 DeviceMonitor& deviceMonitor = state.deviceMonitor;
 

@@ -1,5 +1,5 @@
 // The unsupported functions. Each writes its debug line and returns CKR_FUNCTION_NOT_SUPPORTED; nothing is checked.
-#include "frame/exported_call.h"
+#include "frame/call_frames.h"
 #include "module/vendor_extensions.h"
 
 namespace tavrin {

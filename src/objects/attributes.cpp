@@ -4,7 +4,7 @@
 #include <string>
 
 #include "objects/attribute_table.h"
-#include "objects/derived_keys.h"
+#include "objects/derived_secrets.h"
 #include "objects/object_handles.h"
 #include "objects/template_reader.h"
 #include "sessions/refusals.h"
@@ -17,7 +17,7 @@ void copyTo(CK_VOID_PTR out, ByteView bytes) { std::copy(bytes.begin(), bytes.en
 
 // A derived secret has a value and no other attribute. The others read as unavailable, which is no error.
 CK_RV readDerivedSecret(const Call& call, CK_OBJECT_HANDLE hObject, std::span<CK_ATTRIBUTE> entries) {
-  const auto secret = derivedKeyTable.find(hObject);
+  const auto secret = derivedSecretTable.find(hObject);
   if (!secret) return call.refuse(CKR_OBJECT_HANDLE_INVALID, "derived key handle not found=", hObject);
   for (CK_ATTRIBUTE& entry : entries) {
     if (entry.type != CKA_VALUE) {

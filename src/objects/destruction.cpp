@@ -1,6 +1,6 @@
 // C_DestroyObject.
 #include "devlib/records.h"
-#include "frame/exported_call.h"
+#include "frame/call_frames.h"
 #include "objects/object_handles.h"
 #include "sessions/session.h"
 #include "sessions/user_password.h"

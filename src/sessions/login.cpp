@@ -1,6 +1,6 @@
 // C_Login, C_Logout and C_SetPIN.
 #include "devlib/device_constants.h"
-#include "frame/exported_call.h"
+#include "frame/call_frames.h"
 #include "sessions/session_table.h"
 #include "sessions/user_password.h"
 

@@ -1,7 +1,7 @@
 // The refusals that several calls on a session share.
 #pragma once
 
-#include "frame/exported_call.h"
+#include "frame/call_frames.h"
 #include "sessions/session.h"
 
 namespace tavrin {

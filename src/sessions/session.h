@@ -51,7 +51,6 @@ struct Parts {
 // Applications must use a session in one thread at a time. Other threads read and change `state` only: a login or
 // logout on another session of the token, and the device monitor.
 struct Session {
-  CK_SESSION_HANDLE handle = 0;
   std::atomic<CK_STATE> state = CKS_RO_PUBLIC_SESSION;
   CK_SLOT_ID slotID = 0;
   TokenInfo device;  // as it was when the session was opened

@@ -1,5 +1,5 @@
 // C_OpenSession, C_CloseSession, C_CloseAllSessions and C_GetSessionInfo.
-#include "frame/exported_call.h"
+#include "frame/call_frames.h"
 #include "sessions/session_table.h"
 #include "sessions/user_password.h"
 

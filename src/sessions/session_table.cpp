@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <limits>
 
-#include "frame/exported_call.h"
+#include "frame/call_frames.h"
 #include "log/log.h"
 #include "sessions/user_password.h"
 #include "slots/token_sessions.h"
@@ -27,7 +27,6 @@ CK_SESSION_HANDLE SessionTable::insert(std::shared_ptr<Session> session) {
     if (largest == std::numeric_limits<std::uint32_t>::max()) return 0;
     handle = largest + 1;
   }
-  session->handle = handle;
   sessions_.emplace(handle, std::move(session));
   return handle;
 }

@@ -5,7 +5,7 @@
 
 #include "devlib/device_constants.h"
 #include "devlib/device_library.h"
-#include "frame/exported_call.h"
+#include "frame/call_frames.h"
 #include "slots/firmware_version.h"
 #include "slots/slot_table.h"
 #include "slots/token_sessions.h"

@@ -1,5 +1,5 @@
 // C_WaitForSlotEvent.
-#include "frame/exported_call.h"
+#include "frame/call_frames.h"
 #include "slots/device_monitor.h"
 
 namespace tavrin {

@@ -2,7 +2,7 @@
 
 #include <iterator>
 
-#include "frame/exported_call.h"
+#include "frame/call_frames.h"
 
 namespace tavrin {
 

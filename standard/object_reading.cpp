@@ -104,7 +104,7 @@ void describeCertificate(ModuleLock& module, Attributes& made, Object& object, c
 
 void describe(ModuleLock& module, Object& object, const Record& record) {
   const Kind kind = !object.isTokenKey() ? certificate : object.isPrivate ? newPrivateKey : newPublicKey;
-  auto made = std::make_shared<Attributes>(describeData(Template(nullptr, 0), kind));
+  auto made = std::make_shared<Attributes>(withDefaults(Template(nullptr, 0), kind));
   made->setNumber(CKA_CLASS, object.objectClass);
   made->setFlag(CKA_TOKEN, object.session == 0);
   made->setFlag(CKA_PRIVATE, object.isPrivate);

@@ -55,7 +55,7 @@ CK_RV sessionCall(const char* name, CK_SESSION_HANDLE hSession, Body&& body) noe
   });
 }
 
-// The pointers that exported functions take.
+// What exported functions check of their arguments.
 inline const CK_MECHANISM& requiredMechanism(const CK_MECHANISM* pMechanism) {
   if (!pMechanism) throw Refusal(CKR_ARGUMENTS_BAD, "pMechanism is NULL");
   return *pMechanism;
@@ -65,6 +65,16 @@ inline const CK_MECHANISM& requiredMechanism(const CK_MECHANISM* pMechanism) {
 inline ByteView requiredData(const CK_BYTE* data, CK_ULONG length) {
   if (!data && length != 0) throw Refusal(CKR_ARGUMENTS_BAD, "the data are NULL with length=", length);
   return {data, static_cast<std::size_t>(length)};
+}
+
+inline void requireNoParameter(const CK_MECHANISM& mechanism) {
+  if (mechanism.ulParameterLen == 0) return;
+  const CK_MECHANISM_TYPE type = mechanism.mechanism;
+  throw Refusal(CKR_MECHANISM_PARAM_INVALID, "mechanism param invalid for mechanism=", type);
+}
+
+inline CK_RV refuseNotInitialized(const Call& call) {
+  return call.refuse(CKR_OPERATION_NOT_INITIALIZED, "operation not initialized");
 }
 
 }  // namespace tavrin::standard

@@ -12,7 +12,7 @@
 namespace tavrin {
 
 // Safe from any thread.
-class DerivedKeyTable {
+class DerivedSecretTable {
  public:
   // Stores the secret under the next handle; no handle is used twice.
   CK_OBJECT_HANDLE insert(SecretBytes secret);
@@ -32,6 +32,6 @@ class DerivedKeyTable {
   CK_OBJECT_HANDLE nextDerivedHandle_ = derivedSecretBase;
 };
 
-extern DerivedKeyTable& derivedKeyTable;
+extern DerivedSecretTable& derivedSecretTable;
 
 }  // namespace tavrin
