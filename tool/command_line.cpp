@@ -9,7 +9,7 @@
 #include "tool/log_commands.h"
 #include "tool/manual.h"
 #include "tool/report_command.h"
-#include "tool/status.h"
+#include "tool/status_command.h"
 #include "tool/text.h"
 #include "tool/token_commands.h"
 

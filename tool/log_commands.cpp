@@ -16,7 +16,7 @@
 #include "tool/log_calls.h"
 #include "tool/log_files.h"
 #include "tool/log_level.h"
-#include "tool/names.h"
+#include "tool/log_names.h"
 #include "tool/text.h"
 
 namespace tool {
@@ -220,13 +220,6 @@ void addShowOptions(const Command& command, LogOptions& options) {
 }
 
 }  // namespace
-
-const char* levelMeaning(int level) {
-  if (level >= tavrin::debugLevel) return "everything";
-  return level == tavrin::errorLevel ? "errors" : "nothing";
-}
-
-std::string levelText(int level) { return std::to_string(level) + " (" + levelMeaning(level) + ")"; }
 
 void addLogCommands(const Command& program) {
   const auto options = std::make_shared<LogOptions>();

@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "tool/catalogue.h"
-#include "tool/names.h"
+#include "tool/log_names.h"
 #include "tool/status_report.h"
 #include "tool/text.h"
 

@@ -1,5 +1,5 @@
-// tavrin-tool status: shows whether applications can use the module, the tokens and their certificates, and if not,
-// why.
+// What tavrin-tool status and report show: whether applications can use the module, the tokens and their certificates,
+// and if not, why.
 #pragma once
 
 #include <string>
@@ -10,8 +10,6 @@
 #include "tool/module_probe.h"
 
 namespace tool {
-
-class Command;
 
 enum class Chain { complete, onToken, selfSigned, incomplete };  // onToken: complete, with issuers from the token
 
@@ -59,7 +57,5 @@ struct SystemStatus {
 // Collects the status and adds the findings. With `anonymous`, numbers replace labels, names, serial numbers and IDs,
 // and paths are shortened to file names.
 void gatherStatus(const std::filesystem::path& module, bool anonymous, SystemStatus& status);
-
-void addStatusCommand(const Command& program);
 
 }  // namespace tool

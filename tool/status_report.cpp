@@ -2,7 +2,7 @@
 
 #include "objects/ca_installation.h"
 #include "tool/json.h"
-#include "tool/log_commands.h"
+#include "tool/log_level.h"
 #include "tool/text.h"
 
 namespace tool {

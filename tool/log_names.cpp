@@ -1,4 +1,4 @@
-#include "tool/names.h"
+#include "tool/log_names.h"
 
 #include <algorithm>
 #include <charconv>
@@ -41,9 +41,9 @@ constexpr NameRow statuses[] = {row(softtoken::Status::wrongPassword, "wrong pas
                                 {tavrin::statusTokenFullLegacy, "token is full"}};
 
 template <std::size_t size>
-const char* find(const NameRow (&rows)[size], Number number) {
-  const auto* row = std::ranges::find(rows, number, &NameRow::number);
-  return row == std::end(rows) ? nullptr : row->name;
+const char* find(const NameRow (&table)[size], Number number) {
+  const auto* row = std::ranges::find(table, number, &NameRow::number);
+  return row == std::end(table) ? nullptr : row->name;
 }
 
 struct Marker {
