@@ -50,6 +50,7 @@ void unplugToken(const std::string& name);
 
 // Makes a token anew: without objects, with a new serial number, new passwords and all tries. Label, firmware version,
 // capacity and connection stay. Throws badArgument when a password breaks the rule. On failure the old token stays.
+// A process that is killed may leave the new token with the tries of the old one.
 void resetToken(const std::string& name, std::string_view userPassword, std::string_view officerPassword);
 
 // Deletes a token with all its keys.

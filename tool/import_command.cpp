@@ -160,9 +160,10 @@ class Import {
   // The module reports what it does not take by the same code as a token that fails.
   static void requireSupported(const PrivateKey& key) {
     if (!key.isRsa()) return;
-    if (!std::ranges::equal(key.publicExponent, tavrin::rsaPublicExponentBytes))
-      throw Failure(Status::badArgument, "the token takes RSA keys with the public exponent " +
-                                             std::to_string(tavrin::rsaPublicExponent) + " only");
+    if (!std::ranges::equal(key.publicExponent, tavrin::rsaPublicExponentBytes)) {
+      const std::string exponent = std::to_string(tavrin::rsaPublicExponent);
+      throw Failure(Status::badArgument, "the token takes RSA keys with the public exponent " + exponent + " only");
+    }
     const auto hasSize = [&](const tavrin::KeyTypeInfo& type) {
       return type.algorithm == tavrin::KeyAlgorithm::rsa && type.bits == 8 * key.modulus.size();
     };

@@ -82,10 +82,12 @@ else
   tool 3 status --json
   json '[.warnings[] | select(contains("the log cannot be written"))] | length' 1
   rm "$log" && mv kept "$log"
-  echo kept >target && ln -s "$E2E_FOLDER/target" "$log/.tavrin-tool"
+  mkdir "$log/tavrin-tool" && echo kept | tee target >"$log/tavrin-tool/$(date +%F).LOG"
+  ln -s "$E2E_FOLDER/target" "$log/.tavrin-tool"
   tool 3 status
+  cmp target "$log"/tavrin-tool/*.LOG
   says target kept
-  rm "$log/.tavrin-tool"
+  rm -r "$log/.tavrin-tool" "$log/tavrin-tool"
   [[ $EUID != 0 ]] || {
     chown nobody "$log"
     tool 3 status
