@@ -37,6 +37,16 @@ TEST_F(ForkTest, ChildLogsWhileOtherThreadsOfTheParentLog) {
   for (std::thread& thread : threads) thread.join();
 }
 
+TEST_F(ForkTest, ChildHasNoSecretOfItsParent) {
+  const CK_OBJECT_HANDLE secret = derive(openLoggedIn(), "peer");
+  const int code = testPlatform::exitCodeOfFork([&] {
+    CK_ATTRIBUTE value{CKA_VALUE, nullptr, 0};
+    if (C_Initialize(nullptr) != CKR_OK || listSlots() != CKR_OK) return 1;
+    return C_GetAttributeValue(openLoggedIn(), secret, &value, 1) == CKR_OBJECT_HANDLE_INVALID ? 0 : 2;
+  });
+  EXPECT_EQ(code, 0);
+}
+
 using ThreadsTest = ModuleTest;
 
 TEST_F(ThreadsTest, MonitorTakesNoSignalThatTheApplicationWaitsFor) {
