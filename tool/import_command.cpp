@@ -88,29 +88,34 @@ void requireStored(CK_RV result, const std::string& what) {
   check(result, ("writing " + what).c_str());
 }
 
-// The module shows the whole label as the slot's description. In the token's record it is cut.
-bool hasLabel(CK_FUNCTION_LIST* functions, CK_SLOT_ID slot, const std::string& label) {
+// Whether this is the token's label or serial number. The module shows the whole label as the slot's description. In
+// the token's record it is cut.
+bool isNamed(CK_FUNCTION_LIST* functions, CK_SLOT_ID slot, const std::string& name) {
   CK_TOKEN_INFO token{};
   check(functions->C_GetTokenInfo(slot, &token), "C_GetTokenInfo");
-  if (textOf(token.label) == label) return true;
+  if (textOf(token.label) == name || textOf(token.serialNumber) == name) return true;
   CK_SLOT_INFO info{};
   check(functions->C_GetSlotInfo(slot, &info), "C_GetSlotInfo");
-  return textOf(info.slotDescription) == label;
+  return textOf(info.slotDescription) == name;
 }
 
 // Whether a module refused what the template describes. The first code is the module's, the second that of the standard
 // one.
 bool refusesKind(CK_RV result) { return result == CKR_FUNCTION_FAILED || result == CKR_TEMPLATE_INCONSISTENT; }
 
-CK_SLOT_ID chooseSlot(CK_FUNCTION_LIST* functions, const std::string& label) {
+CK_SLOT_ID chooseSlot(CK_FUNCTION_LIST* functions, const std::string& name) {
   std::vector<CK_SLOT_ID> found;
   for (const CK_SLOT_ID slot : slotsWithToken(functions))
-    if (label.empty() || hasLabel(functions, slot, label)) found.push_back(slot);
+    if (name.empty() || isNamed(functions, slot, name)) found.push_back(slot);
   if (found.empty()) {
     throw Failure(Status::notFound,
-                  label.empty() ? "no token is connected" : "no token with the label " + label + " is connected");
+                  name.empty() ? "no token is connected" : "no token with the label " + name + " is connected");
   }
-  if (found.size() > 1) throw Failure(Status::badArgument, "several tokens are connected; choose one with --token");
+  if (found.size() > 1) {
+    throw Failure(Status::badArgument, name.empty()
+                                           ? "several tokens are connected; choose one with --token"
+                                           : "several tokens are named " + name + "; choose one by its serial number");
+  }
   return found.front();
 }
 
@@ -271,7 +276,7 @@ void addImportCommand(const Command& program) {
   const Command command = program.add("import", "Writes a key and certificates from a file to a token.");
   command.requiredArgument("FILE", options->file, "A PKCS#12 (.p12, .pfx) or PEM file");
   command.option("--module FILE", options->module, "The module to load; default: the installed one");
-  command.option("--token LABEL", options->token, "The token's label, when there are several");
+  command.option("--token NAME", options->token, "The token's label or serial number, when there are several");
   command.option("--label TEXT", options->label, "The key's label; default: the certificate's name");
   command.option("--id HEX", options->id, "The key's ID; default: made from the key", checkId);
   command.option("--pin-file FILE", options->pinFile, "File with the user password");

@@ -77,3 +77,12 @@ tool 1 import "$(native "$E2E_FOLDER/plain.pem")" --pin-file "$wrong"
 says err 'the user password is wrong'
 tool 0 token show refused --json
 json '(.keyPairs | length), (.certificates | length)' '0,0'
+
+# Of two tokens with one label, the one whose serial number is given.
+run tavrin-tool token create twin --label refused --pin-file "$pin" --so-pin-file "$(native "$E2E_FOLDER/so-pin")"
+tool 1 import "$(native "$E2E_FOLDER/plain.pem")" --pin-file "$pin" --token refused
+says err 'choose one by its serial number'
+serial=$(run tavrin-tool token show twin --json | jq -r .serial)
+tool 0 import "$(native "$E2E_FOLDER/plain.pem")" --pin-file "$pin" --token "$serial"
+tool 0 token show twin --json
+json '.keyPairs | length' 1
