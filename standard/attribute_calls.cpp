@@ -53,10 +53,11 @@ CK_RV C_SetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, 
     const Attributes& attributes = readAttributes(module, *object);
     for (const CK_ATTRIBUTE& entry : wanted.entries()) {
       const CK_ATTRIBUTE_TYPE type = entry.type;
-      if (!attributes.find(type)) return call.refuse(CKR_ATTRIBUTE_TYPE_INVALID, "the object has no type=", type);
+      if (!attributes.find(type) && !isSensitive(*object, attributes, type))
+        return call.refuse(CKR_ATTRIBUTE_TYPE_INVALID, "the object has no type=", type);
       if (attributes.match(entry) && !isSensitive(*object, attributes, type)) continue;
-      const bool changeable =
-          attributes.flag(CKA_MODIFIABLE) && (type == CKA_LABEL || type == CKA_ID || type == CKA_SUBJECT);
+      if (!attributes.flag(CKA_MODIFIABLE)) return call.refuse(CKR_ACTION_PROHIBITED, "not modifiable");
+      const bool changeable = type == CKA_LABEL || type == CKA_ID || type == CKA_SUBJECT;
       if (!changeable) return call.refuse(CKR_ATTRIBUTE_READ_ONLY, "read-only type=", type);
     }
     relabel(module, *object, wanted);

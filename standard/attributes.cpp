@@ -1,6 +1,7 @@
 #include "standard/attributes.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <iterator>
 
@@ -13,6 +14,7 @@ namespace {
 enum class Form {
   value,       // no attribute
   text,        // empty
+  date,        // empty; otherwise eight digits
   number,      // 0
   use,         // a flag that is false, whatever the template says
   falseFlag,   // a flag
@@ -37,16 +39,18 @@ constexpr Row table[] = {
     {all & ~secretKey, Form::falseFlag, {CKA_PRIVATE}},
     {secretKey, Form::trueFlag, {CKA_PRIVATE}},
     {all, Form::text, {CKA_LABEL}},
-    {allKeys | certificate, Form::text, {CKA_ID, CKA_START_DATE, CKA_END_DATE}},
+    {allKeys | certificate, Form::text, {CKA_ID}},
+    {allKeys | certificate, Form::date, {CKA_START_DATE, CKA_END_DATE}},
     {all, Form::trueFlag, {CKA_MODIFIABLE, CKA_COPYABLE, CKA_DESTROYABLE}},
-    {allPublic | allPrivate | certificate, Form::text, {CKA_SUBJECT}},
+    {allPublic | allPrivate | certificate, Form::text, {CKA_SUBJECT, CKA_PUBLIC_KEY_INFO}},
     {allPublic | secretKey | certificate, Form::use, {CKA_TRUSTED}},
     {dataObject, Form::text, {CKA_APPLICATION, CKA_OBJECT_ID, CKA_VALUE}},
-    {certificate, Form::value, {CKA_CERTIFICATE_TYPE, CKA_VALUE, CKA_CHECK_VALUE}},
+    {certificate, Form::value, {CKA_CERTIFICATE_TYPE, CKA_VALUE, CKA_CHECK_VALUE, CKA_NAME_HASH_ALGORITHM}},
     {certificate, Form::number, {CKA_CERTIFICATE_CATEGORY, CKA_JAVA_MIDP_SECURITY_DOMAIN}},
     {certificate, Form::text, {CKA_ISSUER, CKA_SERIAL_NUMBER, CKA_URL}},
     {certificate, Form::text, {CKA_HASH_OF_SUBJECT_PUBLIC_KEY, CKA_HASH_OF_ISSUER_PUBLIC_KEY}},
     {allKeys, Form::value, {CKA_KEY_TYPE}},
+    {allKeys, Form::text, {CKA_ALLOWED_MECHANISMS}},
     {allKeys, Form::use, {CKA_DERIVE}},
     {allPublic | secretKey, Form::use, {CKA_WRAP, CKA_ENCRYPT, CKA_VERIFY}},
     {allPublic, Form::use, {CKA_VERIFY_RECOVER}},
@@ -208,7 +212,11 @@ void Template::mustBeOf(Kind kind) const {
     }
     const Row* row = findRow(type, kind);
     if (!row) throw Refusal(CKR_ATTRIBUTE_TYPE_INVALID, "the object cannot have attribute type=", type);
-    if (row->form != Form::value && row->form != Form::text) static_cast<void>(flag(type));
+    if (row->form == Form::date && entry.ulValueLen != 0 && entry.ulValueLen != sizeof(CK_DATE)) {
+      throw Refusal(CKR_ATTRIBUTE_VALUE_INVALID, "no date for attribute type=", type);
+    }
+    if (row->form == Form::number) static_cast<void>(number(type));
+    if (row->form == Form::use || row->form >= Form::falseFlag) static_cast<void>(flag(type));
   }
 }
 
@@ -221,7 +229,7 @@ Attributes withDefaults(const Template& given, Kind kind) {
       if (row.form == Form::use || row.form == Form::historical) {
         made.setFlag(type, false);
       } else if (!made.find(type)) {
-        if (row.form == Form::text) made.set(type, {});
+        if (row.form == Form::text || row.form == Form::date) made.set(type, {});
         if (row.form == Form::number) made.setNumber(type, 0);
         if (row.form == Form::falseFlag || row.form == Form::trueFlag) made.setFlag(type, row.form == Form::trueFlag);
       }
@@ -243,11 +251,9 @@ void checkLabelAndId(const Template& wanted) {
 }
 
 CK_ULONG bitsOf(ByteView number) {
-  const auto first = std::ranges::find_if(number, [](std::uint8_t byte) { return byte != 0; });
-  if (first == number.end()) return 0;
-  CK_ULONG bits = static_cast<CK_ULONG>(number.end() - first) * 8;
-  for (std::uint8_t mask = 0x80; (*first & mask) == 0; mask >>= 1) --bits;
-  return bits;
+  while (!number.empty() && number.front() == 0) number = number.subspan(1);
+  if (number.empty()) return 0;
+  return static_cast<CK_ULONG>((number.size() - 1) * 8) + static_cast<CK_ULONG>(std::bit_width(number.front()));
 }
 
 void checkRsaKey(const Template& publicParts, CK_ULONG bits) {

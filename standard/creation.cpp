@@ -77,8 +77,7 @@ std::shared_ptr<Object> createPrivateKey(ModuleLock& module, const Session& sess
   return pair.privateKey;
 }
 
-// The token keeps public keys as halves of pairs. Many clients write the public key after its private key; it is there
-// already then, and gets the label and ID of the template.
+// Many clients write a public key after its private key: it is there then, and gets the label and ID of the template.
 std::shared_ptr<Object> publicKeyOnToken(ModuleLock& module, const Session& session, const Template& given) {
   requireTokenWriteAccess(session);
   given.mustNotContradict(CKA_PRIVATE, false);
@@ -132,13 +131,15 @@ std::shared_ptr<Object> createObject(ModuleLock& module, const Session& session,
 }
 
 // The template of a copy may give another label and ID, CKA_TOKEN, a stricter CKA_SENSITIVE or CKA_EXTRACTABLE, and
-// values that the original has.
-void checkCopyTemplate(const Attributes& original, const Template& changes) {
+// values that the original has. A copy in this library alone may also become private or fixed.
+void checkCopyTemplate(const Attributes& original, const Template& changes, bool onToken) {
   for (const CK_ATTRIBUTE& entry : changes.entries()) {
     const CK_ATTRIBUTE_TYPE type = entry.type;
     if (!original.find(type)) throw Refusal(CKR_ATTRIBUTE_TYPE_INVALID, "the object has no type=", type);
     const bool stricter = (type == CKA_SENSITIVE && changes.flag(type) == true) ||
-                          (type == CKA_EXTRACTABLE && changes.flag(type) == false);
+                          (type == CKA_EXTRACTABLE && changes.flag(type) == false) ||
+                          (type == CKA_PRIVATE && changes.flag(type) == true && !onToken) ||
+                          (type == CKA_MODIFIABLE && changes.flag(type) == false && !onToken);
     if (type == CKA_LABEL || type == CKA_ID || type == CKA_TOKEN || stricter || original.match(entry)) continue;
     throw Refusal(CKR_ATTRIBUTE_READ_ONLY, "a copy cannot change type=", type);
   }
@@ -168,17 +169,17 @@ std::shared_ptr<Object> copyInLibrary(ModuleLock& module, const Session& session
   Attributes made = original;
   for (const CK_ATTRIBUTE& entry : changes.entries()) made.set(entry.type, valueOf(entry));
   made.setFlag(CKA_TOKEN, false);
-  if (made.number(CKA_CLASS) == CKO_PUBLIC_KEY) {
-    for (const CK_ATTRIBUTE_TYPE type : {CKA_ENCRYPT, CKA_VERIFY}) made.setFlag(type, false);
-  }
+  for (const CK_ATTRIBUTE_TYPE use : {CKA_ENCRYPT, CKA_VERIFY})
+    if (made.find(use)) made.setFlag(use, false);
   return addSessionObject(module, session, std::move(made));
 }
 
 std::shared_ptr<Object> copyObject(ModuleLock& module, const Session& session, Object& original,
                                    const Template& changes) {
   const Attributes& attributes = readAttributes(module, original);
-  checkCopyTemplate(attributes, changes);
   const bool onToken = changes.flag(CKA_TOKEN).value_or(original.session == 0);
+  if (!attributes.flag(CKA_COPYABLE)) throw Refusal(CKR_ACTION_PROHIBITED, "not copyable, handle=", original.handle);
+  checkCopyTemplate(attributes, changes, onToken);
   if (original.isTokenKey() && original.session != 0 && onToken) {
     return keepKeyPair(module, session, original, changes);
   }

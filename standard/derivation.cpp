@@ -23,7 +23,7 @@ Agreement readParameters(const CK_MECHANISM& mechanism) {
   CK_ECDH1_DERIVE_PARAMS parameters;
   std::memcpy(&parameters, mechanism.pParameter, sizeof parameters);
   if (!parameters.pPublicData || (!parameters.pSharedData && parameters.ulSharedDataLen != 0)) throw refusal;
-  const Agreement agreement{findHashOfKdf(parameters.kdf),
+  const Agreement agreement{findHash(parameters.kdf, &HashMechanism::kdf),
                             {parameters.pSharedData, static_cast<std::size_t>(parameters.ulSharedDataLen)},
                             {parameters.pPublicData, static_cast<std::size_t>(parameters.ulPublicDataLen)}};
   const bool raw = parameters.kdf == CKD_NULL;
@@ -122,6 +122,9 @@ CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OB
       const auto key = requiredKey(module, session, hBaseKey, mechanism, CKA_DERIVE);
       checkPoint(agreement.publicPoint, key->identity.size());
       checkKey(module, *key);
+      const Attributes& base = knownAttributes(module, *key);
+      made.setFlag(CKA_ALWAYS_SENSITIVE, base.flag(CKA_ALWAYS_SENSITIVE) && made.flag(CKA_SENSITIVE));
+      made.setFlag(CKA_NEVER_EXTRACTABLE, base.flag(CKA_NEVER_EXTRACTABLE) && !made.flag(CKA_EXTRACTABLE));
       secret = agree(module, *key, agreement.publicPoint);
     }
     const SecretBytes value =

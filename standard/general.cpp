@@ -15,9 +15,8 @@ const CK_FUNCTION_LIST functionList = {.version = {standardVersionMajor, standar
                                        CRYPTOKI_FUNCTIONS(ENTRY)};
 #undef ENTRY
 
-// The library uses the system's locks, and the module creates a thread. p11-kit passes
-// CKF_LIBRARY_CANT_CREATE_OS_THREADS with CKF_OS_LOCKING_OK to every library. The module's thread is created in this
-// case too: it runs no code of the application.
+// The library uses the system's locks, and the module creates a thread, which runs no code of the application. p11-kit
+// passes CKF_LIBRARY_CANT_CREATE_OS_THREADS with CKF_OS_LOCKING_OK to every library. This is accepted.
 void checkArguments(const CK_C_INITIALIZE_ARGS& arguments) {
   if (arguments.pReserved) throw Refusal(CKR_ARGUMENTS_BAD, "pReserved is not NULL");
   const int callbacks = (arguments.CreateMutex ? 1 : 0) + (arguments.DestroyMutex ? 1 : 0) +

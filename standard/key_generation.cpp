@@ -45,9 +45,8 @@ void readUsage(Attributes& request, bool isRsa, const Template& publicPart, cons
   request.setFlag(CKA_DECRYPT, wantsDecrypt);
 }
 
-// The template that the module receives for the private half. CKA_WRAP, CKA_UNWRAP and the recovering uses are
-// accepted, because many applications set all uses, and are false. CKA_SENSITIVE and CKA_EXTRACTABLE are accepted with
-// any value: the key is protected in any case.
+// The template that the module receives for the private half. CKA_WRAP, CKA_UNWRAP, the recovering uses, CKA_SENSITIVE
+// and CKA_EXTRACTABLE may have any value, because many applications set them. The key's own values do not change.
 Attributes readTemplates(const Mechanism& mechanism, const Template& publicPart, const Template& privatePart) {
   publicPart.mustBeOf(newPublicKey);
   privatePart.mustBeOf(newPrivateKey);
@@ -57,7 +56,11 @@ Attributes readTemplates(const Mechanism& mechanism, const Template& publicPart,
     half->mustNotContradict(CKA_KEY_TYPE, mechanism.keyType);
     checkLabelAndId(*half);
   }
-  if (mechanism.keyType == CKK_RSA) {
+  const bool isRsa = mechanism.keyType == CKK_RSA;
+  if (publicPart.find(isRsa ? CKA_EC_PARAMS : CKA_MODULUS_BITS)) {
+    throw Refusal(CKR_TEMPLATE_INCONSISTENT, "parameters of another key type");
+  }
+  if (isRsa) {
     checkRsaKey(publicPart, publicPart.requiredNumber(CKA_MODULUS_BITS));
   } else {
     checkCurve(publicPart.required(CKA_EC_PARAMS));
@@ -69,7 +72,7 @@ Attributes readTemplates(const Mechanism& mechanism, const Template& publicPart,
   privatePart.mustNotContradict(CKA_WRAP_WITH_TRUSTED, false);
   Attributes request;
   request.setNumber(CKA_KEY_TYPE, mechanism.keyType);
-  readUsage(request, mechanism.keyType == CKK_RSA, publicPart, privatePart);
+  readUsage(request, isRsa, publicPart, privatePart);
   for (const CK_ATTRIBUTE_TYPE type : {CKA_LABEL, CKA_ID}) {
     const ByteView own = privatePart.bytes(type).value_or(ByteView{});
     request.set(type, own.empty() ? publicPart.bytes(type).value_or(own) : own);

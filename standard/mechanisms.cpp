@@ -63,13 +63,8 @@ const Mechanism& requiredMechanism(CK_MECHANISM_TYPE type, CK_FLAGS use, const T
   throw Refusal(CKR_MECHANISM_INVALID, "unsupported mechanism=", type);
 }
 
-const HashMechanism* findHash(CK_MECHANISM_TYPE type) {
-  const auto* const found = std::ranges::find(hashes, type, &HashMechanism::type);
-  return found == std::end(hashes) ? nullptr : found;
-}
-
-const HashMechanism* findHashOfKdf(CK_EC_KDF_TYPE kdf) {
-  const auto* const found = std::ranges::find(hashes, kdf, &HashMechanism::kdf);
+const HashMechanism* findHash(CK_ULONG value, CK_ULONG HashMechanism::*member) {
+  const auto* const found = std::ranges::find(hashes, value, member);
   return found == std::end(hashes) ? nullptr : found;
 }
 

@@ -36,7 +36,7 @@ std::span<const Mechanism> allMechanisms();
 const Mechanism& requiredMechanism(CK_MECHANISM_TYPE type, CK_FLAGS use, const Token& token);
 bool isOnToken(const Mechanism& mechanism, const Token& token);
 
-const HashMechanism* findHash(CK_MECHANISM_TYPE type);
-const HashMechanism* findHashOfKdf(CK_EC_KDF_TYPE kdf);
+// The hash with this value of the member; null when there is none.
+const HashMechanism* findHash(CK_ULONG value, CK_ULONG HashMechanism::*member = &HashMechanism::type);
 
 }  // namespace tavrin::standard

@@ -1,6 +1,5 @@
 // C_FindObjectsInit, C_FindObjects and C_FindObjectsFinal.
 #include <algorithm>
-#include <iterator>
 
 #include "objects/handle_ranges.h"
 #include "standard/call_frames.h"
@@ -14,20 +13,15 @@ namespace {
 
 using ModuleHandles = std::vector<CK_OBJECT_HANDLE>;
 
-// What the module can compare by itself. Key pairs are searched as public keys, which need no login.
-constexpr CK_ATTRIBUTE_TYPE certificateFilters[] = {CKA_LABEL, CKA_VALUE, CKA_ID, CKA_SUBJECT};
-constexpr CK_ATTRIBUTE_TYPE keyFilters[] = {CKA_LABEL, CKA_ID, CKA_MODULUS};
-
-std::span<const CK_ATTRIBUTE_TYPE> filtersOf(CK_OBJECT_CLASS objectClass) {
-  if (objectClass == CKO_CERTIFICATE) return certificateFilters;
-  return keyFilters;
-}
-
-// The module does not compare empty values, and reads a label up to its NUL.
+// What the module can compare by itself. Key pairs are searched as public keys, which need no login. The module does
+// not compare empty values, and reads a label up to its NUL.
 bool isFilter(const CK_ATTRIBUTE& entry, CK_OBJECT_CLASS objectClass) {
-  return std::ranges::find(filtersOf(objectClass), entry.type) != filtersOf(objectClass).end() &&
-         !valueOf(entry).empty() &&
-         (entry.type != CKA_LABEL || std::ranges::find(valueOf(entry), 0) == valueOf(entry).end());
+  const CK_ATTRIBUTE_TYPE type = entry.type;
+  const ByteView value = valueOf(entry);
+  if (type == CKA_LABEL) return !value.empty() && std::ranges::find(value, 0) == value.end();
+  const bool isOfClass =
+      objectClass == CKO_CERTIFICATE ? type == CKA_VALUE || type == CKA_SUBJECT : type == CKA_MODULUS;
+  return (type == CKA_ID || isOfClass) && !value.empty();
 }
 
 // One search in the module, in ascending order.
@@ -46,12 +40,6 @@ ModuleHandles searchModule(ModuleLock& module, Token& token, std::span<CK_ATTRIB
   return result;
 }
 
-ModuleHandles intersect(const ModuleHandles& left, const ModuleHandles& right) {
-  ModuleHandles both;
-  std::ranges::set_intersection(left, right, std::back_inserter(both));
-  return both;
-}
-
 // The certificates, or the public keys, that the module finds by each of the template's filters.
 ModuleHandles searchClass(ModuleLock& module, Token& token, CK_OBJECT_CLASS objectClass, const Template& wanted) {
   std::optional<ModuleHandles> found;
@@ -60,8 +48,9 @@ ModuleHandles searchClass(ModuleLock& module, Token& token, CK_OBJECT_CLASS obje
     std::string value(static_cast<const char*>(entry.pValue), entry.ulValueLen);  // ends with a NUL, for labels
     CK_ATTRIBUTE filters[] = {{CKA_CLASS, &objectClass, sizeof objectClass},
                               {entry.type, value.data(), entry.ulValueLen}};
-    ModuleHandles matches = searchModule(module, token, filters);
-    found = found ? intersect(*found, matches) : std::move(matches);
+    const ModuleHandles matches = searchModule(module, token, filters);
+    if (!found) found = matches;
+    std::erase_if(*found, [&](const auto handle) { return !std::ranges::binary_search(matches, handle); });
     if (found->empty()) return {};
   }
   if (found) return *found;

@@ -61,12 +61,6 @@ std::vector<std::shared_ptr<Session>> SessionTable::all() const {
   return result;
 }
 
-bool SessionTable::hasAny(const Token& token) const {
-  const std::lock_guard guard(mutex_);
-  return std::ranges::any_of(
-      sessions_, [&](const auto& entry) { return &entry.second->token == &token && entry.second->isAlive(); });
-}
-
 void closeSession(State& state, Session& session) {
   {
     const std::lock_guard guard(session.mutex);

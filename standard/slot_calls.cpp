@@ -51,7 +51,6 @@ CK_RV C_GetSlotList(CK_BBOOL tokenPresent, CK_SLOT_ID_PTR pSlotList, CK_ULONG_PT
   return libraryCall("C_GetSlotList", [&](const Call& call, State& state) -> CK_RV {
     if (!pulCount) return call.refuse(CKR_ARGUMENTS_BAD, "pulCount is NULL");
     ModuleLock module(state);
-    // A call with a buffer returns the list that the call before it counted.
     std::optional<std::vector<CK_SLOT_ID>>& counted = state.tokens.counted[tokenPresent != CK_FALSE ? 1 : 0];
     if (!pSlotList || !counted) {
       state.tokens.refresh(module);
@@ -90,10 +89,8 @@ CK_RV C_GetTokenInfo(CK_SLOT_ID slotID, CK_TOKEN_INFO_PTR pInfo) {
     pInfo->ulRwSessionCount = countSessions(module.state(), token, true);
     pInfo->ulMaxPinLen = maximumPinLength;
     pInfo->ulMinPinLen = minimumPinLength;
-    pInfo->ulTotalPublicMemory = CK_UNAVAILABLE_INFORMATION;
-    pInfo->ulFreePublicMemory = CK_UNAVAILABLE_INFORMATION;
-    pInfo->ulTotalPrivateMemory = CK_UNAVAILABLE_INFORMATION;
-    pInfo->ulFreePrivateMemory = CK_UNAVAILABLE_INFORMATION;
+    pInfo->ulTotalPublicMemory = pInfo->ulFreePublicMemory = CK_UNAVAILABLE_INFORMATION;
+    pInfo->ulTotalPrivateMemory = pInfo->ulFreePrivateMemory = CK_UNAVAILABLE_INFORMATION;
     pInfo->hardwareVersion = {1, 0};
     pInfo->firmwareVersion = token.firmware;
     putText(pInfo->utcTime, "");

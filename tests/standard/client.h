@@ -9,7 +9,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "pkcs11.h"
+#include "standard/cryptoki.h"
 
 extern CK_FUNCTION_LIST* f;  // of the library that E2E_MODULE names
 bool isSoftHsm();            // whether that is SoftHSM2: STANDARD_PEER is set

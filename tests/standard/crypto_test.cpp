@@ -261,6 +261,8 @@ TEST_F(KeysTest, KeyAgreement) {
   for (const Attribute& one : {Attribute(CKA_SENSITIVE, true), Attribute(CKA_EXTRACTABLE, false)}) {
     is(s.derive(ec_, ecdh(CKD_NULL, own, none), readable.with({one, {CKA_VALUE_LEN, 32}})), CKR_OK);
     is(s.get(s.made, CKA_VALUE), CKR_ATTRIBUTE_SENSITIVE);
+    const CK_ATTRIBUTE_TYPE always = one.type == CKA_SENSITIVE ? CKA_ALWAYS_SENSITIVE : CKA_NEVER_EXTRACTABLE;
+    EXPECT_EQ(s.value(s.made, always), std::string(1, '\1')) << "as the base key";
     is(s.set(s.made, {{CKA_VALUE, z}}), CKR_ATTRIBUTE_READ_ONLY, "a guess is not confirmed");
   }
   EXPECT_EQ(s.find({{CKA_VALUE, z}}).size(), isSoftHsm() ? 4U : 2U) << "values that must not be read are not compared";

@@ -140,7 +140,7 @@ TEST_F(KeysTest, ChangingAttributes) {
   is(s.set(12345678, {{CKA_LABEL, "new"}}), noSuchObject);
   is(s.set(rsa_, {{CKA_VENDOR_DEFINED | 1, true}}), CKR_ATTRIBUTE_TYPE_INVALID);
   const Template fixed{{CKA_CLASS, CKO_PUBLIC_KEY}, {CKA_KEY_TYPE, CKK_EC},  {CKA_TOKEN, false}, {CKA_MODULUS, "m"},
-                       {CKA_SENSITIVE, false},      {CKA_EXTRACTABLE, true}, {CKA_LOCAL, false}};
+                       {CKA_SENSITIVE, false},      {CKA_EXTRACTABLE, true}, {CKA_LOCAL, false}, {CKA_PRIME_1, "p"}};
   for (const Attribute& one : fixed.values()) {
     is(s.set(rsa_, {{CKA_LABEL, "rsa"}, one}), CKR_ATTRIBUTE_READ_ONLY, std::to_string(one.type));
   }
@@ -177,7 +177,9 @@ TEST_F(KeysTest, CreatingObjects) {
     return code;
   };
   each(CKR_OK,
-       {publicKey, ecKey, certificate().with({{CKA_TOKEN, false}}), imported.with({{CKA_LABEL, ""}, {CKA_ID, ""}})},
+       {publicKey.with({{CKA_ALLOWED_MECHANISMS, CK_ULONG{CKM_RSA_PKCS}}}), ecKey.with({{CKA_END_DATE, "20301231"}}),
+        certificate().with({{CKA_TOKEN, false}, {CKA_CERTIFICATE_CATEGORY, 1}, {CKA_PUBLIC_KEY_INFO, ""}}),
+        imported.with({{CKA_LABEL, ""}, {CKA_ID, ""}})},
        create);
   each(CKR_TEMPLATE_INCOMPLETE,
        {Template{}, publicKey.without(CKA_CLASS), publicKey.without(CKA_KEY_TYPE), publicKey.without(CKA_MODULUS),
@@ -191,6 +193,7 @@ TEST_F(KeysTest, CreatingObjects) {
        create);
   each(differs(CKR_ATTRIBUTE_VALUE_INVALID, CKR_TEMPLATE_INCOMPLETE, unlooked),
        {publicKey.with({{CKA_CLASS, "x"}}), publicKey.with({{CKA_KEY_TYPE, "x"}})}, create);
+  is(create(publicKey.with({{CKA_START_DATE, "2030"}})), CKR_ATTRIBUTE_VALUE_INVALID);
   is(create(certificate().with({{CKA_VALUE, ""}})), differs(CKR_ATTRIBUTE_VALUE_INVALID, CKR_OK, unlooked));
   is(create(publicKey.with({{CKA_LOCAL, true}})), {CKR_ATTRIBUTE_READ_ONLY, CKR_TEMPLATE_INCONSISTENT});
   each({CKR_TEMPLATE_INCONSISTENT, CKR_ATTRIBUTE_TYPE_INVALID},
@@ -245,16 +248,17 @@ TEST_F(KeysTest, AttributesOfTemplates) {
   CK_ECDH1_DERIVE_PARAMS parameters{CKD_NULL, 0, nullptr, 1, bytesOf(p256)};
   const Template wrong{{CKA_CLASS, CKO_DATA}};
   EXPECT_EQ(created(CKO_CERTIFICATE),
-            "0 1 2 3 11 80 81 82 86 87 88 89 8a 8b 90 101 102 110 111 !163 !164 !165 !166 170 171 172 ");
+            "0 1 2 3 11 80 81 82 86 87 88 89 8a 8b 8c 90 101 102 110 111 129 !163 !164 !165 !166 170 171 172 ");
   EXPECT_EQ(created(CKO_PUBLIC_KEY),
-            "0 1 2 3 86 100 101 102 104 106 10a 10b 10c 110 111 120 121 122 !163 !164 !165 !166 170 171 172 180 181 ");
+            "0 1 2 3 86 100 101 102 104 106 10a 10b 10c 110 111 120 121 122 129 !163 !164 !165 !166 170 171 172 180 "
+            "181 ");
   EXPECT_EQ(created(CKO_PRIVATE_KEY),
-            "0 1 2 3 100 101 102 103 105 107 108 109 10c 110 111 120 122 123 124 125 126 127 128 162 !163 !164 !165 "
-            "!166 170 171 172 202 210 ");
+            "0 1 2 3 100 101 102 103 105 107 108 109 10c 110 111 120 122 123 124 125 126 127 128 129 162 !163 !164 "
+            "!165 !166 170 171 172 202 210 ");
   EXPECT_EQ(accepted([&](const Template& more) { return s.generate(CKM_EC_KEY_PAIR_GEN, more.with(wrong), {}); }),
-            "0 1 2 3 86 100 101 102 104 106 10a 10b 10c 110 111 121 122 !163 !164 !165 !166 170 171 172 180 ");
+            "0 1 2 3 86 100 101 102 104 106 10a 10b 10c 110 111 121 122 129 !163 !164 !165 !166 170 171 172 180 ");
   EXPECT_EQ(accepted([&](const Template& more) { return s.generate(CKM_EC_KEY_PAIR_GEN, {}, more.with(wrong)); }),
-            "0 1 2 3 100 101 102 103 105 107 108 109 10c 110 111 162 !163 !164 !165 !166 170 171 172 202 210 ");
+            "0 1 2 3 100 101 102 103 105 107 108 109 10c 110 111 129 162 !163 !164 !165 !166 170 171 172 202 210 ");
   EXPECT_EQ(accepted([&](const Template& more) {
               return s.derive(ec_, {CKM_ECDH1_DERIVE, parameters}, more.with(wrong));
             }),
@@ -299,8 +303,7 @@ TEST_F(KeysTest, ImportedKeysAndCertificates) {
 TEST_F(KeysTest, GeneratingKeys) {
   const Template none{}, bits{{CKA_MODULUS_BITS, 2048}}, curve{{CKA_EC_PARAMS, p256}}, kept{{CKA_TOKEN, true}};
   const Expected badValue{CKR_ATTRIBUTE_VALUE_INVALID, CKR_TEMPLATE_INCONSISTENT};
-  constexpr CK_RV curveNotSupported = 0x140;
-  const Expected badCurve = differs({CKR_ATTRIBUTE_VALUE_INVALID, CKR_DOMAIN_PARAMS_INVALID, curveNotSupported},
+  const Expected badCurve = differs({CKR_ATTRIBUTE_VALUE_INVALID, CKR_DOMAIN_PARAMS_INVALID, CKR_CURVE_NOT_SUPPORTED},
                                     CKR_GENERAL_ERROR, byOpenSsl);
   const Expected badSize{CKR_ATTRIBUTE_VALUE_INVALID, CKR_KEY_SIZE_RANGE};
   const CK_MECHANISM_TYPE rsaPair = CKM_RSA_PKCS_KEY_PAIR_GEN, ecPair = CKM_EC_KEY_PAIR_GEN;
@@ -322,6 +325,7 @@ TEST_F(KeysTest, GeneratingKeys) {
                  {rsaPair, badValue, bits.with({{CKA_CLASS, CKO_PRIVATE_KEY}}), none},
                  {rsaPair, badValue, bits, {{CKA_CLASS, CKO_PUBLIC_KEY}}},
                  {ecPair, badCurve, {{CKA_EC_PARAMS, "x"}}, none},
+                 {ecPair, {CKR_TEMPLATE_INCONSISTENT, CKR_ATTRIBUTE_TYPE_INVALID}, curve.with(bits), none},
                  {ecPair, badCurve, {{CKA_EC_PARAMS, std::string("\x06\x05\x2B\x81\x04\x00\x7F", 7)}}, none},
                  {ecPair, CKR_ATTRIBUTE_VALUE_INVALID, curve, {{CKA_SIGN, "yes"}}}};
   for (const auto& row : refused) {
@@ -383,6 +387,10 @@ TEST_F(KeysTest, DataObjects) {
   is(other.get(note, CKA_OBJECT_ID), CKR_OK);
   is(other.init(sign, CKM_RSA_PKCS, note), differs(CKR_KEY_HANDLE_INVALID, CKR_KEY_FUNCTION_NOT_PERMITTED, ""));
   is(reader.destroy(reader.made), CKR_OK);
+  is(reader.copy(note, {{CKA_PRIVATE, true}, {CKA_MODIFIABLE, false}}), CKR_OK);
+  is(reader.set(reader.made, {{CKA_LABEL, "copy"}}), CKR_ACTION_PROHIBITED);
+  is(reader.create(data.with({{CKA_PRIVATE, true}, {CKA_COPYABLE, false}, {CKA_DESTROYABLE, false}})), CKR_OK);
+  all(CKR_ACTION_PROHIBITED, {reader.destroy(reader.made), reader.copy(reader.made, {})});
   is(other.create(data.with({{CKA_PRIVATE, true}})), CKR_OK);
   is(f->C_Logout(other), CKR_OK);
   EXPECT_EQ(other.find({{CKA_CLASS, CKO_DATA}}), Handles{note});
