@@ -3,8 +3,9 @@
 # Steps: format linux windows linux-asan linux-tsan tidy reproducible bench package clients desktop fuzz; all by
 # default.
 # "quick" is format and linux. It does not run the tests again if they passed and no file has changed since.
-# Builds and checks run one after another. At the same time, the tests of finished builds run. The last line counts the
-# tests of all targets; each build and each other check counts as one. The exit code is 0 if none failed.
+# Builds and checks run one after another. At the same time, the tests of finished builds run. These take longer as a
+# whole, so builds have a lower priority. The last line counts the tests of all targets; each build and each other check
+# counts as one. The exit code is 0 if none failed.
 set -euo pipefail
 exec </dev/null
 cd "$(dirname "$0")/.."
@@ -89,6 +90,7 @@ checkReproducible() {
 # buildAll STEP...: makes the builds and checks among the steps. Prints for each its name, exit code and time.
 buildAll() {
   local name status
+  renice -n 10 -p "$BASHPID" >/dev/null
   for name in format "${builds[@]}" tidy reproducible; do
     has "$name" "$@" || continue
     status=0
