@@ -101,7 +101,7 @@ KeyPairObjects generate(State& state, const Session& session, CK_MECHANISM mecha
   state.idle.notify_all();
   if (code != CKR_OK) throw moduleFailure(module, token, "C_GenerateKeyPair", code);
   session.requireAlive();
-  const KeyPairObjects pair = addKeyPair(module, token, publicHandle, onToken ? 0 : session.handle, false);
+  KeyPairObjects pair = addKeyPair(module, token, publicHandle, onToken ? 0 : session.handle, false);
   readAttributes(module, *pair.publicKey);
   return pair;
 }
