@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "soft_token_fixture.h"
+#include "softtoken/der.h"
 #include "softtoken/ec.h"
 #include "softtoken/rsa.h"
 #include "softtoken/rsa_padding.h"
@@ -121,6 +122,13 @@ TEST_F(TokenCryptoTest, DecryptsWhicheverPaddingItFinds) {
 }
 
 const softtoken::Curve* const curves[] = {&softtoken::curveP256, &softtoken::curveP384, &softtoken::curveP521};
+
+TEST(Der, LengthsBeyondTheEndAreRefused) {
+  for (const Bytes& bytes : {Bytes{4}, {4, 0x80, 0}, {4, 2, 1}, {4, 0x81}, {4, 0x82, 1, 0}, {4, 0x84, 1, 0, 0, 0, 0}}) {
+    softtoken::ByteView rest = bytes;
+    EXPECT_FALSE(softtoken::takeElement(rest)) << bytes.size();
+  }
+}
 
 TEST(RsaPadding, Pkcs1NeedsEightBytesOfPadding) {
   for (const std::size_t padding : {0u, 7u, 8u, 125u, 126u}) {

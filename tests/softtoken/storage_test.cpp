@@ -436,7 +436,7 @@ TEST_F(SoftTokenTest, OddArgumentsAreRefused) {
       tavrin_encrypt(EncryptionType::rsa2048, PaddingMode{2}, bytes, 1, bytes, &length, bytes, 64, instance),
       tavrin_encrypt(EncryptionType{0}, PaddingMode::pkcs1, bytes, 1, bytes, &length, bytes, 64, instance),
       tavrin_decrypt(name, id, pin, bytes, 64, nullptr, &length, false, instance),
-      tavrin_ecdhDerive(name, id, pin, bytes, 64, &out, nullptr, instance),
+      tavrin_ecdhDerive(name, id, pin, key.publicKey, static_cast<int>(key.publicKeyLength), &out, nullptr, instance),
       tavrin_generateRamdomNumber(name, -1, bytes, true, nullptr),
       tavrin_generateRamdomNumber(name, 8, nullptr, true, nullptr),
   };
