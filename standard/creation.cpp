@@ -56,7 +56,6 @@ std::shared_ptr<Object> createCertificate(ModuleLock& module, const Session& ses
   return objects.ofModule(session.token, handle);
 }
 
-// CKA_SENSITIVE and CKA_EXTRACTABLE are accepted with any value; the key cannot be read from the token in any case.
 std::shared_ptr<Object> createPrivateKey(ModuleLock& module, const Session& session, const Template& given) {
   if (given.number(CKA_KEY_TYPE).value_or(CKK_RSA) != CKK_RSA) {
     throw Refusal(CKR_TEMPLATE_INCONSISTENT, "the token imports RSA keys only");

@@ -114,6 +114,9 @@ void deleteFromToken(ModuleLock& module, Object& object) {
     if (gone->objectClass == CKO_PUBLIC_KEY && gone->attributes) {
       objects.release(*gone);
       gone->moduleHandle = 0;
+      const auto left = std::make_shared<Attributes>(*gone->attributes);
+      for (const CK_ATTRIBUTE_TYPE use : {CKA_ENCRYPT, CKA_VERIFY}) left->setFlag(use, false);
+      gone->attributes = left;
     } else {
       objects.drop(*gone);
     }

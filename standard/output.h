@@ -1,8 +1,7 @@
 // How results reach the caller and how operations end.
 //
 // The length is always written. Without a buffer the call is a query; a buffer that is too small is refused. Both leave
-// the operation as it is and compute nothing, except that a plaintext is decrypted to compare its length with the
-// buffer's. Everything else ends the operation.
+// the operation as it is and compute nothing but the length of a plaintext. Everything else ends the operation.
 #pragma once
 
 #include <algorithm>

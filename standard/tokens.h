@@ -81,8 +81,7 @@ class TokenTable {
   std::optional<CK_SLOT_ID> takeEvent();
   void clearEvents() { events_.clear(); }
 
-  // The slots as the last C_GetSlotList without a buffer counted them, all and those with a token; nothing when that
-  // list was fetched since.
+  // The slots as C_GetSlotList last counted them, all and those with a token; nothing once that list was fetched.
   std::optional<std::vector<CK_SLOT_ID>> counted[2];
 
  private:

@@ -367,6 +367,10 @@ TEST_F(KeysTest, GeneratingKeys) {
     EXPECT_TRUE(s.find({{CKA_ID, "42"}, {CKA_CLASS, CKO_PUBLIC_KEY}}).empty());
     is(s.destroy(key), CKR_OK);
   }
+  is(s.generate(CKM_EC_KEY_PAIR_GEN, curve, none), CKR_OK);
+  is(s.destroy(s.made), CKR_OK);
+  EXPECT_EQ(s.value(s.madePublic, CKA_VERIFY), std::string(1, isSoftHsm() ? '\1' : '\0')) << oneRecord;
+  is(s.destroy(s.madePublic), CKR_OK);
   EXPECT_EQ(s.find({}).size(), 4U);
 }
 
