@@ -31,7 +31,6 @@ CK_RV C_GetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, 
     const auto object = requiredObject(module, session, hObject);
     const Attributes& attributes = readAttributes(module, *object);
     CK_RV code = CKR_OK;
-    // Applications read attributes that an object may lack, so a missing one writes no error line.
     for (CK_ULONG i = 0; i < ulCount; ++i) {
       const CK_ATTRIBUTE_TYPE type = pTemplate[i].type;
       const CK_RV answered = answer(*object, attributes, pTemplate[i]);

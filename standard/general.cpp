@@ -68,8 +68,7 @@ void stopModule(State& state) {
 
 }  // namespace
 
-// Reading the level takes much of a short call's time, so it is read ten times a second at most. The module and error
-// lines read it anew each time.
+// Reading the level takes much of a short call's time, so it is read ten times a second at most, but for error lines.
 bool tavrin::wantsCallLines() noexcept {
   static std::atomic<std::chrono::steady_clock::duration> nextReading{};
   static std::atomic<bool> wanted = false;

@@ -46,7 +46,9 @@ CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR
     if (!isPossiblePin(pin)) return call.refuse(CKR_PIN_INCORRECT, "no PIN of this token, ulPinLen=", ulPinLen);
 
     const CK_RV code = loginToModule(module, token, userType, pin);
+    const CK_FLAGS countLow = userType == CKU_SO ? CKF_SO_PIN_COUNT_LOW : CKF_USER_PIN_COUNT_LOW;
     if (code == CKR_PIN_INCORRECT || code == CKR_PIN_LOCKED) {
+      token.wrongPins |= countLow;
       if (userType == CKU_USER) state.tokens.countWrongPin(module, token);
       return call.refuse(code, "the token refused the PIN");
     }
@@ -56,6 +58,7 @@ CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR
       return call.refuse(CKR_HOST_MEMORY, "too many slots to keep a login for slotID=", token.slot);
     }
     token.login = wanted;
+    token.wrongPins &= ~countLow;
     return CKR_OK;
   });
 }
@@ -95,12 +98,14 @@ CK_RV C_SetPIN(CK_SESSION_HANDLE hSession, CK_UTF8CHAR_PTR pOldPin, CK_ULONG ulO
 
     const CK_RV code = module->C_SetPIN(lockedSession(module, token), pOldPin, ulOldLen, pNewPin, ulNewLen);
     if (code == CKR_OK) {
+      token.wrongPins &= ~CK_FLAGS{CKF_USER_PIN_COUNT_LOW};
       if (token.login == Login::user) pins.keep(token.slot, {pNewPin, static_cast<std::size_t>(ulNewLen)});
       return CKR_OK;
     }
     // The module does not report the reason. Both PINs had a possible form, so the token has refused the old one.
     state.tokens.countWrongPin(module, token);
     const Refusal failure = moduleFailure(module, token, "C_SetPIN", code, CKR_PIN_INCORRECT);
+    if (failure.code() == CKR_PIN_INCORRECT) token.wrongPins |= CKF_USER_PIN_COUNT_LOW;
     if (failure.code() == CKR_PIN_INCORRECT && (token.flags & CKF_USER_PIN_LOCKED) != 0) {
       return call.refuse(CKR_PIN_LOCKED, "the PIN is locked");
     }

@@ -13,8 +13,7 @@ namespace {
 
 using ModuleHandles = std::vector<CK_OBJECT_HANDLE>;
 
-// What the module can compare by itself. Key pairs are searched as public keys, which need no login. The module does
-// not compare empty values, and reads a label up to its NUL.
+// What the module compares by itself: no empty values, and labels up to a NUL. Key pairs are searched as public keys.
 bool isFilter(const CK_ATTRIBUTE& entry, CK_OBJECT_CLASS objectClass) {
   const CK_ATTRIBUTE_TYPE type = entry.type;
   const ByteView value = valueOf(entry);

@@ -77,7 +77,8 @@ void closeSession(State& state, Session& session) {
   if (!session.isAlive()) return;
   ModuleLock module(state);
   endSessionObjects(module, session.token, session.handle);
-  if (session.token.login != Login::none && !state.sessions.hasAny(session.token)) endLogin(module, session.token);
+  if (session.token.login != Login::none && state.sessions.ofToken(session.token).empty())
+    endLogin(module, session.token);
 }
 
 }  // namespace tavrin::standard

@@ -43,7 +43,6 @@ class SessionTable {
   std::shared_ptr<Session> find(CK_SESSION_HANDLE handle) const;
   void remove(CK_SESSION_HANDLE handle);
   std::vector<std::shared_ptr<Session>> ofToken(const Token& token) const;
-  bool hasAny(const Token& token) const { return !ofToken(token).empty(); }
   std::vector<std::shared_ptr<Session>> all() const;
 
  private:

@@ -82,7 +82,7 @@ CK_RV C_GetTokenInfo(CK_SLOT_ID slotID, CK_TOKEN_INFO_PTR pInfo) {
     putText(pInfo->manufacturerID, makerName);
     putText(pInfo->model, token.model);
     putText(pInfo->serialNumber, token.serial);
-    pInfo->flags = token.flags;
+    pInfo->flags = token.flags | token.wrongPins;
     pInfo->ulMaxSessionCount = CK_EFFECTIVELY_INFINITE;
     pInfo->ulSessionCount = countSessions(module.state(), token, false);
     pInfo->ulMaxRwSessionCount = CK_EFFECTIVELY_INFINITE;
@@ -119,7 +119,6 @@ CK_RV C_GetMechanismInfo(CK_SLOT_ID slotID, CK_MECHANISM_TYPE type, CK_MECHANISM
   });
 }
 
-// CKR_NO_EVENT writes no error line, because applications poll this function often.
 CK_RV C_WaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR pSlot, CK_VOID_PTR pReserved) {
   return libraryCall("C_WaitForSlotEvent", [&](const Call& call, State& state) -> CK_RV {
     if (!pSlot) return call.refuse(CKR_ARGUMENTS_BAD, "pSlot is NULL");

@@ -36,7 +36,8 @@ struct Token {
   std::string label;
   std::string model;
   CK_FLAGS flags = 0;
-  bool lastTry = false;  // of the PIN, as far as this process has seen wrong ones
+  bool lastTry = false;    // of the PIN, as far as this process has seen wrong ones
+  CK_FLAGS wrongPins = 0;  // CKF_USER_PIN_COUNT_LOW and CKF_SO_PIN_COUNT_LOW, as far as it has seen wrong ones
   CK_VERSION firmware{};
   CK_SLOT_ID moduleSlot = 0;  // of the module's last listing
   // Sessions of the module that are used under the lock, the second one for keys; 0 when not open.

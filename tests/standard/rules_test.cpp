@@ -117,10 +117,18 @@ TEST_F(StandardTest, Pins) {
   const auto set = [](CK_SESSION_HANDLE session, const std::string& before, const std::string& after) {
     return f->C_SetPIN(session, bytesOf(before), lengthOf(before), bytesOf(after), lengthOf(after));
   };
+  const auto isLow = [](CK_FLAGS flag) {
+    CK_TOKEN_INFO info{};
+    is(f->C_GetTokenInfo(slotOf(1), &info), CKR_OK);
+    return (info.flags & flag) != 0;
+  };
   is(set(writer, "not the PIN", "123456"), CKR_PIN_INCORRECT);
+  EXPECT_TRUE(isLow(CKF_USER_PIN_COUNT_LOW)) << "there was a wrong PIN";
+  EXPECT_FALSE(isLow(CKF_SO_PIN_COUNT_LOW));
   is(set(writer, pin, "1234"), CKR_OK, "no login is needed");
   is(writer.login(), CKR_PIN_INCORRECT);
   is(writer.login(CKU_USER, "1234"), CKR_OK);
+  EXPECT_FALSE(isLow(CKF_USER_PIN_COUNT_LOW)) << "since the last right one";
   is(set(writer, "1234", pin), CKR_OK);
   EXPECT_EQ(reader.state(), CKS_RO_USER_FUNCTIONS);
   is(Session().login(), CKR_OK);
