@@ -37,6 +37,8 @@ while read -r words; do
     grep -oE -- '--[a-z-]+' | sort | diff shown - || fail "the manual has other options of $words"
   sed -n "s/^ *'$words') words=//p" completion | grep -oE -- '--[a-z-]+' | sort | diff shown - || fail "completion of $words"
 done <commands
+grep -oE -- '--[a-z-]+ FILE' manual | cut -d ' ' -f 1 | sort -u >shown
+sed -n 's/) mapfile -t COMPREPLY < <(compgen -f .*//p' completion | grep -oE -- '--[a-z-]+' | diff shown - || fail "options with files"
 
 # Refused before the passwords are read, which would fail here without a terminal.
 while IFS='|' read -r words reason; do

@@ -33,7 +33,7 @@ imports() {
 
 person Person -algorithm RSA -pkeyopt rsa_keygen_bits:2048
 export=(openssl pkcs12 -export -inkey Person.pem -in Person.crt -certfile Root.pem -passout file:filePin)
-"${export[@]}" -out modern.p12
+"${export[@]}" -macalg sha512 -out modern.p12
 imports modern modern.p12 'wrote the key "Person"' --file-pin-file "$filePin"
 "${export[@]}" -legacy -certpbe PBE-SHA1-RC2-40 -keypbe PBE-SHA1-3DES -macalg sha1 -out legacy.p12
 imports legacy legacy.p12 'wrote the key "Person"' --file-pin-file "$filePin"
