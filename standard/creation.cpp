@@ -113,6 +113,7 @@ std::shared_ptr<Object> createPublicKey(ModuleLock& module, const Session& sessi
   return addSessionObject(module, session, std::move(made));
 }
 
+// The token keeps no data objects, so they are made in this library alone.
 std::shared_ptr<Object> createData(ModuleLock& module, const Session& session, const Template& given) {
   given.mustBeOf(dataObject);
   given.mustNotContradict(CKA_TOKEN, false);

@@ -80,7 +80,8 @@ Attributes readTemplates(const Mechanism& mechanism, const Template& publicPart,
   return request;
 }
 
-// The key counts as being generated until both halves are in the table, so that a logout finds them.
+// Without the module lock while the token works: other threads sign in the meantime. The key counts as being generated
+// until both halves are in the table, so that a logout finds them.
 KeyPairObjects generate(State& state, const Session& session, CK_MECHANISM mechanism, CK_ATTRIBUTE parameters,
                         Attributes& request, bool onToken) {
   Token& token = session.token;

@@ -15,7 +15,7 @@ bool isPossiblePin(std::span<const CK_UTF8CHAR> pin) {
 
 void checkSecurityOfficer(const State& state, const Token& token) {
   if (token.login == Login::user) throw Refusal(CKR_USER_ANOTHER_ALREADY_LOGGED_IN, "the user is logged in");
-  if (std::ranges::any_of(state.sessions.ofToken(token), [](const auto& session) { return !session->readWrite; })) {
+  if (state.sessions.count(token) != state.sessions.count(token, true)) {
     throw Refusal(CKR_SESSION_READ_ONLY_EXISTS, "a read-only session exists");
   }
 }

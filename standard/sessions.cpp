@@ -48,10 +48,12 @@ void SessionTable::remove(CK_SESSION_HANDLE handle) {
   sessions_.erase(handle);
 }
 
-std::vector<std::shared_ptr<Session>> SessionTable::ofToken(const Token& token) const {
-  std::vector<std::shared_ptr<Session>> result = all();
-  std::erase_if(result, [&](const auto& session) { return &session->token != &token || !session->isAlive(); });
-  return result;
+std::size_t SessionTable::count(const Token& token, bool readWriteOnly) const {
+  const std::lock_guard guard(mutex_);
+  return static_cast<std::size_t>(std::ranges::count_if(sessions_, [&](const auto& entry) {
+    const Session& session = *entry.second;
+    return &session.token == &token && session.isAlive() && (session.readWrite || !readWriteOnly);
+  }));
 }
 
 std::vector<std::shared_ptr<Session>> SessionTable::all() const {
@@ -77,8 +79,7 @@ void closeSession(State& state, Session& session) {
   if (!session.isAlive()) return;
   ModuleLock module(state);
   endSessionObjects(module, session.token, session.handle);
-  if (session.token.login != Login::none && state.sessions.ofToken(session.token).empty())
-    endLogin(module, session.token);
+  if (session.token.login != Login::none && state.sessions.count(session.token) == 0) endLogin(module, session.token);
 }
 
 }  // namespace tavrin::standard

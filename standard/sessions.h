@@ -42,7 +42,8 @@ class SessionTable {
   CK_SESSION_HANDLE add(std::shared_ptr<Session> session);
   std::shared_ptr<Session> find(CK_SESSION_HANDLE handle) const;
   void remove(CK_SESSION_HANDLE handle);
-  std::vector<std::shared_ptr<Session>> ofToken(const Token& token) const;
+  // The token's sessions that are alive, or the read-write ones among them.
+  std::size_t count(const Token& token, bool readWriteOnly = false) const;
   std::vector<std::shared_ptr<Session>> all() const;
 
  private:

@@ -29,12 +29,6 @@ CK_RV deliverList(const Call& call, const std::vector<Item>& list, Item* out, CK
   return CKR_OK;
 }
 
-CK_ULONG countSessions(const State& state, const Token& token, bool readWriteOnly) {
-  const auto sessions = state.sessions.ofToken(token);
-  return static_cast<CK_ULONG>(
-      std::ranges::count_if(sessions, [&](const auto& session) { return session->readWrite || !readWriteOnly; }));
-}
-
 // Sleeps in the module until the number of its devices changes; false when the library ends.
 bool waitInModule(State& state) {
   ++state.waiters;
@@ -84,9 +78,9 @@ CK_RV C_GetTokenInfo(CK_SLOT_ID slotID, CK_TOKEN_INFO_PTR pInfo) {
     putText(pInfo->serialNumber, token.serial);
     pInfo->flags = token.flags | token.wrongPins;
     pInfo->ulMaxSessionCount = CK_EFFECTIVELY_INFINITE;
-    pInfo->ulSessionCount = countSessions(module.state(), token, false);
+    pInfo->ulSessionCount = static_cast<CK_ULONG>(module.state().sessions.count(token));
     pInfo->ulMaxRwSessionCount = CK_EFFECTIVELY_INFINITE;
-    pInfo->ulRwSessionCount = countSessions(module.state(), token, true);
+    pInfo->ulRwSessionCount = static_cast<CK_ULONG>(module.state().sessions.count(token, true));
     pInfo->ulMaxPinLen = maximumPinLength;
     pInfo->ulMinPinLen = minimumPinLength;
     pInfo->ulTotalPublicMemory = pInfo->ulFreePublicMemory = CK_UNAVAILABLE_INFORMATION;
@@ -119,6 +113,7 @@ CK_RV C_GetMechanismInfo(CK_SLOT_ID slotID, CK_MECHANISM_TYPE type, CK_MECHANISM
   });
 }
 
+// CKR_NO_EVENT writes no error line, because applications poll this function often.
 CK_RV C_WaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR pSlot, CK_VOID_PTR pReserved) {
   return libraryCall("C_WaitForSlotEvent", [&](const Call& call, State& state) -> CK_RV {
     if (!pSlot) return call.refuse(CKR_ARGUMENTS_BAD, "pSlot is NULL");
