@@ -154,6 +154,7 @@ says out '7 log lines, 2 refusals'
 says page.html 'C_SignInit</b> <i>250 ms' 'class=g style=height:20px>750 ms' '>1.0 s<' 'offer this mechanism' \
   'Secret &lt;b&gt;Name' 'CKM_ECDH1_DERIVE' "$(basename "$E2E_FOLDER")" 'AABBCCDDEEFF'
 [[ $(grep -cE '(src|href)=["h]*http|url\(' page.html) == 0 ]] || fail "the page refers to others"
+silent page.html 'id=p0' # a filter for one program
 tool 0 report private.html --private --log "$sent"
 tool 0 report nobody.html --program nobody.exe
 says out '0 log lines, 0 refusals'
