@@ -21,12 +21,13 @@ check "--test-fork" loggedIn --test-fork
 # A program that loads the library by a relative path and then changes its folder, and forks.
 cat >loading.py <<'PYTHON'
 import ctypes, os, sys
+def locked(): return [line for line in open("/proc/self/status") if line.startswith("VmLck")]
 os.chdir(os.path.dirname(sys.argv[1]))
 library = ctypes.CDLL("./" + os.path.basename(sys.argv[1]))
 os.chdir("/")
+inParent = locked()
 if os.fork() == 0:
-    locked = next(line for line in open("/proc/self/status") if line.startswith("VmLck"))
-    os._exit(library.C_Initialize(None) != 0 or locked.split()[1] == "0")
+    os._exit(library.C_Initialize(None) != 0 or locked() != inParent)
 sys.exit(os.wait()[1] != 0 or library.C_Initialize(None) != 0)
 PYTHON
 check "its folder is that of loading, and a child's PINs are locked in memory" python3 loading.py "$module"
