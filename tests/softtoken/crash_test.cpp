@@ -47,7 +47,7 @@ int runWriter(const std::string& name, const char* report, const char* device, s
       say("password");
       password = 1 - password;
       if (!tavrin_changeUserPassword(device, old, passwords[password], &left, false, false, nullptr)) status = -1;
-    } else if (choice < 16 && key != keys.end()) {
+    } else if (choice < 20 && key != keys.end()) {  // more often than keys are made, or the token would get full
       say(key->label);
       status = tavrin_deleteKeyPair(device, key->recordId, old, false, nullptr);
     } else {
