@@ -16,7 +16,9 @@ CK_RV finishDigest(const Call& call, Session& session) {
 }
 
 CK_RV deliverDigest(const Call& call, Session& session, CK_BYTE_PTR pDigest, CK_ULONG_PTR pulDigestLen) {
-  if (deliver(session.parts.data, pDigest, pulDigestLen)) session.activeOperation = Operation::none;
+  if (deliver(call, session.parts.data, pDigest, pulDigestLen) == Delivery::delivered) {
+    session.activeOperation = Operation::none;
+  }
   logDebug(call.name(), " Success");
   return CKR_OK;
 }

@@ -153,7 +153,7 @@ CK_RV C_Encrypt(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLe
       const CK_RV refusal = encrypt(call, session, pData, ulDataLen);
       if (refusal != CKR_OK) return refusal;
     }
-    return deliverResult(session, pEncryptedData, pulEncryptedDataLen);
+    return deliverResult(call, session, pEncryptedData, pulEncryptedDataLen);
   });
 }
 
@@ -190,6 +190,6 @@ CK_RV C_Decrypt(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pEncryptedData, CK_ULONG
       const CK_RV refusal = decrypt(call, session, pEncryptedData, ulEncryptedDataLen);
       if (refusal != CKR_OK) return refusal;
     }
-    return deliverResult(session, pData, pulDataLen);
+    return deliverResult(call, session, pData, pulDataLen);
   });
 }

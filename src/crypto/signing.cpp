@@ -100,7 +100,7 @@ CK_RV C_Sign(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen, 
       const CK_RV refusal = signMessage(call, session, {pData, static_cast<std::size_t>(ulDataLen)});
       if (refusal != CKR_OK) return refusal;
     }
-    return deliverResult(session, pSignature, pulSignatureLen);
+    return deliverResult(call, session, pSignature, pulSignatureLen);
   });
 }
 
@@ -123,6 +123,6 @@ CK_RV C_SignFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature, CK_ULONG_P
       const CK_RV refusal = signParts(call, session);
       if (refusal != CKR_OK) return refusal;
     }
-    return deliverResult(session, pSignature, pulSignatureLen);
+    return deliverResult(call, session, pSignature, pulSignatureLen);
   });
 }
