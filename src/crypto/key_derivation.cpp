@@ -36,7 +36,7 @@ bool readParameters(const CK_MECHANISM& mechanism, CK_ECDH1_DERIVE_PARAMS& param
 SecretBytes hashSecret(const Session& session, const KeyDerivationFunction& function, const SecretBytes& secret) {
   void* context = nullptr;
   SecretBytes digest(Digest::capacity);
-  int length = function.resultLength;  // the library ignores it
+  int length = function.resultLength;
   initHash(session, function.hash, &context);
   updateHash(context, secret);
   tavrin_finalHash(context, digest.data(), &length, libraryInstance);
